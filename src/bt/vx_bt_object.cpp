@@ -1,0 +1,101 @@
+#include "bt/vx_bt_object.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/vx_hashmap.h"
+#include "core/vx_instance.h"
+#include "core/vx_thread.h"
+#include "core/vx_trace_log.h"
+#include "link/vx_data_dispatcher.h"
+
+namespace {
+
+constexpr int kDefaultMaxBTCount = 256;
+
+/* Record 7: "7,<id>,<name>", cut to 1,023 bytes. */
+void dump_bt_record(const BTObject* bt)
+{
+    char buf[vx::kMetaRecordSize];
+    int n = snprintf(buf, sizeof buf, "7,%d,%s\n", bt->bt_id, bt->bt_name);
+    if (n < 0) return;
+    if (n >= static_cast<int>(sizeof buf)) n = static_cast<int>(sizeof buf) - 1;
+    dumpData(buf, n);
+}
+
+BTObject* make_bt(VXProxyInstance_t* app, const char* name, int id)
+{
+    auto* bt = static_cast<BTObject*>(calloc(1, sizeof(BTObject)));
+    if (!bt) return nullptr;
+    bt->bt_name = strdup(name);
+    if (!bt->bt_name) {
+        free(bt);
+        return nullptr;
+    }
+    bt->bt_id = id;
+    bt->bt_threshold.slow = app->allSlow;
+    bt->bt_threshold.very_slow = app->allVerySlow;
+    return bt;
+}
+
+}  // namespace
+
+extern "C" void VXBTManagerInit(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || app->manager.bt_obj_map) return;
+    app->manager.bt_obj_map = create_hashmap(app->control_pool);
+    app->manager.bt_obj_map_lock = vx::mutex_create(app->control_pool);
+    app->manager.total_bt_count = 1; /* ids 0 and 1 are taken */
+    app->manager.max_bt_count = kDefaultMaxBTCount;
+}
+
+extern "C" BTObject* get_obj_from_bt_name(char* url, char* parameters, char* btHeaderValue,
+                                          apr_thread_mutex_t* updateBTLock, char* httpMethod)
+{
+    (void)parameters;
+    (void)btHeaderValue;
+    (void)httpMethod;
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !url || !*url) return nullptr; /* no name, no object: excluded */
+    VXBTManager& m = app->manager;
+    if (!m.bt_obj_map) VXBTManagerInit();
+    if (!m.bt_obj_map) return nullptr;
+
+    vx::VXLockGuard flowpath_guard(updateBTLock);
+    vx::VXLockGuard map_guard(m.bt_obj_map_lock);
+    auto* bt = static_cast<BTObject*>(apr_hash_get(m.bt_obj_map, url, APR_HASH_KEY_STRING));
+    if (bt) return bt;
+    if (m.total_bt_count >= m.max_bt_count) {
+        bt = static_cast<BTObject*>(apr_hash_get(m.bt_obj_map, "Others", APR_HASH_KEY_STRING));
+        if (!bt && (bt = make_bt(app, "Others", 1)) != nullptr)
+            apr_hash_set(m.bt_obj_map, bt->bt_name, APR_HASH_KEY_STRING, bt);
+    } else {
+        bt = make_bt(app, url, ++m.total_bt_count);
+        if (bt) apr_hash_set(m.bt_obj_map, bt->bt_name, APR_HASH_KEY_STRING, bt);
+    }
+    if (bt && !bt->is_meta_data_dumped) {
+        dump_bt_record(bt);
+        bt->is_meta_data_dumped = 1;
+    }
+    return bt;
+}
+
+extern "C" int findCategoryOfBT(Threshold bt_threshold, long long duration, int statusCode,
+                                VXPerThreadData_t* vxTD)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (app && statusCode >= 0 && statusCode < vx::kStatusCodeCount &&
+        app->VXBCISetting.btErrorArray[statusCode] == 'F')
+        return kCategoryError;
+    if (duration < bt_threshold.slow) {
+        /* A flowpath kept only for its method data is dropped when it turns
+         * out to be fast. */
+        if (app && vxTD && app->VXSys.bciInstrSessionPct == 0 && app->VXSys.captureMethodForAllFP == 1)
+            vxTD->tlIsFPCaptured = 0;
+        return kCategoryNormal;
+    }
+    if (duration < bt_threshold.very_slow) return kCategorySlow;
+    return kCategoryVerySlow;
+}

@@ -1,0 +1,122 @@
+#include "core/vx_encode.h"
+
+#include <libwebsockets.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+/* Copy `in` to `sb`, replacing characters by `subst(c)` (null: keep). */
+template <typename Subst>
+void escape_into(char* sb, int len, const char* in, Subst subst)
+{
+    if (!sb || len <= 0) return;
+    int o = 0;
+    if (in) {
+        for (const char* p = in; *p; ++p) {
+            if (o >= len - 2) break;
+            const char* rep = subst(*p);
+            if (!rep) {
+                sb[o++] = *p;
+                continue;
+            }
+            int rl = static_cast<int>(strlen(rep));
+            if (o + rl > len - 2) break;
+            memcpy(sb + o, rep, static_cast<size_t>(rl));
+            o += rl;
+        }
+    }
+    sb[o] = '\0';
+}
+
+}  // namespace
+
+extern "C" void escapeURLEncoding(char* sb, int len, char* msgData)
+{
+    escape_into(sb, len, msgData, [](char c) -> const char* {
+        switch (c) {
+        case '|': return "%7C";
+        case '\n': return "%A";
+        case '\r': return "%D";
+        case '"': return "%22";
+        case '&': return "%26";
+        case '\'': return "%27";
+        case ',': return "%2C";
+        case '.': return "%2E";
+        case ':': return "%3A";
+        case '\\': return "%5C";
+        case '^': return "%5E";
+        default: return nullptr;
+        }
+    });
+}
+
+extern "C" void escapeURLEncodingForHttp(char* sb, int len, char* msgData)
+{
+    /* All nine become the same "%2C": the receiver only needs the separators
+     * gone, not the original characters back. */
+    escape_into(sb, len, msgData, [](char c) -> const char* {
+        switch (c) {
+        case '|': case '^': case '\\': case ':': case '\n': case '\r': case '"': case '\'':
+        case ',':
+            return "%2C";
+        default: return nullptr;
+        }
+    });
+}
+
+extern "C" void replaceCharacterForVXLQ(char* sb, int len, char* msgData)
+{
+    escape_into(sb, len, msgData, [](char c) -> const char* {
+        switch (c) {
+        case '\n': case '\r': return "%20";
+        case '"': return "%22";
+        default: return nullptr;
+        }
+    });
+}
+
+extern "C" char escapeURLDecoding(char* BTHeaderName, char* New_BT, int k)
+{
+    (void)New_BT;
+    if (!BTHeaderName || k < 0) return 0;
+    const char* p = BTHeaderName + k;
+    struct Code {
+        const char* text;
+        char ch;
+    };
+    /* "124" is three characters long; it is tried before the two-character codes. */
+    static constexpr Code kCodes[] = {{"124", '|'}, {"2C", ','}, {"2E", '.'},  {"26", '&'},
+                                      {"2F", '/'}, {"39", '\''}, {"34", '"'}, {"3A", ':'},
+                                      {"3D", '='}, {"5C", '\\'}, {"5E", '^'}, {"60", ' '}};
+    for (const Code& c : kCodes)
+        if (strncmp(p, c.text, strlen(c.text)) == 0) return c.ch;
+    return 0;
+}
+
+extern "C" int hblb_encode_base64_ex(unsigned char* input, int input_length, unsigned char* output,
+                                     int output_size)
+{
+    if (!input || input_length < 0 || !output) return -1;
+    int needed = ((input_length + 2) / 3) * 4 + 1;
+    if (output_size < needed) return -1;
+    return lws_b64_encode_string(reinterpret_cast<const char*>(input), input_length,
+                                 reinterpret_cast<char*>(output), output_size);
+}
+
+extern "C" char* hblb_encode_text_to_base64(char* text_input, int text_len, int* enc_len)
+{
+    if (!text_input || text_len < 0) return nullptr;
+    int cap = ((text_len + 2) / 3) * 4 + 1;
+    auto* out = static_cast<char*>(calloc(1, static_cast<size_t>(cap)));
+    if (!out) return nullptr;
+    int n = hblb_encode_base64_ex(reinterpret_cast<unsigned char*>(text_input), text_len,
+                                  reinterpret_cast<unsigned char*>(out), cap);
+    if (n < 0) {
+        free(out);
+        return nullptr;
+    }
+    if (enc_len) *enc_len = n;
+    return out;
+}

@@ -1,0 +1,34 @@
+/*
+ * Text encoders that keep comma-separated records and the correlation header
+ * safe from their own separators, and Base64.
+ *
+ * The escape functions write into `sb` of `len` bytes, stop when the output
+ * is 2 bytes from `len`, and always terminate it.
+ */
+#ifndef VX_ENCODE_H
+#define VX_ENCODE_H
+
+extern "C" {
+
+/* For text inside a comma-separated record: | LF CR " & ' , . : \ ^. */
+void escapeURLEncoding(char* sb, int len, char* msgData);
+
+/* For the BT header text at startFP: nine characters, each to "%2C". */
+void escapeURLEncodingForHttp(char* sb, int len, char* msgData);
+
+/* For log text: LF and CR to "%20", double quote to "%22". */
+void replaceCharacterForVXLQ(char* sb, int len, char* msgData);
+
+/* Decode the code after a "%" at BTHeaderName[k]; the character, or 0. */
+char escapeURLDecoding(char* BTHeaderName, char* New_BT, int k);
+
+/* Base64 (RFC 4648, padded). A new zeroed buffer (free()) and its length in
+ * *enc_len; null on failure. */
+char* hblb_encode_text_to_base64(char* text_input, int text_len, int* enc_len);
+
+/* Encoded length, or -1 when `output_size` is too small. */
+int hblb_encode_base64_ex(unsigned char* input, int input_length, unsigned char* output,
+                          int output_size);
+}
+
+#endif

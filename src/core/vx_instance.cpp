@@ -1,0 +1,16 @@
+#include "core/vx_instance.h"
+
+VXProxyInstance_t* VXProxyInstance = nullptr;
+VXProxyInstance_t* VXProxyUdpInstance = nullptr;
+VXProxyInstance_t* tlvxApplication = nullptr;
+char gPool[vx::kNameSize];
+char gProcessName[vx::kNameSize];
+char* pool_name = nullptr;
+char* proc_name = nullptr;
+apr_pool_t* proxy_pool = nullptr;
+char conf_file[vx::kPathSize];
+volatile int closeCtrlThread = 0;
+
+namespace vx {
+thread_local VXProxyInstance_t* tl_instance = nullptr;
+}

@@ -1,0 +1,172 @@
+/*
+ * VXProxyInstance_t: all state of one application, and the one way code
+ * reaches it.
+ *
+ * An agent has one instance; the proxy process has one per connected
+ * application. The instance is a flat structure that composes each
+ * subsystem's state block by value; it is zeroed when allocated, so zero is
+ * the start value of every member no init routine names. It lives until the
+ * process ends.
+ *
+ * vx_app() gives the instance the calling thread works for: the one stored by
+ * a thread the library started (or by the proxy's loop before it serves an
+ * instance), else the process-wide tlvxApplication that agent_init stored.
+ * Host threads never set it. A null result means the library is not
+ * initialised.
+ */
+#ifndef VX_INSTANCE_H
+#define VX_INSTANCE_H
+
+#include <apr_hash.h>
+#include <apr_pools.h>
+#include <apr_thread_mutex.h>
+#include <apr_thread_proc.h>
+
+#include "bt/vx_bt_object.h"
+#include "core/vx_bci_setting.h"
+#include "core/vx_limits.h"
+#include "core/vx_sys.h"
+#include "flowpath/vx_method_table.h"
+#include "flowpath/vx_per_thread_data.h"
+#include "link/vx_server.h"
+#include "monitor/vx_bt_monitor.h"
+#include "proxy/vx_proxy_state.h"
+
+struct VXFlowpathGenerator_t {
+    int maxCharactersInSeqBlob; /* flush threshold of the sequence blob */
+};
+
+struct VXProxyInstance_t {
+    /* Identity of a registered application (proxy registry). agentName also
+     * serves an agent: the pool or process name sent to the collector. */
+    char* agentName;
+    char* tierName;
+    char* appServerName;
+    char* appName;
+    char* agentType;
+    char* startInstMsg;
+    char* tierAttr;
+    char* tags;
+    char* attributes;
+    char* funcName;
+    int tierID;
+    int serverID;
+    int appID;
+    int processCount;
+    int activeProcessCount;
+    void* processInfo;
+    int close_udp_thread;
+    long long resetTimeInterval;
+    long long totalElapsedTime;
+
+    Server_t Server;               /* session with the collector */
+    VXBCISetting_t VXBCISetting;   /* identity, collector address, request lines */
+    VXSys_t VXSys;                 /* tunables and trace levels */
+
+    apr_hash_t* fpi_tls_map;       /* proxy: decoded frame's instance -> record */
+
+    VXBTMonitor_t VXBTMonitor;
+
+    int processID;
+    int server_arr_size;
+
+    int toStopASThread;
+
+    VXMethodTable_t methodTable;   /* method table and its lock */
+
+    /* Business transactions. */
+    int bt_rule;
+    VXBTManager manager;
+
+    VXFlowpathGenerator_t VXFlowpathGenerator;
+
+    apr_hash_t* fpiToTLS;          /* flowpathInstanceStr -> running record */
+
+    int instrumentSleep;
+    int vxProxyMode;
+
+    /* Global classification thresholds and state-machine sizes. */
+    long long allSlow;
+    long long allVerySlow;
+    int maxStates;
+    int skipCount;
+
+    int dumpHeartBeatforLog;
+    long long lastLogSentTime;
+
+    VXAgentSetting_t VXAgentSetting;
+
+    int init_flag;
+    int InstrFileData_flag;
+    int isRunTime;
+    int isModifiedHashmap;
+
+    long long TimeOut;
+    int httpid;
+    int resourceMetaID;
+    int vx_dr_state;
+    int is_switch_over;
+    int isMasterVxc;
+    int enable_DD_AI;
+    int maxBuffersAS;
+    int dataBufferSizeAS;
+    int reqCount;
+    int xPathCount;
+
+    apr_pool_t* control_pool;      /* nearly everything long-lived comes from here */
+    int hash_count;
+
+    /* Trace-log routing to the local proxy. */
+    char* agentLogBuffer;
+    int sendLogsToProxy;           /* 0 off, 1 file, 2 to the proxy */
+    apr_thread_mutex_t* agentLogBufferLock;
+
+    int lws_active;
+    int proxy_lws_active;
+
+    VXTLSPool_t tlsPool;           /* per-transaction records */
+
+    apr_hash_t* threadIdToThreadLocal;
+    apr_thread_mutex_t* threadLocalMutex;
+
+    void* vxTDHashMap;             /* host key -> record, with enableProxyServer */
+    apr_thread_mutex_t* vxTDHashMapLock;
+
+    apr_thread_t* control_thread_id;
+    apr_thread_mutex_t* controlThreadTmpLock;
+};
+
+extern "C" {
+
+extern VXProxyInstance_t* VXProxyInstance;    /* base of the instance array */
+extern VXProxyInstance_t* VXProxyUdpInstance; /* the proxy's UDP instances */
+extern VXProxyInstance_t* tlvxApplication;    /* the instance agent_init made */
+extern char gPool[vx::kNameSize];
+extern char gProcessName[vx::kNameSize];
+extern char* pool_name;
+extern char* proc_name;
+extern apr_pool_t* proxy_pool;
+extern char conf_file[vx::kPathSize];
+
+/* Set to ask the control thread to stop; it clears it as it goes. */
+extern volatile int closeCtrlThread;
+}
+
+namespace vx {
+extern thread_local VXProxyInstance_t* tl_instance;
+}
+
+/* The instance the calling thread works for; null before agent_init. */
+inline VXProxyInstance_t* vx_app()
+{
+    VXProxyInstance_t* t = vx::tl_instance;
+    return t ? t : tlvxApplication;
+}
+
+/* Bind the calling (library) thread to `app`. */
+inline void vx_set_thread_instance(VXProxyInstance_t* app) { vx::tl_instance = app; }
+
+/* A VXSys trace level of the current instance, 0 without one. */
+#define VX_LEVEL(field) (vx_app() ? vx_app()->VXSys.field : 0)
+
+#endif

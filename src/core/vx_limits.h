@@ -1,0 +1,58 @@
+/*
+ * Every fixed size of the agent, in one place.
+ *
+ * Buffers whose size is part of the system's behaviour (a record is cut at
+ * its buffer, a text field is truncated to its width) are named here and used
+ * by name everywhere else.
+ */
+#ifndef VX_LIMITS_H
+#define VX_LIMITS_H
+
+#include <cstddef>
+
+namespace vx {
+
+/* Per-transaction record (VXPerThreadData_t). */
+inline constexpr int kTLSBlockSize = 64;            /* records allocated per pool block */
+inline constexpr int kSeqBlobSize = 16384;          /* sequenceBlob */
+inline constexpr int kMethodCounterSize = 8192;     /* methodEntryExitCounter, ids >= this have none */
+inline constexpr int kURLSize = 512;                /* tlURL, tlURLParameters */
+inline constexpr int kCorrelationSize = 1024;       /* tlCorrelationIdHeader */
+inline constexpr int kFPInstanceStrSize = 32;       /* flowpathInstanceStr */
+inline constexpr int kDebugModeBufSize = 128;       /* debugModeBuf */
+inline constexpr int kSpanIdSize = 32;              /* trans_span_id, callout_span_id */
+inline constexpr int kHttpMethodSize = 20;          /* HTTP method split off the URL */
+inline constexpr int kHeaderBufferSize = 4096;      /* escaped BT header text at startFP */
+inline constexpr int kIncomingFPISize = 1024;       /* copy of the caller's correlation text */
+inline constexpr int kCookieSize = 1024;            /* session and user-experience cookies */
+inline constexpr int kThreadIdKeyDigits = 7;        /* thread-id map key */
+
+/* Records. */
+inline constexpr int kFlowpathRecordSize = 16384;   /* records 2, 3, 4: cut at 16,383 bytes */
+inline constexpr int kMetaRecordSize = 1024;        /* metadata records: cut at 1,023 bytes */
+
+/* Instance and process. */
+inline constexpr int kProxyInstanceCount = 512;     /* instances in the proxy process */
+inline constexpr int kNameSize = 256;               /* gPool, gProcessName */
+inline constexpr int kPathSize = 1024;              /* conf_file, trace log paths */
+inline constexpr int kAgentLogBufferSize = 131072;  /* agentLogBuffer */
+inline constexpr int kBuildTextMax = 1023;          /* text read from the "version" file */
+inline constexpr int kStatusCodeCount = 600;        /* btErrorArray: status codes 0..599 */
+inline constexpr int kMachineTypeSize = 128;
+inline constexpr int kServerIpSize = 1024;
+inline constexpr int kCorrelationHeaderNameSize = 256;
+inline constexpr int kDefaultStackSizeKiB = 512;
+inline constexpr int kShutdownWaitSeconds = 6;      /* agent_shutdown waits at most this long */
+
+/* Trace log. */
+inline constexpr int kTraceLineSize = 10240;        /* one line, prefix included */
+inline constexpr long long kTraceMaxSize = 104857600; /* roll-over at 100 MiB */
+inline constexpr int kDefaultPastLogDays = 7;
+
+/* Containers. */
+inline constexpr int kStackGrowStep = 64;           /* HB_STACK grows by this many slots */
+inline constexpr int kIntHashMapCount = 10;         /* hashArray */
+
+}  // namespace vx
+
+#endif

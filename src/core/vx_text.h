@@ -1,0 +1,47 @@
+/*
+ * Tokenisers and small text helpers. Tokenisers write zero bytes into their
+ * input and never allocate.
+ */
+#ifndef VX_TEXT_H
+#define VX_TEXT_H
+
+extern "C" {
+
+/* Split `buf` on any character of `token`; adjacent delimiters collapse and
+ * empty fields vanish. At most `max_flds` fields; the count. */
+int vxlb_get_tokens_with_multi_delimiter(char* buf, char** fields, char* token, int max_flds);
+
+/* Split `read_buf` on the whole string `token`; empty fields stay. The last
+ * field takes the rest when there are more than `max_flds`. The count. */
+int tokenize(char* read_buf, char** fields, char* token, int max_flds);
+
+/* The text after the first "=", or null. */
+char* split(char* field);
+
+/* `operation`: 1 leading, 2 trailing, 3 both, 7 (or anything else) all white
+ * space. `tampering_mode` bit 1 writes into `out_string`, bit 2 in place. */
+char* vxlb_remove_whitespaces(char* string, char* out_string, char operation, char tampering_mode);
+
+/* Position plus 1 of the last `c` (the terminator counts), -1 when absent. */
+int vxlb_indexOf(char* str, int c);
+
+void vxlb_substring(char* string, int offset, int len, char* dest);
+
+/* A new reversed copy (free()), null for null. */
+char* vxStrRev(char* str);
+
+/* Rule operator number, ignoring case; -1 for an unknown word. */
+int setOperationCode(char* value);
+}
+
+#include <cstddef>
+
+namespace vx {
+
+/* Copy `src` (null counts as "") into `dst` of `cap` bytes, cut to fit and
+ * always terminated. Returns the length copied. */
+size_t copy_text(char* dst, size_t cap, const char* src);
+
+}  // namespace vx
+
+#endif

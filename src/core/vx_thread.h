@@ -1,0 +1,56 @@
+/*
+ * Threads and mutexes.
+ *
+ * Every mutex of the agent is an APR nested mutex (a thread may re-lock one it
+ * holds) and is taken through VXLockGuard. Every thread the agent starts is
+ * created by vxlb_thread_create with the configured stack size.
+ */
+#ifndef VX_THREAD_H
+#define VX_THREAD_H
+
+#include <apr_pools.h>
+#include <apr_thread_mutex.h>
+#include <apr_thread_proc.h>
+
+extern "C" {
+
+/*
+ * Start a thread running `start_function(thread, data)`. The stack is
+ * VXBCISetting.stackSize KiB of the current instance, or 512 KiB when there
+ * is none. Returns 0 on success; 1 on failure, with APR's error text in
+ * `error_buf` when `error_buf_len` is non-zero.
+ */
+char vxlb_thread_create(apr_thread_t** new_thread, apr_thread_start_t start_function, void* data,
+                        char* error_buf, int error_buf_len, apr_pool_t* pool);
+}
+
+namespace vx {
+
+/* A nested mutex from `pool`; nullptr (and a log line) on failure. */
+apr_thread_mutex_t* mutex_create(apr_pool_t* pool);
+
+/* Scoped lock; a null mutex is a no-op so that a failed creation degrades
+ * to unlocked operation rather than a crash. */
+class VXLockGuard {
+public:
+    explicit VXLockGuard(apr_thread_mutex_t* m) noexcept : m_(m)
+    {
+        if (m_) apr_thread_mutex_lock(m_);
+    }
+    ~VXLockGuard()
+    {
+        if (m_) apr_thread_mutex_unlock(m_);
+    }
+    VXLockGuard(const VXLockGuard&) = delete;
+    VXLockGuard& operator=(const VXLockGuard&) = delete;
+
+private:
+    apr_thread_mutex_t* m_;
+};
+
+/* Stack size in bytes that vxlb_thread_create gives a new thread. */
+apr_size_t thread_stack_bytes();
+
+}  // namespace vx
+
+#endif

@@ -1,0 +1,507 @@
+#include "flowpath/vx_flowpath.h"
+
+#include <apr_time.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstdint>
+#include <cstring>
+
+#include "bt/vx_bt_object.h"
+#include "core/vx_encode.h"
+#include "core/vx_hashmap.h"
+#include "core/vx_instance.h"
+#include "core/vx_platform.h"
+#include "core/vx_text.h"
+#include "core/vx_thread.h"
+#include "core/vx_trace_log.h"
+#include "flowpath/vx_callout.h"
+#include "flowpath/vx_method_events.h"
+#include "flowpath/vx_method_table.h"
+#include "flowpath/vx_session_cookie.h"
+#include "flowpath/vx_td_key_map.h"
+#include "http/vx_trace_context.h"
+#include "link/vx_data_dispatcher.h"
+#include "monitor/vx_bt_monitor.h"
+#include "proxy/vx_frame_encoder.h"
+
+namespace {
+
+constexpr char kUnknownUrl[] = "UnknownUrl";
+
+/* A record being formatted into a fixed buffer; output past the end is cut,
+ * which is how every record is bounded. */
+class RecordBuffer {
+public:
+    void add(const char* fmt, ...) __attribute__((format(printf, 2, 3)))
+    {
+        if (len_ >= kMax) return;
+        va_list ap;
+        va_start(ap, fmt);
+        int n = vsnprintf(buf_ + len_, sizeof buf_ - static_cast<size_t>(len_), fmt, ap);
+        va_end(ap);
+        if (n > 0) len_ = (len_ + n > kMax) ? kMax : len_ + n;
+    }
+    /* The line, ended by a newline unless it was cut. */
+    void send()
+    {
+        add("\n");
+        dumpData(buf_, len_);
+    }
+
+private:
+    static constexpr int kMax = vx::kFlowpathRecordSize - 1;
+    char buf_[vx::kFlowpathRecordSize];
+    int len_ = 0;
+};
+
+/* The instance as it stands in records: "%lld", with "F" when forced. */
+void add_instance(RecordBuffer& r, long long value, bool forced)
+{
+    r.add(forced ? "%lldF" : "%lld", value);
+}
+
+bool is_proxy_mode_agent(const VXProxyInstance_t* app)
+{
+    return app->VXSys.proxyMode == 1 && !VXProxy.proxyServerFlag;
+}
+
+/* The category of a finished flowpath as the record carries it. */
+int category_of(VXPerThreadData_t* vxTD)
+{
+    if (vxTD->tlIsBTExcluded) return kCategoryExcluded;
+    return findCategoryOfBT(vxTD->tlBTObj->bt_threshold, vxTD->tlDuration, vxTD->tlStatusCode, vxTD);
+}
+
+/* Drop the flowpath's entry in fpiToTLS, if it is still this record's. */
+void forget_instance(VXProxyInstance_t* app, VXPerThreadData_t* vxTD)
+{
+    vx::remove_hashmap_if(vxTD->flowpathInstanceStr, vxTD, app->fpiToTLS);
+}
+
+/* The release steps of a closing flowpath: method-table reference, instance
+ * map entry and open-method records. */
+void release_flowpath(VXProxyInstance_t* app, VXPerThreadData_t* vxTD)
+{
+    if (vxTD->hasMapNodePtr) {
+        vxDecrementMethodRefCount(static_cast<node_t*>(vxTD->hasMapNodePtr));
+        vxTD->hasMapNodePtr = nullptr;
+    }
+    forget_instance(app, vxTD);
+    FreeMData(vxTD);
+}
+
+}  // namespace
+
+extern "C" char* getBtBaseOnHeader1(char* btHeaderValue, char* name)
+{
+    if (!btHeaderValue || !name || !*name) return nullptr;
+    char* at = strstr(btHeaderValue, name);
+    if (!at) return nullptr;
+    char* amp = strchr(at, '&');
+    if (!amp) return nullptr;
+    *amp = '\0';
+    char* eq = strchr(at, '=');
+    return eq ? eq + 1 : nullptr;
+}
+
+extern "C" void setFPCaptured(VXPerThreadData_t* vxTD, long long fpi)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD) return;
+    const int pct = app->VXSys.bciInstrSessionPct;
+    const int level = app->VXSys.fpTraceLevel;
+    if ((pct > 0 && (pct > 99 || randomNum() % 100 < pct)) || vxTD->tlIsForceDump) {
+        vxTD->tlIsFPCaptured = 1;
+        VX_TRACE(level, 3, "FLOWPATH", "FP '%lld' will be captured.", fpi);
+    } else {
+        vxTD->tlIsFPCaptured = 0;
+        VX_TRACE(level, 3, "FLOWPATH", "FP '%lld' will not be captured", fpi);
+    }
+    if (app->VXSys.captureMethodForAllFP != 0 && pct >= 0) {
+        vxTD->tlIsFPCaptured = 1;
+        VX_TRACE(level, 3, "FLOWPATH", "FP '%lld' will be captured.Because captureMethodForAllFP = %d",
+                 fpi, app->VXSys.captureMethodForAllFP);
+    }
+}
+
+namespace {
+
+/* Split "path?query|METHOD" into the record's URL fields; the HTTP method goes
+ * to `method`. False when the URL is already set and may not change. */
+bool split_url(VXPerThreadData_t* vxTD, const char* httpMethod, char* method, size_t method_cap)
+{
+    const char* url = httpMethod ? httpMethod : "";
+    if (vxTD->tlURL[0]) {
+        /* A late hook may correct a flowpath that began without a URL, once. */
+        if (vxTD->tlIsFPHeaderDumped || strcmp(vxTD->tlURL, kUnknownUrl) != 0 ||
+            strcmp(url, kUnknownUrl) == 0)
+            return false;
+    }
+    char work[vx::kHeaderBufferSize];
+    vx::copy_text(work, sizeof work, url);
+    method[0] = '\0';
+    if (char* bar = strchr(work, '|')) {
+        *bar = '\0';
+        vx::copy_text(method, method_cap, bar + 1);
+    }
+    vxTD->tlURLParameters[0] = '\0';
+    if (char* q = strchr(work, '?')) {
+        *q = '\0';
+        vx::copy_text(vxTD->tlURLParameters, sizeof vxTD->tlURLParameters, q + 1);
+    }
+    vx::copy_text(vxTD->tlURL, sizeof vxTD->tlURL, work);
+    return true;
+}
+
+}  // namespace
+
+extern "C" void setURLInThreadLocal(VXPerThreadData_t* vxTD, char* httpMethod)
+{
+    if (!vxTD) return;
+    char method[vx::kHttpMethodSize];
+    split_url(vxTD, httpMethod, method, sizeof method);
+}
+
+extern "C" void setBTObjInThreadLocal(VXPerThreadData_t* vxTD, char* httpMethod, char* btHeaderValue)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD) return;
+    char method[vx::kHttpMethodSize];
+    if (!split_url(vxTD, httpMethod, method, sizeof method)) return;
+    vxTD->tlBTObj = get_obj_from_bt_name(vxTD->tlURL, vxTD->tlURLParameters, btHeaderValue,
+                                         vxTD->updateBTLock, method);
+    if (vxTD->tlBTObj) {
+        vxTD->tlIsBTExcluded = 0;
+        /* Within a run every BT is judged by the instance-wide thresholds. */
+        if (app->Server.testRunRunning == 1 && app->VXBCISetting.data_thread_running == 1) {
+            vxTD->tlBTObj->bt_threshold.slow = app->allSlow;
+            vxTD->tlBTObj->bt_threshold.very_slow = app->allVerySlow;
+        }
+        return;
+    }
+    vxTD->tlIsBTExcluded = 1;
+    VX_TRACE(app->VXSys.fpTraceLevel, 2, "FLOWPATH",
+             "FP (%lld) will be excluded as per BT rule, httpMethod = %s, uRLParameters = %s",
+             vxTD->flowpathInstance, method, vxTD->tlURLParameters);
+}
+
+extern "C" void setFPHeaderValues(VXPerThreadData_t* vxTD, char* httpMethod, char* requestLength,
+                                  char* BTHeader, char* btHeaderValue)
+{
+    (void)requestLength;
+    (void)BTHeader;
+    /* Request-header BT rules are tried first once they exist; until then
+     * the URL decides. */
+    setBTObjInThreadLocal(vxTD, httpMethod, btHeaderValue);
+}
+
+extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue, char* TLS,
+                         char* VXCookieStr, char* KPCookieStr, char* correlationIdHeader,
+                         long long qTimeInMS, long long startTimeFP) VX_NOEXCEPT
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !app->Server.testRunRunning || app->Server.gettingstopInstrumenatation)
+        return nullptr;
+    const VXSys_t& sys = app->VXSys;
+
+    VXPerThreadData_t* vxTD = get_free_tls_slot();
+    if (!vxTD) {
+        VX_ERROR("FLOWPATH", "No free record for a new flowpath, url = %s", url ? url : "");
+        return nullptr;
+    }
+    resetAllThreadLocals(vxTD, app->tlsPool.tlsdatastruct);
+    vxTD->tlFpCPUTime = getThreadCpuTimeNs();
+
+    if (startTimeFP < 1) startTimeFP = my_gettimeofday();
+    vxTD->fpStartTimeforReset = apr_time_now();
+    vxTD->tlFlowPathTimeStampInMS = startTimeFP - app->Server.klvEpochDiffTime;
+
+    /* The caller's correlation text: a chain header, an instance number made
+     * by an agent, or nothing. Never written into: it is the host's. */
+    char incoming[vx::kIncomingFPISize] = "";
+    if (!flowpathinstance || strlen(flowpathinstance) <= 1) {
+        vxTD->flowpathInstance = generate_flowpath_instance();
+    } else {
+        vx::copy_text(incoming, sizeof incoming, flowpathinstance);
+        if (strpbrk(incoming, "Ff")) vxTD->tlIsForceDump = 1;
+        if (strchr(incoming, '_')) {
+            char chain[vx::kIncomingFPISize];
+            vx::copy_text(chain, sizeof chain, incoming);
+            setTierCallOut(vxTD, chain);
+            vxTD->flowpathInstance = generate_flowpath_instance();
+        } else {
+            vxTD->flowpathInstance = atoll(incoming);
+        }
+    }
+
+    if (TLS && app->VXAgentSetting.enableProxyServer == 1) set_value(TLS, vxTD);
+    parseKPCookieStr(KPCookieStr, vxTD);
+
+    char header[vx::kHeaderBufferSize];
+    escapeURLEncodingForHttp(header, sizeof header, btHeaderValue);
+
+    char* correlation = correlationIdHeader;
+    char headerCopy[vx::kHeaderBufferSize];
+    if (sys.captureCorrelationEnabled && btHeaderValue) {
+        vx::copy_text(headerCopy, sizeof headerCopy, btHeaderValue);
+        correlation = getBtBaseOnHeader1(headerCopy, correlationIdHeader);
+    }
+    vxTD->qTimeInMS = qTimeInMS;
+    if (correlation)
+        escapeURLEncoding(vxTD->tlCorrelationIdHeader, sizeof vxTD->tlCorrelationIdHeader, correlation);
+
+    snprintf(vxTD->flowpathInstanceStr, sizeof vxTD->flowpathInstanceStr, "%lld",
+             vxTD->flowpathInstance);
+
+    /* Session: a live session cookie carries the capture decision. */
+    bool session_goes_on = false;
+    if (VXCookieStr && *VXCookieStr) {
+        parseVXCookieStr(VXCookieStr, vxTD);
+        long long duration = (vxTD->tlFlowPathTimeStampInMS - vxTD->last_fptimestamp_from_cookie) / 1000;
+        if (vxTD->instrumented || vxTD->tlIsForceDump) vxTD->tlIsFPCaptured = 1;
+        const bool count_ok = sys.maxFPCountInSession == 0 || vxTD->totalFpcount <= sys.maxFPCountInSession;
+        const bool idle_ok = sys.vxSessionIdleTimeOutSecs == 0 || duration < sys.vxSessionIdleTimeOutSecs;
+        session_goes_on = count_ok && idle_ok;
+        if (!session_goes_on)
+            VX_TRACE(sys.fpTraceLevel, 2, "FLOWPATH",
+                     "Going to expire session and reset values, vxTD->totalFpcount = %d, duration = %lld",
+                     vxTD->totalFpcount, duration);
+    }
+    if (!session_goes_on) {
+        setFPCaptured(vxTD, vxTD->flowpathInstance);
+        setValue(VXCookieStr, vxTD);
+    }
+
+    if (!is_proxy_mode_agent(app)) {
+        setFPHeaderValues(vxTD, url, nullptr, nullptr, header);
+        modify_hashmap(vxTD->flowpathInstanceStr, vxTD, app->fpiToTLS);
+        saveNodeAndIncrementMethodRefCount(vxTD);
+        /* Transaction tags of the BT are resolved here once tags exist. */
+        vxMethodEntryEx(app->methodTable.DefaultMethod, vxTD, const_cast<char*>(kRootMethodName), url,
+                        nullptr, 0, nullptr, 1, TLS, startTimeFP, nullptr);
+    } else {
+        char plain[vx::kURLSize];
+        vx::copy_text(plain, sizeof plain, url);
+        if (char* bar = strchr(plain, '|')) *bar = '\0';
+        vx::copy_text(vxTD->tlURL, sizeof vxTD->tlURL, plain);
+        transactionStartEncode(qTimeInMS, vxTD->flowpathInstance, incoming, url, header, VXCookieStr,
+                               KPCookieStr, correlationIdHeader, startTimeFP);
+    }
+    return vxTD;
+}
+
+extern "C" void startFPTemp(char* flowpathinstance, char* url, char* buf) VX_NOEXCEPT
+{
+    void* handle = startFP(flowpathinstance, url, nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0);
+    if (buf) snprintf(buf, vx::kFPInstanceStrSize, "%llu",
+                      static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(handle)));
+}
+
+extern "C" void dumpFPHeaderRecord(VXPerThreadData_t* vxTD)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD) return;
+    if (!vxTD->tlBTObj) {
+        VX_TRACE(app->VXSys.fpTraceLevel, 1, "FLOWPATH", "BTObject not found for fp - '%lld'. Returning",
+                 vxTD->flowpathInstance);
+        return;
+    }
+    vxTD->tlIsFPHeaderDumped = 1;
+    const bool forced = vxTD->tlIsForceDump != 0;
+    RecordBuffer r;
+    r.add("%d,", 2);
+    add_instance(r, vxTD->flowpathInstance, forced);
+    if (vxTD->firstFlowpathInstance != 0) {
+        r.add(":");
+        add_instance(r, vxTD->firstFlowpathInstance, forced);
+        r.add(":");
+        add_instance(r, vxTD->prevFlowpathInstance, forced);
+    }
+    r.add(",%lld,%lld,", vxTD->tlFlowPathTimeStampInMS / 1000, vxTD->tlThreadId);
+    if (vxTD->firstFlowpathInstance != 0 && vxTD->prevTierSeq)
+        r.add("%s.1", vxTD->prevTierSeq);
+    else
+        r.add("%lld.1", vxTD->tlThreadId);
+    r.add(",%d,", vxTD->tlBTObj->bt_id);
+    if (vxTD->tlURLParameters[0])
+        r.add("%s?%s", vxTD->tlURL, vxTD->tlURLParameters);
+    else
+        r.add("%s", vxTD->tlURL);
+    r.add(",%s,%lld,", app->VXSys.captureCorrelationEnabled ? vxTD->tlCorrelationIdHeader : "",
+          vxTD->vxSessionId);
+    r.add(vxTD->klvSID > 0 ? "%021lld" : "%lld", vxTD->klvSID);
+    r.add(",%lld,,%d,%lld,", vxTD->VXPageID, vxTD->tlFlowpathType, vxTD->qTimeInMS);
+    if (app->VXSys.enableOTELStandard && arrPropagationHeaders[0] == 1)
+        r.add("%s,%s,%.2d", vxTD->OTL_traceID ? vxTD->OTL_traceID : "",
+              vxTD->OTL_parentID ? vxTD->OTL_parentID : "", vxTD->OTL_traceflag);
+    else
+        r.add(",,");
+    r.send();
+}
+
+extern "C" void dumpIncompleteFlowpathSeqBlock(VXPerThreadData_t* vxTD)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD) return;
+    if (!vxTD->tlBTObj) {
+        VX_TRACE(app->VXSys.fpTraceLevel, 1, "FLOWPATH",
+                 "BTObject not found for fp - '%lld'. Setting vxTD->sequenceBlobLen '%d' to 0. Returning",
+                 vxTD->flowpathInstance, vxTD->sequenceBlobLen);
+        vxTD->sequenceBlobLen = 0;
+        vxTD->sequenceBlob[0] = '\0';
+        return;
+    }
+    if (!vxTD->tlIsFPHeaderDumped) dumpFPHeaderRecord(vxTD);
+    RecordBuffer r;
+    r.add("%d,", 3);
+    add_instance(r, vxTD->flowpathInstance, vxTD->tlIsForceDump != 0);
+    r.add(",%s", vxTD->sequenceBlob);
+    r.send();
+    vxTD->sequenceBlobLen = 0;
+    vxTD->sequenceBlob[0] = '\0';
+}
+
+extern "C" void dumpCompleteFlowpathSeqBlock(VXPerThreadData_t* vxTD, int category,
+                                             long long fpCPUTime, long long respTime,
+                                             int tracerequest)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD) return;
+    const int level = app->VXSys.fpTraceLevel;
+    const long long fpi = vxTD->flowpathInstance;
+    if (!vxTD->tlBTObj) {
+        VX_TRACE(level, 1, "FLOWPATH", "BTObject not found for fp - '%lld'. Returning", fpi);
+        return;
+    }
+    if (vxTD->tlIsBTExcluded) {
+        if (!vxTD->tlIsFPHeaderDumped) {
+            VX_TRACE(level, 2, "FLOWPATH",
+                     "FP (%lld) was excluded as per BT and 3 record was not dumped, ignoring ...", fpi);
+            return;
+        }
+        VX_TRACE(level, 2, "FLOWPATH",
+                 "FP (%lld) was excluded as per BT, some data has already dumped. Marking -99", fpi);
+        vxTD->tlStatusCode = -99;
+    } else if (!vxTD->tlIsFPCaptured && !app->VXBTMonitor.doNotDisacrdAnyTransaction) {
+        if (category == kCategoryNormal && !vxTD->tlIsFPHeaderDumped) {
+            VX_TRACE(level, 3, "FLOWPATH", "FP '%lld' was not captured, neither it is slow, ignoring...", fpi);
+            return;
+        }
+        if (category == kCategoryNormal) {
+            VX_TRACE(level, 2, "FLOWPATH",
+                     "FP (%lld) was not captured, some data has already dumped. Marking -99", fpi);
+            vxTD->tlStatusCode = -99;
+        } else {
+            VX_TRACE(level, 2, "FLOWPATH", "FP '%lld' was not captured, but it is slow, capturing...", fpi);
+        }
+    }
+    if (!vxTD->tlIsFPHeaderDumped) dumpFPHeaderRecord(vxTD);
+
+    RecordBuffer r;
+    r.add("%d,", 4);
+    add_instance(r, fpi, vxTD->tlIsForceDump != 0);
+    r.add(",%d,%d,%lld,%lld,%d,%d,,%d,", vxTD->tlStatusCode, category, fpCPUTime, respTime,
+          vxTD->tlBTObj->bt_id, vxTD->tlFlowpathType, tracerequest);
+    if (app->VXSys.enableTagsSupport) r.add("%d,", getTagIdPerThread(vxTD));
+    r.add("%s", vxTD->sequenceBlob);
+    r.send();
+    vxTD->sequenceBlobLen = 0;
+    vxTD->sequenceBlob[0] = '\0';
+}
+
+extern "C" int getTagIdPerThread(VXPerThreadData_t* vxTD)
+{
+    if (!vxTD || !vxTD->tlBTObj) {
+        VX_TRACE(VX_LEVEL(fpTraceLevel), 1, "FLOWPATH", "BTObject not found, tag id is -1");
+        return -1;
+    }
+    /* STAND-IN (issue: monitors): the per-thread tag sequences of the BT
+     * monitor do not exist yet, so no flowpath has a tag id. */
+    return -1;
+}
+
+extern "C" void endFP(VXPerThreadData_t* vxTD, int statusCode, char* TLS, long long endTime,
+                      long long fpCPUTime, int tracerequest, char** strSpan) VX_NOEXCEPT
+{
+    (void)fpCPUTime;
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD || !app->Server.testRunRunning) return;
+
+    vxTD->tlFpCPUTime = getThreadCpuTimeNs() - vxTD->tlFpCPUTime;
+    long long cpu = vxTD->tlFpCPUTime;
+    if (cpu < 0 || app->VXSys.enableCpuTime == 0) cpu = 0;
+    if (endTime < 1) endTime = app->Server.klvEpochDiffTime + vxTD->tlFlowPathTimeStampInMS;
+    vxTD->setEndFPFlag = 1;
+
+    if (is_proxy_mode_agent(app)) {
+        /* Transaction spans are produced here once spans exist. */
+        FreeMData(vxTD);
+        transactionEndEncode(statusCode, vxTD->flowpathInstance, endTime, cpu, tracerequest);
+        return;
+    }
+    if (app->VXAgentSetting.enableProxyServer == 1) {
+        vxTD = searchvxTDfromHashMap(TLS);
+        if (!vxTD) return;
+    }
+    vxTD->tlDuration = my_gettimeofday() - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
+    vxMethodExitEx(app->methodTable.DefaultMethod, vxTD, const_cast<char*>(kRootMethodName), cpu,
+                   statusCode, nullptr, vxTD->tlDuration, 1, 0, 0, TLS, nullptr, endTime, nullptr);
+    if (!vxTD->tlBTObj) {
+        /* Nothing to report; release what the flowpath holds so that the
+         * record is clean for reuse. */
+        release_flowpath(app, vxTD);
+        return;
+    }
+    const int category = category_of(vxTD);
+    vxTD->tlCategory = static_cast<char>(category);
+    vxTD->btCategory = category;
+    if (!vxTD->tlIsBTExcluded) updateCounterAndDurationForBT(vxTD);
+    {
+        vx::VXLockGuard guard(vxTD->sequenceBlobLock);
+        dumpCompleteFlowpathSeqBlock(vxTD, category, cpu, vxTD->tlDuration, tracerequest);
+    }
+    dumpDataForDebug(vxTD);
+    release_flowpath(app, vxTD);
+    (void)strSpan; /* transaction spans are returned here once spans exist */
+}
+
+extern "C" void reset(VXPerThreadData_t* vxTD) VX_NOEXCEPT
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD || !app->Server.testRunRunning) return;
+    if (is_proxy_mode_agent(app)) transactionResetEncode(vxTD->flowpathInstance);
+    if (app->VXAgentSetting.enableProxyServer == 1) vx::td_key_map_forget(vxTD);
+    resetAllThreadLocals(vxTD, app->tlsPool.tlsdatastruct);
+    free_tls_slot(vxTD);
+}
+
+extern "C" void dumpIncompleteFPAtTestStop(VXPerThreadData_t* vxTD)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app) return;
+    if (!vxTD) {
+        VX_TRACE(app->VXSys.fpTraceLevel, 1, "FLOWPATH", "vxTD is NULL.");
+        return;
+    }
+    /* A flowpath that endFP already closed is waiting only for its reset:
+     * its record 4 is out. */
+    if (vxTD->setEndFPFlag) return;
+    vxTD->tlDuration = my_gettimeofday() - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
+    vxTD->setEndFPFlag = 1;
+    if (!vxTD->tlBTObj) {
+        release_flowpath(app, vxTD);
+        return;
+    }
+    const int category = category_of(vxTD);
+    vxTD->tlCategory = static_cast<char>(category);
+    vxTD->tlFlowpathType = 7;
+    {
+        vx::VXLockGuard guard(vxTD->sequenceBlobLock);
+        dumpCompleteFlowpathSeqBlock(vxTD, category, 0, vxTD->tlDuration, vxTD->tracerequest);
+    }
+    dumpDataForDebug(vxTD);
+    if (!vxTD->tlIsBTExcluded) updateCounterAndDurationForBT(vxTD);
+    release_flowpath(app, vxTD);
+}

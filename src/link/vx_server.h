@@ -1,0 +1,50 @@
+/*
+ * Server: the session with the collector. testRunRunning is the master
+ * switch: producers write only while it is 1, and no new flowpath starts while
+ * gettingstopInstrumenatation is set.
+ */
+#ifndef VX_SERVER_H
+#define VX_SERVER_H
+
+inline constexpr int kCriticalFileCount = 10;
+
+struct Server_t {
+    char isRuntimeApplied;
+    char changeOriginalTime;
+    char testRunRunning;
+    char retryForDataConn;
+    char retryForAutoSensorConn;
+    char startAppLogCon;
+    char InstrumentationBusy;
+    char controlCommunicationBusyFlag;
+    char noInstrumentProfileMode;
+    char doNotDumpMetaData;
+    char isModifiedInstrProf;
+    char statusValue[64];
+    char fpgVID[10];
+    char* instrProfFileData;
+    char** InstrProfileTable;
+    int numInstrProfile;
+    int InstrProfIdx;
+    int instrProfBytesWritten;
+    char* criticalFileList[kCriticalFileCount];
+    int numcriticalFile;
+    int numberOfTestRunsTillNow;
+    int TestRunIDValue;
+    long long klvEpochDiffTime;
+    long long diffTimeFromVXC;
+    long long originalKlvEpochDiffTime;
+    long long lastHeartBeatRcvTime;
+    int dumpremainingtstime;
+    int gettingstopInstrumenatation;
+    char startInstrRespBuffer[1024];
+    int startInstrRespBufferCnt;
+    int isTenRecordDump;
+    int isClusterMode;
+    int requestType;
+    long long lastConnectionTime;
+    long long connDuration;
+    char connDestination[256];
+};
+
+#endif

@@ -1,0 +1,11 @@
+#include "proxy/vx_frame_encoder.h"
+
+/* STAND-IN (issue: agent side of the proxy link). */
+extern "C" void transactionStartEncode(long long, long long, char*, char*, char*, char*, char*,
+                                       char*, long long)
+{
+}
+
+extern "C" void transactionEndEncode(int, long long, long long, long long, int) {}
+
+extern "C" void transactionResetEncode(long long) {}

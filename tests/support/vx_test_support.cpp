@@ -1,0 +1,135 @@
+#include "vx_test_support.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sys/stat.h>
+
+#include "core/vx_instance.h"
+#include "core/vx_platform.h"
+#include "link/vx_data_dispatcher.h"
+#include "link/vx_session.h"
+#include "vx_sdk.h"
+
+namespace vx_test {
+
+std::string make_temp_dir(const char* prefix)
+{
+    std::string tmpl = std::string("/tmp/") + prefix + "XXXXXX";
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back('\0');
+    if (!mkdtemp(buf.data())) return "/tmp";
+    return buf.data();
+}
+
+namespace {
+
+std::string g_home;
+
+}  // namespace
+
+const std::string& agent_home() { return g_home; }
+
+VXProxyInstance_t* agent()
+{
+    static VXProxyInstance_t* app = [] {
+        g_home = make_temp_dir("vx_unit_");
+        setenv("VXHOME", g_home.c_str(), 1);
+        std::string type_dir = g_home + "/cppAgent";
+        mkdir(type_dir.c_str(), 0755);
+        std::ofstream(type_dir + "/version") << "# build information\n9.9.9 build 42\n";
+        agent_init(const_cast<char*>("UnitPool"), 1, const_cast<char*>("unit"),
+                   const_cast<char*>("cppAgent"), const_cast<char*>("v9"));
+        return tlvxApplication;
+    }();
+    return app;
+}
+
+RecordSink::RecordSink() { vx::data_sink_set(&RecordSink::on_record, this); }
+
+RecordSink::~RecordSink() { vx::data_sink_set(nullptr, nullptr); }
+
+void RecordSink::on_record(const char* data, int len, void* ctx)
+{
+    auto* self = static_cast<RecordSink*>(ctx);
+    std::lock_guard<std::mutex> g(self->mu_);
+    self->lines_.emplace_back(data, static_cast<size_t>(len));
+}
+
+std::vector<std::string> RecordSink::lines() const
+{
+    std::lock_guard<std::mutex> g(mu_);
+    return lines_;
+}
+
+std::vector<std::string> RecordSink::of_type(int type) const
+{
+    std::string prefix = std::to_string(type) + ",";
+    std::vector<std::string> out;
+    for (const std::string& l : lines())
+        if (l.compare(0, prefix.size(), prefix) == 0) out.push_back(l);
+    return out;
+}
+
+size_t RecordSink::size() const
+{
+    std::lock_guard<std::mutex> g(mu_);
+    return lines_.size();
+}
+
+void RecordSink::clear()
+{
+    std::lock_guard<std::mutex> g(mu_);
+    lines_.clear();
+}
+
+namespace {
+
+std::atomic<long long> g_now_ms{0};
+std::atomic<long long> g_cpu_ns{0};
+
+long long frozen_now() { return g_now_ms.load(); }
+long long frozen_cpu() { return g_cpu_ns.load(); }
+
+}  // namespace
+
+FrozenClock::FrozenClock(long long now_ms, long long cpu_ns)
+{
+    set(now_ms, cpu_ns);
+    vx::clock_set_source(frozen_now, frozen_cpu);
+}
+
+FrozenClock::~FrozenClock() { vx::clock_set_source(nullptr, nullptr); }
+
+void FrozenClock::set(long long now_ms, long long cpu_ns)
+{
+    g_now_ms = now_ms;
+    g_cpu_ns = cpu_ns;
+}
+
+void FrozenClock::advance_ms(long long ms) { g_now_ms += ms; }
+
+SessionScope::SessionScope(int testIdx, long long klvEpochDiffTime)
+{
+    agent();
+    vx::session_start(testIdx, klvEpochDiffTime);
+}
+
+SessionScope::~SessionScope()
+{
+    vx::session_stop();
+    VXProxyInstance_t* app = agent();
+    VXSys_t& s = app->VXSys;
+    s.bciInstrSessionPct = 0;
+    s.captureMethodForAllFP = 0;
+    s.captureCorrelationEnabled = 0;
+    s.enableOTELStandard = 0;
+    s.enableTagsSupport = 1;
+    s.enableCpuTime = 0;
+    s.fpTraceLevel = 0;
+    app->VXBTMonitor.doNotDisacrdAnyTransaction = 0;
+    app->VXFlowpathGenerator.maxCharactersInSeqBlob = 13312;
+}
+
+}  // namespace vx_test

@@ -1,0 +1,64 @@
+/*
+ * What the unit tests share: one agent instance for the whole test binary, a
+ * sink that collects the records dumpData accepts, a frozen clock, and a
+ * session opened for the length of a scope.
+ */
+#ifndef VX_TEST_SUPPORT_H
+#define VX_TEST_SUPPORT_H
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct VXProxyInstance_t;
+
+namespace vx_test {
+
+/* A fresh, empty directory under /tmp; removed by the caller if wanted. */
+std::string make_temp_dir(const char* prefix);
+
+/* The instance of this test binary, made on first use by agent_init with
+ * VXHOME in a temporary directory (agent type "cppAgent", a "version" file
+ * holding "9.9.9 build 42"). */
+VXProxyInstance_t* agent();
+/* The home directory the agent was started with. */
+const std::string& agent_home();
+
+/* Collects every record line dumpData accepts while it is alive. */
+class RecordSink {
+public:
+    RecordSink();
+    ~RecordSink();
+    std::vector<std::string> lines() const;
+    /* Lines whose record number is `type`. */
+    std::vector<std::string> of_type(int type) const;
+    size_t size() const;
+    void clear();
+
+private:
+    static void on_record(const char* data, int len, void* ctx);
+    mutable std::mutex mu_;
+    std::vector<std::string> lines_;
+};
+
+/* Replaces the wall clock and the thread CPU clock while it is alive. */
+class FrozenClock {
+public:
+    FrozenClock(long long now_ms, long long cpu_ns);
+    ~FrozenClock();
+    static void set(long long now_ms, long long cpu_ns);
+    static void advance_ms(long long ms);
+};
+
+/* Opens a session on construction and closes it (closing every flowpath still
+ * open) on destruction; restores the VXSys values tests commonly change. */
+class SessionScope {
+public:
+    explicit SessionScope(int testIdx = 7, long long klvEpochDiffTime = 1388534400000LL);
+    ~SessionScope();
+};
+
+}  // namespace vx_test
+
+#endif

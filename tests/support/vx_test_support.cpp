@@ -4,10 +4,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <sys/stat.h>
 
 #include "core/vx_instance.h"
 #include "core/vx_platform.h"
+#include "core/vx_trace_log.h"
 #include "link/vx_data_dispatcher.h"
 #include "link/vx_session.h"
 #include "vx_sdk.h"
@@ -44,6 +46,23 @@ VXProxyInstance_t* agent()
         return tlvxApplication;
     }();
     return app;
+}
+
+std::string trace_log_text()
+{
+    if (!trace_log_key) return "";
+    std::ifstream in(trace_log_key->log_file[trace_log_key->cur_index]);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::string fill(std::string golden, const std::vector<std::pair<std::string, std::string>>& values)
+{
+    for (const auto& [name, value] : values) {
+        const std::string key = "{" + name + "}";
+        for (size_t at = golden.find(key); at != std::string::npos; at = golden.find(key, at + value.size()))
+            golden.replace(at, key.size(), value);
+    }
+    return golden;
 }
 
 RecordSink::RecordSink() { vx::data_sink_set(&RecordSink::on_record, this); }

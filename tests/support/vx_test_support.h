@@ -9,6 +9,7 @@
 #include <atomic>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct VXProxyInstance_t;
@@ -24,6 +25,13 @@ std::string make_temp_dir(const char* prefix);
 VXProxyInstance_t* agent();
 /* The home directory the agent was started with. */
 const std::string& agent_home();
+
+/* The whole text of the trace log's active file. */
+std::string trace_log_text();
+
+/* Replace "{name}" placeholders in a golden line by values read from the
+ * record under test (identity numbers the test cannot choose). */
+std::string fill(std::string golden, const std::vector<std::pair<std::string, std::string>>& values);
 
 /* Collects every record line dumpData accepts while it is alive. */
 class RecordSink {

@@ -201,4 +201,13 @@ bool remove_hashmap_if(void* key, void* expected, apr_hash_t* ht)
     return true;
 }
 
+bool insert_hashmap_if_absent(void* key, void* value, apr_hash_t* ht)
+{
+    if (!ht || !key) return false;
+    WriteGuard g(modify_hashmap_lock);
+    if (apr_hash_get(ht, key, APR_HASH_KEY_STRING)) return false;
+    apr_hash_set(ht, key, APR_HASH_KEY_STRING, value);
+    return true;
+}
+
 }  // namespace vx

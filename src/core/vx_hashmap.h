@@ -48,6 +48,10 @@ namespace vx {
  * did. Used where two owners could share one key text. */
 bool remove_hashmap_if(void* key, void* expected, apr_hash_t* ht);
 
+/* Set `key` only when it is absent; returns whether it did. With
+ * remove_hashmap_if this keeps a borrowed key owned by the entry's value. */
+bool insert_hashmap_if_absent(void* key, void* value, apr_hash_t* ht);
+
 }  // namespace vx
 
 #endif

@@ -276,7 +276,12 @@ extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue,
 
     if (!is_proxy_mode_agent(app)) {
         setFPHeaderValues(vxTD, url, nullptr, nullptr, header);
-        modify_hashmap(vxTD->flowpathInstanceStr, vxTD, app->fpiToTLS);
+        /* The entry borrows the record's own instance text as its key, so
+         * a second flowpath with the same number (more than the layout can
+         * tell apart in one millisecond) does not take it over. */
+        if (app->fpiToTLS && !vx::insert_hashmap_if_absent(vxTD->flowpathInstanceStr, vxTD, app->fpiToTLS))
+            VX_TRACE(sys.fpTraceLevel, 2, "FLOWPATH", "Flowpath instance '%s' is already running",
+                     vxTD->flowpathInstanceStr);
         saveNodeAndIncrementMethodRefCount(vxTD);
         /* Transaction tags of the BT are resolved here once tags exist. */
         vxMethodEntryEx(app->methodTable.DefaultMethod, vxTD, const_cast<char*>(kRootMethodName), url,
@@ -473,6 +478,10 @@ extern "C" void reset(VXPerThreadData_t* vxTD) VX_NOEXCEPT
     if (!app || !vxTD || !app->Server.testRunRunning) return;
     if (is_proxy_mode_agent(app)) transactionResetEncode(vxTD->flowpathInstance);
     if (app->VXAgentSetting.enableProxyServer == 1) vx::td_key_map_forget(vxTD);
+    /* A host may reset without ending: what the flowpath still holds goes
+     * back (its method-table reference, its open-method records, and its map
+     * entry, whose key is the instance text about to be cleared). */
+    release_flowpath(app, vxTD);
     resetAllThreadLocals(vxTD, app->tlsPool.tlsdatastruct);
     free_tls_slot(vxTD);
 }

@@ -202,7 +202,9 @@ TEST(FlowpathCapture, ForcedInstanceIsCapturedEvenAtZeroPercent)
     EXPECT_EQ(td->tlIsForceDump, 1);
     EXPECT_EQ(td->tlIsFPCaptured, 1);
     EXPECT_EQ(td->flowpathInstance, 123);
+    EXPECT_EQ(getTLFromFPInstance(const_cast<char*>("123")), td);
     reset(td);
+    EXPECT_EQ(getTLFromFPInstance(const_cast<char*>("123")), nullptr) << "a reset without endFP forgets it";
 }
 
 TEST(FlowpathBlob, FullBlobLeavesAsRecordThreeAndUncapturedNormalEndIsMarked)

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <apr_strings.h>
+
 #include "core/vx_hashmap.h"
 #include "core/vx_instance.h"
 #include "core/vx_thread.h"
@@ -24,15 +26,12 @@ void dump_bt_record(const BTObject* bt)
     dumpData(buf, n);
 }
 
+/* A new BT from the manager's pool; the caller holds bt_obj_map_lock. */
 BTObject* make_bt(VXProxyInstance_t* app, const char* name, int id)
 {
-    auto* bt = static_cast<BTObject*>(calloc(1, sizeof(BTObject)));
+    auto* bt = static_cast<BTObject*>(apr_pcalloc(app->manager.bt_pool, sizeof(BTObject)));
     if (!bt) return nullptr;
-    bt->bt_name = strdup(name);
-    if (!bt->bt_name) {
-        free(bt);
-        return nullptr;
-    }
+    bt->bt_name = apr_pstrdup(app->manager.bt_pool, name);
     bt->bt_id = id;
     bt->bt_threshold.slow = app->allSlow;
     bt->bt_threshold.very_slow = app->allVerySlow;
@@ -45,7 +44,8 @@ extern "C" void VXBTManagerInit(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || app->manager.bt_obj_map) return;
-    app->manager.bt_obj_map = create_hashmap(app->control_pool);
+    if (apr_pool_create(&app->manager.bt_pool, app->control_pool) != APR_SUCCESS) return;
+    app->manager.bt_obj_map = apr_hash_make(app->manager.bt_pool);
     app->manager.bt_obj_map_lock = vx::mutex_create(app->control_pool);
     app->manager.total_bt_count = 1; /* ids 0 and 1 are taken */
     app->manager.max_bt_count = kDefaultMaxBTCount;

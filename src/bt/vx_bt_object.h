@@ -12,6 +12,7 @@
 #define VX_BT_OBJECT_H
 
 #include <apr_hash.h>
+#include <apr_pools.h>
 #include <apr_thread_mutex.h>
 
 struct VXPerThreadData_t;
@@ -30,6 +31,7 @@ struct BTObject {
 };
 
 struct VXBTManager {
+    apr_pool_t* bt_pool;    /* BT objects and their names; they live as long as the instance */
     apr_hash_t* bt_obj_map; /* name -> BTObject */
     apr_thread_mutex_t* bt_obj_map_lock;
     int total_bt_count;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "core/vx_hashmap.h"
 #include "core/vx_instance.h"
@@ -23,14 +24,24 @@ bool is_proxy_mode_agent(const VXProxyInstance_t* app)
     return app->VXSys.proxyMode == 1 && !VXProxy.proxyServerFlag;
 }
 
-/* Grow the hot-spot table to `entries`. The old table is kept, not freed: the
- * sampler may be reading it at this moment, and the pool only ever grows, so
- * what is kept is bounded by the final size. */
+/* Hot-spot tables replaced by larger ones. They are kept, not freed: the
+ * sampler may be reading one at this moment, and the pool only ever grows, so
+ * what is kept is bounded by the final size. Caller holds tlsMutex. */
+std::vector<TLSDataStruct*>* g_retired_hotspot_tables = new std::vector<TLSDataStruct*>();
+
 void grow_hotspot_table(VXTLSPool_t& pool, int entries)
 {
     if (entries <= pool.tlsdatastructCap) return;
     auto* table = static_cast<TLSDataStruct*>(calloc(static_cast<size_t>(entries), sizeof(TLSDataStruct)));
     if (!table) return;
+    if (pool.tlsdatastruct) {
+        try {
+            g_retired_hotspot_tables->push_back(pool.tlsdatastruct);
+        } catch (...) {
+            free(table);
+            return;
+        }
+    }
     if (pool.tlsdatastruct)
         memcpy(table, pool.tlsdatastruct, sizeof(TLSDataStruct) * static_cast<size_t>(pool.tlsdatastructCap));
     __atomic_store_n(&pool.tlsdatastruct, table, __ATOMIC_RELEASE);

@@ -1,5 +1,7 @@
 #include "core/vx_encode.h"
 
+#include <libwebsockets.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -99,25 +101,13 @@ namespace {
  * caller can pass overflows. */
 long long base64_size(int n) { return (static_cast<long long>(n) + 2) / 3 * 4 + 1; }
 
-/* RFC 4648 Base64 with padding into `out`, which holds base64_size(n) bytes.
- * Done here rather than with lws_b64_encode_string, which wants one byte more
- * than the text and its terminator and so failed on an exact-size buffer. */
-int base64_encode(const unsigned char* in, int n, char* out)
+/* libwebsockets' encoder wants one byte of room beyond the text and its
+ * terminator, so callers' buffers are given that byte here. `out` holds
+ * base64_size(n) + 1 bytes. */
+int base64_encode(const unsigned char* in, int n, char* out, long long out_size)
 {
-    static constexpr char kAlphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    int o = 0;
-    for (int i = 0; i < n; i += 3) {
-        unsigned v = static_cast<unsigned>(in[i]) << 16;
-        if (i + 1 < n) v |= static_cast<unsigned>(in[i + 1]) << 8;
-        if (i + 2 < n) v |= in[i + 2];
-        out[o++] = kAlphabet[(v >> 18) & 63];
-        out[o++] = kAlphabet[(v >> 12) & 63];
-        out[o++] = i + 1 < n ? kAlphabet[(v >> 6) & 63] : '=';
-        out[o++] = i + 2 < n ? kAlphabet[v & 63] : '=';
-    }
-    out[o] = '\0';
-    return o;
+    return lws_b64_encode_string(reinterpret_cast<const char*>(in), n, out,
+                                 static_cast<int>(out_size));
 }
 
 }  // namespace
@@ -126,19 +116,26 @@ extern "C" int hblb_encode_base64_ex(unsigned char* input, int input_length, uns
                                      int output_size)
 {
     if (!input || input_length < 0 || !output) return -1;
-    if (output_size < base64_size(input_length)) return -1;
-    return base64_encode(input, input_length, reinterpret_cast<char*>(output));
+    const long long needed = base64_size(input_length);
+    if (output_size < needed || needed + 1 > 0x7fffffff) return -1;
+    if (output_size > needed) return base64_encode(input, input_length, reinterpret_cast<char*>(output), output_size);
+    /* An exact-size buffer: encode with the encoder's extra byte, then copy. */
+    auto* scratch = static_cast<char*>(malloc(static_cast<size_t>(needed + 1)));
+    if (!scratch) return -1;
+    int n = base64_encode(input, input_length, scratch, needed + 1);
+    if (n >= 0) memcpy(output, scratch, static_cast<size_t>(n) + 1);
+    free(scratch);
+    return n;
 }
 
 extern "C" char* hblb_encode_text_to_base64(char* text_input, int text_len, int* enc_len)
 {
     if (!text_input || text_len < 0) return nullptr;
-    const long long cap = base64_size(text_len);
+    const long long cap = base64_size(text_len) + 1; /* the encoder's extra byte */
     if (cap > 0x7fffffff) return nullptr;
     auto* out = static_cast<char*>(calloc(1, static_cast<size_t>(cap)));
     if (!out) return nullptr;
-    int n = hblb_encode_base64_ex(reinterpret_cast<unsigned char*>(text_input), text_len,
-                                  reinterpret_cast<unsigned char*>(out), static_cast<int>(cap));
+    int n = base64_encode(reinterpret_cast<unsigned char*>(text_input), text_len, out, cap);
     if (n < 0) {
         free(out);
         return nullptr;

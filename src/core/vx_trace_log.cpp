@@ -106,14 +106,14 @@ void write_line(MTTraceLogKey* key, Route route, const char* thread_name, long l
     file = file ? file : "";
     fname = fname ? fname : "";
 
-    /* One line of at most kTraceLineSize bytes, on this thread's stack. */
-    char buf[vx::kTraceLineSize];
     if (route == Route::Configured && app && !in_proxy && app->sendLogsToProxy == 2) {
         char message[vx::kTraceLineSize];
         vsnprintf(message, sizeof message, format, ap);
         route_to_proxy(app, date, thread_name, thread_id, file, line, fname, severity, message);
         return;
     }
+    /* One line of at most kTraceLineSize bytes, on this thread's stack. */
+    char buf[vx::kTraceLineSize];
     int n = format_prefix(buf, sizeof buf, date, thread_name, thread_id, module, file, line, fname,
                           severity);
     int m = vsnprintf(buf + n, sizeof buf - static_cast<size_t>(n), format, ap);
@@ -349,8 +349,11 @@ extern "C" void vx_check_log_file(void)
     }
     const long long limit = get_Previous_Date();
     apr_finfo_t entry;
-    while (apr_dir_read(&entry, APR_FINFO_NAME | APR_FINFO_TYPE, dir) == APR_SUCCESS) {
-        if (!entry.name || entry.filetype != APR_REG) continue;
+    apr_status_t rv;
+    /* An entry whose type needed a stat still has its name: go on. */
+    while ((rv = apr_dir_read(&entry, APR_FINFO_NAME | APR_FINFO_TYPE, dir)) == APR_SUCCESS ||
+           rv == APR_INCOMPLETE) {
+        if (!entry.name || ((entry.valid & APR_FINFO_TYPE) && entry.filetype != APR_REG)) continue;
         std::string_view name(entry.name);
         /* Only the agent's own logs: trace logs and SDK logs of any process. */
         if (name.rfind("vx_trace_", 0) != 0 && name.rfind("vx_sdk_", 0) != 0) continue;

@@ -86,6 +86,47 @@ VX_API void endFP(VXPerThreadData_t* vxTD, int statusCode, char* TLS, long long 
 /* Give the transaction's record back to the pool. */
 VX_API void reset(VXPerThreadData_t* vxTD) VX_NOEXCEPT;
 
+/*
+ * Method events, for hosts with an instrumentation layer of their own.
+ *
+ * vxMethodEntry reports that `mName` was entered in transaction `vxTD`.
+ * `methodPtr` is what an earlier call for the same method returned (NULL the
+ * first time): handing it back skips the method lookup. `url` is the query
+ * text of a database call or the target of an HTTP call, `threadID` the
+ * host's thread id (0 for none), `startTime` the entry in ms since the epoch
+ * (0 for now), `DBQueryParam` the query's bound values. Returns the method's
+ * handle to give back at exit, or NULL when the method is unknown or no
+ * session runs.
+ *
+ * vxMethodExit reports the matching exit. `statusCode` >= 0 becomes the
+ * transaction's status; `backendName` is the pipe-separated description of
+ * the called backend; `methodWallTime`/`fpCPUTime` are used when the entry
+ * was not seen; `isCalloutDone` non-zero when a callout really went out;
+ * `endTime` the exit in ms since the epoch (0 for the transaction's start).
+ * vxMethodExitException is the exit of a method left by an exception
+ * (`event_type` 3 or 4).
+ */
+VX_API void* vxMethodEntry(void* methodPtr, VXPerThreadData_t* vxTD, char* mName, char* url,
+                           char* urlParameter, long long threadID, char* pName, char* TLS,
+                           long long startTime, char* DBQueryParam) VX_NOEXCEPT;
+VX_API void* vxMethodExit(void* methodPtr, VXPerThreadData_t* vxTD, char* mName,
+                          long long fpCPUTime, int statusCode, char* backendName,
+                          long long methodWallTime, long long threadID, int isCalloutDone,
+                          char* TLS, int event_type, char* argValue, long long endTime,
+                          char** strSpan) VX_NOEXCEPT;
+VX_API void* vxMethodExitException(void* methodPtr, VXPerThreadData_t* vxTD, char* mName,
+                                   long long fpCPUTime, int statusCode, char* backendName,
+                                   long long methodWallTime, char forceDump, long long threadId,
+                                   int isCalOutDone, char* TLS, int event_type) VX_NOEXCEPT;
+
+/* 1 when a session runs and `mName` (or its class, the text before the first
+ * ".") is in the method table; 0 otherwise. */
+VX_API int isMethodInHashMap(char* mName) VX_NOEXCEPT;
+
+/* The argument index logged for a CUSTOM_LOG method; -1 when unknown, 0 with
+ * no method table. */
+VX_API int getArgValueForCustomLog(char* methodName) VX_NOEXCEPT;
+
 #ifdef __cplusplus
 }
 #endif

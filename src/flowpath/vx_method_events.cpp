@@ -218,3 +218,33 @@ extern "C" void setMaxCharactersInSeqBlob(int value)
     }
     app->VXFlowpathGenerator.maxCharactersInSeqBlob = value;
 }
+
+/* STAND-IN (issue #3): the public calls hand over to the engine directly. */
+extern "C" void* vxMethodEntry(void* methodPtr, VXPerThreadData_t* vxTD, char* mName, char* url,
+                               char* urlParameter, long long threadID, char* pName, char* TLS,
+                               long long startTime, char* DBQueryParam) VX_NOEXCEPT
+{
+    return vxMethodEntryEx(methodPtr, vxTD, mName, url, urlParameter, threadID, pName, 0, TLS,
+                           startTime, DBQueryParam);
+}
+
+extern "C" void* vxMethodExit(void* methodPtr, VXPerThreadData_t* vxTD, char* mName,
+                              long long fpCPUTime, int statusCode, char* backendName,
+                              long long methodWallTime, long long threadID, int isCalloutDone,
+                              char* TLS, int event_type, char* argValue, long long endTime,
+                              char** strSpan) VX_NOEXCEPT
+{
+    (void)event_type;
+    return vxMethodExitEx(methodPtr, vxTD, mName, fpCPUTime, statusCode, backendName,
+                          methodWallTime, 0, threadID, isCalloutDone, TLS, argValue, endTime, strSpan);
+}
+
+extern "C" void* vxMethodExitException(void*, VXPerThreadData_t*, char*, long long, int, char*,
+                                       long long, char, long long, int, char*, int) VX_NOEXCEPT
+{
+    return nullptr;
+}
+
+extern "C" int isMethodInHashMap(char*) VX_NOEXCEPT { return 0; }
+
+extern "C" int getArgValueForCustomLog(char*) VX_NOEXCEPT { return 0; }

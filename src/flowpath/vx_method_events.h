@@ -11,6 +11,8 @@
 #ifndef VX_METHOD_EVENTS_H
 #define VX_METHOD_EVENTS_H
 
+#include "vx_sdk.h"
+
 struct VXPerThreadData_t;
 
 /* One open method call, in the record's sdkAgentHash. */

@@ -77,6 +77,68 @@ extern "C" void replaceCharacterForVXLQ(char* sb, int len, char* msgData)
     });
 }
 
+namespace {
+
+const char* html_entity(char c, bool underscore)
+{
+    switch (c) {
+    case '\n': return "&#010;";
+    case '\r': return "&#013;";
+    case '"': return "&#034;";
+    case '&': return "&#038;";
+    case '\'': return "&#039;";
+    case ',': return "&#044;";
+    case '.': return "&#46;";
+    case ':': return "&#58;";
+    case '\\': return "&#092;";
+    case '^': return "&#094;";
+    case '|': return "&#124;";
+    case '_': return underscore ? "&#95;" : nullptr;
+    default: return nullptr;
+    }
+}
+
+/* Entities into `sb`, stopping when fewer than 5 bytes remain. */
+template <typename Subst>
+void entities_into(char* sb, int len, const char* in, Subst subst)
+{
+    if (!sb || len <= 0) return;
+    int o = 0;
+    if (in) {
+        for (const char* p = in; *p && len - o >= 5; ++p) {
+            const char* rep = subst(*p);
+            if (!rep) {
+                sb[o++] = *p;
+                continue;
+            }
+            int rl = static_cast<int>(strlen(rep));
+            if (o + rl > len - 1) break;
+            memcpy(sb + o, rep, static_cast<size_t>(rl));
+            o += rl;
+        }
+    }
+    sb[o] = '\0';
+}
+
+}  // namespace
+
+extern "C" void escapeHTML(char* sb, int len, char* msgData, int is_underscore)
+{
+    entities_into(sb, len, msgData, [is_underscore](char c) { return html_entity(c, is_underscore != 0); });
+}
+
+extern "C" void DBQueryParamEncoding(char* sb, int len, char* msgData)
+{
+    entities_into(sb, len, msgData, [](char c) -> const char* {
+        switch (c) {
+        case '\t': return "&#9;";
+        case ' ': return "&#032;";
+        case '+': return "&#043;";
+        default: return html_entity(c, true);
+        }
+    });
+}
+
 extern "C" char escapeURLDecoding(char* BTHeaderName, char* New_BT, int k)
 {
     (void)New_BT;

@@ -22,6 +22,15 @@ void replaceCharacterForVXLQ(char* sb, int len, char* msgData);
 /* Decode the code after a "%" at BTHeaderName[k]; the character, or 0. */
 char escapeURLDecoding(char* BTHeaderName, char* New_BT, int k);
 
+/* Numeric entities for text entering the method and query dictionaries:
+ * LF CR " & ' , . : \ ^ | (and "_" when `is_underscore`). Stops when fewer
+ * than 5 bytes remain in `len`. */
+void escapeHTML(char* sb, int len, char* msgData, int is_underscore);
+
+/* escapeHTML with "_" always escaped, and tab, blank and "+" too; for bound
+ * query values. `sb` holds six times the text's length plus one. */
+void DBQueryParamEncoding(char* sb, int len, char* msgData);
+
 /* Base64 (RFC 4648, padded). A new zeroed buffer (free()) and its length in
  * *enc_len; null on failure. */
 char* hblb_encode_text_to_base64(char* text_input, int text_len, int* enc_len);

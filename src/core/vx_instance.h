@@ -29,6 +29,7 @@
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "link/vx_server.h"
+#include "monitor/vx_backend_monitor.h"
 #include "monitor/vx_bt_monitor.h"
 #include "proxy/vx_proxy_state.h"
 
@@ -66,6 +67,7 @@ struct VXProxyInstance_t {
     apr_hash_t* fpi_tls_map;       /* proxy: decoded frame's instance -> record */
 
     VXBTMonitor_t VXBTMonitor;
+    VXBackendMonitor_t VXBackendMonitor;
 
     int processID;
     int server_arr_size;
@@ -102,6 +104,8 @@ struct VXProxyInstance_t {
     int isModifiedHashmap;
 
     long long TimeOut;
+    void* httpHashMapNode;         /* header name -> id */
+    apr_thread_mutex_t* httpEntryLock;
     int httpid;
     int resourceMetaID;
     int vx_dr_state;

@@ -15,6 +15,13 @@ struct VXPerThreadData_t;
 extern "C" {
 /* Parse an incoming header, cut in place. 0, or -1 on a bad one. */
 int setTierCallOut(VXPerThreadData_t* vxTD, char* str);
+
+/* The backend's name from its "|"-separated description by `rule`, into
+ * `out` of `len` bytes. STAND-IN: the description as given. */
+void settingBackendName(char* buffer, char* rule, char* out, int len);
+
+/* The id of an HTTP callout's URL. STAND-IN: 0. */
+long long getIDForIPResourceURL(char* buffer);
 }
 
 #endif

@@ -2,44 +2,173 @@
 
 #include <apr_hash.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
 
+#include "core/vx_encode.h"
 #include "core/vx_hashmap.h"
 #include "core/vx_instance.h"
-#include "core/vx_text.h"
 #include "core/vx_platform.h"
+#include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
+#include "diag/vx_sql_processor.h"
+#include "flowpath/vx_callout.h"
 #include "flowpath/vx_flowpath.h"
 #include "flowpath/vx_method_table.h"
+#include "flowpath/vx_td_key_map.h"
+#include "http/vx_header_ids.h"
+#include "link/vx_data_dispatcher.h"
+#include "monitor/vx_backend_monitor.h"
+#include "proxy/vx_frame_encoder.h"
 
 namespace {
 
-methodPropProperties* resolve(void* methodPtr, VXPerThreadData_t* vxTD, const char* mName)
+/* Writes one token at the end of the blob the way snprintf bounded by the
+ * rest of the buffer would (cut at the end, always terminated, the full
+ * length counted), but without format parsing: tokens are written on every
+ * method event. */
+class TokenWriter {
+public:
+    explicit TokenWriter(VXPerThreadData_t* td)
+        : out_(td->sequenceBlob + td->sequenceBlobLen),
+          room_(static_cast<size_t>(vx::kSeqBlobSize - td->sequenceBlobLen))
+    {
+    }
+
+    void put(char c)
+    {
+        if (len_ + 1 < room_) out_[len_] = c;
+        ++len_;
+    }
+    void put(const char* s)
+    {
+        for (; s && *s; ++s) put(*s);
+    }
+    void put(long long v)
+    {
+        char digits[24];
+        auto r = std::to_chars(digits, digits + sizeof digits, v);
+        for (char* p = digits; p < r.ptr; ++p) put(*p);
+    }
+    void put(int v) { put(static_cast<long long>(v)); }
+
+    template <typename... Parts>
+    void write(Parts... parts)
+    {
+        (put(parts), ...);
+    }
+
+    /* Terminate and add the length to the record, clamped to the buffer. */
+    void finish(VXPerThreadData_t* td)
+    {
+        if (room_ > 0) out_[len_ < room_ ? len_ : room_ - 1] = '\0';
+        long long total = static_cast<long long>(td->sequenceBlobLen) + static_cast<long long>(len_);
+        td->sequenceBlobLen = static_cast<int>(total > vx::kSeqBlobSize ? vx::kSeqBlobSize : total);
+    }
+
+private:
+    char* out_;
+    size_t room_;
+    size_t len_ = 0;
+};
+
+bool is_proxy_mode_agent(const VXProxyInstance_t* app)
 {
-    VXProxyInstance_t* app = vx_app();
+    return app->VXSys.proxyMode == 1 && !VXProxy.proxyServerFlag;
+}
+
+bool agent_type_is(const VXProxyInstance_t* app, const char* type)
+{
+    return app->VXBCISetting.agentType && strcasecmp(app->VXBCISetting.agentType, type) == 0;
+}
+
+/* The method of this event: the host's handle while it belongs to the
+ * generation the flowpath runs on and that generation is current; otherwise
+ * a lookup by name in the current generation, which the flowpath moves to.
+ * `create` makes an unknown name a new method. */
+methodPropProperties* resolve(VXProxyInstance_t* app, void* methodPtr, VXPerThreadData_t* vxTD,
+                              char* mName, bool create)
+{
     VXMethodTable_t& t = app->methodTable;
-    if (methodPtr && vxTD->hasMapNodePtr == t.methodHashMapNode)
-        return static_cast<methodPropProperties*>(methodPtr);
-    vx::VXLockGuard guard(t.methodEntryLock);
-    vxTD->hasMapNodePtr = t.methodHashMapNode;
-    if (!t.methodHashMapNode) return nullptr;
-    return static_cast<methodPropProperties*>(
-        search_hashmap(const_cast<char*>(mName), t.methodHashMapNode->ptr));
+    node_t* current = __atomic_load_n(&t.methodHashMapNode, __ATOMIC_ACQUIRE);
+    auto* m = static_cast<methodPropProperties*>(methodPtr);
+    if (m && vxTD->hasMapNodePtr == current && m->generation == current &&
+        app->VXAgentSetting.enableProxyServer == 0)
+        return m;
+    {
+        vx::VXLockGuard guard(t.methodEntryLock);
+        current = t.methodHashMapNode;
+        if (vxTD->hasMapNodePtr != current) {
+            /* The flowpath's reference moves with it to the current table. */
+            vxDecrementMethodRefCount(static_cast<node_t*>(vxTD->hasMapNodePtr));
+            vxTD->hasMapNodePtr = current;
+            if (current) __atomic_add_fetch(&current->ref_count, 1, __ATOMIC_RELAXED);
+        }
+    }
+    if (!current) return nullptr;
+    return create ? searchAndUpdateMethodHashMap(mName, current, 0, 0, 0)
+                  : getMethodPropFromMethodName(mName, current);
+}
+
+/* A host that names transactions by its own key. */
+VXPerThreadData_t* working_record(VXProxyInstance_t* app, VXPerThreadData_t* vxTD, char* TLS)
+{
+    if (app->VXAgentSetting.enableProxyServer != 1) return vxTD;
+    return searchvxTDfromHashMap(TLS);
+}
+
+/* PHP hosts may have de-instrumented or blacklisted a plain method: it is
+ * skipped entirely. The auto-instrumentation list that sets the flags is
+ * consulted here once auto-instrumentation exists. */
+bool skipped_by_host(const VXProxyInstance_t* app, const methodPropProperties* m)
+{
+    return agent_type_is(app, "php") && m->isEntryPoint == 0 &&
+           (m->autoDeInstrFlg == 1 || m->isInBlackListFlg == 1);
+}
+
+/* The sequence number a callout token of an HTTP-like row carries. */
+long long callout_seq(const VXPerThreadData_t* vxTD)
+{
+    return vxTD->tierCallOutSeqNum ? vxTD->tierCallOutSeqNum : vxTD->seqNum;
 }
 
 }  // namespace
 
-extern "C" void* vxMethodEntryEx(void* methodPtr, VXPerThreadData_t* vxTD, char* mName,
-                                 char* url, char* urlParameter, long long threadID, char* pName,
-                                 char forceDump, char* TLS, long long startTime,
-                                 char* DBQueryParam)
+extern "C" void* vxMethodEntry(void* methodPtr, VXPerThreadData_t* vxTD, char* mName, char* url,
+                               char* urlParameter, long long threadID, char* pName, char* TLS,
+                               long long startTime, char* DBQueryParam) VX_NOEXCEPT
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD || !app->Server.testRunRunning) return nullptr;
+    if (is_proxy_mode_agent(app)) {
+        /* Only what the host needs stays here; the proxy does the rest. */
+        methodPropProperties* m = mName ? getMethodPropFromMethodName(mName, app->methodTable.methodHashMapNode)
+                                        : nullptr;
+        if (m) {
+            CreateMdata(m->methodId, startTime ? startTime : my_gettimeofday(), getThreadCpuTimeNs(), vxTD);
+        } else {
+            MethodEntryEncode(0, vxTD->flowpathInstance, threadID, mName, url, urlParameter, startTime,
+                              DBQueryParam);
+            send_meta_data(mName);
+            return nullptr;
+        }
+        MethodEntryEncode(m->methodId, vxTD->flowpathInstance, threadID, mName, url, urlParameter,
+                          startTime, DBQueryParam);
+        return nullptr;
+    }
+    return vxMethodEntryEx(methodPtr, vxTD, mName, url, urlParameter, threadID, pName, 0, TLS,
+                           startTime, DBQueryParam);
+}
+
+extern "C" void* vxMethodEntryEx(void* methodPtr, VXPerThreadData_t* vxTD, char* mName, char* url,
+                                 char* urlParameter, long long threadID, char* pName, char forceDump,
+                                 char* TLS, long long startTime, char* DBQueryParam)
 {
     (void)pName;
-    (void)TLS;
-    (void)DBQueryParam;
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD || !app->Server.testRunRunning) return nullptr;
     if (!mName || !*mName) {
@@ -47,22 +176,47 @@ extern "C" void* vxMethodEntryEx(void* methodPtr, VXPerThreadData_t* vxTD, char*
                  vxTD->flowpathInstance, mName ? mName : "");
         return nullptr;
     }
-    long long cpu = getThreadCpuTimeNs();
+    const long long cpu = getThreadCpuTimeNs();
+    vxTD = working_record(app, vxTD, TLS);
+    if (!vxTD) return nullptr;
     if (startTime == 0) startTime = my_gettimeofday();
-    long long offset = startTime - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
-    methodPropProperties* m = resolve(methodPtr, vxTD, mName);
+    const long long offset = startTime - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
+
+    methodPropProperties* m = resolve(app, methodPtr, vxTD, mName, true);
     if (!m) return nullptr;
     m->usedFlag = 1;
-    if (!(m->isEntryPoint & 1)) ++vxTD->tlNonServiceMethodCount;
+    if (skipped_by_host(app, m)) return nullptr;
+
+    if (!(m->isEntryPoint & kEntryPointService)) ++vxTD->tlNonServiceMethodCount;
     if (urlParameter) vx::copy_text(vxTD->tlURLParameters, sizeof vxTD->tlURLParameters, urlParameter);
     if (threadID != 0) vxTD->agentThreadID = threadID;
-    const bool forced = m->callOutValue == 1;
-    if (vxTD->tlNonServiceMethodCount <= app->VXSys.bciMaxNonServiceMethodsPerFP &&
-        !vxTD->tlIsBTExcluded && (vxTD->tlIsFPCaptured || forceDump == 1 || forced)) {
+
+    if (!vxTD->tlIsBTExcluded && (m->isEntryPoint & kEntryPointCallout)) {
+        /* Callout spans are started here once spans exist. */
+        if (m->type_ == kMethodTypeDatabase) {
+            char* encoded = nullptr;
+            if (DBQueryParam && *DBQueryParam) {
+                size_t cap = strlen(DBQueryParam) * 6 + 1;
+                if ((encoded = static_cast<char*>(malloc(cap))) != nullptr)
+                    DBQueryParamEncoding(encoded, static_cast<int>(cap), DBQueryParam);
+            }
+            dbMethodEntry(vxTD, offset, url, const_cast<char*>("QuortDB"), encoded);
+            free(encoded);
+        } else {
+            ++vxTD->httpCallOutDepth;
+        }
+    }
+
+    const bool forced = m->callOutValue == kCallOutHttpEntry;
+    if (vxTD->tlNonServiceMethodCount <= app->VXSys.bciMaxNonServiceMethodsPerFP && !vxTD->tlIsBTExcluded &&
+        (vxTD->tlIsFPCaptured || forceDump == 1 || forced)) {
         ++vxTD->seqNum;
         vx::VXLockGuard guard(vxTD->sequenceBlobLock);
         updateFPSeqBlob(vxTD, m->methodId, offset, 0, -1, -1, m->isAsyncCall, threadID, url, 0);
+        if (app->VXSys.dumpDebugData) updateDebugModeData(vxTD, m->methodId, 0);
     }
+    /* Ids beyond the counters have no open-method record: their exits are
+     * never refused and keep the host's wall time. */
     if (m->methodId < vx::kMethodCounterSize) {
         ++vxTD->methodEntryExitCounter[m->methodId];
         CreateMdata(m->methodId, startTime, cpu, vxTD);
@@ -70,17 +224,111 @@ extern "C" void* vxMethodEntryEx(void* methodPtr, VXPerThreadData_t* vxTD, char*
     return m;
 }
 
+extern "C" void* vxMethodExit(void* methodPtr, VXPerThreadData_t* vxTD, char* mName,
+                              long long fpCPUTime, int statusCode, char* backendName,
+                              long long methodWallTime, long long threadID, int isCalloutDone,
+                              char* TLS, int event_type, char* argValue, long long endTime,
+                              char** strSpan) VX_NOEXCEPT
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD || !app->Server.testRunRunning) {
+        VX_TRACE(VX_LEVEL(fpTraceLevel), 4, "FLOWPATH", "vxTD is null, returning");
+        return nullptr;
+    }
+    if (is_proxy_mode_agent(app)) {
+        /* The host's end time is kept: the frame carries what the host saw. */
+        if (endTime < 1) endTime = app->Server.klvEpochDiffTime + vxTD->tlFlowPathTimeStampInMS;
+        methodPropProperties* m = mName ? getMethodPropFromMethodName(mName, app->methodTable.methodHashMapNode)
+                                        : nullptr;
+        if (m) {
+            UpdateMData(endTime, m->methodId, vxTD, &fpCPUTime, &methodWallTime);
+        } else {
+            MethodExitEncode(0, statusCode, event_type, isCalloutDone, threadID, methodWallTime,
+                             vxTD->flowpathInstance, fpCPUTime, mName, backendName, vxTD->tierCallOutSeqNum,
+                             endTime, argValue);
+            send_meta_data(mName);
+            return nullptr;
+        }
+        MethodExitEncode(m->methodId, statusCode, event_type, isCalloutDone, threadID, methodWallTime,
+                         vxTD->flowpathInstance, fpCPUTime, mName, backendName, vxTD->tierCallOutSeqNum,
+                         endTime, argValue);
+        return nullptr;
+    }
+    return vxMethodExitEx(methodPtr, vxTD, mName, fpCPUTime, statusCode, backendName, methodWallTime, 0,
+                          threadID, isCalloutDone, TLS, argValue, endTime, strSpan);
+}
+
+namespace {
+
+/* Backend of a callout exit (steps shared by the normal and the exception
+ * exit): the method itself, or the entry named by the backend description. */
+methodPropProperties* callout_backend(VXProxyInstance_t* app, VXPerThreadData_t* vxTD,
+                                      methodPropProperties* m, char* encodedBackend,
+                                      long long* resourceID, bool exception_path)
+{
+    node_t* node = static_cast<node_t*>(vxTD->hasMapNodePtr);
+    if (!encodedBackend || !*encodedBackend) {
+        if (m->type_ != kMethodTypeDatabase) return m;
+        return searchAndUpdateMethodHashMap(encodedBackend, node, 0, m->type_, m->callOutValue);
+    }
+    if (m->type_ == kMethodTypeHttp && app->VXSys.enableIPResourceURL && !exception_path)
+        *resourceID = getIDForIPResourceURL(encodedBackend);
+    /* Naming rules by backend kind come with backend naming; "Host" is the
+     * default rule of every kind. */
+    char rule[] = "Host";
+    char name[1025];
+    settingBackendName(encodedBackend, rule, name, sizeof name);
+    methodPropProperties* b = searchAndUpdateMethodHashMap(name, node, 1, m->type_, m->callOutValue);
+    return b ? b : m;
+}
+
+/* The backend description with the separators of records turned into
+ * numeric entities; the pipe stays. Heap, or null. */
+char* encode_backend_name(const char* backendName)
+{
+    if (!backendName) return nullptr;
+    size_t cap = strlen(backendName) * 6 + 6;
+    if (cap > static_cast<size_t>(vx::kSeqBlobSize)) cap = vx::kSeqBlobSize;
+    auto* out = static_cast<char*>(malloc(cap));
+    if (!out) return nullptr;
+    size_t o = 0;
+    for (const char* p = backendName; *p && o + 5 < cap; ++p) {
+        const char* rep = nullptr;
+        switch (*p) {
+        case '\n': rep = "&#010;"; break;
+        case '\r': rep = "&#013;"; break;
+        case '"': rep = "&#034;"; break;
+        case '&': rep = "&#038;"; break;
+        case '\'': rep = "&#039;"; break;
+        case ',': rep = "&#044;"; break;
+        case '.': rep = "&#46;"; break;
+        case ':': rep = "&#58;"; break;
+        case '\\': rep = "&#092;"; break;
+        case '^': rep = "&#094;"; break;
+        default: break;
+        }
+        if (!rep) {
+            out[o++] = *p;
+            continue;
+        }
+        size_t rl = strlen(rep);
+        if (o + rl >= cap) break;
+        memcpy(out + o, rep, rl);
+        o += rl;
+    }
+    out[o] = '\0';
+    return out;
+}
+
+}  // namespace
+
 extern "C" void* vxMethodExitEx(void* methodPtr, VXPerThreadData_t* vxTD, char* mName,
                                 long long fpCPUTime, int statusCode, char* backendName,
                                 long long methodWallTime, char forceDump, long long threadId,
                                 int isCalOutDone, char* TLS, char* argValue, long long endTime,
                                 char** strSpan)
 {
-    (void)backendName;
-    (void)isCalOutDone;
-    (void)TLS;
-    (void)argValue;
-    (void)strSpan;
+    (void)strSpan; /* callout spans are returned here once spans exist */
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD || !app->Server.testRunRunning) return nullptr;
     if (!mName || !*mName) {
@@ -88,28 +336,147 @@ extern "C" void* vxMethodExitEx(void* methodPtr, VXPerThreadData_t* vxTD, char* 
                  vxTD->flowpathInstance, mName ? mName : "");
         return nullptr;
     }
+    vxTD = working_record(app, vxTD, TLS);
+    if (!vxTD) return nullptr;
     if (endTime < 1) endTime = app->Server.klvEpochDiffTime + vxTD->tlFlowPathTimeStampInMS;
+    const long long entryTimeStamp = (endTime - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS) / 1000;
     if (statusCode >= 0) vxTD->tlStatusCode = statusCode;
-    methodPropProperties* m = resolve(methodPtr, vxTD, mName);
+    const int isError = (vxTD->tlStatusCode >= 200 && vxTD->tlStatusCode <= 299) ? 0 : 1;
+
+    methodPropProperties* m = resolve(app, methodPtr, vxTD, mName, false);
     if (!m) return nullptr;
+    if (!methodPtr || m != methodPtr) m->usedFlag = 1;
     const int mid = m->methodId;
     if (mid < vx::kMethodCounterSize) {
         if (vxTD->methodEntryExitCounter[mid] < 1) {
             VX_TRACE(app->VXSys.controlTraceLevel, 4, "FLOWPATH",
-                     "FPI = %lld Method Exit = '%s,%d,%d' Entry Not Found", vxTD->flowpathInstance,
-                     mName, mid, vxTD->methodEntryExitCounter[mid]);
+                     "FPI = %lld Method Exit = '%s,%d,%d' Entry Not Found", vxTD->flowpathInstance, mName,
+                     mid, vxTD->methodEntryExitCounter[mid]);
             return nullptr;
         }
         UpdateMData(endTime, mid, vxTD, &fpCPUTime, &methodWallTime);
+        if (app->VXSys.enableCpuTime < 3 && agent_type_is(app, "go")) fpCPUTime = 0;
         --vxTD->methodEntryExitCounter[mid];
     }
-    const bool forced = m->callOutValue == 4;
+    if (skipped_by_host(app, m)) return nullptr;
+
+    char* encoded = encode_backend_name(backendName);
+    const bool callout = (m->isEntryPoint & kEntryPointCallout) && !vxTD->tlIsBTExcluded;
+    methodPropProperties* backend = m;
+    long long resourceID = 0;
+    if (callout) {
+        backend = callout_backend(app, vxTD, m, encoded, &resourceID, false);
+        if (m->type_ != kMethodTypeDatabase) {
+            ++vxTD->seqNum;
+            --vxTD->httpCallOutDepth;
+            if (vxTD->tierCallOutSeqNum && isCalOutDone)
+                updateCounterAndDurationForBackend(vxTD, backend, methodWallTime, isError);
+        } else {
+            ++vxTD->seqNum;
+            --vxTD->tlSQLObj.DBCallDepth;
+            if (vxTD->tlSQLObj.DBCallDepth <= 0 || app->VXSys.enableCaptureDataOutsideTxn)
+                updateCounterAndDurationForBackend(vxTD, backend, methodWallTime, isError);
+        }
+    }
+    if (m->isEntryPoint & kEntryPointCustomCallout) {
+        methodPropProperties* target = m->customCalloutptr ? m->customCalloutptr : m;
+        ++vxTD->seqNum;
+        vx::VXLockGuard guard(vxTD->sequenceBlobLock);
+        updateFPSeqBlobWithTierCallOutRecord(vxTD, entryTimeStamp, methodWallTime, target, resourceID);
+        updateCounterAndDurationForBackend(vxTD, target, methodWallTime, 0);
+    }
+    if (m->isEntryPoint & kEntryPointMonitor) updateCounterAndDurationForMethod(vxTD, m, methodWallTime);
+
+    const bool forced = m->callOutValue == kCallOutTxExit;
+    {
+        vx::VXLockGuard guard(vxTD->sequenceBlobLock);
+        if (vxTD->tlNonServiceMethodCount <= app->VXSys.bciMaxNonServiceMethodsPerFP) {
+            ++vxTD->seqNum;
+            int captureArgument = 0;
+            if (argValue && app->VXSys.enableProcessNotificationPhase == 1) {
+                dump19RecordForSpecificMethodArg(vxTD, mid, argValue);
+                captureArgument = 1;
+            }
+            if (!vxTD->tlIsBTExcluded && (vxTD->tlIsFPCaptured || forceDump == 1 || forced)) {
+                updateFPSeqBlob(vxTD, mid, methodWallTime, 1, -1, fpCPUTime, m->isAsyncCall, threadId, nullptr,
+                                captureArgument);
+                if (app->VXSys.dumpDebugData) updateDebugModeData(vxTD, mid, 1);
+            }
+        } else {
+            --vxTD->tlNonServiceMethodCount;
+        }
+        /* Callouts are collected whether or not the flowpath is captured;
+         * of nested database calls only the outermost appears. */
+        if (callout) {
+            const bool db_outermost = m->type_ == kMethodTypeDatabase && vxTD->tlSQLObj.DBCallDepth < 1;
+            const bool remote_done = (m->type_ == kMethodTypeHttp || m->type_ == kMethodTypeMessageQueue) &&
+                                     vxTD->tierCallOutSeqNum && isCalOutDone;
+            if (db_outermost || remote_done)
+                updateFPSeqBlobWithTierCallOutRecord(vxTD, entryTimeStamp, methodWallTime, backend, resourceID);
+        }
+    }
+    free(encoded);
+    return m;
+}
+
+extern "C" void* vxMethodExitException(void* methodPtr, VXPerThreadData_t* vxTD, char* mName,
+                                       long long fpCPUTime, int statusCode, char* backendName,
+                                       long long methodWallTime, char forceDump, long long threadId,
+                                       int isCalOutDone, char* TLS, int event_type) VX_NOEXCEPT
+{
+    (void)isCalOutDone;
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD || !app->Server.testRunRunning) return nullptr;
+    vxTD = working_record(app, vxTD, TLS);
+    if (!vxTD) return nullptr;
+    if (is_proxy_mode_agent(app)) {
+        vxMethodExitExceptionEncode(vxTD->flowpathInstance, mName, backendName, threadId, event_type);
+        return nullptr;
+    }
+    const long long entryTimeStamp =
+        my_gettimeofday() - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
+    /* The status only rises on the way out of an exception. */
+    if (statusCode >= 0 && statusCode > vxTD->tlStatusCode) vxTD->tlStatusCode = statusCode;
+    const int isError = (vxTD->tlStatusCode >= 200 && vxTD->tlStatusCode <= 299) ? 0 : 1;
+    methodPropProperties* m = resolve(app, methodPtr, vxTD, mName, false);
+    if (!m) return nullptr;
+    const int mid = m->methodId;
+
+    if ((m->isEntryPoint & kEntryPointCallout) && !vxTD->tlIsBTExcluded) {
+        char* encoded = encode_backend_name(backendName);
+        long long resourceID = 0;
+        methodPropProperties* backend = callout_backend(app, vxTD, m, encoded, &resourceID, true);
+        free(encoded);
+        bool token = true;
+        if (m->type_ != kMethodTypeDatabase) {
+            --vxTD->httpCallOutDepth;
+        } else {
+            ++vxTD->seqNum;
+            --vxTD->tlSQLObj.DBCallDepth;
+            token = !(vxTD->tlSQLObj.DBCallDepth > 0 && !app->VXSys.enableCaptureDataOutsideTxn);
+        }
+        if (token) {
+            updateFPSeqBlobWithTierCallOutExceptionRecord(vxTD, entryTimeStamp, methodWallTime, backend,
+                                                          resourceID, vxTD->tlStatusCode);
+            updateCounterAndDurationForBackend(vxTD, backend, methodWallTime, isError);
+        }
+    }
+    if (m->isEntryPoint & kEntryPointCustomCallout) {
+        methodPropProperties* target = m->customCalloutptr ? m->customCalloutptr : m;
+        updateFPSeqBlobWithTierCallOutExceptionRecord(vxTD, entryTimeStamp, methodWallTime, target, 0,
+                                                      vxTD->tlStatusCode);
+        updateCounterAndDurationForBackend(vxTD, target, methodWallTime, isError);
+    }
+    if (m->isEntryPoint & kEntryPointMonitor) updateCounterAndDurationForMethod(vxTD, m, methodWallTime);
+
     vx::VXLockGuard guard(vxTD->sequenceBlobLock);
     if (vxTD->tlNonServiceMethodCount <= app->VXSys.bciMaxNonServiceMethodsPerFP) {
-        ++vxTD->seqNum;
-        if (!vxTD->tlIsBTExcluded && (vxTD->tlIsFPCaptured || forceDump == 1 || forced))
-            updateFPSeqBlob(vxTD, mid, methodWallTime, 1, -1, fpCPUTime, m->isAsyncCall, threadId,
+        if (!vxTD->tlIsBTExcluded &&
+            (vxTD->tlIsFPCaptured || forceDump == 1 || m->callOutValue == kCallOutTxExit)) {
+            ++vxTD->seqNum;
+            updateFPSeqBlob(vxTD, mid, methodWallTime, event_type, -1, fpCPUTime, m->isAsyncCall, threadId,
                             nullptr, 0);
+        }
     } else {
         --vxTD->tlNonServiceMethodCount;
     }
@@ -121,24 +488,105 @@ extern "C" void updateFPSeqBlob(VXPerThreadData_t* vxTD, int mid, long long star
                                 char* urlStr, int captureArgument)
 {
     (void)pageID;
-    (void)captureArgument;
-    if (!vxTD) return;
-    char* at = vxTD->sequenceBlob + vxTD->sequenceBlobLen;
-    const size_t room = static_cast<size_t>(vx::kSeqBlobSize - vxTD->sequenceBlobLen);
-    int n;
+    VXProxyInstance_t* app = vx_app();
+    if (!vxTD || !app) return;
+    TokenWriter w(vxTD);
     if (eventID == 0) {
         if (isAsyncCall)
-            n = snprintf(at, room, "%d:%lld:1:%s_%d_%lld__", mid, threadID, urlStr ? urlStr : "", 0,
-                         startTime);
+            w.write(mid, ':', threadID, ":1:", urlStr ? urlStr : "", "_0_", startTime, "__");
         else
-            n = snprintf(at, room, "%d:%lld_%d_%lld__", mid, threadID, 0, startTime);
-    } else if (cpuTime < 0) {
-        n = snprintf(at, room, "%d:%lld_%d_%lld____", mid, threadID, eventID, startTime);
+            w.write(mid, ':', threadID, "_0_", startTime, "__");
     } else {
-        n = snprintf(at, room, "%d:%lld_%d_%lld_%lld___", mid, threadID, eventID, startTime, cpuTime);
+        w.write(mid, ':', threadID, '_', eventID);
+        if (captureArgument && app->VXSys.enableProcessNotificationPhase == 1) w.write(':', vxTD->seqNum);
+        w.write('_', startTime);
+        if (cpuTime >= 0)
+            w.write('_', cpuTime, "___");
+        else
+            w.write("____");
     }
-    if (n > 0) vxTD->sequenceBlobLen += n;
-    if (vxTD->sequenceBlobLen > vx::kSeqBlobSize) vxTD->sequenceBlobLen = vx::kSeqBlobSize;
+    w.finish(vxTD);
+    checkToDumpFPSeqBlob(vxTD);
+}
+
+extern "C" void updateFPSeqBlobWithTierCallOutRecord(VXPerThreadData_t* vxTD, long long methodStartTime,
+                                                     long long duration, methodPropProperties* mPP,
+                                                     long long resourceID)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!vxTD || !mPP || !app) return;
+    const int status = vxTD->tlStatusCode;
+    const bool ok = status >= 200 && status <= 299;
+    const char letter = ok ? 'T' : 'E';
+    const long long start = methodStartTime;
+    const int kind = static_cast<signed char>(mPP->callOutValue);
+    const int mid = mPP->methodId;
+    TokenWriter w(vxTD);
+    switch (mPP->type_) {
+    case kMethodTypeDatabase:
+        w.write(letter, vxTD->seqNum, ':', mid, ':', duration, ':', kind, ':', vxTD->tlSQLObj.sqlId, ':', start,
+                "::::", status, ':', vxTD->tlSQLObj.DBQueryParam ? vxTD->tlSQLObj.DBQueryParam : "", '_');
+        break;
+    case kMethodTypeCustom:
+        w.write(letter, vxTD->seqNum, ':', mid, ':', duration, ':', 8, ":-:", start);
+        if (!ok) w.write(':', status);
+        w.put('_');
+        break;
+    case kMethodTypeMessageQueue:
+        w.write(letter, vxTD->seqNum, ':', mid, ':', duration, ':', kind, ':', vxTD->tlSQLObj.sqlId, ':', start);
+        if (!ok) w.write(':', status);
+        w.put('_');
+        break;
+    default:
+        w.write(letter, callout_seq(vxTD), ':', mid, ':', duration, ':', 1, ":-:", start);
+        if (!ok) w.write(':', status);
+        if (app->VXSys.enableIPResourceURL) w.write(':', resourceID);
+        w.put('_');
+        vxTD->tierCallOutSeqNum = 0;
+        break;
+    }
+    w.finish(vxTD);
+    free(vxTD->tlSQLObj.DBQueryParam);
+    vxTD->tlSQLObj.DBQueryParam = nullptr;
+    checkToDumpFPSeqBlob(vxTD);
+}
+
+extern "C" void updateFPSeqBlobWithTierCallOutExceptionRecord(VXPerThreadData_t* vxTD,
+                                                              long long methodStartTime, long long duration,
+                                                              methodPropProperties* mPP, long long resourceID,
+                                                              int statusCode)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!vxTD || !mPP || !app) return;
+    vx::VXLockGuard guard(vxTD->sequenceBlobLock);
+    TokenWriter w(vxTD);
+    const int mid = mPP->methodId;
+    if (mPP->type_ == kMethodTypeDatabase) {
+        w.write('E', vxTD->seqNum, ':', mid, ':', duration, ':', 10, ':', vxTD->tlSQLObj.sqlId, ':',
+                methodStartTime, ':', statusCode, '_');
+    } else if (app->VXSys.enableIPResourceURL) {
+        w.write('E', callout_seq(vxTD), ':', mid, ':', duration, ':', 1, ':', 0, ':', methodStartTime, ':',
+                statusCode, ':', resourceID, '_');
+        vxTD->tierCallOutSeqNum = 0;
+    } else if (mPP->type_ == kMethodTypeHttp) {
+        w.write('E', callout_seq(vxTD), ':', mid, ':', duration, ':', 1, ':', 0, ':', methodStartTime, ':',
+                statusCode, '_');
+        vxTD->tierCallOutSeqNum = 0;
+    } else {
+        VX_TRACE(app->VXSys.fpTraceLevel, 2, "FLOWPATH",
+                 "During Exception Callout, No CallOut Detected for method: [%s]", mPP->methodName);
+        return;
+    }
+    w.finish(vxTD);
+    checkToDumpFPSeqBlob(vxTD);
+}
+
+extern "C" void appendExceptionRecordInSeqBlob(VXPerThreadData_t* vxTD)
+{
+    if (!vxTD) return;
+    TokenWriter w(vxTD);
+    w.write('e', vxTD->seqNum, '_');
+    w.finish(vxTD);
     checkToDumpFPSeqBlob(vxTD);
 }
 
@@ -148,6 +596,60 @@ extern "C" void checkToDumpFPSeqBlob(VXPerThreadData_t* vxTD)
     if (!app || !vxTD) return;
     if (vxTD->sequenceBlobLen >= app->VXFlowpathGenerator.maxCharactersInSeqBlob)
         dumpIncompleteFlowpathSeqBlock(vxTD);
+}
+
+extern "C" void dump19RecordForSpecificMethodArg(VXPerThreadData_t* vxTD, int mid, char* value)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD || !app->httpHashMapNode) return;
+    httpHashMapNode_t* header =
+        searchAndUpdatehttpHashMapNode(const_cast<char*>("Custom_Header"), app->httpHashMapNode, 1);
+    if (!header) return;
+    ++vxTD->seqNum;
+    char buf[vx::kMetaRecordSize];
+    int n = snprintf(buf, sizeof buf, "19,%lld,2:%d:%lld:%d:1:<%s>|\n", vxTD->flowpathInstance, mid,
+                     vxTD->seqNum, header->id, value ? value : "");
+    if (n < 0) return;
+    if (n >= static_cast<int>(sizeof buf)) n = static_cast<int>(sizeof buf) - 1;
+    dumpData(buf, n);
+}
+
+extern "C" void updateDebugModeData(VXPerThreadData_t* vxTD, int mid, int eventID)
+{
+    if (!vxTD) return;
+    const size_t used = static_cast<size_t>(vxTD->debugModeLen);
+    if (used >= sizeof vxTD->debugModeBuf - 1) return;
+    int n = snprintf(vxTD->debugModeBuf + used, sizeof vxTD->debugModeBuf - used,
+                     used == 0 ? "%d:%lld_%d_%lld_%p" : "|%d:%lld_%d_%lld_%p", mid, vxTD->tlThreadId, eventID,
+                     vxTD->seqNum, static_cast<void*>(vxTD));
+    if (n < 0) return;
+    /* As far as it fits: an entry that did not fit whole is taken back. */
+    if (used + static_cast<size_t>(n) >= sizeof vxTD->debugModeBuf)
+        vxTD->debugModeBuf[used] = '\0';
+    else
+        vxTD->debugModeLen += n;
+}
+
+extern "C" void dumpDataForDebug(VXPerThreadData_t* vxTD)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD || vxTD->debugModeLen == 0) return;
+    if (app->VXSys.dumpDebugData) {
+        char buf[vx::kMetaRecordSize];
+        int n = snprintf(buf, sizeof buf, "%d,%lld,%s\n", 100, vxTD->flowpathInstance, vxTD->debugModeBuf);
+        if (n > 0) dumpData(buf, n < static_cast<int>(sizeof buf) ? n : static_cast<int>(sizeof buf) - 1);
+    }
+    /* The buffer belongs to one flowpath: it is emptied once reported. */
+    vxTD->debugModeLen = 0;
+    vxTD->debugModeBuf[0] = '\0';
+}
+
+extern "C" void dumpStackTraceData(char* stacktrace)
+{
+    if (!stacktrace) return;
+    char buf[vx::kFlowpathRecordSize];
+    int n = snprintf(buf, sizeof buf, "%d:%s\n", 100, stacktrace);
+    if (n > 0) dumpData(buf, n < static_cast<int>(sizeof buf) ? n : static_cast<int>(sizeof buf) - 1);
 }
 
 extern "C" void CreateMdata(int methodid, long long startTime, long long start_mCPUTime,
@@ -163,8 +665,8 @@ extern "C" void CreateMdata(int methodid, long long startTime, long long start_m
     modify_hashmap(d->key, d, vxTD->sdkAgentHash);
 }
 
-extern "C" void UpdateMData(long long endtime, int methodid, VXPerThreadData_t* vxTD,
-                            long long* fpCPUTime, long long* methodWallTime)
+extern "C" void UpdateMData(long long endtime, int methodid, VXPerThreadData_t* vxTD, long long* fpCPUTime,
+                            long long* methodWallTime)
 {
     if (!vxTD || !vxTD->sdkAgentHash || methodid < 0 || methodid >= vx::kMethodCounterSize) return;
     char key[20];
@@ -182,12 +684,11 @@ extern "C" void UpdateMData(long long endtime, int methodid, VXPerThreadData_t* 
 extern "C" void FreeMData(VXPerThreadData_t* vxTD)
 {
     if (!vxTD || !vxTD->sdkAgentHash) return;
-    /* Collect first: entries cannot be freed while the iterator walks them. */
+    /* Collected first: entries cannot be freed while the iterator walks them. */
     void* open[64];
     while (true) {
         int n = 0;
-        for (apr_hash_index_t* hi = apr_hash_first(nullptr, vxTD->sdkAgentHash); hi && n < 64;
-             hi = apr_hash_next(hi))
+        for (apr_hash_index_t* hi = apr_hash_first(nullptr, vxTD->sdkAgentHash); hi && n < 64; hi = apr_hash_next(hi))
             open[n++] = apr_hash_this_val(hi);
         if (n == 0) break;
         for (int i = 0; i < n; ++i) {
@@ -198,8 +699,7 @@ extern "C" void FreeMData(VXPerThreadData_t* vxTD)
     }
 }
 
-/* STAND-IN (issue #3): debug data (record 100) is not collected yet. */
-extern "C" void dumpDataForDebug(VXPerThreadData_t* vxTD) { (void)vxTD; }
+extern "C" int getDBCallDepth(VXPerThreadData_t* vxTD) { return vxTD ? vxTD->tlSQLObj.DBCallDepth : 0; }
 
 extern "C" int getMaxCharactersInSeqBlob(void)
 {
@@ -218,33 +718,3 @@ extern "C" void setMaxCharactersInSeqBlob(int value)
     }
     app->VXFlowpathGenerator.maxCharactersInSeqBlob = value;
 }
-
-/* STAND-IN (issue #3): the public calls hand over to the engine directly. */
-extern "C" void* vxMethodEntry(void* methodPtr, VXPerThreadData_t* vxTD, char* mName, char* url,
-                               char* urlParameter, long long threadID, char* pName, char* TLS,
-                               long long startTime, char* DBQueryParam) VX_NOEXCEPT
-{
-    return vxMethodEntryEx(methodPtr, vxTD, mName, url, urlParameter, threadID, pName, 0, TLS,
-                           startTime, DBQueryParam);
-}
-
-extern "C" void* vxMethodExit(void* methodPtr, VXPerThreadData_t* vxTD, char* mName,
-                              long long fpCPUTime, int statusCode, char* backendName,
-                              long long methodWallTime, long long threadID, int isCalloutDone,
-                              char* TLS, int event_type, char* argValue, long long endTime,
-                              char** strSpan) VX_NOEXCEPT
-{
-    (void)event_type;
-    return vxMethodExitEx(methodPtr, vxTD, mName, fpCPUTime, statusCode, backendName,
-                          methodWallTime, 0, threadID, isCalloutDone, TLS, argValue, endTime, strSpan);
-}
-
-extern "C" void* vxMethodExitException(void*, VXPerThreadData_t*, char*, long long, int, char*,
-                                       long long, char, long long, int, char*, int) VX_NOEXCEPT
-{
-    return nullptr;
-}
-
-extern "C" int isMethodInHashMap(char*) VX_NOEXCEPT { return 0; }
-
-extern "C" int getArgValueForCustomLog(char*) VX_NOEXCEPT { return 0; }

@@ -1,19 +1,31 @@
 /*
  * Method entry and exit: the tokens of the sequence blob.
  *
- * STAND-IN (issue #3): this is the engine's root-method path only: the entry
- * and exit tokens of a known method, the open-method records, and the flush
- * to record 3. Callouts, arguments, debug data and the public per-method
- * calls come with the method-events work.
+ * Between startFP and endFP the host reports each instrumented method. Each
+ * event appends a token to the flowpath's sequence blob, naming the method by
+ * its id in the method table; callouts to databases, HTTP peers and custom
+ * backends add their own tokens. A blob that reaches maxCharactersInSeqBlob
+ * leaves as record 3.
  *
- * Lock order: sequenceBlobLock outside the data buffer lock.
+ * Grammar (mid method id, tid host thread id, offset entry ms from the
+ * flowpath's start, wall ms, cpu ns, seq the flowpath's event number):
+ *   entry                  "<mid>:<tid>_0_<offset>__"
+ *   async entry            "<mid>:<tid>:1:<url>_0_<offset>__"
+ *   exit                   "<mid>:<tid>_1_<wall>_<cpu>___"   ("____" without cpu)
+ *   exit with argument     "<mid>:<tid>_1:<seq>_<wall>_<cpu>___"
+ *   exception exit         as exit, with event 3 or 4
+ *   exception marker       "e<seq>_";  thread callout "t<seq>_"
+ *   callouts               "T..."/"E..." by kind, see updateFPSeqBlobWithTierCallOutRecord
+ *
+ * The public vxMethodEntry/vxMethodExit/vxMethodExitException are declared in
+ * vx_sdk.h. Lock order: sequenceBlobLock outside the data buffer lock.
  */
 #ifndef VX_METHOD_EVENTS_H
 #define VX_METHOD_EVENTS_H
 
 #include "vx_sdk.h"
 
-struct VXPerThreadData_t;
+struct methodPropProperties;
 
 /* One open method call, in the record's sdkAgentHash. */
 struct SDKAgentTimeDetails_t {
@@ -35,12 +47,33 @@ void* vxMethodExitEx(void* methodPtr, VXPerThreadData_t* vxTD, char* mName, long
                      long long threadId, int isCalOutDone, char* TLS, char* argValue,
                      long long endTime, char** strSpan);
 
-/* Append one entry (eventID 0) or exit (1) token; caller holds
- * sequenceBlobLock. Flushes to record 3 at maxCharactersInSeqBlob. */
+/* Append one entry (eventID 0), exit (1) or exception exit (3, 4) token.
+ * Caller holds sequenceBlobLock. Flushes to record 3 at the threshold. */
 void updateFPSeqBlob(VXPerThreadData_t* vxTD, int mid, long long startTime, int eventID,
                      int pageID, long long cpuTime, int isAsyncCall, long long threadID,
                      char* urlStr, int captureArgument);
+
+/* The callout token of `mPP` ("T" when the status is 2xx, else "E"). Caller
+ * holds sequenceBlobLock. */
+void updateFPSeqBlobWithTierCallOutRecord(VXPerThreadData_t* vxTD, long long methodStartTime,
+                                          long long duration, methodPropProperties* mPP,
+                                          long long resourceID);
+/* The callout token of a callout left by an exception; takes the lock. */
+void updateFPSeqBlobWithTierCallOutExceptionRecord(VXPerThreadData_t* vxTD, long long methodStartTime,
+                                                   long long duration, methodPropProperties* mPP,
+                                                   long long resourceID, int statusCode);
+
 void checkToDumpFPSeqBlob(VXPerThreadData_t* vxTD);
+/* "e<seq>_": an exception was captured here. Caller holds sequenceBlobLock. */
+void appendExceptionRecordInSeqBlob(VXPerThreadData_t* vxTD);
+
+/* Debug data (record 100). */
+void updateDebugModeData(VXPerThreadData_t* vxTD, int mid, int eventID);
+void dumpDataForDebug(VXPerThreadData_t* vxTD);
+void dumpStackTraceData(char* stacktrace);
+
+/* Record 19: a method argument's value. */
+void dump19RecordForSpecificMethodArg(VXPerThreadData_t* vxTD, int mid, char* value);
 
 void CreateMdata(int methodid, long long startTime, long long start_mCPUTime,
                  VXPerThreadData_t* vxTD);
@@ -48,8 +81,7 @@ void UpdateMData(long long endtime, int methodid, VXPerThreadData_t* vxTD, long 
                  long long* methodWallTime);
 void FreeMData(VXPerThreadData_t* vxTD);
 
-void dumpDataForDebug(VXPerThreadData_t* vxTD);
-
+int getDBCallDepth(VXPerThreadData_t* vxTD);
 int getMaxCharactersInSeqBlob(void);
 void setMaxCharactersInSeqBlob(int value);
 }

@@ -1,61 +1,160 @@
 /*
- * The method table: method names to ids, in generations that flowpaths keep
- * alive by reference count.
+ * The method table: every name that enters a flowpath (instrumented methods,
+ * backends, the root method) as a small integer id, announced to the
+ * collector in record 5.
  *
- * STAND-IN (issue #3): only the root method exists and the table has a single
- * generation. The reference counting that flowpaths do is real.
+ * The table changes at run time by making a new generation (node_t): the
+ * previous one is left as it was, so flowpaths started on it finish on it.
+ * Generations are never freed, and at the end of a session the table is
+ * retired rather than freed: a host may keep a method handle (the
+ * methodPropProperties* that vxMethodEntry returned) for as long as it likes,
+ * and a handle must never point at freed memory. A handle is used without a
+ * lookup only while it belongs to the current generation.
+ *
+ * Lock: methodEntryLock (the method lock) guards lookups and changes of the
+ * current generation and the pointer to it. It is taken outside the map
+ * family locks and outside the data buffer lock (record 5 goes out under it).
  */
 #ifndef VX_METHOD_TABLE_H
 #define VX_METHOD_TABLE_H
 
 #include <apr_hash.h>
+#include <apr_pools.h>
 #include <apr_thread_mutex.h>
 
 struct VXPerThreadData_t;
+struct node_t;
 
-/* One method of the table. */
+struct methodArgList_t {
+    char* argName;
+    char* type;
+};
+
+/* One method (or backend) of the table. */
 struct methodPropProperties {
-    char* methodName;
+    char type_;        /* 0 plain, 1 HTTP, 2 database, 6 custom, 27 MQ, 83 custom log, 5 monitor */
+    char callOutValue; /* sub-kind: 1 HTTP_ENTRY, 4 TX_EXIT, 10 SQL, ... */
+    char* moduleName;
+    char* methodName; /* the key */
+    char* mon_methodName;
+    char* customCalloutName;
+    char* aliasMethodName;
+    char* methodRetType;
+    char autoDeInstrFlg;
+    char isInBlackListFlg;
     int methodId;
-    int isEntryPoint;  /* flags: 1 service entry, 2 callout, 4 monitor, 8 custom callout */
-    int type_;         /* 1 HTTP, 2 database, 6 custom, 27 message queue */
-    int callOutValue;  /* 1 HTTP_ENTRY, 4 TX_EXIT */
-    int isAsyncCall;
+    int isEntryPoint; /* flags: 1 service entry, 2 callout, 4 method monitor, 8 custom callout */
     int usedFlag;
-    int instrumentationProp;
+    int instrumentationProp; /* 1 new, 2 kept from the previous profile, 3 no longer listed */
+    int instrumentationStatus;
+    int isAsyncCall;
+    int methodArgIndex;
+    unsigned int methodArgsListCount;
+    methodArgList_t* methodArgList;
+    methodPropProperties* customCalloutptr;
+    node_t* generation; /* the table this entry belongs to */
+};
+
+/* Entry-point flags. */
+enum : int {
+    kEntryPointService = 1,
+    kEntryPointCallout = 2,
+    kEntryPointMonitor = 4,
+    kEntryPointCustomCallout = 8,
+};
+
+/* Method kinds (type_). */
+enum : int {
+    kMethodTypePlain = 0,
+    kMethodTypeHttp = 1,
+    kMethodTypeDatabase = 2,
+    kMethodTypeCustom = 6,
+    kMethodTypeMessageQueue = 27,
+    kMethodTypeCustomLog = 83,
+};
+
+/* Sub-kinds (callOutValue) that force tokens. */
+enum : int {
+    kCallOutHttpEntry = 1,
+    kCallOutTxExit = 4,
 };
 
 /* One generation of the table. */
 struct node_t {
     apr_hash_t* ptr; /* methodName -> methodPropProperties */
-    int ref_count;   /* flowpaths started on this generation */
-    char type;
-    long long timeStamp;
-    node_t* next;
+    int ref_count;   /* flowpaths started on this generation and not ended */
+    char type;       /* 1 once an instrumentation profile was applied */
+    long long timeStamp; /* ms when superseded */
+    node_t* next;    /* the generation this one superseded */
+    apr_pool_t* pool; /* the hash's memory */
 };
 
 struct VXMethodTable_t {
-    apr_thread_mutex_t* methodEntryLock; /* the method lock */
-    node_t* methodHashMapNode;           /* current generation */
-    node_t* methodHashMapNodeTemp;
-    int methodIDGlobal;                  /* next id */
-    methodPropProperties* DefaultMethod; /* root of every flowpath */
+    apr_thread_mutex_t* methodEntryLock;
+    node_t* methodHashMapNode;     /* current generation */
+    node_t* methodHashMapNodeTemp; /* the one being built during a copy */
+    int methodIDGlobal;            /* next id */
+    methodPropProperties* DefaultMethod;
     int dbBackendId;
+    node_t* retired; /* generations of ended sessions, kept for hosts' handles */
 };
 
 /* Name of the root method of every flowpath. */
 inline constexpr const char kRootMethodName[] = "Profiler.Kelvane.BeginRequest";
+/* Name of the default database backend. */
+inline constexpr const char kDefaultDBBackendName[] = "DB_SQLDB";
 
 extern "C" {
 
-/* Create the current generation with the root method in it. */
-void vxMethodTableInit(void);
+void getMethodHashMapLock(void);
+void releaseMethodHashMapLock(void);
 
-/* Bind the flowpath to the current generation: its ref_count rises. */
+/* Find `mName` (or the backend key its type forms) in `node`, creating it
+ * when absent. With `updateFlag` the entry is a backend: counted, and capped
+ * at maxIPCount distinct backends beyond which the name is "Others". Takes
+ * the method lock. Null for an HTTP backend without a name. */
+methodPropProperties* searchAndUpdateMethodHashMap(char* mName, node_t* methodHashMapNodeLocal,
+                                                   int updateFlag, int type, int callOutValue);
+
+/* Create `backendName` in `node` with the next id and send record 5. Caller
+ * holds the method lock. */
+methodPropProperties* updateMethodHashMap(char* backendName, int isEntryPointPtr, int type,
+                                          node_t* methodHashMapNodeLocal, int callOutValue);
+
+/* Find without creating, under the method lock. */
+methodPropProperties* getMethodPropFromMethodName(char* mName, node_t* methodHashMapNodeLocal);
+
+/* Apply an instrumentation profile (null: none was sent): a new generation
+ * when a table exists. */
+void setMethodHashMapNode(char* buffer);
+void readInstrProfFileRTC(char* buffer);
+int readInstrProfFile(apr_pool_t* pool, char* buffer);
+
+/* Apply an entry-point file. */
+void parseEntryFile(char* buffer);
+
+/* Record 5 with the signature: "5,<name>(<args;>)<ret>,<id>". */
+void dumpMetadataForSig(methodPropProperties* mPP);
+
+methodPropProperties* make_node_copy(methodPropProperties* in);
+void make_argument_copy(methodPropProperties* dst, methodPropProperties* src);
+void make_hash_copy(apr_hash_t* dst, apr_hash_t* src);
+void make_haspmap_copy(void);
+void resetmethodHashMapNode(void* hashMap, int type);
+void makeHashmapCopyAndaddToLL(int type);
+
+/* Bind the flowpath to the current generation (its ref_count rises) / a
+ * flowpath on `node` ended. */
 void saveNodeAndIncrementMethodRefCount(VXPerThreadData_t* vxTD);
-
-/* A flowpath on `node` ended. */
 void vxDecrementMethodRefCount(node_t* node);
+
+void free_node(node_t* node);
+/* Session end: the current generation is retired and the table emptied. */
+void free_methodHashMapNode(void);
+
+void dumpFileforGoAgent(char* fileName, char* fileData);
+char* get_proces_name(void);
+void hashMapForAgent(void);
 }
 
 #endif

@@ -11,10 +11,12 @@
 namespace vx {
 
 /* Open session `testIdx` whose record times count from `klvEpochDiffTime`
- * (ms since the epoch). */
+ * (ms since the epoch). The method table is made (without a profile) when
+ * none was loaded, and the data channel counts as running. */
 void session_start(int testIdx, long long klvEpochDiffTime);
 
-/* Close every open flowpath (type 7) and lower the session flags. */
+/* Close every open flowpath (type 7), lower the session flags and retire
+ * the method table. */
 void session_stop();
 
 }  // namespace vx

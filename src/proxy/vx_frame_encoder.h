@@ -14,6 +14,16 @@ void transactionStartEncode(long long qTimeInMS, long long flowpathInstance, cha
 void transactionEndEncode(int statusCode, long long flowpathInstance, long long endTime,
                           long long cpuTime, int tracerequest);
 void transactionResetEncode(long long flowpathInstance);
+void MethodEntryEncode(int mid, long long flowpathInstance, long long threadID, char* mName, char* url,
+                       char* urlParameter, long long startTime, char* DBQueryParam);
+void MethodExitEncode(int mid, int statusCode, int event_type, int isCalloutDone, long long threadID,
+                      long long methodWallTime, long long flowpathInstance, long long fpCPUTime,
+                      char* mName, char* backendName, long long tierCallOutSeqNum, long long endTime,
+                      char* argValue);
+void vxMethodExitExceptionEncode(long long flowPathInstance, char* ExceptionMethodName,
+                                 char* ExceptionBackendName, long long threadId, int ExceptionExitType);
+/* Ask the proxy for the metadata of a method the agent does not know. */
+void send_meta_data(char* mName);
 }
 
 #endif

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
 
 #include "core/vx_instance.h"
 
@@ -67,7 +68,12 @@ extern "C" void VXBCISettingInit(void)
 
 extern "C" void setAgentType(char* agentType)
 {
-    if (VXProxyInstance_t* app = vx_app()) replace_text(&app->VXBCISetting.agentType, agentType);
+    VXProxyInstance_t* app = vx_app();
+    if (!app) return;
+    VXBCISetting_t& s = app->VXBCISetting;
+    replace_text(&s.agentType, agentType);
+    s.agentIsPhp = s.agentType && strcasecmp(s.agentType, "php") == 0;
+    s.agentIsGo = s.agentType && strcmp(s.agentType, "go") == 0;
 }
 
 extern "C" void setAgentVersion(char* agentVersion)

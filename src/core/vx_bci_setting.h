@@ -67,6 +67,9 @@ struct VXBCISetting_t {
     char* json_tag;
     char* tagnew;
     char* agentVersion;
+    /* agentType, classified once for the hot paths: "php" (any case) and "go". */
+    char agentIsPhp;
+    char agentIsGo;
 };
 
 extern "C" {

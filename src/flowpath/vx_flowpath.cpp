@@ -2,7 +2,6 @@
 
 #include <apr_time.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstdint>
@@ -14,6 +13,7 @@
 #include "core/vx_instance.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
+#include "core/vx_text_writer.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_callout.h"
@@ -32,34 +32,26 @@ constexpr char kUnknownUrl[] = "UnknownUrl";
 
 /* A record being formatted into a fixed buffer; output past the end is cut,
  * which is how every record is bounded. */
-class RecordBuffer {
+class RecordBuffer : public vx::TextWriter {
 public:
-    void add(const char* fmt, ...) __attribute__((format(printf, 2, 3)))
-    {
-        if (len_ >= kMax) return;
-        va_list ap;
-        va_start(ap, fmt);
-        int n = vsnprintf(buf_ + len_, sizeof buf_ - static_cast<size_t>(len_), fmt, ap);
-        va_end(ap);
-        if (n > 0) len_ = (len_ + n > kMax) ? kMax : len_ + n;
-    }
+    RecordBuffer() : vx::TextWriter(buf_, sizeof buf_) {}
     /* The line, ended by a newline unless it was cut. */
     void send()
     {
-        add("\n");
-        dumpData(buf_, len_);
+        put('\n');
+        finish();
+        dumpData(buf_, static_cast<int>(stored()));
     }
 
 private:
-    static constexpr int kMax = vx::kFlowpathRecordSize - 1;
     char buf_[vx::kFlowpathRecordSize];
-    int len_ = 0;
 };
 
 /* The instance as it stands in records: "%lld", with "F" when forced. */
 void add_instance(RecordBuffer& r, long long value, bool forced)
 {
-    r.add(forced ? "%lldF" : "%lld", value);
+    r.put(value);
+    if (forced) r.put('F');
 }
 
 bool is_proxy_mode_agent(const VXProxyInstance_t* app)
@@ -316,33 +308,33 @@ extern "C" void dumpFPHeaderRecord(VXPerThreadData_t* vxTD)
     vxTD->tlIsFPHeaderDumped = 1;
     const bool forced = vxTD->tlIsForceDump != 0;
     RecordBuffer r;
-    r.add("%d,", 2);
+    r.put("2,");
     add_instance(r, vxTD->flowpathInstance, forced);
     if (vxTD->firstFlowpathInstance != 0) {
-        r.add(":");
+        r.put(':');
         add_instance(r, vxTD->firstFlowpathInstance, forced);
-        r.add(":");
+        r.put(':');
         add_instance(r, vxTD->prevFlowpathInstance, forced);
     }
-    r.add(",%lld,%lld,", vxTD->tlFlowPathTimeStampInMS / 1000, vxTD->tlThreadId);
+    r.write(',', vxTD->tlFlowPathTimeStampInMS / 1000, ',', vxTD->tlThreadId, ',');
     if (vxTD->firstFlowpathInstance != 0 && vxTD->prevTierSeq)
-        r.add("%s.1", vxTD->prevTierSeq);
+        r.put(vxTD->prevTierSeq);
     else
-        r.add("%lld.1", vxTD->tlThreadId);
-    r.add(",%d,", vxTD->tlBTObj->bt_id);
-    if (vxTD->tlURLParameters[0])
-        r.add("%s?%s", vxTD->tlURL, vxTD->tlURLParameters);
+        r.put(vxTD->tlThreadId);
+    r.write(".1,", vxTD->tlBTObj->bt_id, ',', vxTD->tlURL);
+    if (vxTD->tlURLParameters[0]) r.write('?', vxTD->tlURLParameters);
+    r.write(',', app->VXSys.captureCorrelationEnabled ? vxTD->tlCorrelationIdHeader : "", ',', vxTD->vxSessionId, ',');
+    if (vxTD->klvSID > 0)
+        r.put_zero_padded(vxTD->klvSID, 21);
     else
-        r.add("%s", vxTD->tlURL);
-    r.add(",%s,%lld,", app->VXSys.captureCorrelationEnabled ? vxTD->tlCorrelationIdHeader : "",
-          vxTD->vxSessionId);
-    r.add(vxTD->klvSID > 0 ? "%021lld" : "%lld", vxTD->klvSID);
-    r.add(",%lld,,%d,%lld,", vxTD->VXPageID, vxTD->tlFlowpathType, vxTD->qTimeInMS);
-    if (app->VXSys.enableOTELStandard && arrPropagationHeaders[0] == 1)
-        r.add("%s,%s,%.2d", vxTD->OTL_traceID ? vxTD->OTL_traceID : "",
-              vxTD->OTL_parentID ? vxTD->OTL_parentID : "", vxTD->OTL_traceflag);
-    else
-        r.add(",,");
+        r.put(vxTD->klvSID);
+    r.write(',', vxTD->VXPageID, ",,", vxTD->tlFlowpathType, ',', vxTD->qTimeInMS, ',');
+    if (app->VXSys.enableOTELStandard && arrPropagationHeaders[0] == 1) {
+        r.write(vxTD->OTL_traceID ? vxTD->OTL_traceID : "", ',', vxTD->OTL_parentID ? vxTD->OTL_parentID : "", ',');
+        r.put_min_digits(vxTD->OTL_traceflag, 2);
+    } else {
+        r.put(",,");
+    }
     r.send();
 }
 
@@ -360,9 +352,9 @@ extern "C" void dumpIncompleteFlowpathSeqBlock(VXPerThreadData_t* vxTD)
     }
     if (!vxTD->tlIsFPHeaderDumped) dumpFPHeaderRecord(vxTD);
     RecordBuffer r;
-    r.add("%d,", 3);
+    r.put("3,");
     add_instance(r, vxTD->flowpathInstance, vxTD->tlIsForceDump != 0);
-    r.add(",%s", vxTD->sequenceBlob);
+    r.write(',', vxTD->sequenceBlob);
     r.send();
     vxTD->sequenceBlobLen = 0;
     vxTD->sequenceBlob[0] = '\0';
@@ -405,12 +397,12 @@ extern "C" void dumpCompleteFlowpathSeqBlock(VXPerThreadData_t* vxTD, int catego
     if (!vxTD->tlIsFPHeaderDumped) dumpFPHeaderRecord(vxTD);
 
     RecordBuffer r;
-    r.add("%d,", 4);
+    r.put("4,");
     add_instance(r, fpi, vxTD->tlIsForceDump != 0);
-    r.add(",%d,%d,%lld,%lld,%d,%d,,%d,", vxTD->tlStatusCode, category, fpCPUTime, respTime,
-          vxTD->tlBTObj->bt_id, vxTD->tlFlowpathType, tracerequest);
-    if (app->VXSys.enableTagsSupport) r.add("%d,", getTagIdPerThread(vxTD));
-    r.add("%s", vxTD->sequenceBlob);
+    r.write(',', vxTD->tlStatusCode, ',', category, ',', fpCPUTime, ',', respTime, ',', vxTD->tlBTObj->bt_id, ',',
+            vxTD->tlFlowpathType, ",,", tracerequest, ',');
+    if (app->VXSys.enableTagsSupport) r.write(getTagIdPerThread(vxTD), ',');
+    r.put(vxTD->sequenceBlob);
     r.send();
     vxTD->sequenceBlobLen = 0;
     vxTD->sequenceBlob[0] = '\0';

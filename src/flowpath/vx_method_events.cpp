@@ -13,6 +13,7 @@
 #include "core/vx_instance.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
+#include "core/vx_text_writer.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "diag/vx_sql_processor.h"
@@ -27,53 +28,25 @@
 
 namespace {
 
-/* Writes one token at the end of the blob the way snprintf bounded by the
- * rest of the buffer would (cut at the end, always terminated, the full
- * length counted), but without format parsing: tokens are written on every
- * method event. */
-class TokenWriter {
+/* Writes one token at the end of the blob as snprintf bounded by the rest of
+ * the buffer would: cut at the end, terminated, the full length counted
+ * (and the count clamped to the buffer). */
+class TokenWriter : public vx::TextWriter {
 public:
     explicit TokenWriter(VXPerThreadData_t* td)
-        : out_(td->sequenceBlob + td->sequenceBlobLen),
-          room_(static_cast<size_t>(vx::kSeqBlobSize - td->sequenceBlobLen))
+        : vx::TextWriter(td->sequenceBlob + td->sequenceBlobLen,
+                         static_cast<size_t>(vx::kSeqBlobSize - td->sequenceBlobLen)),
+          td_(td)
     {
     }
-
-    void put(char c)
+    void finish()
     {
-        if (len_ + 1 < room_) out_[len_] = c;
-        ++len_;
-    }
-    void put(const char* s)
-    {
-        for (; s && *s; ++s) put(*s);
-    }
-    void put(long long v)
-    {
-        char digits[24];
-        auto r = std::to_chars(digits, digits + sizeof digits, v);
-        for (char* p = digits; p < r.ptr; ++p) put(*p);
-    }
-    void put(int v) { put(static_cast<long long>(v)); }
-
-    template <typename... Parts>
-    void write(Parts... parts)
-    {
-        (put(parts), ...);
-    }
-
-    /* Terminate and add the length to the record, clamped to the buffer. */
-    void finish(VXPerThreadData_t* td)
-    {
-        if (room_ > 0) out_[len_ < room_ ? len_ : room_ - 1] = '\0';
-        long long total = static_cast<long long>(td->sequenceBlobLen) + static_cast<long long>(len_);
-        td->sequenceBlobLen = static_cast<int>(total > vx::kSeqBlobSize ? vx::kSeqBlobSize : total);
+        long long total = static_cast<long long>(td_->sequenceBlobLen) + static_cast<long long>(TextWriter::finish());
+        td_->sequenceBlobLen = static_cast<int>(total > vx::kSeqBlobSize ? vx::kSeqBlobSize : total);
     }
 
 private:
-    char* out_;
-    size_t room_;
-    size_t len_ = 0;
+    VXPerThreadData_t* td_;
 };
 
 bool is_proxy_mode_agent(const VXProxyInstance_t* app)
@@ -81,10 +54,6 @@ bool is_proxy_mode_agent(const VXProxyInstance_t* app)
     return app->VXSys.proxyMode == 1 && !VXProxy.proxyServerFlag;
 }
 
-bool agent_type_is(const VXProxyInstance_t* app, const char* type)
-{
-    return app->VXBCISetting.agentType && strcasecmp(app->VXBCISetting.agentType, type) == 0;
-}
 
 /* The method of this event: the host's handle while it belongs to the
  * generation the flowpath runs on and that generation is current; otherwise
@@ -126,7 +95,7 @@ VXPerThreadData_t* working_record(VXProxyInstance_t* app, VXPerThreadData_t* vxT
  * consulted here once auto-instrumentation exists. */
 bool skipped_by_host(const VXProxyInstance_t* app, const methodPropProperties* m)
 {
-    return agent_type_is(app, "php") && m->isEntryPoint == 0 &&
+    return app->VXBCISetting.agentIsPhp && m->isEntryPoint == 0 &&
            (m->autoDeInstrFlg == 1 || m->isInBlackListFlg == 1);
 }
 
@@ -184,7 +153,9 @@ extern "C" void* vxMethodEntryEx(void* methodPtr, VXPerThreadData_t* vxTD, char*
 
     methodPropProperties* m = resolve(app, methodPtr, vxTD, mName, true);
     if (!m) return nullptr;
-    m->usedFlag = 1;
+    /* Written only when it changes: every thread's entries of a method read
+     * this line, and a store on each would bounce it between cores. */
+    if (!m->usedFlag) m->usedFlag = 1;
     if (skipped_by_host(app, m)) return nullptr;
 
     if (!(m->isEntryPoint & kEntryPointService)) ++vxTD->tlNonServiceMethodCount;
@@ -208,10 +179,12 @@ extern "C" void* vxMethodEntryEx(void* methodPtr, VXPerThreadData_t* vxTD, char*
     }
 
     const bool forced = m->callOutValue == kCallOutHttpEntry;
-    if (vxTD->tlNonServiceMethodCount <= app->VXSys.bciMaxNonServiceMethodsPerFP && !vxTD->tlIsBTExcluded &&
-        (vxTD->tlIsFPCaptured || forceDump == 1 || forced)) {
+    const bool token = vxTD->tlNonServiceMethodCount <= app->VXSys.bciMaxNonServiceMethodsPerFP &&
+                       !vxTD->tlIsBTExcluded && (vxTD->tlIsFPCaptured || forceDump == 1 || forced);
+    /* One hold of the record's lock for the token and the open call. */
+    vx::VXLockGuard guard(vxTD->sequenceBlobLock);
+    if (token) {
         ++vxTD->seqNum;
-        vx::VXLockGuard guard(vxTD->sequenceBlobLock);
         updateFPSeqBlob(vxTD, m->methodId, offset, 0, -1, -1, m->isAsyncCall, threadID, url, 0);
         if (app->VXSys.dumpDebugData) updateDebugModeData(vxTD, m->methodId, 0);
     }
@@ -219,6 +192,7 @@ extern "C" void* vxMethodEntryEx(void* methodPtr, VXPerThreadData_t* vxTD, char*
      * never refused and keep the host's wall time. */
     if (m->methodId < vx::kMethodCounterSize) {
         ++vxTD->methodEntryExitCounter[m->methodId];
+        if (m->methodId > vxTD->maxCountedMethodId) vxTD->maxCountedMethodId = m->methodId;
         CreateMdata(m->methodId, startTime, cpu, vxTD);
     }
     return m;
@@ -345,7 +319,7 @@ extern "C" void* vxMethodExitEx(void* methodPtr, VXPerThreadData_t* vxTD, char* 
 
     methodPropProperties* m = resolve(app, methodPtr, vxTD, mName, false);
     if (!m) return nullptr;
-    if (!methodPtr || m != methodPtr) m->usedFlag = 1;
+    if ((!methodPtr || m != methodPtr) && !m->usedFlag) m->usedFlag = 1;
     const int mid = m->methodId;
     if (mid < vx::kMethodCounterSize) {
         if (vxTD->methodEntryExitCounter[mid] < 1) {
@@ -354,8 +328,11 @@ extern "C" void* vxMethodExitEx(void* methodPtr, VXPerThreadData_t* vxTD, char* 
                      mid, vxTD->methodEntryExitCounter[mid]);
             return nullptr;
         }
-        UpdateMData(endTime, mid, vxTD, &fpCPUTime, &methodWallTime);
-        if (app->VXSys.enableCpuTime < 3 && agent_type_is(app, "go")) fpCPUTime = 0;
+        {
+            vx::VXLockGuard guard(vxTD->sequenceBlobLock);
+            UpdateMData(endTime, mid, vxTD, &fpCPUTime, &methodWallTime);
+        }
+        if (app->VXSys.enableCpuTime < 3 && app->VXBCISetting.agentIsGo) fpCPUTime = 0;
         --vxTD->methodEntryExitCounter[mid];
     }
     if (skipped_by_host(app, m)) return nullptr;
@@ -505,7 +482,7 @@ extern "C" void updateFPSeqBlob(VXPerThreadData_t* vxTD, int mid, long long star
         else
             w.write("____");
     }
-    w.finish(vxTD);
+    w.finish();
     checkToDumpFPSeqBlob(vxTD);
 }
 
@@ -545,7 +522,7 @@ extern "C" void updateFPSeqBlobWithTierCallOutRecord(VXPerThreadData_t* vxTD, lo
         vxTD->tierCallOutSeqNum = 0;
         break;
     }
-    w.finish(vxTD);
+    w.finish();
     free(vxTD->tlSQLObj.DBQueryParam);
     vxTD->tlSQLObj.DBQueryParam = nullptr;
     checkToDumpFPSeqBlob(vxTD);
@@ -577,7 +554,7 @@ extern "C" void updateFPSeqBlobWithTierCallOutExceptionRecord(VXPerThreadData_t*
                  "During Exception Callout, No CallOut Detected for method: [%s]", mPP->methodName);
         return;
     }
-    w.finish(vxTD);
+    w.finish();
     checkToDumpFPSeqBlob(vxTD);
 }
 
@@ -586,7 +563,7 @@ extern "C" void appendExceptionRecordInSeqBlob(VXPerThreadData_t* vxTD)
     if (!vxTD) return;
     TokenWriter w(vxTD);
     w.write('e', vxTD->seqNum, '_');
-    w.finish(vxTD);
+    w.finish();
     checkToDumpFPSeqBlob(vxTD);
 }
 
@@ -655,49 +632,59 @@ extern "C" void dumpStackTraceData(char* stacktrace)
 extern "C" void CreateMdata(int methodid, long long startTime, long long start_mCPUTime,
                             VXPerThreadData_t* vxTD)
 {
-    /* A record without a map (proxy-mode agent) keeps no memory. */
+    /* A record without open calls (proxy-mode agent) keeps no memory. */
     if (!vxTD || !vxTD->sdkAgentHash || methodid < 0 || methodid >= vx::kMethodCounterSize) return;
-    auto* d = static_cast<SDKAgentTimeDetails_t*>(malloc(sizeof(SDKAgentTimeDetails_t)));
-    if (!d) return;
-    snprintf(d->key, sizeof d->key, "%d_%d", methodid, vxTD->methodEntryExitCounter[methodid]);
-    d->startTime = startTime;
-    d->mCPUTime = start_mCPUTime;
-    modify_hashmap(d->key, d, vxTD->sdkAgentHash);
+    VXOpenCalls* open = vxTD->sdkAgentHash;
+    if (open->count == open->cap) {
+        int cap = open->cap ? open->cap * 2 : 16;
+        auto* grown = static_cast<SDKAgentTimeDetails_t*>(
+            realloc(open->calls, sizeof(SDKAgentTimeDetails_t) * static_cast<size_t>(cap)));
+        if (!grown) return; /* the exit then keeps the host's values */
+        open->calls = grown;
+        open->cap = cap;
+    }
+    open->calls[open->count++] = {methodid, vxTD->methodEntryExitCounter[methodid], startTime, start_mCPUTime};
 }
 
 extern "C" void UpdateMData(long long endtime, int methodid, VXPerThreadData_t* vxTD, long long* fpCPUTime,
                             long long* methodWallTime)
 {
     if (!vxTD || !vxTD->sdkAgentHash || methodid < 0 || methodid >= vx::kMethodCounterSize) return;
-    char key[20];
-    snprintf(key, sizeof key, "%d_%d", methodid, vxTD->methodEntryExitCounter[methodid]);
-    auto* d = static_cast<SDKAgentTimeDetails_t*>(search_hashmap(key, vxTD->sdkAgentHash));
-    if (!d) return;
-    modify_hashmap(d->key, nullptr, vxTD->sdkAgentHash);
-    long long wall = endtime - d->startTime;
-    long long cpu = getThreadCpuTimeNs() - d->mCPUTime;
-    *methodWallTime = wall > 0 ? wall : 0;
-    *fpCPUTime = cpu > 0 ? cpu : 0;
-    free(d);
+    VXOpenCalls* open = vxTD->sdkAgentHash;
+    const int depth = vxTD->methodEntryExitCounter[methodid];
+    for (int i = open->count - 1; i >= 0; --i) {
+        SDKAgentTimeDetails_t& c = open->calls[i];
+        if (c.methodId != methodid || c.openCount != depth) continue;
+        long long wall = endtime - c.startTime;
+        long long cpu = getThreadCpuTimeNs() - c.mCPUTime;
+        *methodWallTime = wall > 0 ? wall : 0;
+        *fpCPUTime = cpu > 0 ? cpu : 0;
+        /* Usually the top: nothing moves. */
+        memmove(&open->calls[i], &open->calls[i + 1],
+                sizeof(SDKAgentTimeDetails_t) * static_cast<size_t>(open->count - i - 1));
+        --open->count;
+        return;
+    }
 }
 
 extern "C" void FreeMData(VXPerThreadData_t* vxTD)
 {
-    if (!vxTD || !vxTD->sdkAgentHash) return;
-    /* Collected first: entries cannot be freed while the iterator walks them. */
-    void* open[64];
-    while (true) {
-        int n = 0;
-        for (apr_hash_index_t* hi = apr_hash_first(nullptr, vxTD->sdkAgentHash); hi && n < 64; hi = apr_hash_next(hi))
-            open[n++] = apr_hash_this_val(hi);
-        if (n == 0) break;
-        for (int i = 0; i < n; ++i) {
-            auto* d = static_cast<SDKAgentTimeDetails_t*>(open[i]);
-            modify_hashmap(d->key, nullptr, vxTD->sdkAgentHash);
-            free(d);
-        }
-    }
+    if (vxTD && vxTD->sdkAgentHash) vxTD->sdkAgentHash->count = 0;
 }
+
+namespace vx {
+
+VXOpenCalls* open_calls_create()
+{
+    auto* open = static_cast<VXOpenCalls*>(calloc(1, sizeof(VXOpenCalls)));
+    if (!open) return nullptr;
+    open->cap = 16;
+    open->calls = static_cast<SDKAgentTimeDetails_t*>(calloc(16, sizeof(SDKAgentTimeDetails_t)));
+    if (!open->calls) open->cap = 0;
+    return open;
+}
+
+}  // namespace vx
 
 extern "C" int getDBCallDepth(VXPerThreadData_t* vxTD) { return vxTD ? vxTD->tlSQLObj.DBCallDepth : 0; }
 

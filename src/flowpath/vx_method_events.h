@@ -27,11 +27,22 @@
 
 struct methodPropProperties;
 
-/* One open method call, in the record's sdkAgentHash. */
+/* One open method call: method id and its open count after the entry
+ * (nested calls of one method differ there), entry time and CPU clock. */
 struct SDKAgentTimeDetails_t {
-    char key[20]; /* "<mid>_<open count>" */
+    int methodId;
+    int openCount;
     long long startTime; /* ms, wall clock */
     long long mCPUTime;  /* thread CPU clock, ns */
+};
+
+/* The open calls of a flowpath (the record's sdkAgentHash): a stack, since
+ * calls close in the reverse order of opening, so an exit finds its call at
+ * the top without hashing or allocating. Guarded by sequenceBlobLock. */
+struct VXOpenCalls {
+    SDKAgentTimeDetails_t* calls;
+    int count;
+    int cap;
 };
 
 inline constexpr int kDefaultMaxCharactersInSeqBlob = 13312;
@@ -85,5 +96,10 @@ int getDBCallDepth(VXPerThreadData_t* vxTD);
 int getMaxCharactersInSeqBlob(void);
 void setMaxCharactersInSeqBlob(int value);
 }
+
+namespace vx {
+/* An empty stack of open calls; null when out of memory. */
+VXOpenCalls* open_calls_create();
+}  // namespace vx
 
 #endif

@@ -14,6 +14,7 @@
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_flowpath.h"
+#include "flowpath/vx_method_events.h"
 #include "link/vx_data_dispatcher.h"
 #include "monitor/vx_bt_monitor.h"
 
@@ -72,7 +73,7 @@ extern "C" VXPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt)
         if (!light) {
             rec->sequenceBlobLock = vx::mutex_create(app->control_pool);
             rec->updateBTLock = vx::mutex_create(app->control_pool);
-            rec->sdkAgentHash = create_hashmap(app->control_pool);
+            rec->sdkAgentHash = vx::open_calls_create();
         }
         rec->free_next = (i + 1 < vx::kTLSBlockSize) ? &block[i + 1] : nullptr;
         rec->free_prev = i > 0 ? &block[i - 1] : nullptr;
@@ -209,7 +210,11 @@ extern "C" void resetAllThreadLocals(VXPerThreadData_t* vxTD, TLSDataStruct* tls
         e.threadId = 0;
         e.timestamp = 0;
     }
-    memset(vxTD->methodEntryExitCounter, 0, sizeof vxTD->methodEntryExitCounter);
+    /* Counters above the highest id used are still zero. */
+    const int used = vxTD->maxCountedMethodId + 1;
+    memset(vxTD->methodEntryExitCounter, 0,
+           sizeof vxTD->methodEntryExitCounter[0] * static_cast<size_t>(used < vx::kMethodCounterSize ? used : vx::kMethodCounterSize));
+    vxTD->maxCountedMethodId = 0;
 }
 
 extern "C" void dumpFpFromBusyList(void)

@@ -23,6 +23,7 @@
 
 struct BTObject;
 struct VXMonitorDataModel;
+struct VXOpenCalls;
 
 struct sqlProp {
     int DBCallDepth;
@@ -134,9 +135,12 @@ struct VXPerThreadData_t {
     char* OTL_tracestate;
     /* End. */
     int tracerequest;
-    apr_hash_t* sdkAgentHash; /* open-method records */
+    VXOpenCalls* sdkAgentHash; /* open-method records */
     /* Busy (handed out) or free; guards the lists against a double return. */
     char vxInUse;
+    /* Highest method id counted since the last reset: only that much of
+     * methodEntryExitCounter needs clearing. */
+    int maxCountedMethodId;
 };
 
 /* One entry of the hot-spot table, indexed by tlsIdx. */

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "core/vx_bci_setting.h"
 #include "core/vx_instance.h"
 #include "core/vx_platform.h"
 #include "flowpath/vx_method_events.h"
@@ -260,9 +261,8 @@ TEST_F(MethodEvents, UncapturedFlowpathStillWritesForcedTokensAndCallouts)
 
 TEST_F(MethodEvents, GoHostsReportNoCpuBelowTheFullCpuMode)
 {
-    char* type = app_->VXBCISetting.agentType;
-    char go[] = "go";
-    app_->VXBCISetting.agentType = go;
+    const std::string type = app_->VXBCISetting.agentType;
+    setAgentType(S("go"));
     for (int mode : {0, 1, 2, 3}) {
         app_->VXSys.enableCpuTime = mode;
         auto* td = begin();
@@ -274,7 +274,7 @@ TEST_F(MethodEvents, GoHostsReportNoCpuBelowTheFullCpuMode)
         const char* expected = mode == 3 ? "{co}:0_1_7_300___" : "{co}:0_1_7_0___";
         EXPECT_NE(blob.find(golden(expected)), std::string::npos) << "mode " << mode << ": " << blob;
     }
-    app_->VXBCISetting.agentType = type;
+    setAgentType(S(type.c_str()));
     app_->VXSys.enableCpuTime = 0;
 }
 

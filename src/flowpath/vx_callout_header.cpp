@@ -1,0 +1,9 @@
+#include "flowpath/vx_callout_header.h"
+
+/* STAND-IN (issue: callouts and backends). */
+extern "C" char* getTierCallOut(VXPerThreadData_t* vxTD, char* backendName) VX_NOEXCEPT
+{
+    (void)vxTD;
+    (void)backendName;
+    return nullptr;
+}

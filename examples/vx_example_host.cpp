@@ -1,79 +1,95 @@
 /*
- * A small native host: it loads the agent, runs a handful of transactions
- * and prints every record the agent produced for the collector.
+ * A native host that uses only the agent's C interface: it starts the agent,
+ * and reports every request it serves as a transaction, with the methods it
+ * runs and the calls it makes to a database and to another service.
  *
- * At this stage no collector is connected (connect_vxc 0): the host opens the
- * session itself through the engine's session hook and watches the records
- * at the data channel's door.
+ * The road of one request:
+ *   vx_bt_begin                       the request arrives (URL, cookies, headers)
+ *   sdk_httpReqRespWrapper("req")     its headers
+ *   vx_method_entry / vx_method_exit  each instrumented method
+ *   vx_ip_*_callout_begin / _end      each outgoing call
+ *   sdk_httpReqRespWrapper("resp")    the response headers and status
+ *   sdk_getVXSessionCookie            the session cookie to set
+ *   vx_bt_end                         the response is sent
  */
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
+#include "vx_example_host.h"
 
-#include "core/vx_instance.h"
-#include "core/vx_platform.h"
-#include "core/vx_trace_log.h"
-#include "link/vx_data_dispatcher.h"
-#include "link/vx_session.h"
+#include <cstdio>
+
 #include "vx_sdk.h"
 
 namespace {
 
-int g_records = 0;
-
-void print_record(const char* data, int len, void*)
-{
-    ++g_records;
-    printf("  record %.*s", len, data);
-    if (len > 0 && data[len - 1] != '\n') printf("\n");
-}
-
 char* S(const char* s) { return const_cast<char*>(s); }
 
-/* One transaction: `ms` long (backdated, so the demo does not sleep), with
- * the given caller header and final status. */
-void transaction(const char* label, const char* caller, const char* url, long long ms, int status)
+int g_session_running = 0;
+
+void on_test_status(int running)
 {
-    printf("%s: %s -> %d in %lld ms\n", label, url, status, ms);
-    long long now = my_gettimeofday();
-    auto* td = static_cast<VXPerThreadData_t*>(startFP(S(caller), S(url), nullptr, nullptr, nullptr,
-                                                        nullptr, nullptr, -1, now - ms));
-    if (!td) {
-        printf("  (no record: is a session running?)\n");
-        return;
+    g_session_running = running;
+    printf("host: collector session %s\n", running ? "started" : "stopped");
+}
+
+struct Request {
+    const char* url;
+    const char* headers;
+    const char* caller; /* correlation header of a calling tier, or null */
+    bool database;
+    bool payment;
+    int status;
+};
+
+/* One request from arrival to response. */
+bool serve(const Request& req)
+{
+    vxBTHandle h = vx_bt_begin(S(req.url), nullptr, nullptr, S("7301-1-1-12"), S(req.headers), S(req.caller));
+    if (!h) return false; /* no session: nothing to report */
+    sdk_httpReqRespWrapper(h, S(req.headers), S("req"), 0);
+
+    vx_method_entry(h, S("Shop.handle"));
+    vx_method_entry(h, S("Shop.loadCart"));
+    if (req.database) {
+        vx_ip_db_callout_begin(S("Db.query"), h, S("select * from cart where user = ?"), S("42"));
+        vx_ip_db_callout_end(S("Db.query"), S("MySQL|db.internal|3306|shop"), h, nullptr);
     }
-    endFP(td, status, nullptr, 0, 0, 0, nullptr);
-    reset(td);
+    vx_method_exit(h, S("Shop.loadCart"), nullptr);
+    if (req.payment) {
+        vx_method_entry(h, S("Shop.pay"));
+        vx_ip_http_callout_begin(S("Http.post"), h, S("https://pay.internal/charge"));
+        char* header = get_custom_vx_header(h); /* to send with the outgoing call */
+        (void)header;
+        vx_ip_http_callout_end(S("Http.post"), S("HTTP|pay.internal|443|/charge"), h, nullptr);
+        vx_method_exit(h, S("Shop.pay"), nullptr);
+    }
+    vx_method_exit(h, S("Shop.handle"), nullptr);
+
+    sdk_httpReqRespWrapper(h, S("Content-Type: text/html"), S("resp"), req.status);
+    char* cookie = sdk_getVXSessionCookie(h);
+    sdk_free_memory(cookie);
+    vx_bt_end(h, req.status, 0, nullptr);
+    return true;
 }
 
 }  // namespace
 
-int main()
+int example_host_start(void)
 {
-    agent_init(S("DemoPool"), 0, S("demo-host"), S("cppAgent"), S("1.0.0"));
-    vx::data_sink_set(print_record, nullptr);
-
-    /* The session the collector would open: test run 1, times counted from
-     * the start of today. */
-    long long now = my_gettimeofday();
-    vx::session_start(1, now - now % 86400000LL);
-    tlvxApplication->VXSys.bciInstrSessionPct = 100;
-
-    transaction("fast, captured", nullptr, "/home", 12, 200);
-    transaction("with a query and a method", nullptr, "/search?q=shoes&page=2|GET", 85, 200);
-    transaction("slow", nullptr, "/checkout", 3200, 200);
-    transaction("very slow", nullptr, "/report/yearly", 5400, 200);
-    transaction("error", nullptr, "/api/pay|POST", 40, 500);
-    transaction("called by another tier", "4611686018427387905_4611686018427387903_1.2_NA", "/api/stock", 7, 200);
-    transaction("forced by the caller", "4611686018427392001F", "/api/stock", 9, 200);
-
-    tlvxApplication->VXSys.bciInstrSessionPct = 0;
-    transaction("fast, not captured (sends nothing)", nullptr, "/health", 2, 200);
-
-    vx::session_stop();
-    printf("\n%d records produced.\n", g_records);
-    if (trace_log_key) printf("Trace log: %s\n", trace_log_key->log_file[trace_log_key->cur_index]);
-    agent_shutdown();
+    register_test_status_for_agent(on_test_status);
+    vx_init2(S("cppAgent"), S("example-host"), S("1.0.0"), S("shop"));
     return 0;
 }
+
+int example_host_serve(void)
+{
+    static const Request kRequests[] = {
+        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200},
+        {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200},
+        {"/checkout?step=3|POST", "User-Agent: demo", nullptr, false, true, 502},
+        {"/api/stock|GET", "User-Agent: demo", "4611686018427387905_4611686018427387903_1.2_NA", true, false, 200},
+    };
+    int served = 0;
+    for (const Request& r : kRequests) served += serve(r) ? 1 : 0;
+    return served;
+}
+
+void example_host_stop(void) { vx_free(); }

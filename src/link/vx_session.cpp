@@ -15,8 +15,9 @@ void session_start(int testIdx, long long klvEpochDiffTime)
     /* What the start sequence and the keyword defaults will set. */
     app->VXBackendMonitor.maxIPCount = kDefaultMaxIPCount;
     app->VXBackendMonitor.backendIDCounter = 0;
-    if (!app->methodTable.methodHashMapNode) setMethodHashMapNode(nullptr);
     app->VXBCISetting.data_thread_running = 1;
+    app->Server.testRunRunning = 1; /* so that the table's record 5 goes out */
+    if (!app->methodTable.methodHashMapNode) setMethodHashMapNode(nullptr);
     if (!app->httpHashMapNode) {
         app->httpHashMapNode = create_hashmap(app->control_pool);
         app->httpEntryLock = vx::mutex_create(app->control_pool);

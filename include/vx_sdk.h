@@ -131,4 +131,226 @@ VX_API int getArgValueForCustomLog(char* methodName) VX_NOEXCEPT;
 }
 #endif
 
+/*
+ * SDK calls, for hosts without an instrumentation layer of their own (native
+ * programs, Go, and language extensions that wrap these calls).
+ *
+ * Each call checks its arguments, writes to the SDK log and hands over to the
+ * engine above. Argument errors are logged and answered with the call's
+ * neutral result; nothing that happens inside the engine is reported back,
+ * apart from a null handle from vx_bt_begin. Before vx_init2 has run every
+ * call is inert. All calls may be made from any host thread for different
+ * handles; the threads of one transaction share its handle.
+ */
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define VX_PRINTF(fmt, first) __attribute__((format(printf, fmt, first)))
+#else
+#define VX_PRINTF(fmt, first)
+#endif
+
+/* A running transaction: its VXPerThreadData_t record, opaque to the host,
+ * valid from vx_bt_begin to vx_bt_end. The record is pooled: after
+ * vx_bt_end it may serve another transaction, so the handle must not be used
+ * again. */
+typedef void* vxBTHandle;
+
+/* Callbacks a host may register. All are optional; each is called only while
+ * registered, on whichever library thread has something to tell. */
+typedef int (*callback_func)(char* keywordName, long long keywordValue, char* keywordValueString,
+                             char* fileData, char* fField1, char* fField2);
+typedef void (*test_status)(int running);
+typedef void (*Goroutine_status)(int enabled);
+typedef void (*GC_status)(int enabled);
+typedef void (*ad_callback)(char** a, char** b, int c, int d);
+typedef void (*ad_callback_php)(char** a, char** b, int c, int d);
+typedef void (*ai_start_func)(int a, long long b, long long c, char* d);
+typedef void (*ai_end_func)(char* name);
+typedef char* (*thread_dump_func)(void);
+typedef void (*vx_cookie_func)(char* cookieName, char* domain, int headerInResponse,
+                               int methodPosition, long long idleTimeoutSecs);
+typedef void (*kp_cookie_func)(char* cookieName);
+typedef int (*mtx_lock_func)(char* a, char* b, int duration);
+typedef int (*heap_dump_func)(char* fileName);
+
+/*
+ * Start the agent for an SDK host. Does nothing at all, not even logging,
+ * unless the environment variable VXHOME names an existing path. Otherwise it
+ * opens the SDK log under "<VXHOME>/<agent_type>/logs/" (once per process),
+ * calls agent_init with `agent_name` as the pool (NULL: the program's short
+ * name, else "cppAgent") and `logfile_name` as the process name, prepares the
+ * handle map, and then waits 30 seconds in the calling thread so that the
+ * collector can start a session before the first transaction. Call it once,
+ * from one thread. The strings are copied.
+ */
+VX_API void vx_init2(char* agent_type, char* logfile_name, char* agent_Version,
+                     char* agent_name) VX_NOEXCEPT;
+/* vx_init2("cppAgent", "klvgolib", NULL, NULL). */
+VX_API void vx_init(void) VX_NOEXCEPT;
+/* vx_init2("cppAgent", logfile_name, NULL, NULL). */
+VX_API void vx_init_sdk(char* logfile_name) VX_NOEXCEPT;
+/* Release the handle map and close the SDK log; later calls log nothing.
+ * Nothing guards it: stop every transaction first. The agent keeps running. */
+VX_API void vx_free(void) VX_NOEXCEPT;
+
+/*
+ * Begin a transaction named `bt_name` (the request URL, "path?query|METHOD").
+ * `vxcookie` and `kpcookie` are the session and user-experience cookies as
+ * received, `btHeaderValue` the request headers, `fpinstance` the correlation
+ * text of a calling tier (NULL for none). `correlation_header` is not used:
+ * the header name comes from the agent's settings. Returns the handle, or
+ * NULL when no session runs or `bt_name` is NULL or empty; the host then
+ * skips the transaction's other calls.
+ */
+VX_API vxBTHandle vx_bt_begin(char* bt_name, char* correlation_header, char* vxcookie,
+                              char* kpcookie, char* btHeaderValue, char* fpinstance) VX_NOEXCEPT;
+/* End the transaction with HTTP status `status_code` (0 means 200) and give
+ * its record back; the handle is invalid afterwards. `strSpan`, when not
+ * NULL, may receive a span text to release with sdk_free_memory. 0, or -1
+ * for a NULL handle. */
+VX_API int vx_bt_end(vxBTHandle bt_handle, int status_code, int tracerequest,
+                     char** strSpan) VX_NOEXCEPT;
+/* Remember `bt_handle` under the host's text `unique_bt_id`. The map keeps
+ * the pointer, not a copy: the text must outlive the entry, and entries are
+ * never removed. An id already present keeps its first handle. */
+VX_API void vx_bt_store(vxBTHandle bt_handle, char* unique_bt_id) VX_NOEXCEPT;
+/* The handle stored under `unique_bt_id`; NULL when unknown. */
+VX_API vxBTHandle vx_bt_get(char* unique_bt_id) VX_NOEXCEPT;
+/* Accepted and ignored; returns 0. */
+VX_API int vx_bt_add_error(vxBTHandle bt_handle, int err_level, char* message,
+                           int mark_bt_as_error) VX_NOEXCEPT;
+/* The handle as an integer, for hosts whose language cannot hold a pointer,
+ * and back. */
+VX_API uintptr_t bt_handle_to_int(vxBTHandle bt_handle) VX_NOEXCEPT;
+VX_API vxBTHandle bt_int_to_handle(uintptr_t bt_int) VX_NOEXCEPT;
+
+/* Entry and exit of an instrumented method `method` of the transaction. The
+ * exit reports status 200 and may fill `strSpan` as vx_bt_end does. */
+VX_API void vx_method_entry(vxBTHandle bt_handle, char* method) VX_NOEXCEPT;
+VX_API void vx_method_exit(vxBTHandle bt_handle, char* method, char** strSpan) VX_NOEXCEPT;
+
+/*
+ * Callouts. A begin call opens the call `mName` of the transaction (a
+ * database query `db_query` with its bound values `DBQueryParam`, or an HTTP
+ * call to `url`); the end call closes it, naming the backend with its
+ * pipe-separated description `backendName`. All four return 0 at once while
+ * no session runs or a session is stopping. Otherwise: begin returns 0; end
+ * returns 0, or -1 for a NULL handle or an empty backend name.
+ */
+VX_API int vx_ip_db_callout_begin(char* mName, vxBTHandle bt_handle, char* db_query,
+                                  char* DBQueryParam) VX_NOEXCEPT;
+VX_API int vx_ip_db_callout_end(char* mName, char* backendName, vxBTHandle bt_handle,
+                                char** strSpan) VX_NOEXCEPT;
+VX_API int vx_ip_http_callout_begin(char* mName, vxBTHandle bt_handle, char* url) VX_NOEXCEPT;
+VX_API int vx_ip_http_callout_end(char* mName, char* backendName, vxBTHandle bt_handle,
+                                  char** strSpan) VX_NOEXCEPT;
+
+/*
+ * Helpers. A string these return is the host's, to release with
+ * sdk_free_memory, unless said otherwise. All return NULL (or do nothing)
+ * before vx_init2 or for a NULL handle.
+ */
+/* The program's short invocation name; owned by the process. */
+VX_API char* sdk_getAppName(void) VX_NOEXCEPT;
+/* The agent's build text; owned by the agent. */
+VX_API char* sdk_getVxBuild(void) VX_NOEXCEPT;
+/* The topology and flowpath tag for a log line of this transaction, while a
+ * session runs; NULL when such tags are switched off. */
+VX_API char* sdk_getTopoFpStr(vxBTHandle bt_handle) VX_NOEXCEPT;
+/* Forward one application log line of this transaction, while a session
+ * runs. */
+VX_API void sdk_dumpLogMessage(vxBTHandle bt_handle, char* logmsg) VX_NOEXCEPT;
+/* Hand over the request (`type` "req") or response (anything else) headers,
+ * with the response's status, while a session runs. */
+VX_API void sdk_httpReqRespWrapper(vxBTHandle bt_handle, char* buffer, char* type,
+                                   int statusCode) VX_NOEXCEPT;
+/* The session cookie value to set on the response; NULL when sessions are
+ * off. */
+VX_API char* sdk_getVXSessionCookie(vxBTHandle bt_handle) VX_NOEXCEPT;
+/* The correlation header value to put on an outgoing call; owned by the
+ * transaction, valid until its next callout or its end. */
+VX_API char* get_custom_vx_header(vxBTHandle bt_handle) VX_NOEXCEPT;
+/* The W3C traceparent value for an outgoing call; NULL without a trace
+ * context. */
+VX_API char* sdk_get_otl_traceparent(vxBTHandle bt_handle) VX_NOEXCEPT;
+/* The tracestate value; owned by the transaction, not to be freed. */
+VX_API char* sdk_get_otl_tracestate(vxBTHandle bt_handle) VX_NOEXCEPT;
+/* All trace-context headers to put on an outgoing call, "name:value" lines;
+ * empty when trace context is off. */
+VX_API char* sdk_get_propagation_header(vxBTHandle bt_handle) VX_NOEXCEPT;
+/* Release a string returned above. NULL is ignored. */
+VX_API void sdk_free_memory(char* str) VX_NOEXCEPT;
+/* 1 when the host should report exceptions from its logger, else 0. */
+VX_API int enableLOGGERFromPH(void) VX_NOEXCEPT;
+/* Hand over a garbage-collection report; `id` is the host's report number. */
+VX_API void sdk_sendGCReport(int id, char* GC_report) VX_NOEXCEPT;
+/* Hand over one result line of a loaded-class discovery. */
+VX_API void wraphandleMessageForDiscovery(char* data) VX_NOEXCEPT;
+/* Write `str` to the agent's trace log at error severity. */
+VX_API void dumpLog(char* str) VX_NOEXCEPT;
+
+/*
+ * Registration of host callbacks: each stores the pointer (NULL unregisters)
+ * for the agent to call later. The int results carry no meaning; hosts ignore
+ * them. register_test_status_for_agent also creates "<home>/.cache/", so call
+ * it after agent_init or vx_init2. register_thread_dump_callback also tells
+ * the already registered cookie and session callbacks the current state:
+ * session cookie settings, then the user-experience cookie name, then whether
+ * a session runs.
+ */
+VX_API int register_callback_for_agent(callback_func cb) VX_NOEXCEPT;
+VX_API int register_test_status_for_agent(test_status cb) VX_NOEXCEPT;
+VX_API void register_AD_callback(ad_callback cb) VX_NOEXCEPT;
+VX_API void register_AD_callback_php(ad_callback_php cb) VX_NOEXCEPT;
+VX_API int register_Goroutines_status_for_agent(Goroutine_status cb) VX_NOEXCEPT;
+VX_API void register_AI_start_callback(ai_start_func cb) VX_NOEXCEPT;
+VX_API void register_AI_end_callback(ai_end_func cb) VX_NOEXCEPT;
+VX_API void register_thread_dump_callback(thread_dump_func cb) VX_NOEXCEPT;
+VX_API void register_vx_cookie_callback(vx_cookie_func cb) VX_NOEXCEPT;
+VX_API void register_kp_cookie_callback(kp_cookie_func cb) VX_NOEXCEPT;
+VX_API void register_mutex_lock_callback(mtx_lock_func cb) VX_NOEXCEPT;
+VX_API void register_heap_dump_callback(heap_dump_func cb) VX_NOEXCEPT;
+VX_API int register_GC_status_for_agent(GC_status cb) VX_NOEXCEPT;
+
+/*
+ * The agent's trace log for hosts: one line at `severity` from `module`,
+ * written when `level` does not exceed the agent's trace level for hosts
+ * (_win), for hot spots (_hs), for class discovery (_ad), for process
+ * notification (_pc) or for exceptions (_ex); _mem writes while memory
+ * tracing is on. `thread_name` NULL means the calling thread's name.
+ */
+VX_API void vxlb_mt_trace_log_win(int level, const char* thread_name, long long thread_id,
+                                  const char* module, const char* severity, const char* file,
+                                  int line, const char* fname, const char* format, ...)
+    VX_NOEXCEPT VX_PRINTF(9, 10);
+VX_API void vxlb_mt_trace_log_win_hs(int level, const char* thread_name, long long thread_id,
+                                     const char* module, const char* severity, const char* file,
+                                     int line, const char* fname, const char* format, ...)
+    VX_NOEXCEPT VX_PRINTF(9, 10);
+VX_API void vxlb_mt_trace_log_win_ad(int level, const char* thread_name, long long thread_id,
+                                     const char* module, const char* severity, const char* file,
+                                     int line, const char* fname, const char* format, ...)
+    VX_NOEXCEPT VX_PRINTF(9, 10);
+VX_API void vxlb_mt_trace_log_win_pc(int level, const char* thread_name, long long thread_id,
+                                     const char* module, const char* severity, const char* file,
+                                     int line, const char* fname, const char* format, ...)
+    VX_NOEXCEPT VX_PRINTF(9, 10);
+VX_API void vxlb_mt_trace_log_win_ex(int level, const char* thread_name, long long thread_id,
+                                     const char* module, const char* severity, const char* file,
+                                     int line, const char* fname, const char* format, ...)
+    VX_NOEXCEPT VX_PRINTF(9, 10);
+VX_API void vxlb_mt_trace_log_mem(int level, const char* thread_name, long long thread_id,
+                                  const char* module, const char* severity, const char* file,
+                                  int line, const char* fname, const char* format, ...)
+    VX_NOEXCEPT VX_PRINTF(9, 10);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* VX_SDK_H */

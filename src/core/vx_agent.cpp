@@ -156,7 +156,8 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
 
     /* The pool lock exists in every role, so that a pool grown on demand by
      * the first transactions is never created twice. */
-    app->tlsPool.tlsMutex = vx::mutex_create(app->control_pool);
+    if (apr_pool_create(&app->tlsPool.pool, app->control_pool) == APR_SUCCESS)
+        app->tlsPool.tlsMutex = vx::mutex_create(app->tlsPool.pool);
     VXBTManagerInit();
 
     if (connect_vxc <= 0) return;

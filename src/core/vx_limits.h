@@ -49,6 +49,14 @@ inline constexpr int kTraceLineSize = 10240;        /* one line, prefix included
 inline constexpr long long kTraceMaxSize = 104857600; /* roll-over at 100 MiB */
 inline constexpr int kDefaultPastLogDays = 7;
 
+/* SDK. */
+inline constexpr int kSdkLogNameSize = 1025;              /* each of the SDK log's two file names */
+inline constexpr long long kSdkLogMaxFileSize = 10485760; /* recorded, not enforced */
+inline constexpr int kSdkLogLineSize = 10240;             /* one SDK log line, prefix included */
+inline constexpr int kSdkStartWaitSeconds = 30;           /* vx_init2's wait for a session */
+inline constexpr int kSdkHeaderBufferSize = 2048;         /* topology tag and propagation headers */
+inline constexpr int kTopoTextSize = 1024;                /* the topology tag, terminator included */
+
 /* Containers. */
 inline constexpr int kStackGrowStep = 64;           /* HB_STACK grows by this many slots */
 inline constexpr int kIntHashMapCount = 10;         /* hashArray */

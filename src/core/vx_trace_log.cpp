@@ -154,7 +154,7 @@ extern "C" void vxlb_mt_trace_log(MTTraceLogKey* key, const char* thread_name, l
 #define VX_DEFINE_HOST_LOG(name, levelExpr)                                                        \
     extern "C" void name(int level, const char* thread_name, long long thread_id,                  \
                          const char* module, const char* severity, const char* file, int line,    \
-                         const char* fname, const char* format, ...)                               \
+                         const char* fname, const char* format, ...) VX_NOEXCEPT                   \
     {                                                                                              \
         VXProxyInstance_t* app = vx_app();                                                         \
         if (!trace_log_key || !app || level > (levelExpr)) return;                                 \
@@ -174,7 +174,7 @@ VX_DEFINE_HOST_LOG(vxlb_mt_trace_log_win_ex, app->VXSys.agentEXTraceLevel)
 
 extern "C" void vxlb_mt_trace_log_mem(int level, const char* thread_name, long long thread_id,
                                       const char* module, const char* severity, const char* file, int line,
-                                      const char* fname, const char* format, ...)
+                                      const char* fname, const char* format, ...) VX_NOEXCEPT
 {
     (void)level;
     if (!trace_log_key || vx_mem_trace_level < 1) return;

@@ -17,6 +17,7 @@
 #include <cstdio>
 
 #include "core/vx_limits.h"
+#include "vx_sdk.h"
 
 struct MTTraceLogKey {
     int cur_index; /* 0 or 1: the active file */
@@ -50,26 +51,8 @@ void vxlb_mt_trace_log(MTTraceLogKey* key, const char* thread_name, long long th
                        const char* fname, const char* format, ...)
     __attribute__((format(printf, 9, 10)));
 
-/* Level-checked variants for hosts: the first argument is the statement's
- * level, compared with one VXSys level; they always write to the file. */
-void vxlb_mt_trace_log_win(int level, const char* thread_name, long long thread_id, const char* module,
-                           const char* severity, const char* file, int line, const char* fname, const char* format, ...)
-    __attribute__((format(printf, 9, 10)));
-void vxlb_mt_trace_log_win_hs(int level, const char* thread_name, long long thread_id, const char* module,
-                              const char* severity, const char* file, int line, const char* fname, const char* format, ...)
-    __attribute__((format(printf, 9, 10)));
-void vxlb_mt_trace_log_win_ad(int level, const char* thread_name, long long thread_id, const char* module,
-                              const char* severity, const char* file, int line, const char* fname, const char* format, ...)
-    __attribute__((format(printf, 9, 10)));
-void vxlb_mt_trace_log_win_pc(int level, const char* thread_name, long long thread_id, const char* module,
-                              const char* severity, const char* file, int line, const char* fname, const char* format, ...)
-    __attribute__((format(printf, 9, 10)));
-void vxlb_mt_trace_log_win_ex(int level, const char* thread_name, long long thread_id, const char* module,
-                              const char* severity, const char* file, int line, const char* fname, const char* format, ...)
-    __attribute__((format(printf, 9, 10)));
-void vxlb_mt_trace_log_mem(int level, const char* thread_name, long long thread_id, const char* module,
-                           const char* severity, const char* file, int line, const char* fname, const char* format, ...)
-    __attribute__((format(printf, 9, 10)));
+/* The level-checked variants for hosts (vxlb_mt_trace_log_win and its
+ * twins) are exported and declared in vx_sdk.h. */
 
 /* The active stream, rolling over first when the size limit is reached and
  * opening the file when it is not open. Null when it cannot be opened. */

@@ -55,7 +55,44 @@ void insert(node_t* node, methodPropProperties* m)
     apr_hash_set(node->ptr, m->methodName, APR_HASH_KEY_STRING, m);
 }
 
-char* dup_or_null(const char* s) { return (s && *s) ? strdup(s) : nullptr; }
+/* Entries, their texts and argument lists live in their generation's pool:
+ * a generation is made and kept whole, and no entry is freed on its own.
+ * Callers hold the method lock, which serialises the pool. */
+methodPropProperties* new_entry(apr_pool_t* pool)
+{
+    return static_cast<methodPropProperties*>(apr_pcalloc(pool, sizeof(methodPropProperties)));
+}
+
+char* pool_dup(apr_pool_t* pool, const char* s) { return s ? apr_pstrdup(pool, s) : nullptr; }
+
+char* dup_or_null(apr_pool_t* pool, const char* s) { return (s && *s) ? apr_pstrdup(pool, s) : nullptr; }
+
+/* A copy of `in` allocated in `pool`. */
+methodPropProperties* copy_entry(apr_pool_t* pool, const methodPropProperties* in)
+{
+    methodPropProperties* m = new_entry(pool);
+    *m = *in;
+    m->moduleName = pool_dup(pool, in->moduleName);
+    m->methodName = pool_dup(pool, in->methodName);
+    m->mon_methodName = pool_dup(pool, in->mon_methodName);
+    m->customCalloutName = pool_dup(pool, in->customCalloutName);
+    m->aliasMethodName = pool_dup(pool, in->aliasMethodName);
+    m->methodRetType = pool_dup(pool, in->methodRetType);
+    m->methodArgList = nullptr;
+    m->methodArgsListCount = 0;
+    m->customCalloutptr = nullptr;
+    m->generation = nullptr;
+    if (in->methodArgList && in->methodArgsListCount) {
+        m->methodArgList = static_cast<methodArgList_t*>(
+            apr_pcalloc(pool, sizeof(methodArgList_t) * in->methodArgsListCount));
+        for (unsigned i = 0; i < in->methodArgsListCount; ++i) {
+            m->methodArgList[i].argName = pool_dup(pool, in->methodArgList[i].argName);
+            m->methodArgList[i].type = pool_dup(pool, in->methodArgList[i].type);
+        }
+        m->methodArgsListCount = in->methodArgsListCount;
+    }
+    return m;
+}
 
 bool data_thread_running()
 {
@@ -162,41 +199,26 @@ Signature split_signature(char* text)
 
 /* The argument list of `args` ("a;b;"), each split at `sep` into type then
  * name; a part that does not split in two keeps the type alone. */
-void set_arguments(methodPropProperties* m, char* args, char sep, bool type_alone_ok)
+void set_arguments(apr_pool_t* pool, methodPropProperties* m, char* args, char sep, bool type_alone_ok)
 {
     if (!args) return;
     char* parts[kMaxArgs];
     char delim[] = ";";
     int n = vxlb_get_tokens_with_multi_delimiter(args, parts, delim, kMaxArgs);
     if (n <= 0) return;
-    auto* list = static_cast<methodArgList_t*>(calloc(static_cast<size_t>(n), sizeof(methodArgList_t)));
-    if (!list) return;
+    auto* list = static_cast<methodArgList_t*>(apr_pcalloc(pool, sizeof(methodArgList_t) * static_cast<size_t>(n)));
     for (int i = 0; i < n; ++i) {
         char* cut = strchr(parts[i], sep);
         if (cut && !strchr(cut + 1, sep)) {
             *cut = '\0';
-            list[i].type = strdup(parts[i]);
-            list[i].argName = strdup(cut + 1);
+            list[i].type = apr_pstrdup(pool, parts[i]);
+            list[i].argName = apr_pstrdup(pool, cut + 1);
         } else if (!cut && type_alone_ok) {
-            list[i].type = strdup(parts[i]);
+            list[i].type = apr_pstrdup(pool, parts[i]);
         }
     }
     m->methodArgList = list;
     m->methodArgsListCount = static_cast<unsigned>(n);
-}
-
-void free_entry(methodPropProperties* m)
-{
-    if (!m) return;
-    for (char* s : {m->moduleName, m->methodName, m->mon_methodName, m->customCalloutName,
-                    m->aliasMethodName, m->methodRetType})
-        free(s);
-    for (unsigned i = 0; i < m->methodArgsListCount; ++i) {
-        free(m->methodArgList[i].argName);
-        free(m->methodArgList[i].type);
-    }
-    free(m->methodArgList);
-    free(m);
 }
 
 /* The two entries every session's table holds: the default database backend
@@ -304,13 +326,8 @@ extern "C" methodPropProperties* updateMethodHashMap(char* backendName, int isEn
 {
     VXMethodTable_t* t = table();
     if (!t || !backendName || !methodHashMapNodeLocal) return nullptr;
-    auto* m = static_cast<methodPropProperties*>(calloc(1, sizeof(methodPropProperties)));
-    if (!m) return nullptr;
-    m->methodName = strdup(backendName);
-    if (!m->methodName) {
-        free(m);
-        return nullptr;
-    }
+    methodPropProperties* m = new_entry(methodHashMapNodeLocal->pool);
+    m->methodName = apr_pstrdup(methodHashMapNodeLocal->pool, backendName);
     m->methodId = t->methodIDGlobal++;
     m->isEntryPoint = isEntryPointPtr;
     m->type_ = static_cast<char>(type);
@@ -360,23 +377,19 @@ extern "C" methodPropProperties* searchAndUpdateMethodHashMap(char* mName, node_
     methodPropProperties* m = updateMethodHashMap(const_cast<char*>(name), 0, type, node, callOutValue);
     if (!m) return nullptr;
     if (type == kMethodTypeHttp && prefixed) {
-        m->mon_methodName = strdup(key);
+        m->mon_methodName = apr_pstrdup(node->pool, key);
         /* Also under the unescaped key, so that the next lookup by key finds
          * it without a new id. */
         if (!capped && strcmp(key, name) != 0) {
-            if (methodPropProperties* copy = make_node_copy(m)) {
-                free(copy->methodName);
-                copy->methodName = strdup(key);
-                if (copy->methodName)
-                    insert(node, copy);
-                else
-                    free_entry(copy);
-            }
+            methodPropProperties* copy = copy_entry(node->pool, m);
+            copy->methodName = apr_pstrdup(node->pool, key);
+            insert(node, copy);
         }
     }
-    /* Backends are counted up to the cap; "Others" does not count again. */
-    if (updateFlag && !capped) {
-        ++app->VXBackendMonitor.backendIDCounter;
+    /* Backends are counted up to the cap; "Others" does not count again, but
+     * it needs its monitor slot like any backend. */
+    if (updateFlag) {
+        if (!capped) ++app->VXBackendMonitor.backendIDCounter;
         checkAndIncrementAggrBackendDataArray(m);
     }
     return m;
@@ -412,52 +425,25 @@ extern "C" void dumpMetadataForSig(methodPropProperties* mPP)
 
 extern "C" methodPropProperties* make_node_copy(methodPropProperties* in)
 {
-    if (!in) return nullptr;
-    auto* m = static_cast<methodPropProperties*>(calloc(1, sizeof(methodPropProperties)));
-    if (!m) return nullptr;
-    m->type_ = in->type_;
-    m->callOutValue = in->callOutValue;
-    m->autoDeInstrFlg = in->autoDeInstrFlg;
-    m->isInBlackListFlg = in->isInBlackListFlg;
-    m->methodId = in->methodId;
-    m->isEntryPoint = in->isEntryPoint;
-    m->usedFlag = in->usedFlag;
-    m->instrumentationProp = in->instrumentationProp;
-    m->instrumentationStatus = in->instrumentationStatus;
-    m->isAsyncCall = in->isAsyncCall;
-    m->methodArgIndex = in->methodArgIndex;
-    m->moduleName = in->moduleName ? strdup(in->moduleName) : nullptr;
-    m->methodName = in->methodName ? strdup(in->methodName) : nullptr;
-    m->mon_methodName = in->mon_methodName ? strdup(in->mon_methodName) : nullptr;
-    m->customCalloutName = in->customCalloutName ? strdup(in->customCalloutName) : nullptr;
-    m->aliasMethodName = in->aliasMethodName ? strdup(in->aliasMethodName) : nullptr;
-    m->methodRetType = in->methodRetType ? strdup(in->methodRetType) : nullptr;
-    make_argument_copy(m, in);
-    return m;
+    if (!in || !in->generation) return nullptr;
+    return copy_entry(in->generation->pool, in);
 }
 
 extern "C" void make_argument_copy(methodPropProperties* dst, methodPropProperties* src)
 {
-    if (!dst || !src || !src->methodArgList || src->methodArgsListCount == 0) return;
-    auto* list = static_cast<methodArgList_t*>(calloc(src->methodArgsListCount, sizeof(methodArgList_t)));
-    if (!list) return;
-    for (unsigned i = 0; i < src->methodArgsListCount; ++i) {
-        list[i].argName = src->methodArgList[i].argName ? strdup(src->methodArgList[i].argName) : nullptr;
-        list[i].type = src->methodArgList[i].type ? strdup(src->methodArgList[i].type) : nullptr;
-    }
-    dst->methodArgList = list;
-    dst->methodArgsListCount = src->methodArgsListCount;
+    if (!dst || !src || !dst->generation || !src->methodArgList || src->methodArgsListCount == 0) return;
+    methodPropProperties* copy = copy_entry(dst->generation->pool, src);
+    dst->methodArgList = copy->methodArgList;
+    dst->methodArgsListCount = copy->methodArgsListCount;
 }
 
 extern "C" void make_hash_copy(apr_hash_t* dst, apr_hash_t* src)
 {
     if (!dst || !src) return;
+    apr_pool_t* pool = apr_hash_pool_get(dst);
     for (apr_hash_index_t* hi = apr_hash_first(nullptr, src); hi; hi = apr_hash_next(hi)) {
-        auto* copy = make_node_copy(static_cast<methodPropProperties*>(apr_hash_this_val(hi)));
-        if (copy && copy->methodName)
-            apr_hash_set(dst, copy->methodName, APR_HASH_KEY_STRING, copy);
-        else
-            free_entry(copy);
+        methodPropProperties* copy = copy_entry(pool, static_cast<methodPropProperties*>(apr_hash_this_val(hi)));
+        apr_hash_set(dst, copy->methodName, APR_HASH_KEY_STRING, copy);
     }
 }
 
@@ -546,19 +532,16 @@ extern "C" void readInstrProfFileRTC(char* buffer)
             m->instrumentationStatus = 0;
             return;
         }
-        auto* m = static_cast<methodPropProperties*>(calloc(1, sizeof(methodPropProperties)));
-        if (!m || !(m->methodName = strdup(key))) {
-            free(m);
-            return;
-        }
-        m->moduleName = dup_or_null(module);
+        methodPropProperties* m = new_entry(node->pool);
+        m->methodName = apr_pstrdup(node->pool, key);
+        m->moduleName = dup_or_null(node->pool, module);
         m->methodId = t.methodIDGlobal;
         m->isEntryPoint = entry;
         m->callOutValue = static_cast<char>(callOut);
         m->instrumentationProp = 1;
         if (n > 5) m->isAsyncCall = atoi(cols[5]);
-        m->methodRetType = dup_or_null(sig.ret);
-        set_arguments(m, sig.args, ' ', false);
+        m->methodRetType = dup_or_null(node->pool, sig.ret);
+        set_arguments(node->pool, m, sig.args, ' ', false);
         if (metadata_wanted()) announce(m);
         insert(node, m);
         ++t.methodIDGlobal;
@@ -612,14 +595,14 @@ extern "C" int readInstrProfFile(apr_pool_t* pool, char* buffer)
         if (find(node, key)) return;
         methodPropProperties* m = updateMethodHashMap(key, atoi(cols[4]), 0, node, atoi(cols[3]));
         if (!m) return;
-        m->moduleName = dup_or_null(cols[0]);
+        m->moduleName = dup_or_null(node->pool, cols[0]);
         const char* last = n > 5 ? cols[5] : "";
         if (char* bar = strrchr(const_cast<char*>(last), '|')) last = bar + 1;
         if (m->isEntryPoint & kEntryPointCallout) m->type_ = static_cast<char>(atoi(last));
         if ((m->isEntryPoint & kEntryPointCustomCallout) && *last) {
             char name[vx::kPathSize];
             snprintf(name, sizeof name, "CUSTOM_%s", last);
-            m->customCalloutName = strdup(name);
+            m->customCalloutName = apr_pstrdup(node->pool, name);
             m->customCalloutptr = updateMethodHashMap(name, 0, kMethodTypeCustom, node, 0);
         }
     });
@@ -662,14 +645,11 @@ extern "C" void parseEntryFile(char* buffer)
                 if (m->isEntryPoint & kEntryPointCallout) checkAndIncrementAggrBackendDataArray(m);
                 return;
             }
-            auto* m = static_cast<methodPropProperties*>(calloc(1, sizeof(methodPropProperties)));
-            if (!m || !(m->methodName = strdup(sig.name))) {
-                free(m);
-                return;
-            }
-            m->moduleName = dup_or_null(cols[0]);
-            m->methodRetType = dup_or_null(sig.ret);
-            set_arguments(m, sig.args, ':', true);
+            methodPropProperties* m = new_entry(node->pool);
+            m->methodName = apr_pstrdup(node->pool, sig.name);
+            m->moduleName = dup_or_null(node->pool, cols[0]);
+            m->methodRetType = dup_or_null(node->pool, sig.ret);
+            set_arguments(node->pool, m, sig.args, ':', true);
             apply_entry_type(m, cols[2], param, true);
             if (service) m->isEntryPoint |= kEntryPointService;
             /* The id is taken before a custom callout's backend takes the
@@ -681,7 +661,7 @@ extern "C" void parseEntryFile(char* buffer)
             if (m->isEntryPoint & kEntryPointCustomCallout) {
                 char name[vx::kPathSize];
                 snprintf(name, sizeof name, "CUSTOM_%s", (param && *param) ? param : sig.name);
-                m->customCalloutName = strdup(name);
+                m->customCalloutName = apr_pstrdup(node->pool, name);
                 m->customCalloutptr = updateMethodHashMap(name, 0, kMethodTypeCustom, node, 0);
                 checkAndIncrementAggrBackendDataArray(m->customCalloutptr);
             }
@@ -723,8 +703,7 @@ extern "C" void vxDecrementMethodRefCount(node_t* node)
 extern "C" void free_node(node_t* node)
 {
     if (!node) return;
-    for (apr_hash_index_t* hi = apr_hash_first(nullptr, node->ptr); hi; hi = apr_hash_next(hi))
-        free_entry(static_cast<methodPropProperties*>(apr_hash_this_val(hi)));
+    /* Entries and texts are in the generation's pool. */
     apr_pool_destroy(node->pool);
     free(node);
 }

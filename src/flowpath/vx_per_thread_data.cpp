@@ -56,7 +56,8 @@ extern "C" VXPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt)
     VXProxyInstance_t* app = vx_app();
     if (!app) return nullptr;
     VXTLSPool_t& pool = app->tlsPool;
-    if (!pool.tlsMutex) pool.tlsMutex = vx::mutex_create(app->control_pool);
+    if (!pool.pool && apr_pool_create(&pool.pool, app->control_pool) != APR_SUCCESS) return nullptr;
+    if (!pool.tlsMutex) pool.tlsMutex = vx::mutex_create(pool.pool);
     if (!pool.tlsdatastruct && app->VXSys.vxEnableTxHotspot == 1)
         grow_hotspot_table(pool, vx::kTLSBlockSize);
 
@@ -71,8 +72,8 @@ extern "C" VXPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt)
         VXPerThreadData_t* rec = &block[i];
         rec->tlsIdx = pool.g_tlsidx++;
         if (!light) {
-            rec->sequenceBlobLock = vx::mutex_create(app->control_pool);
-            rec->updateBTLock = vx::mutex_create(app->control_pool);
+            rec->sequenceBlobLock = vx::mutex_create(pool.pool);
+            rec->updateBTLock = vx::mutex_create(pool.pool);
             rec->sdkAgentHash = vx::open_calls_create();
         }
         rec->free_next = (i + 1 < vx::kTLSBlockSize) ? &block[i + 1] : nullptr;

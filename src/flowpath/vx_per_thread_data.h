@@ -163,6 +163,9 @@ struct VXTLSPool_t {
     TLSDataStruct* tlsdatastruct;
     int tlsdatastructCap; /* entries allocated in tlsdatastruct */
     apr_thread_mutex_t* tlsMutex;
+    /* The records' locks come from here, under tlsMutex: host threads grow
+     * the pool, and the instance's own pool is not theirs to allocate from. */
+    apr_pool_t* pool;
 };
 
 extern "C" {

@@ -14,7 +14,8 @@ extern "C" char* getVXSessionCookie(VXPerThreadData_t* vxTD) VX_NOEXCEPT
     if (!app || !vxTD || app->VXSys.enableVXSession == 0) return nullptr;
     auto* text = static_cast<char*>(calloc(1, vx::kCookieSize));
     if (!text) {
-        VX_ERROR("FLOWPATH", "Out of memory for the session cookie of '%lld'", vxTD->flowpathInstance);
+        VX_ERROR("FLOWPATH", "Out of memory for the session cookie of '%lld'",
+                 vxTD->flowpathInstance);
         return nullptr;
     }
     /* prev_fp_start_time is this flowpath's start: the next one measures the

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <ostream>
 #include <string>
 
 #include "core/vx_instance.h"
@@ -76,6 +77,8 @@ const RecordCase kRecordCases[] = {
      "2,123456789,5000,{tid},{tid}.1,{bt},/shop/cart,,123456789,000000000000000000077,55,,0,15,,,\n",
      "4,123456789,200,10,250000,40,{bt},0,,0,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
 };
+
+void PrintTo(const RecordCase& c, std::ostream* os) { *os << c.name; }
 
 class FlowpathRecords : public testing::TestWithParam<RecordCase> {};
 

@@ -1,0 +1,8 @@
+#include "diag/vx_gc_report.h"
+
+/* STAND-IN (issue: auto-sensor thread reports). */
+extern "C" void sendGCReport(int id, char* GC_report) VX_NOEXCEPT
+{
+    (void)id;
+    (void)GC_report;
+}

@@ -1,0 +1,7 @@
+#include "link/vx_discovery.h"
+
+/* STAND-IN (issue: loaded-class discovery). */
+extern "C" void handleMessageForDiscovery(char* discover_list) VX_NOEXCEPT
+{
+    (void)discover_list;
+}

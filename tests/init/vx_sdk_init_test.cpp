@@ -1,0 +1,290 @@
+/*
+ * Start-up of an SDK host: vx_init2 makes the process's one agent, so every
+ * case runs in a child process of its own. The 30-second wait is replaced by
+ * a sleep that only notes its argument and moves a frozen clock on.
+ */
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "core/vx_instance.h"
+#include "core/vx_sdk_api.h"
+#include "core/vx_sdk_api_private.h"
+#include "core/vx_sdk_log.h"
+#include "vx_sdk.h"
+#include "vx_test_support.h"
+
+namespace {
+
+/* Failures inside the child are printed and turn into its exit code. */
+#define CHILD_CHECK(cond)                                                            \
+    do {                                                                             \
+        if (!(cond)) {                                                               \
+            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
+            return 1;                                                                \
+        }                                                                            \
+    } while (0)
+
+/* Run `body` in a child with VXHOME set to a fresh directory; its result. */
+int run_in_child(const std::function<int(const std::string& home)>& body)
+{
+    std::string home = vx_test::make_temp_dir("vx_sdk_init_");
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        setenv("VXHOME", home.c_str(), 1);
+        unsetenv("KLV_APP_AGENT_LOGGINGLEVEL");
+        _exit(body(home));
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+char* S(const char* s)
+{
+    return const_cast<char*>(s);
+}
+
+int g_sleeps = 0;
+int g_slept = -1;
+
+void noted_sleep(int seconds)
+{
+    ++g_sleeps;
+    g_slept = seconds;
+    vx_test::FrozenClock::advance_ms(seconds * 1000LL);
+}
+
+/* Names in `dir` that begin with `prefix`. */
+std::vector<std::string> files_in(const std::string& dir, const std::string& prefix = "")
+{
+    std::vector<std::string> out;
+    DIR* d = opendir(dir.c_str());
+    if (!d) return out;
+    while (dirent* e = readdir(d)) {
+        std::string name = e->d_name;
+        if (name == "." || name == "..") continue;
+        if (name.rfind(prefix, 0) == 0) out.push_back(name);
+    }
+    closedir(d);
+    return out;
+}
+
+std::vector<std::string> lines_of(const std::string& path)
+{
+    std::ifstream in(path);
+    std::vector<std::string> out;
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+bool all_digits(const std::string& s, size_t n)
+{
+    if (s.size() != n) return false;
+    for (char c : s)
+        if (!isdigit(static_cast<unsigned char>(c))) return false;
+    return true;
+}
+
+/* "LEVEL|function|message" of an SDK log line whose prefix has the exact
+ * shape "DD-Mon-YY hh:mm:ss |<pid> |LEVEL |function : line |"; "" when it
+ * does not. */
+std::string parse_sdk_line(const std::string& line)
+{
+    /* "01-Jan-24 12:00:00 |" is 20 characters. */
+    if (line.size() < 20 || line[2] != '-' || line[6] != '-' || line[9] != ' ' ||
+        line.compare(18, 2, " |") != 0)
+        return "";
+    if (!all_digits(line.substr(0, 2), 2) || !all_digits(line.substr(7, 2), 2)) return "";
+    size_t at = 20;
+    std::string pid_part = std::to_string(getpid()) + " |";
+    if (line.compare(at, pid_part.size(), pid_part) != 0) return "";
+    at += pid_part.size();
+    size_t level_end = line.find(" |", at);
+    size_t colon = line.find(" : ", level_end);
+    size_t msg = line.find(" |", colon);
+    if (level_end == std::string::npos || colon == std::string::npos || msg == std::string::npos)
+        return "";
+    std::string line_no = line.substr(colon + 3, msg - colon - 3);
+    if (line_no.empty() || !all_digits(line_no, line_no.size())) return "";
+    return line.substr(at, level_end - at) + "|" +
+           line.substr(level_end + 2, colon - level_end - 2) + "|" + line.substr(msg + 2);
+}
+
+constexpr char kHeader[] = "#Date      TimeStamp|PID   |level|function_name:line|format";
+
+TEST(SdkInit, WithoutAnExistingHomeNothingStartsAndEveryCallIsInert)
+{
+    EXPECT_EQ(
+        run_in_child([](const std::string& home) {
+            vx::sdk_sleep_set(noted_sleep);
+            unsetenv("VXHOME");
+            vx_init();
+            CHILD_CHECK(tlvxApplication == nullptr);
+            CHILD_CHECK(initializeSDK == 0 && g_vx_sdk_log_init == 0 && vx_sdk_log == nullptr);
+            CHILD_CHECK(g_sleeps == 0);
+            CHILD_CHECK(vx_bt_begin(S("/a"), nullptr, nullptr, nullptr, nullptr, nullptr) ==
+                        nullptr);
+            static int h;
+            CHILD_CHECK(vx_bt_end(&h, 0, 0, nullptr) == -1);
+            CHILD_CHECK(vx_ip_db_callout_end(S("q"), S(""), &h, nullptr) == 0);
+            vx_bt_store(&h, S("id"));
+            CHILD_CHECK(vx_bt_get(S("id")) == nullptr);
+
+            /* A home that does not exist is no home. */
+            setenv("VXHOME", (home + "/missing").c_str(), 1);
+            vx_init_sdk(S("worker"));
+            CHILD_CHECK(tlvxApplication == nullptr && g_sleeps == 0 && vx_sdk_log == nullptr);
+            CHILD_CHECK(files_in(home).empty()); /* not a file was made */
+            return 0;
+        }),
+        0);
+}
+
+TEST(SdkInit, Init2OpensTheSdkLogStartsTheAgentAndReturnsAfterItsWait)
+{
+    EXPECT_EQ(
+        run_in_child([](const std::string& home) {
+            setenv("KLV_APP_AGENT_LOGGINGLEVEL", "INFO", 1);
+            constexpr long long kNow = 1700000000000LL;
+            vx_test::FrozenClock clock(kNow, 0);
+            vx::sdk_sleep_set(noted_sleep);
+
+            vx_init2(S("cppAgent"), S("worker"), S("v2"), S("shop"));
+            CHILD_CHECK(g_sleeps == 1 && g_slept == 30);
+            CHILD_CHECK(initializeSDK == 1 && g_vx_sdk_log_init == 1);
+            CHILD_CHECK(sdk_log_level == VX_SDK_INFO);
+            VXProxyInstance_t* app = tlvxApplication;
+            CHILD_CHECK(app != nullptr);
+            CHILD_CHECK(strcmp(app->agentName, "shop") == 0);
+            CHILD_CHECK(proc_name && strcmp(proc_name, "worker") == 0);
+            CHILD_CHECK(strcmp(app->VXBCISetting.agentType, "cppAgent") == 0);
+            CHILD_CHECK(strcmp(app->VXBCISetting.agentVersion, "v2") == 0);
+            CHILD_CHECK(app->control_thread_id != nullptr);
+            /* Stamped once the wait is over. */
+            CHILD_CHECK(app->Server.lastHeartBeatRcvTime == kNow + 30000);
+            CHILD_CHECK(sdk_pool && bt_lock && g_bt_hash);
+
+            /* "<home>/<type>/logs/vx_sdk_<14 digits>_<pid>.log_0", alone. */
+            const std::string logs = home + "/cppAgent/logs";
+            std::vector<std::string> names = files_in(logs, "vx_sdk_");
+            CHILD_CHECK(names.size() == 1);
+            const std::string& name = names[0];
+            const std::string tail = "_" + std::to_string(getpid()) + ".log_0";
+            CHILD_CHECK(name.size() == 7 + 14 + tail.size());
+            CHILD_CHECK(all_digits(name.substr(7, 14), 14));
+            CHILD_CHECK(name.compare(21, std::string::npos, tail) == 0);
+            CHILD_CHECK(logs + "/" + name == vx_sdk_log->file_name[0]);
+            std::string second = logs + "/" + name;
+            second.back() = '1';
+            CHILD_CHECK(second == vx_sdk_log->file_name[1]);
+
+            std::vector<std::string> lines = lines_of(logs + "/" + name);
+            CHILD_CHECK(lines.size() == 3);
+            CHILD_CHECK(lines[0] == kHeader);
+            CHILD_CHECK(parse_sdk_line(lines[1]) ==
+                        "INFO|sdk_bt_map_create|Method Called, sdk_pool created");
+            CHILD_CHECK(parse_sdk_line(lines[2]) == "INFO|sdk_bt_map_create|Method End");
+
+            static char id[] = "order-9";
+            static int h;
+            vx_bt_store(&h, id);
+            CHILD_CHECK(vx_bt_get(id) == &h);
+
+            vx_free();
+            CHILD_CHECK(!vx_sdk_log && !g_bt_hash && !sdk_pool && !bt_lock);
+            lines = lines_of(logs + "/" + name);
+            CHILD_CHECK(parse_sdk_line(lines.back()) == "INFO|vx_free|Method Called");
+            /* After vx_free nothing is logged and the map is gone. */
+            const size_t count = lines.size();
+            CHILD_CHECK(vx_bt_begin(S(""), nullptr, nullptr, nullptr, nullptr, nullptr) == nullptr);
+            CHILD_CHECK(vx_bt_get(id) == nullptr);
+            CHILD_CHECK(lines_of(logs + "/" + name).size() == count);
+            return 0;
+        }),
+        0);
+}
+
+TEST(SdkInit, Init2FallsBackToTheProgramNameTheHomeAndTheErrorLevel)
+{
+    EXPECT_EQ(run_in_child([](const std::string& home) {
+                  vx::sdk_sleep_set(noted_sleep);
+                  vx_init();
+                  VXProxyInstance_t* app = tlvxApplication;
+                  CHILD_CHECK(app != nullptr && g_sleeps == 1);
+                  CHILD_CHECK(strcmp(app->agentName, program_invocation_short_name) == 0);
+                  CHILD_CHECK(strcmp(proc_name, "klvgolib") == 0);
+                  CHILD_CHECK(sdk_log_level == VX_SDK_ERROR);
+                  /* At the default level only the header is written. */
+                  std::vector<std::string> names = files_in(home + "/cppAgent/logs", "vx_sdk_");
+                  CHILD_CHECK(names.size() == 1);
+                  CHILD_CHECK(lines_of(home + "/cppAgent/logs/" + names[0]) ==
+                              std::vector<std::string>{kHeader});
+                  return 0;
+              }),
+              0);
+    /* Without an agent type the log lies under the home itself. */
+    EXPECT_EQ(run_in_child([](const std::string& home) {
+                  vx::sdk_sleep_set(noted_sleep);
+                  vx_init2(nullptr, S("worker"), nullptr, nullptr);
+                  CHILD_CHECK(tlvxApplication != nullptr && initializeSDK == 1);
+                  CHILD_CHECK(files_in(home + "/logs", "vx_sdk_").size() == 1);
+                  return 0;
+              }),
+              0);
+}
+
+TEST(SdkInit, SdkLogLevelComesFromTheEnvironmentAndGatesEachLine)
+{
+    EXPECT_EQ(run_in_child([](const std::string& home) {
+                  std::string dir = home + "/cppAgent";
+                  const struct {
+                      const char* value;
+                      int level;
+                  } cases[] = {{"CRITICAL", 4}, {"warning", 3}, {"Info", 2},
+                               {"debug", 1},    {"TRACE", 5},   {"", 5}};
+                  for (const auto& c : cases) {
+                      sdk_log_level = VX_SDK_ERROR;
+                      setenv("KLV_APP_AGENT_LOGGINGLEVEL", c.value, 1);
+                      vx_sdk_log_init(dir.data());
+                      CHILD_CHECK(vx_sdk_log && vx_sdk_log->file_fp);
+                      CHILD_CHECK(sdk_log_level == c.level);
+                  }
+
+                  /* WARNING lets through WARNING, CRITICAL and ERROR. */
+                  sdk_log_level = VX_SDK_WARNING;
+                  for (int level = VX_SDK_DEBUG; level <= VX_SDK_ERROR; ++level)
+                      VX_SDK_LOG(level, "m%d", level);
+                  std::vector<std::string> lines = lines_of(vx_sdk_log->file_name[0]);
+                  CHILD_CHECK(lines.size() == 4 && lines[0] == kHeader);
+                  /* The logging function here is the lambda's operator(). */
+                  CHILD_CHECK(parse_sdk_line(lines[1]) == "WARNING|operator()|m3");
+                  CHILD_CHECK(parse_sdk_line(lines[2]) == "CRITICAL|operator()|m4");
+                  CHILD_CHECK(parse_sdk_line(lines[3]) == "ERROR|operator()|m5");
+
+                  /* A directory that cannot be made: no file, the level stays,
+                   * and lines are refused. */
+                  std::ofstream(home + "/blocker") << "x";
+                  setenv("KLV_APP_AGENT_LOGGINGLEVEL", "DEBUG", 1);
+                  std::string blocked = home + "/blocker";
+                  vx_sdk_log_init(blocked.data());
+                  CHILD_CHECK(vx_sdk_log && vx_sdk_log->file_fp == nullptr);
+                  CHILD_CHECK(sdk_log_level == VX_SDK_WARNING);
+                  CHILD_CHECK(vx_sdk_trace_log(VX_SDK_ERROR, "host_fn", 7, "lost") == -1);
+                  return 0;
+              }),
+              0);
+}
+
+}  // namespace

@@ -98,6 +98,21 @@ void BM_MethodPair(benchmark::State& state)
 }
 BENCHMARK(BM_MethodPair)->Threads(1)->Threads(2)->Threads(8)->UseRealTime();
 
+/* (b): the same pair through the SDK calls, which look the method up by
+ * name on every event. */
+void BM_SdkMethodPair(benchmark::State& state)
+{
+    start_agent();
+    vxBTHandle h = vx_bt_begin(S("/bench-sdk"), nullptr, nullptr, nullptr, nullptr, nullptr);
+    for (auto _ : state) {
+        vx_method_entry(h, S("Bench.work"));
+        vx_method_exit(h, S("Bench.work"), nullptr);
+    }
+    state.SetItemsProcessed(state.iterations());
+    vx_bt_end(h, 200, 0, nullptr);
+}
+BENCHMARK(BM_SdkMethodPair);
+
 /* (c): a whole flowpath: start, ten method pairs, end and reset. */
 void BM_FlowpathWithTenMethods(benchmark::State& state)
 {

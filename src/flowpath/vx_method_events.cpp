@@ -68,15 +68,15 @@ methodPropProperties* resolve(VXProxyInstance_t* app, void* methodPtr, VXPerThre
     if (m && vxTD->hasMapNodePtr == current && m->generation == current &&
         app->VXAgentSetting.enableProxyServer == 0)
         return m;
-    {
-        vx::VXLockGuard guard(t.methodEntryLock);
-        current = t.methodHashMapNode;
-        if (vxTD->hasMapNodePtr != current) {
-            /* The flowpath's reference moves with it to the current table. */
-            vxDecrementMethodRefCount(static_cast<node_t*>(vxTD->hasMapNodePtr));
-            vxTD->hasMapNodePtr = current;
-            if (current) __atomic_add_fetch(&current->ref_count, 1, __ATOMIC_RELAXED);
-        }
+    /* The lookup stays under the lock that chose the generation, so that a
+     * new name is never created in a generation just replaced. */
+    vx::VXLockGuard guard(t.methodEntryLock);
+    current = t.methodHashMapNode;
+    if (vxTD->hasMapNodePtr != current) {
+        /* The flowpath's reference moves with it to the current table. */
+        vxDecrementMethodRefCount(static_cast<node_t*>(vxTD->hasMapNodePtr));
+        vxTD->hasMapNodePtr = current;
+        if (current) __atomic_add_fetch(&current->ref_count, 1, __ATOMIC_RELAXED);
     }
     if (!current) return nullptr;
     return create ? searchAndUpdateMethodHashMap(mName, current, 0, 0, 0)
@@ -240,7 +240,12 @@ methodPropProperties* callout_backend(VXProxyInstance_t* app, VXPerThreadData_t*
                                       methodPropProperties* m, char* encodedBackend,
                                       long long* resourceID, bool exception_path)
 {
-    node_t* node = static_cast<node_t*>(vxTD->hasMapNodePtr);
+    (void)vxTD;
+    /* Backends are made in the current generation, under the lock that
+     * chose it (the lock is nested: the lookup takes it again). */
+    vx::VXLockGuard guard(app->methodTable.methodEntryLock);
+    node_t* node = app->methodTable.methodHashMapNode;
+    if (!node) return m;
     if (!encodedBackend || !*encodedBackend) {
         if (m->type_ != kMethodTypeDatabase) return m;
         return searchAndUpdateMethodHashMap(encodedBackend, node, 0, m->type_, m->callOutValue);

@@ -13,6 +13,7 @@
 #include <string>
 #include <sys/stat.h>
 
+#include "core/vx_hashmap.h"
 #include "core/vx_instance.h"
 #include "core/vx_platform.h"
 #include "flowpath/vx_method_table.h"
@@ -76,6 +77,33 @@ void BM_WallClock(benchmark::State& state)
     for (auto _ : state) benchmark::DoNotOptimize(my_gettimeofday());
 }
 BENCHMARK(BM_WallClock);
+
+/* The per-flowpath lock (sequenceBlobLock): one uncontended lock and unlock. */
+void BM_RecordLock(benchmark::State& state)
+{
+    start_agent();
+    VXPerThreadData_t* td = open_flowpath();
+    for (auto _ : state) {
+        apr_thread_mutex_lock(td->sequenceBlobLock);
+        apr_thread_mutex_unlock(td->sequenceBlobLock);
+    }
+    close_flowpath(td);
+}
+BENCHMARK(BM_RecordLock);
+
+/* The string-map write lock with the insert and removal a flowpath does in
+ * the instance map at start and end. */
+void BM_MapInsertRemove(benchmark::State& state)
+{
+    start_agent();
+    char key[] = "4611686018427387905";
+    int value = 0;
+    for (auto _ : state) {
+        vx::insert_hashmap_if_absent(key, &value, tlvxApplication->fpiToTLS);
+        vx::remove_hashmap_if(key, &value, tlvxApplication->fpiToTLS);
+    }
+}
+BENCHMARK(BM_MapInsertRemove);
 
 /* (a) and (d): one entry and exit pair on a captured flowpath, with the
  * method handle the host cached. Each thread has a flowpath of its own. */

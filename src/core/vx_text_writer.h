@@ -11,6 +11,7 @@
 
 #include <charconv>
 #include <cstddef>
+#include <cstring>
 
 namespace vx {
 
@@ -25,7 +26,13 @@ public:
     }
     void put(const char* s)
     {
-        for (; s && *s; ++s) put(*s);
+        if (!s) return;
+        const size_t n = strlen(s);
+        if (len_ + 1 < cap_) {
+            const size_t room = cap_ - 1 - len_;
+            memcpy(out_ + len_, s, n < room ? n : room);
+        }
+        len_ += n;
     }
     void put(long long v) { put_digits(v, 0, false); }
     void put(int v) { put_digits(v, 0, false); }

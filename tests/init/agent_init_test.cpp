@@ -21,30 +21,6 @@
 
 namespace {
 
-/* Failures inside the child are printed and turn into its exit code. */
-#define CHILD_CHECK(cond)                                                               \
-    do {                                                                                \
-        if (!(cond)) {                                                                  \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond);   \
-            return 1;                                                                   \
-        }                                                                               \
-    } while (0)
-
-/* Run `body` in a child with VXHOME set to a fresh directory; its result. */
-int run_in_child(const std::function<int(const std::string& home)>& body)
-{
-    std::string home = vx_test::make_temp_dir("vx_init_");
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        setenv("VXHOME", home.c_str(), 1);
-        _exit(body(home));
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 bool exists(const std::string& path)
 {
     struct stat st;
@@ -53,7 +29,7 @@ bool exists(const std::string& path)
 
 TEST(AgentInit, NullArgumentsGiveTheDefaultsAndConfigureOnly)
 {
-    EXPECT_EQ(run_in_child([](const std::string& home) {
+    EXPECT_EQ(vx_test::run_in_child([](const std::string& home) {
                   /* An old log of another process, and a file that is no log. */
                   mkdir((home + "/logs").c_str(), 0755);
                   std::ofstream(home + "/logs/vx_trace_other_p_20000101120000_77.log_0") << "x";
@@ -91,7 +67,7 @@ TEST(AgentInit, NullArgumentsGiveTheDefaultsAndConfigureOnly)
 
 TEST(AgentInit, NamesAndTypeComeFromTheArguments)
 {
-    EXPECT_EQ(run_in_child([](const std::string& home) {
+    EXPECT_EQ(vx_test::run_in_child([](const std::string& home) {
                   mkdir((home + "/Python").c_str(), 0755);
                   std::ofstream(home + "/Python/version") << "# comment\n\n4.2.0\nbuild 7\n";
                   agent_init(const_cast<char*>("shop"), 0, const_cast<char*>("worker"),
@@ -123,7 +99,7 @@ TEST(AgentInit, NamesAndTypeComeFromTheArguments)
 
 TEST(AgentInit, ConnectingStartsThePoolAndTheControlThreadAndShutdownStopsIt)
 {
-    EXPECT_EQ(run_in_child([](const std::string&) {
+    EXPECT_EQ(vx_test::run_in_child([](const std::string&) {
                   agent_shutdown(); /* before agent_init: no effect */
                   agent_init(const_cast<char*>("p"), 1, nullptr, const_cast<char*>("cppAgent"), nullptr);
                   VXProxyInstance_t* app = tlvxApplication;
@@ -146,7 +122,7 @@ TEST(AgentInit, ConnectingStartsThePoolAndTheControlThreadAndShutdownStopsIt)
 
 TEST(AgentInit, ShutdownGivesUpOnAThreadThatNeverStops)
 {
-    EXPECT_EQ(run_in_child([](const std::string&) {
+    EXPECT_EQ(vx_test::run_in_child([](const std::string&) {
                   agent_init(nullptr, 0, nullptr, nullptr, nullptr);
                   /* A control thread that never answers. */
                   tlvxApplication->control_thread_id = reinterpret_cast<apr_thread_t*>(1);

@@ -26,31 +26,6 @@
 
 namespace {
 
-/* Failures inside the child are printed and turn into its exit code. */
-#define CHILD_CHECK(cond)                                                            \
-    do {                                                                             \
-        if (!(cond)) {                                                               \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            return 1;                                                                \
-        }                                                                            \
-    } while (0)
-
-/* Run `body` in a child with VXHOME set to a fresh directory; its result. */
-int run_in_child(const std::function<int(const std::string& home)>& body)
-{
-    std::string home = vx_test::make_temp_dir("vx_sdk_init_");
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        setenv("VXHOME", home.c_str(), 1);
-        unsetenv("KLV_APP_AGENT_LOGGINGLEVEL");
-        _exit(body(home));
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 char* S(const char* s)
 {
     return const_cast<char*>(s);
@@ -127,7 +102,7 @@ constexpr char kHeader[] = "#Date      TimeStamp|PID   |level|function_name:line
 TEST(SdkInit, WithoutAnExistingHomeNothingStartsAndEveryCallIsInert)
 {
     EXPECT_EQ(
-        run_in_child([](const std::string& home) {
+        vx_test::run_in_child([](const std::string& home) {
             vx::sdk_sleep_set(noted_sleep);
             unsetenv("VXHOME");
             vx_init();
@@ -155,7 +130,7 @@ TEST(SdkInit, WithoutAnExistingHomeNothingStartsAndEveryCallIsInert)
 TEST(SdkInit, Init2OpensTheSdkLogStartsTheAgentAndReturnsAfterItsWait)
 {
     EXPECT_EQ(
-        run_in_child([](const std::string& home) {
+        vx_test::run_in_child([](const std::string& home) {
             setenv("KLV_APP_AGENT_LOGGINGLEVEL", "INFO", 1);
             constexpr long long kNow = 1700000000000LL;
             vx_test::FrozenClock clock(kNow, 0);
@@ -218,7 +193,7 @@ TEST(SdkInit, Init2OpensTheSdkLogStartsTheAgentAndReturnsAfterItsWait)
 
 TEST(SdkInit, Init2FallsBackToTheProgramNameTheHomeAndTheErrorLevel)
 {
-    EXPECT_EQ(run_in_child([](const std::string& home) {
+    EXPECT_EQ(vx_test::run_in_child([](const std::string& home) {
                   vx::sdk_sleep_set(noted_sleep);
                   vx_init();
                   VXProxyInstance_t* app = tlvxApplication;
@@ -235,7 +210,7 @@ TEST(SdkInit, Init2FallsBackToTheProgramNameTheHomeAndTheErrorLevel)
               }),
               0);
     /* Without an agent type the log lies under the home itself. */
-    EXPECT_EQ(run_in_child([](const std::string& home) {
+    EXPECT_EQ(vx_test::run_in_child([](const std::string& home) {
                   vx::sdk_sleep_set(noted_sleep);
                   vx_init2(nullptr, S("worker"), nullptr, nullptr);
                   CHILD_CHECK(tlvxApplication != nullptr && initializeSDK == 1);
@@ -247,7 +222,7 @@ TEST(SdkInit, Init2FallsBackToTheProgramNameTheHomeAndTheErrorLevel)
 
 TEST(SdkInit, SdkLogLevelComesFromTheEnvironmentAndGatesEachLine)
 {
-    EXPECT_EQ(run_in_child([](const std::string& home) {
+    EXPECT_EQ(vx_test::run_in_child([](const std::string& home) {
                   std::string dir = home + "/cppAgent";
                   const struct {
                       const char* value;

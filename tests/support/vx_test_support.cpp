@@ -6,6 +6,8 @@
 #include <fstream>
 #include <iterator>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "core/vx_instance.h"
 #include "core/vx_platform.h"
@@ -46,6 +48,21 @@ VXProxyInstance_t* agent()
         return tlvxApplication;
     }();
     return app;
+}
+
+int run_in_child(const std::function<int(const std::string& home)>& body)
+{
+    std::string home = make_temp_dir("vx_child_");
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        setenv("VXHOME", home.c_str(), 1);
+        unsetenv("KLV_APP_AGENT_LOGGINGLEVEL");
+        _exit(body(home));
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 std::string trace_log_text()

@@ -7,6 +7,8 @@
 #define VX_TEST_SUPPORT_H
 
 #include <atomic>
+#include <cstdio>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -25,6 +27,20 @@ std::string make_temp_dir(const char* prefix);
 VXProxyInstance_t* agent();
 /* The home directory the agent was started with. */
 const std::string& agent_home();
+
+/* Run `body` in a child process with VXHOME set to a fresh directory (and
+ * KLV_APP_AGENT_LOGGINGLEVEL unset); the child's exit code, or 128 + the
+ * signal that ended it. For start-up, which may run once per process. */
+int run_in_child(const std::function<int(const std::string& home)>& body);
+
+/* Inside run_in_child: a failed check is printed and becomes the exit code. */
+#define CHILD_CHECK(cond)                                                            \
+    do {                                                                             \
+        if (!(cond)) {                                                               \
+            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
+            return 1;                                                                \
+        }                                                                            \
+    } while (0)
 
 /* The whole text of the trace log's active file. */
 std::string trace_log_text();

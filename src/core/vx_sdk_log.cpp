@@ -80,7 +80,7 @@ extern "C" int vx_sdk_create_file_name(char* var_vxhome) VX_NOEXCEPT
     snprintf(vx_sdk_log->file_name[1], vx::kSdkLogNameSize, "%s/logs/vx_sdk_%s_%d.log_1", dir, stamp,
              pid);
     /* A cut name would open some other file. */
-    if (n0 > 0 && n0 < vx::kSdkLogNameSize) vx_sdk_log->file_fp = fopen(vx_sdk_log->file_name[0], "w");
+    if (n0 > 0 && n0 < vx::kSdkLogNameSize) vx_sdk_log->file_fp = fopen(vx_sdk_log->file_name[0], "we"); /* not inherited by children */
     if (!vx_sdk_log->file_fp) {
         fprintf(stderr, "ERROR |%s: %d |Unable to open file: %s\n", __func__, __LINE__,
                 vx_sdk_log->file_name[0]);

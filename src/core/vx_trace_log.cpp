@@ -210,7 +210,8 @@ extern "C" void vx_open_log_file(MTTraceLogKey* key, int* log_file_size, char ta
     int idx = key->cur_index;
     if (!key->fp[idx]) {
         *log_file_size = 0;
-        key->fp[idx] = fopen(key->log_file[idx], "a");
+        /* "e": the descriptor is not inherited by the host's child processes. */
+        key->fp[idx] = fopen(key->log_file[idx], "ae");
         if (key->fp[idx] && key->print_header) {
             VXProxyInstance_t* app = vx_app();
             const char* build = (app && app->VXSys.vxBuild) ? app->VXSys.vxBuild : "";

@@ -15,6 +15,7 @@
 #include "core/vx_bci_setting.h"
 #include "core/vx_hashmap.h"
 #include "core/vx_instance.h"
+#include "core/vx_settings.h"
 #include "core/vx_text.h"
 #include "core/vx_sys.h"
 #include "core/vx_thread.h"
@@ -148,8 +149,9 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
     setAgentType(agentType ? agentType : const_cast<char*>("PHP"));
     setAgentVersion(agentVersion ? agentVersion : const_cast<char*>("v1.0.0"));
 
-    /* The environment and vxsettings.conf are read here once the settings
-     * reader exists (issue #4). */
+    /* The environment first; the file only when the environment did not
+     * configure the collector. */
+    if (read_env_var() != 0) read_conf_file();
 
     vx_check_log_file();
     app->VXSys.proxyServerFlag = VXProxy.proxyServerFlag;

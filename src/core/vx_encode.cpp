@@ -127,6 +127,23 @@ extern "C" void escapeHTML(char* sb, int len, char* msgData, int is_underscore)
     entities_into(sb, len, msgData, [is_underscore](char c) { return html_entity(c, is_underscore != 0); });
 }
 
+extern "C" void encoded_with_underscore(char* sb, int len, char* msgData)
+{
+    if (!sb || len <= 0) return;
+    int o = 0;
+    for (const char* p = msgData; p && *p; ++p) {
+        const char* rep = *p == '_' ? "&#95;" : nullptr;
+        const int rl = rep ? 5 : 1;
+        if (o + rl > len - 1) break;
+        if (rep)
+            memcpy(sb + o, rep, 5);
+        else
+            sb[o] = *p;
+        o += rl;
+    }
+    sb[o] = '\0';
+}
+
 extern "C" void DBQueryParamEncoding(char* sb, int len, char* msgData)
 {
     entities_into(sb, len, msgData, [](char c) -> const char* {

@@ -31,6 +31,10 @@ void escapeHTML(char* sb, int len, char* msgData, int is_underscore);
  * query values. `sb` holds six times the text's length plus one. */
 void DBQueryParamEncoding(char* sb, int len, char* msgData);
 
+/* For identity names in the correlation header: each "_" becomes "&#95;".
+ * Stops at the first character that does not fit; always terminates. */
+void encoded_with_underscore(char* sb, int len, char* msgData);
+
 /* Base64 (RFC 4648, padded). A new zeroed buffer (free()) and its length in
  * *enc_len; null on failure. */
 char* hblb_encode_text_to_base64(char* text_input, int text_len, int* enc_len);

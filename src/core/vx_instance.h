@@ -28,6 +28,7 @@
 #include "core/vx_sys.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
+#include "link/vx_collector_list.h"
 #include "link/vx_server.h"
 #include "monitor/vx_backend_monitor.h"
 #include "monitor/vx_bt_monitor.h"
@@ -71,6 +72,16 @@ struct VXProxyInstance_t {
 
     int processID;
     int server_arr_size;
+    vxc_servers_t* vxc_server_arr; /* collectors; entry 0 the primary (heap, grown by 5) */
+    vxc_servers_t* active_vxc;     /* the entry the control thread uses now */
+
+    /* Protocols: 1 TCP, 2 WS, 3 WSS, 0 an empty slot. The agent's list in the
+     * order configured, the collector's as it answered, and their texts. */
+    int supportedProtocolArray[vx::kProtocolSlots];
+    int supportedProtocolVXCArray[vx::kProtocolSlots];
+    int ActiveAgentProtocolIndex;
+    char supportedProtocols[vx::kProtocolListSize]; /* VXSys.supportedProtocolsString points here */
+    char supportedProtocolsVXC[vx::kProtocolListSize];
 
     int toStopASThread;
 

@@ -57,6 +57,23 @@ inline constexpr int kSdkStartWaitSeconds = 30;           /* vx_init2's wait for
 inline constexpr int kSdkHeaderBufferSize = 2048;         /* topology tag and propagation headers */
 inline constexpr int kTopoTextSize = 1024;                /* the topology tag, terminator included */
 
+/* Settings files and the collector list. */
+inline constexpr int kConfLineSize = 2048;      /* vxsettings.conf: 2,047 characters a line */
+inline constexpr int kProxyConfLineSize = 1024; /* proxysetting.conf: 1,023 characters a line */
+inline constexpr int kCollectorListStep = 5;    /* vxc_server_arr: created with 5, grown by 5 */
+inline constexpr int kProtocolSlots = 5;     /* supportedProtocolArray, supportedProtocolVXCArray */
+inline constexpr int kProtocolsUsed = 3;     /* slots setSupportedProtocolArray fills */
+inline constexpr int kProtocolListSize = 50; /* supportedProtocolsString */
+inline constexpr int kProtocolItemsMax = 10; /* items of a protocol list */
+inline constexpr int kDefaultVXCPort = 443;
+inline constexpr int kDefaultTCPPort = 7892; /* vxcPort when TCP is the default protocol */
+inline constexpr int kStackSizeMinKiB = 256;
+inline constexpr int kStackSizeMaxKiB = 1024;
+inline constexpr int kAutoScalingModeDefault = 2;
+inline constexpr int kAutoScalingModeMax = 3;
+inline constexpr int kProcessTableInitial = 50; /* processInfoStruct */
+inline constexpr int kProcessTableStep = 10;
+
 /* Containers. */
 inline constexpr int kStackGrowStep = 64;           /* HB_STACK grows by this many slots */
 inline constexpr int kIntHashMapCount = 10;         /* hashArray */

@@ -45,6 +45,7 @@ struct Server_t {
     long long lastConnectionTime;
     long long connDuration;
     char connDestination[256];
+    int sameAppNameOccur; /* the instance name equals the pool name */
 };
 
 #endif

@@ -1,0 +1,136 @@
+/*
+ * Settings at start-up: agent_init reads the environment and, only when the
+ * environment did not configure the collector, vxsettings.conf. Each case
+ * runs in a child process of its own.
+ */
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/vx_instance.h"
+#include "core/vx_trace_log.h"
+#include "vx_sdk.h"
+#include "vx_test_support.h"
+
+namespace {
+
+struct StartCase {
+    const char* name;
+    std::vector<std::pair<const char*, const char*>> env;
+    const char* file; /* vxsettings.conf, null: none */
+    const char* tier;
+    const char* vxcHost; /* null: no collector */
+    int isEnableEnvVar;
+    const char* logged;           /* a text the trace log must hold, or null */
+    const char* server = nullptr; /* null: the host name */
+};
+
+int start_with(const StartCase& c, const std::string& home)
+{
+    for (const char* v :
+         {"KLV_INSTANCE_AS_TIER", "KLV_APP_AGENT_TIER", "KLV_APP_AGENT_SERVER",
+          "KLV_APP_AGENT_INSTANCE", "KLV_APP_AGENT_VXCHOST", "KLV_APP_AGENT_VXCPORT",
+          "KLV_APP_AGENT_VXC_COMM_PROTOCOL", "KLV_APP_AGENT_PROXYMODE"})
+        unsetenv(v);
+    for (const auto& [k, v] : c.env) setenv(k, v, 1);
+    if (c.file) {
+        mkdir((home + "/cppAgent").c_str(), 0755);
+        mkdir((home + "/cppAgent/config").c_str(), 0755);
+        std::ofstream(home + "/cppAgent/config/vxsettings.conf") << c.file;
+    }
+    agent_init(const_cast<char*>("shop"), 0, const_cast<char*>("worker"),
+               const_cast<char*>("cppAgent"), const_cast<char*>("1.0"));
+    VXProxyInstance_t* app = tlvxApplication;
+    CHILD_CHECK(app != nullptr);
+    const VXBCISetting_t& s = app->VXBCISetting;
+    CHILD_CHECK(s.tierName && strcmp(s.tierName, c.tier) == 0);
+    CHILD_CHECK(s.appName && strcmp(s.appName, "shop") == 0);
+    CHILD_CHECK(s.appServerName != nullptr);
+    if (c.server) CHILD_CHECK(strcmp(s.appServerName, c.server) == 0);
+    /* With the collector from the environment the file is not even looked at. */
+    if (c.isEnableEnvVar)
+        CHILD_CHECK(strcmp(s.appServerName, "FileServer") != 0 && s.prevFileSize == 0);
+    CHILD_CHECK(s.isEnableEnvVar == c.isEnableEnvVar);
+    if (c.vxcHost) {
+        CHILD_CHECK(s.vxcHost && strcmp(s.vxcHost, c.vxcHost) == 0);
+        CHILD_CHECK(app->vxc_server_arr && app->vxc_server_arr[0].vxc_host &&
+                    strcmp(app->vxc_server_arr[0].vxc_host, c.vxcHost) == 0);
+        CHILD_CHECK(app->vxc_server_arr[0].state == 1 && s.num_vxc_config == 1);
+    } else {
+        CHILD_CHECK(s.vxcHost == nullptr && s.num_vxc_config == 0);
+        CHILD_CHECK(!app->vxc_server_arr || app->vxc_server_arr[0].vxc_host == nullptr);
+    }
+    if (c.logged) CHILD_CHECK(vx_test::trace_log_text().find(c.logged) != std::string::npos);
+    return 0;
+}
+
+TEST(SettingsAtStart, EnvironmentAndFilePrecedence)
+{
+    const char* file = "tier=FileTier\nvxcHost=10.1.1.1\nvxcPort=7000\n";
+    const StartCase cases[] = {
+        {"nothing configured", {}, nullptr, "Default", nullptr, 0, nullptr},
+        {"file only", {}, file, "FileTier", "10.1.1.1", 0, nullptr},
+        /* An accepted collector in the environment keeps the file out. */
+        {"environment host",
+         {{"KLV_APP_AGENT_VXCHOST", "10.3.3.3"}, {"KLV_APP_AGENT_TIER", "EnvTier"}},
+         "tier=FileTier\nserver=FileServer\nvxcHost=10.1.1.1\n",
+         "EnvTier",
+         "10.3.3.3",
+         1,
+         nullptr},
+        /* A host name is refused: no collector from it, and the file applies. */
+        {"environment host name",
+         {{"KLV_APP_AGENT_VXCHOST", "collector.example.com"},
+          {"KLV_APP_AGENT_TIER", "EnvTier"},
+          {"KLV_APP_AGENT_SERVER", "EnvServer"}},
+         file,
+         "FileTier",
+         "10.1.1.1",
+         0,
+         "Invalid VXC IP - collector.example.com",
+         "EnvServer"},
+        {"refused host, no file",
+         {{"KLV_APP_AGENT_VXCHOST", "collector.example.com"}},
+         nullptr,
+         "Default",
+         nullptr,
+         0,
+         nullptr},
+    };
+    for (const StartCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(
+            vx_test::run_in_child([&c](const std::string& home) { return start_with(c, home); }),
+            0);
+    }
+}
+
+TEST(SettingsAtStart, EnvironmentPortAndProtocol)
+{
+    EXPECT_EQ(vx_test::run_in_child([](const std::string& home) {
+                  (void)home;
+                  setenv("KLV_APP_AGENT_VXCHOST", "10.3.3.3", 1);
+                  setenv("KLV_APP_AGENT_VXCPORT", "9443", 1);
+                  setenv("KLV_APP_AGENT_VXC_COMM_PROTOCOL", "WSS:9443,TCP", 1);
+                  agent_init(const_cast<char*>("shop"), 0, nullptr, const_cast<char*>("cppAgent"),
+                             nullptr);
+                  VXProxyInstance_t* app = tlvxApplication;
+                  CHILD_CHECK(app->VXBCISetting.vxcPort == 9443);
+                  CHILD_CHECK(app->vxc_server_arr[0].vxc_port == 9443u);
+                  CHILD_CHECK(app->VXBCISetting.vxc_WSS_Port == 9443);
+                  CHILD_CHECK(strcmp(app->supportedProtocols, "WSS,TCP") == 0);
+                  CHILD_CHECK(app->ActiveAgentProtocolIndex == 3);
+                  CHILD_CHECK(app->lws_active == 1);
+                  return 0;
+              }),
+              0);
+}
+
+}  // namespace

@@ -1,0 +1,136 @@
+#include "run_store.h"
+
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <ctime>
+
+namespace vxc {
+
+namespace {
+
+/* mkdir -p, bounded by the path's length. */
+int make_dirs(const std::string& path)
+{
+    std::string part;
+    for (size_t i = 0; i <= path.size(); ++i) {
+        if (i == path.size() || (path[i] == '/' && i > 0)) {
+            part = path.substr(0, i);
+            if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return -1;
+        }
+    }
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) ? 0 : -1;
+}
+
+}  // namespace
+
+ConnectionSeen* Counts::connection(unsigned id)
+{
+    auto it = seen.find(id);
+    if (it != seen.end()) return &it->second;
+    if (seen.size() >= kMaxConnectionsListed) return nullptr;
+    return &seen[id];
+}
+
+int RunStore::open(const std::string& dir, std::string* error)
+{
+    close();
+    if (make_dirs(dir) != 0) {
+        if (error) *error = "cannot create run directory " + dir + ": " + strerror(errno);
+        return -1;
+    }
+    dir_ = dir;
+    log_ = fopen((dir_ + "/vxc-lite.log").c_str(), "a");
+    malformed_ = fopen((dir_ + "/malformed.txt").c_str(), "w");
+    if (!log_ || !malformed_) {
+        if (error) *error = "cannot open files in " + dir + ": " + strerror(errno);
+        close();
+        return -1;
+    }
+    return 0;
+}
+
+void RunStore::close()
+{
+    if (log_) fclose(log_);
+    if (malformed_) fclose(malformed_);
+    log_ = nullptr;
+    malformed_ = nullptr;
+}
+
+FILE* RunStore::open_connection_file(unsigned id, const char* kind)
+{
+    char name[64];
+    snprintf(name, sizeof name, "/conn-%04u-%s.lines", id, kind);
+    FILE* f = fopen((dir_ + name).c_str(), "w");
+    if (!f) log("cannot open %s%s: %s", dir_.c_str(), name, strerror(errno));
+    return f;
+}
+
+void RunStore::log(const char* fmt, ...)
+{
+    char msg[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(msg, sizeof msg, fmt, ap);
+    va_end(ap);
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    struct tm tm;
+    localtime_r(&tv.tv_sec, &tm);
+    char stamp[32];
+    strftime(stamp, sizeof stamp, "%H:%M:%S", &tm);
+    if (log_) {
+        fprintf(log_, "%s.%03ld %s\n", stamp, static_cast<long>(tv.tv_usec / 1000), msg);
+        fflush(log_);
+    }
+    if (echo_to_stderr)
+        fprintf(stderr, "vxc-lite %s.%03ld %s\n", stamp, static_cast<long>(tv.tv_usec / 1000), msg);
+}
+
+void RunStore::malformed(unsigned conn, std::string_view reason, std::string_view line)
+{
+    ++counts.malformed;
+    const size_t shown = line.size() < 200 ? line.size() : 200;
+    log("conn %u: malformed record: %.*s", conn, static_cast<int>(reason.size()), reason.data());
+    if (!malformed_) return;
+    fprintf(malformed_, "%u %.*s | %.*s\n", conn, static_cast<int>(reason.size()), reason.data(),
+            static_cast<int>(shown), line.data());
+    fflush(malformed_);
+}
+
+int RunStore::write_summary()
+{
+    if (dir_.empty()) return -1;
+    const std::string tmp = dir_ + "/summary.txt.tmp";
+    FILE* f = fopen(tmp.c_str(), "w");
+    if (!f) return -1;
+    const Counts& c = counts;
+    fprintf(f,
+            "connections=%llu\nconnections_refused=%llu\ncontrol_connections=%llu\n"
+            "data_connections=%llu\nunknown_connections=%llu\n"
+            "control_requests_with_problems=%llu\ndata_openings_with_problems=%llu\n"
+            "agent_control_lines=%llu\nheartbeats_sent=%llu\ndata_heartbeats=%llu\n"
+            "records=%llu\nmalformed=%llu\noverlong=%llu\nnul_bytes=%llu\n",
+            c.connections, c.connections_refused, c.control_connections, c.data_connections,
+            c.unknown_connections, c.control_requests_with_problems, c.data_openings_with_problems,
+            c.agent_control_lines, c.heartbeats_sent, c.data_heartbeats, c.records, c.malformed,
+            c.overlong, c.nul_bytes);
+    for (const auto& [number, n] : c.per_record) fprintf(f, "record.%d=%llu\n", number, n);
+    for (const auto& [id, k] : c.seen)
+        fprintf(f,
+                "conn.%u=%s peer=%s appName=%s agentName=%s pid=%s lines=%llu records=%llu "
+                "malformed=%llu state=%s\n",
+                id, k.kind.c_str(), k.peer.c_str(), k.app_name.c_str(), k.agent_name.c_str(),
+                k.pid.c_str(), k.lines, k.records, k.malformed,
+                k.closed.empty() ? "open" : ("closed: " + k.closed).c_str());
+    const bool ok = fclose(f) == 0;
+    /* Readers see the old summary or the new one, never half of one. */
+    return ok && rename(tmp.c_str(), (dir_ + "/summary.txt").c_str()) == 0 ? 0 : -1;
+}
+
+}  // namespace vxc

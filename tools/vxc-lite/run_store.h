@@ -1,0 +1,96 @@
+/*
+ * run_store: the run directory of one vxc-lite run and the counts that go
+ * into its summary.
+ *
+ *   conn-<n>-<kind>.lines  every line a connection sent, NUL bytes removed
+ *   malformed.txt          "<conn> <reason> | <line, cut to 200 bytes>"
+ *   summary.txt            key=value counts, then one line a connection
+ *                          ("conn.<n>=..."); rewritten at most once a second
+ *                          while something changed, and at the end
+ *   vxc-lite.log           the log
+ *
+ * Used by the server's thread only. File errors are logged once and the run
+ * goes on without that file.
+ */
+#ifndef VXC_LITE_RUN_STORE_H
+#define VXC_LITE_RUN_STORE_H
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <string_view>
+
+namespace vxc {
+
+/* One connection as the summary lists it. */
+struct ConnectionSeen {
+    std::string kind = "unknown";
+    std::string peer;
+    std::string app_name; /* from the first line, when it names them */
+    std::string agent_name;
+    std::string pid;
+    unsigned long long lines = 0;
+    unsigned long long records = 0;
+    unsigned long long malformed = 0;
+    std::string closed; /* empty while open, else why it closed */
+};
+
+/* Connections listed one by one in the summary; later ones are only counted. */
+constexpr size_t kMaxConnectionsListed = 10000;
+
+struct Counts {
+    unsigned long long connections = 0;         /* accepted */
+    unsigned long long connections_refused = 0; /* over the limit */
+    unsigned long long control_connections = 0;
+    unsigned long long data_connections = 0;
+    unsigned long long unknown_connections = 0; /* first line not recognised, or none */
+    unsigned long long control_requests_with_problems = 0;
+    unsigned long long data_openings_with_problems = 0;
+    unsigned long long agent_control_lines = 0; /* after the request */
+    unsigned long long heartbeats_sent = 0;
+    /* Bare line feeds on data connections: heartbeats, and the one that
+     * opens record 99 and the one behind the opening line. */
+    unsigned long long data_heartbeats = 0;
+    unsigned long long records = 0;
+    unsigned long long malformed = 0;
+    unsigned long long overlong = 0;
+    unsigned long long nul_bytes = 0;
+    std::map<int, unsigned long long> per_record;
+    std::map<unsigned, ConnectionSeen> seen;
+
+    /* The entry of connection id, or null when the list is full. */
+    ConnectionSeen* connection(unsigned id);
+};
+
+class RunStore {
+public:
+    RunStore() = default;
+    ~RunStore() { close(); }
+    RunStore(const RunStore&) = delete;
+    RunStore& operator=(const RunStore&) = delete;
+
+    /* Creates the directory (and parents) and opens the log. 0 or -1. */
+    int open(const std::string& dir, std::string* error);
+    void close();
+
+    /* Opens conn-<id>-<kind>.lines; returns the file (owned by the caller,
+     * closed with fclose) or null. */
+    FILE* open_connection_file(unsigned id, const char* kind);
+
+    void log(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+    void malformed(unsigned conn, std::string_view reason, std::string_view line);
+    int write_summary();
+
+    Counts counts;
+    bool echo_to_stderr = true;
+    const std::string& dir() const { return dir_; }
+
+private:
+    std::string dir_;
+    FILE* log_ = nullptr;
+    FILE* malformed_ = nullptr;
+};
+
+}  // namespace vxc
+
+#endif

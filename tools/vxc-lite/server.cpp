@@ -1,0 +1,479 @@
+#include "server.h"
+
+#include <apr_network_io.h>
+#include <apr_poll.h>
+#include <apr_pools.h>
+#include <apr_strings.h>
+#include <apr_time.h>
+
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "record_parser.h"
+
+namespace vxc {
+
+namespace {
+
+constexpr apr_interval_time_t kPollStep = 100 * 1000; /* 100 ms */
+constexpr size_t kReadChunk = 65536;
+constexpr int kReadsPerWake = 16; /* fairness among connections */
+constexpr int kAcceptsPerWake = 64;
+constexpr size_t kMaxPendingSend = 1024 * 1024;            /* a peer that never reads */
+constexpr apr_interval_time_t kSummaryEvery = 1000 * 1000; /* 1 s */
+
+enum class Kind { Unknown, Control, Data };
+
+const char* kind_name(Kind k)
+{
+    switch (k) {
+        case Kind::Control:
+            return "control";
+        case Kind::Data:
+            return "data";
+        default:
+            return "unknown";
+    }
+}
+
+struct Conn {
+    unsigned id = 0;
+    apr_pool_t* pool = nullptr;
+    apr_socket_t* skt = nullptr;
+    apr_pollfd_t pfd{};
+    Kind kind = Kind::Unknown;
+    std::unique_ptr<LineSplitter> splitter;
+    FILE* file = nullptr;
+    std::string out;
+    apr_time_t opened = 0;
+    apr_time_t next_heartbeat = 0;
+    unsigned long long heartbeats = 0;
+    bool closing = false;
+    char peer[64] = "";
+    ConnectionSeen* seen = nullptr; /* null when the summary's list is full */
+};
+
+std::string printable(std::string_view s, size_t max = 120)
+{
+    std::string out;
+    for (size_t i = 0; i < s.size() && i < max; ++i) {
+        const unsigned char c = static_cast<unsigned char>(s[i]);
+        out += (c >= 0x20 && c < 0x7f) ? static_cast<char>(c) : '?';
+    }
+    if (s.size() > max) out += "...";
+    return out;
+}
+
+}  // namespace
+
+struct Server {
+    Options opts;
+    apr_pool_t* pool = nullptr;
+    apr_socket_t* listener = nullptr;
+    apr_pollset_t* pollset = nullptr;
+    apr_pollfd_t listen_pfd{};
+    int port = 0;
+    std::atomic<bool> stop{false};
+    RunStore store;
+    std::map<unsigned, std::unique_ptr<Conn>> conns;
+    unsigned next_id = 1;
+    bool summary_dirty = true;
+    apr_time_t next_summary = 0;
+    std::vector<char> read_buf = std::vector<char>(kReadChunk);
+};
+
+namespace {
+
+void close_conn(Server* s, Conn* c, const char* why)
+{
+    if (c->closing) return;
+    c->closing = true;
+    s->store.log("conn %u (%s, %s) closed: %s", c->id, kind_name(c->kind), c->peer, why);
+    if (c->seen) c->seen->closed = why;
+    s->summary_dirty = true;
+}
+
+void free_conn(Server* s, Conn* c)
+{
+    apr_pollset_remove(s->pollset, &c->pfd);
+    if (c->file) fclose(c->file);
+    c->file = nullptr;
+    apr_socket_close(c->skt);
+    apr_pool_destroy(c->pool);
+}
+
+/* Sends what is queued, as far as the socket takes it now. */
+void flush_out(Server* s, Conn* c)
+{
+    while (!c->out.empty() && !c->closing) {
+        apr_size_t len = c->out.size();
+        const apr_status_t rv = apr_socket_send(c->skt, c->out.data(), &len);
+        if (len > 0) c->out.erase(0, len);
+        if (APR_STATUS_IS_EAGAIN(rv)) return;
+        if (rv != APR_SUCCESS) {
+            char err[128];
+            close_conn(s, c, apr_strerror(rv, err, sizeof err));
+            return;
+        }
+    }
+}
+
+void queue_send(Server* s, Conn* c, const std::string& text)
+{
+    if (c->out.size() + text.size() > kMaxPendingSend) {
+        close_conn(s, c, "peer does not read what is sent");
+        return;
+    }
+    c->out += text;
+    flush_out(s, c);
+}
+
+/* Lines stored are the lines the summary counts for the connection. */
+void write_line(Conn* c, std::string_view line)
+{
+    if (c->seen) ++c->seen->lines;
+    if (!c->file) return;
+    fwrite(line.data(), 1, line.size(), c->file);
+    fputc('\n', c->file);
+}
+
+void first_line(Server* s, Conn* c, std::string_view line)
+{
+    Counts& counts = s->store.counts;
+    const FirstLine what = classify_first_line(line);
+    if (what == FirstLine::HostedRequest || what == FirstLine::Unknown) {
+        ++counts.unknown_connections;
+        s->store.log("conn %u: first line is %s: \"%s\"", c->id,
+                     what == FirstLine::HostedRequest
+                         ? "a hosted sign-in request, not served here"
+                         : "neither a control request nor a data opening",
+                     printable(line).c_str());
+        close_conn(s, c, "unrecognised first line");
+        return;
+    }
+    ControlLine req;
+    std::string error;
+    parse_control_line(line, &req, &error);
+    const bool control = what == FirstLine::ControlRequest;
+    c->kind = control ? Kind::Control : Kind::Data;
+    if (c->seen) {
+        c->seen->kind = kind_name(c->kind);
+        if (const std::string* v = req.find("appName")) c->seen->app_name = printable(*v, 64);
+        if (const std::string* v = req.find("agentName")) c->seen->agent_name = printable(*v, 64);
+        if (const std::string* v = req.find("pid")) c->seen->pid = printable(*v, 24);
+    }
+    c->file = s->store.open_connection_file(c->id, kind_name(c->kind));
+    write_line(c, line);
+    const std::vector<std::string> problems =
+        control ? check_control_request(req) : check_data_opening(req);
+    const std::string* app = req.find("appName");
+    const std::string* pid = req.find("pid");
+    s->store.log("conn %u: %s connection from %s, appName=%s pid=%s", c->id, kind_name(c->kind),
+                 c->peer, app ? printable(*app).c_str() : "?", pid ? printable(*pid).c_str() : "?");
+    if (!problems.empty()) {
+        std::string all;
+        for (const std::string& p : problems) all += (all.empty() ? "" : "; ") + p;
+        s->store.log("conn %u: %s has %zu problems: %s", c->id,
+                     control ? "control request" : "data opening line", problems.size(),
+                     printable(all, 600).c_str());
+    }
+    s->summary_dirty = true;
+    if (!control) {
+        ++counts.data_connections;
+        if (!problems.empty()) ++counts.data_openings_with_problems;
+        return;
+    }
+    ++counts.control_connections;
+    if (!problems.empty()) ++counts.control_requests_with_problems;
+    const std::string reply = reply_line(s->opts, s->port);
+    s->store.log("conn %u: reply %s", c->id,
+                 printable(std::string_view(reply).substr(0, reply.size() - 1), 300).c_str());
+    queue_send(s, c, reply);
+    if (!s->opts.after_reply_line.empty()) queue_send(s, c, s->opts.after_reply_line + "\n");
+    c->next_heartbeat = apr_time_now() + apr_time_from_msec(s->opts.heartbeat_ms);
+}
+
+void on_line(Server* s, Conn* c, std::string_view line)
+{
+    if (c->closing) return;
+    Counts& counts = s->store.counts;
+    switch (c->kind) {
+        case Kind::Unknown:
+            if (line.empty()) return; /* a line feed ahead of the first line closes nothing */
+            first_line(s, c, line);
+            return;
+        case Kind::Control:
+            write_line(c, line);
+            if (line.empty()) return;
+            ++counts.agent_control_lines;
+            if (s->opts.verbose) s->store.log("conn %u: < %s", c->id, printable(line, 300).c_str());
+            return;
+        case Kind::Data: {
+            write_line(c, line);
+            if (line.empty()) {
+                ++counts.data_heartbeats;
+                return;
+            }
+            Record r;
+            std::string error;
+            if (parse_record(line, &r, &error) != 0) {
+                s->store.malformed(c->id, error, line);
+                if (c->seen) ++c->seen->malformed;
+                return;
+            }
+            ++counts.records;
+            ++counts.per_record[r.number];
+            if (c->seen) ++c->seen->records;
+            if (s->opts.verbose) s->store.log("conn %u: record %d", c->id, r.number);
+            return;
+        }
+    }
+}
+
+void on_readable(Server* s, Conn* c)
+{
+    char* buf = s->read_buf.data();
+    for (int i = 0; i < kReadsPerWake && !c->closing; ++i) {
+        apr_size_t len = s->read_buf.size();
+        const apr_status_t rv = apr_socket_recv(c->skt, buf, &len);
+        if (len > 0) {
+            const unsigned long long nul_before = c->splitter->nul_bytes();
+            c->splitter->feed(
+                buf, len, [&](std::string_view line) { on_line(s, c, line); },
+                [&](size_t seen) {
+                    ++s->store.counts.overlong;
+                    s->store.log("conn %u: line longer than %zu bytes (%zu seen), dropped", c->id,
+                                 s->opts.max_line, seen);
+                });
+            s->store.counts.nul_bytes += c->splitter->nul_bytes() - nul_before;
+        }
+        if (APR_STATUS_IS_EAGAIN(rv)) break;
+        if (APR_STATUS_IS_EOF(rv) || (rv == APR_SUCCESS && len == 0)) {
+            close_conn(s, c, c->splitter->pending() ? "peer closed inside a line" : "peer closed");
+            break;
+        }
+        if (rv != APR_SUCCESS) {
+            char err[128];
+            close_conn(s, c, apr_strerror(rv, err, sizeof err));
+            break;
+        }
+    }
+    if (c->file) fflush(c->file);
+}
+
+void accept_all(Server* s)
+{
+    for (int i = 0; i < kAcceptsPerWake; ++i) {
+        apr_pool_t* pool = nullptr;
+        if (apr_pool_create(&pool, s->pool) != APR_SUCCESS) return;
+        apr_socket_t* skt = nullptr;
+        const apr_status_t rv = apr_socket_accept(&skt, s->listener, pool);
+        if (rv != APR_SUCCESS) {
+            apr_pool_destroy(pool);
+            if (!APR_STATUS_IS_EAGAIN(rv)) {
+                char err[128];
+                s->store.log("accept failed: %s", apr_strerror(rv, err, sizeof err));
+            }
+            return;
+        }
+        if (s->conns.size() >= static_cast<size_t>(s->opts.max_connections)) {
+            ++s->store.counts.connections_refused;
+            s->store.log("connection refused: %d connections are open already",
+                         s->opts.max_connections);
+            apr_socket_close(skt);
+            apr_pool_destroy(pool);
+            s->summary_dirty = true;
+            continue;
+        }
+        auto c = std::make_unique<Conn>();
+        c->id = s->next_id++;
+        c->pool = pool;
+        c->skt = skt;
+        c->opened = apr_time_now();
+        c->splitter = std::make_unique<LineSplitter>(s->opts.max_line);
+        apr_socket_opt_set(skt, APR_SO_NONBLOCK, 1);
+        apr_socket_timeout_set(skt, 0);
+        apr_sockaddr_t* peer = nullptr;
+        char* ip = nullptr;
+        if (apr_socket_addr_get(&peer, APR_REMOTE, skt) == APR_SUCCESS &&
+            apr_sockaddr_ip_get(&ip, peer) == APR_SUCCESS)
+            snprintf(c->peer, sizeof c->peer, "%s:%d", ip, peer->port);
+        c->pfd.p = pool;
+        c->pfd.desc_type = APR_POLL_SOCKET;
+        c->pfd.reqevents = APR_POLLIN;
+        c->pfd.desc.s = skt;
+        c->pfd.client_data = c.get();
+        if (apr_pollset_add(s->pollset, &c->pfd) != APR_SUCCESS) {
+            s->store.log("cannot watch a new connection; closed");
+            apr_socket_close(skt);
+            apr_pool_destroy(pool);
+            continue;
+        }
+        ++s->store.counts.connections;
+        s->summary_dirty = true;
+        s->store.log("conn %u accepted from %s", c->id, c->peer);
+        c->seen = s->store.counts.connection(c->id);
+        if (c->seen) c->seen->peer = c->peer;
+        s->conns.emplace(c->id, std::move(c));
+    }
+}
+
+void tick(Server* s, apr_time_t now)
+{
+    const long long hb = s->opts.heartbeat_ms;
+    for (auto& [id, c] : s->conns) {
+        if (c->closing) continue;
+        if (c->kind == Kind::Unknown &&
+            now - c->opened >= apr_time_from_msec(s->opts.idle_first_line_ms)) {
+            ++s->store.counts.unknown_connections;
+            close_conn(s, c.get(), "no first line in time");
+            continue;
+        }
+        if (c->kind == Kind::Control && hb > 0 && now >= c->next_heartbeat) {
+            ++s->store.counts.heartbeats_sent;
+            queue_send(s, c.get(), heartbeat_line(c->heartbeats++));
+            c->next_heartbeat = now + apr_time_from_msec(hb);
+        }
+        flush_out(s, c.get());
+    }
+    for (auto it = s->conns.begin(); it != s->conns.end();) {
+        if (it->second->closing) {
+            free_conn(s, it->second.get());
+            it = s->conns.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    if (s->summary_dirty && now >= s->next_summary) {
+        s->store.write_summary();
+        s->summary_dirty = false;
+        s->next_summary = now + kSummaryEvery;
+    }
+}
+
+}  // namespace
+
+int server_create(const Options& opts, Server** out, std::string* error)
+{
+    auto s = std::make_unique<Server>();
+    s->opts = opts;
+    char err[128];
+    auto fail = [&](const char* what, apr_status_t rv) {
+        if (error) *error = std::string(what) + ": " + apr_strerror(rv, err, sizeof err);
+        server_destroy(s.release());
+        return -1;
+    };
+    apr_status_t rv = apr_pool_create(&s->pool, nullptr);
+    if (rv != APR_SUCCESS) return fail("pool", rv);
+    if (s->store.open(opts.run_dir, error) != 0) {
+        server_destroy(s.release());
+        return -1;
+    }
+    apr_sockaddr_t* sa = nullptr;
+    rv = apr_sockaddr_info_get(&sa, "127.0.0.1", APR_INET, static_cast<apr_port_t>(opts.port), 0,
+                               s->pool);
+    if (rv != APR_SUCCESS) return fail("address 127.0.0.1", rv);
+    rv = apr_socket_create(&s->listener, APR_INET, SOCK_STREAM, APR_PROTO_TCP, s->pool);
+    if (rv != APR_SUCCESS) return fail("socket", rv);
+    apr_socket_opt_set(s->listener, APR_SO_REUSEADDR, 1);
+    if ((rv = apr_socket_bind(s->listener, sa)) != APR_SUCCESS) return fail("bind", rv);
+    if ((rv = apr_socket_listen(s->listener, 64)) != APR_SUCCESS) return fail("listen", rv);
+    apr_socket_opt_set(s->listener, APR_SO_NONBLOCK, 1);
+    apr_socket_timeout_set(s->listener, 0);
+    apr_sockaddr_t* local = nullptr;
+    if ((rv = apr_socket_addr_get(&local, APR_LOCAL, s->listener)) != APR_SUCCESS)
+        return fail("local address", rv);
+    s->port = local->port;
+    rv = apr_pollset_create(&s->pollset, static_cast<apr_uint32_t>(opts.max_connections) + 1,
+                            s->pool, 0);
+    if (rv != APR_SUCCESS) return fail("pollset", rv);
+    s->listen_pfd.p = s->pool;
+    s->listen_pfd.desc_type = APR_POLL_SOCKET;
+    s->listen_pfd.reqevents = APR_POLLIN;
+    s->listen_pfd.desc.s = s->listener;
+    s->listen_pfd.client_data = nullptr;
+    if ((rv = apr_pollset_add(s->pollset, &s->listen_pfd)) != APR_SUCCESS)
+        return fail("pollset add", rv);
+    s->store.log("listening on 127.0.0.1:%d, run directory %s", s->port, opts.run_dir.c_str());
+    *out = s.release();
+    return 0;
+}
+
+int server_port(const Server* s)
+{
+    return s ? s->port : -1;
+}
+
+const Counts& server_counts(const Server* s)
+{
+    return s->store.counts;
+}
+
+void server_request_stop(Server* s)
+{
+    if (s) s->stop.store(true, std::memory_order_relaxed);
+}
+
+int server_run(Server* s)
+{
+    if (!s || !s->pollset) return -1;
+    const apr_time_t start = apr_time_now();
+    const apr_time_t end =
+        s->opts.duration_ms > 0 ? start + apr_time_from_msec(s->opts.duration_ms) : 0;
+    int result = 0;
+    int poll_errors = 0;
+    while (!s->stop.load(std::memory_order_relaxed)) {
+        if (end && apr_time_now() >= end) {
+            s->store.log("duration of %lld s is over", s->opts.duration_ms / 1000);
+            break;
+        }
+        apr_int32_t n = 0;
+        const apr_pollfd_t* ready = nullptr;
+        const apr_status_t rv = apr_pollset_poll(s->pollset, kPollStep, &n, &ready);
+        if (rv == APR_SUCCESS) {
+            poll_errors = 0;
+            for (apr_int32_t i = 0; i < n; ++i) {
+                if (!ready[i].client_data) {
+                    accept_all(s);
+                    continue;
+                }
+                Conn* c = static_cast<Conn*>(ready[i].client_data);
+                if (!c->closing) on_readable(s, c);
+            }
+        } else if (!APR_STATUS_IS_TIMEUP(rv) && !APR_STATUS_IS_EINTR(rv)) {
+            char err[128];
+            s->store.log("poll failed: %s", apr_strerror(rv, err, sizeof err));
+            /* A pollset that keeps failing will not recover; end the run. */
+            if (++poll_errors >= 10) {
+                result = -1;
+                break;
+            }
+        }
+        tick(s, apr_time_now());
+    }
+    for (auto& [id, c] : s->conns) {
+        close_conn(s, c.get(), "collector stops");
+        free_conn(s, c.get());
+    }
+    s->conns.clear();
+    s->store.write_summary();
+    const Counts& k = s->store.counts;
+    s->store.log("stopped: %llu connections, %llu records, %llu malformed, %llu overlong",
+                 k.connections, k.records, k.malformed, k.overlong);
+    return result;
+}
+
+void server_destroy(Server* s)
+{
+    if (!s) return;
+    for (auto& [id, c] : s->conns) free_conn(s, c.get());
+    s->conns.clear();
+    s->store.close();
+    if (s->pool) apr_pool_destroy(s->pool);
+    delete s;
+}
+
+}  // namespace vxc

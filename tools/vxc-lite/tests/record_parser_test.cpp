@@ -1,0 +1,263 @@
+#include "record_parser.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Collected {
+    std::vector<std::string> lines;
+    std::vector<size_t> overlong;
+};
+
+void feed(vxc::LineSplitter& sp, Collected& out, std::string_view bytes)
+{
+    sp.feed(
+        bytes.data(), bytes.size(), [&](std::string_view l) { out.lines.emplace_back(l); },
+        [&](size_t seen) { out.overlong.push_back(seen); });
+}
+
+int parse(std::string_view line, std::string* error = nullptr, vxc::Record* out = nullptr)
+{
+    std::string e;
+    const int rc = vxc::parse_record(line, out, &e);
+    if (error) *error = e;
+    return rc;
+}
+
+const char* const kGoodRecords[] = {
+    "2,123456789,5000,77,77.1,3,/shop/cart,,123456789,000000000000000000077,55,,0,15,,,",
+    "2,501F:111F:222F,5000,77,7.3.1,3,/a?b=1,,501,000000000000000000077,55,,0,15,,,",
+    "2,123456789,5000,77,77.1,3,/shop/cart,,123456789,000000000000000000077,55,,0,15,"
+    "4bf92f3577b34da6a3ce929d0e0e4736,00f067aa0ba902b7,01",
+    "2,123456789,5000,77,77.1,3,/list?a=1,2,,123456789,-1,55,,0,15,,,",
+    "3,123456789,5:0_0_0__",
+    "3,123456789F,5:0_0_0__",
+    "4,123456789,200,10,250000,40,3,0,,0,-1,5:0_0_0__5:0_1_0_250000___",
+    "4,99,-99,10,0,0,3,0,,0,",
+    "4,123456789F,200,10,250000,40,3,0,,0,5:0_0_0__5:0_1_0_250000___",
+    "5,com.shop.Cart.add,17",
+    "5,com.shop.Cart.add(I;Ljava/lang/String;)V,17",
+    "7,3,/shop/cart",
+    "10,",
+    "19,123456789,2:17:1000:1:1:<a,b>|",
+    "99,NewConnection,FPGVersion:1.0",
+    "100,123456789,entered 17",
+    "100:at main (app.c:10)",
+    "22,1,5,select 1",
+};
+
+TEST(RecordParser, GoldenRecordsOfTheAgentAreAccepted)
+{
+    for (const char* line : kGoodRecords) {
+        std::string error;
+        EXPECT_EQ(parse(line, &error), 0) << line << ": " << error;
+    }
+    vxc::Record r;
+    ASSERT_EQ(parse("4,123456789,200,10,250000,40,3,0,,0,-1,5:0_0_0__", nullptr, &r), 0);
+    EXPECT_EQ(r.number, 4);
+    ASSERT_EQ(r.fields.size(), 11u);
+    EXPECT_EQ(r.fields[0], "123456789");
+    EXPECT_EQ(r.fields[7], "");
+    EXPECT_EQ(r.fields[10], "5:0_0_0__");
+    ASSERT_EQ(parse("100:at main", nullptr, &r), 0);
+    EXPECT_TRUE(r.colon_form);
+    ASSERT_EQ(r.fields.size(), 1u);
+    EXPECT_EQ(r.fields[0], "at main");
+}
+
+TEST(RecordParser, MalformedRecordsAreReportedWithAReason)
+{
+    const char* const bad[] = {
+        "",
+        "2",
+        "x2,1,2",
+        ",1,2",
+        "42,something",                                          /* not in the catalogue */
+        "74,1,2:3|4",                                            /* auto-sensor connection */
+        "2,123456789,5000,77,77.1,3,/shop/cart,,1,2,55,,0,15,,", /* 16 fields */
+        "2,12x,5000,77,77.1,3,/shop/cart,,123456789,2,55,,0,15,,,",
+        "2,123456789,5000,77,77.2,3,/shop/cart,,123456789,2,55,,0,15,,,",
+        "2,123456789,5000,77,77.1,3,/shop/cart,,123456789,2,55,x,0,15,,,",
+        "2,1:2,5000,77,77.1,3,/shop/cart,,123456789,2,55,,0,15,,,",
+        "3,123456789",
+        "3,abc,5:0_0_0__",
+        "4,123456789,200,10,250000,40,3,0,,0", /* 10 fields */
+        "4,123456789,200,10,250000,40,3,0,x,0,-1,blob",
+        "4,123456789,ok,10,250000,40,3,0,,0,-1,blob",
+        "4,1,2,3,4,5,6,7,,8,9,10,11", /* 13 fields */
+        "5,name,id",
+        "5,17",
+        "7,x,name",
+        "7,3",
+        "10",
+        "10,,",
+        "10,x",
+        "19,123456789,2:17:1000:1:1:abc",
+        "19,abc,2:17:1000:1:1:<a>|",
+        "99,NewConnection",
+        "99,Connection,FPGVersion:1.0",
+        "99,NewConnection,1.0",
+        "100,abc,text",
+        "5:not the colon form",
+        "12345,too many digits",
+    };
+    for (const char* line : bad) {
+        std::string error;
+        EXPECT_EQ(parse(line, &error), -1) << "accepted: \"" << line << "\"";
+        EXPECT_FALSE(error.empty()) << line;
+    }
+}
+
+TEST(LineSplitter, LinesStraddlingReadsComeOutWhole)
+{
+    const std::string stream =
+        "vx_data_msg_req:appName=shop\n\n\n99,NewConnection,FPGVersion:1.0\n"
+        "7,3,/shop/cart\n\n3,5,5:0_0_0__\n";
+    const std::vector<std::string> expected = {"vx_data_msg_req:appName=shop",
+                                               "",
+                                               "",
+                                               "99,NewConnection,FPGVersion:1.0",
+                                               "7,3,/shop/cart",
+                                               "",
+                                               "3,5,5:0_0_0__"};
+    /* Every cut point in two reads, and one byte a read. */
+    for (size_t cut = 0; cut <= stream.size(); ++cut) {
+        vxc::LineSplitter sp(64);
+        Collected got;
+        feed(sp, got, std::string_view(stream).substr(0, cut));
+        feed(sp, got, std::string_view(stream).substr(cut));
+        EXPECT_EQ(got.lines, expected) << "cut at " << cut;
+        EXPECT_EQ(sp.pending(), 0u);
+    }
+    vxc::LineSplitter sp(64);
+    Collected got;
+    for (char c : stream) feed(sp, got, std::string_view(&c, 1));
+    EXPECT_EQ(got.lines, expected);
+
+    /* An unfinished line stays pending, not delivered. */
+    vxc::LineSplitter half(64);
+    Collected h;
+    feed(half, h, "10,\n7,3,/sho");
+    EXPECT_EQ(h.lines, std::vector<std::string>{"10,"});
+    EXPECT_EQ(half.pending(), 8u);
+}
+
+TEST(LineSplitter, NulBytesAreDroppedAndCounted)
+{
+    vxc::LineSplitter sp(64);
+    Collected got;
+    feed(sp, got,
+         std::string("\0\0"
+                     "10,\n7,\0"
+                     "3,x\n\0",
+                     14));
+    EXPECT_EQ(got.lines, (std::vector<std::string>{"10,", "7,3,x"}));
+    EXPECT_EQ(sp.nul_bytes(), 4u);
+}
+
+TEST(LineSplitter, OverlongLinesAreDroppedAndTheNextLineSurvives)
+{
+    vxc::LineSplitter sp(16);
+    Collected got;
+    const std::string exact(16, 'a');
+    feed(sp, got, exact + "\n");
+    feed(sp, got, std::string(10, 'b'));
+    feed(sp, got, std::string(10, 'b')); /* passes the bound across reads */
+    feed(sp, got, std::string(5000, 'b'));
+    feed(sp, got, "bbb\n10,\n");
+    feed(sp, got, std::string(40, 'c') + "\n7,1,x\n");
+    EXPECT_EQ(got.lines, (std::vector<std::string>{exact, "10,", "7,1,x"}));
+    ASSERT_EQ(got.overlong.size(), 2u) << "each overlong line is reported once";
+    EXPECT_EQ(got.overlong[0], 20u);
+    EXPECT_EQ(got.overlong[1], 40u);
+    EXPECT_EQ(sp.pending(), 0u);
+}
+
+TEST(LineSplitter, BinaryGarbageIsBoundedAndNeverAccepted)
+{
+    /* A fixed pseudo-random stream: lines come out within the bound, and a
+     * line of garbage is never taken for a record. */
+    vxc::LineSplitter sp(256);
+    unsigned x = 12345;
+    std::string chunk;
+    size_t lines = 0, accepted = 0, longest = 0;
+    for (int round = 0; round < 200; ++round) {
+        chunk.clear();
+        for (int i = 0; i < 997; ++i) {
+            x = x * 1103515245u + 12345u;
+            chunk += static_cast<char>((x >> 16) & 0xff);
+        }
+        sp.feed(
+            chunk.data(), chunk.size(),
+            [&](std::string_view l) {
+                ++lines;
+                longest = std::max(longest, l.size());
+                EXPECT_EQ(l.find('\0'), std::string_view::npos);
+                if (vxc::parse_record(l, nullptr, nullptr) == 0) ++accepted;
+            },
+            [](size_t) {});
+    }
+    EXPECT_GT(lines, 100u);
+    EXPECT_LE(longest, 256u);
+    EXPECT_EQ(accepted, 0u);
+    EXPECT_GT(sp.nul_bytes(), 0u);
+}
+
+TEST(ControlLines, RequestAndOpeningLinesOfTheAgentAreChecked)
+{
+    const std::string req =
+        "vx_ctrl_msg_req:appName=shop;vxAppServerHost=web1;tierName=front;bciVersion=0.1.0;"
+        "bciStartTime=1700000000000;vxHome=/opt/vx;pid=4242;BCITimeStamp=1700000000100;"
+        "agentType=native;serverIp=127.0.0.1;hostName=web1;isAgentLess=N;jvmType=native;"
+        "javaVersion=1.0;javaHome=/apps/java;machineType=Linux;requestType=1;"
+        "lastConnectionTimeStamp=0;connDuration=0;connDestination=127.0.0.1:7892;"
+        "agentName=shop-1;supportedProtocols=TCP;authtoken=NA;tags={};attributes={};protoVer=0; ";
+    EXPECT_EQ(vxc::classify_first_line(req), vxc::FirstLine::ControlRequest);
+    vxc::ControlLine c;
+    std::string error;
+    ASSERT_EQ(vxc::parse_control_line(req, &c, &error), 0) << error;
+    EXPECT_EQ(c.head, "vx_ctrl_msg_req");
+    EXPECT_EQ(c.fields.size(), 26u) << "the blank behind the last \";\" is no field";
+    ASSERT_NE(c.find("tags"), nullptr);
+    EXPECT_EQ(*c.find("tags"), "{}");
+    EXPECT_EQ(*c.find("connDestination"), "127.0.0.1:7892");
+    EXPECT_TRUE(vxc::check_control_request(c).empty());
+
+    std::string no_pid = req;
+    no_pid.replace(no_pid.find("pid=4242;"), 9, "");
+    ASSERT_EQ(vxc::parse_control_line(no_pid, &c, nullptr), 0);
+    auto problems = vxc::check_control_request(c);
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_NE(problems[0].find("pid"), std::string::npos);
+
+    std::string bad_type = req;
+    bad_type.replace(bad_type.find("requestType=1"), 13, "requestType=x");
+    ASSERT_EQ(vxc::parse_control_line(bad_type, &c, nullptr), 0);
+    EXPECT_EQ(vxc::check_control_request(c).size(), 1u);
+
+    const std::string open =
+        "vx_data_msg_req:appName=shop;appID=0;vxAppServerID=0;vxAppServerHost=web1;tierName=front;"
+        "tierID=0;VXCollectorIP=127.0.0.1;VXCollectorPort=7892;testIdx=12;pid=4242;agentName=shop-"
+        "1";
+    EXPECT_EQ(vxc::classify_first_line(open), vxc::FirstLine::DataOpening);
+    ASSERT_EQ(vxc::parse_control_line(open, &c, nullptr), 0);
+    EXPECT_TRUE(vxc::check_data_opening(c).empty());
+    EXPECT_EQ(*c.find("agentName"), "shop-1");
+    ASSERT_EQ(vxc::parse_control_line("vx_data_msg_req:appName=shop;testIdx=x", &c, nullptr), 0);
+    EXPECT_GE(vxc::check_data_opening(c).size(), 10u);
+
+    EXPECT_EQ(vxc::classify_first_line("klv_saas_auth_agent_msg_req:appName=a"),
+              vxc::FirstLine::HostedRequest);
+    EXPECT_EQ(vxc::classify_first_line("GET / HTTP/1.1"), vxc::FirstLine::Unknown);
+    EXPECT_EQ(vxc::classify_first_line("vx_ctrl_msg_req"), vxc::FirstLine::Unknown);
+    EXPECT_EQ(vxc::parse_control_line("no head here", &c, &error), -1);
+    ASSERT_EQ(vxc::parse_control_line("vx_control_req:action=reconnect;heartBeat 3;", &c, nullptr),
+              0);
+    ASSERT_EQ(c.fields.size(), 2u);
+    EXPECT_EQ(c.fields[1].first, "heartBeat 3");
+}
+
+}  // namespace

@@ -1,0 +1,155 @@
+#include "vxc_lite.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace vxc {
+
+namespace {
+
+bool to_ll(const char* s, long long lo, long long hi, long long* out)
+{
+    if (!s || !*s) return false;
+    errno = 0;
+    char* end = nullptr;
+    const long long v = strtoll(s, &end, 10);
+    if (errno != 0 || *end != '\0' || v < lo || v > hi) return false;
+    *out = v;
+    return true;
+}
+
+/* Values go into one reply line: a line feed or a ";" would make another
+ * line or another field. */
+bool safe_field(const std::string& v)
+{
+    return v.find('\n') == std::string::npos && v.find('\r') == std::string::npos &&
+           v.find(';') == std::string::npos;
+}
+
+}  // namespace
+
+std::string usage()
+{
+    return "usage: vxc-lite [options]\n"
+           "Stand-in collector: answers an agent's control connection, stores and checks\n"
+           "what its data connections carry. Listens on 127.0.0.1 only.\n"
+           "\n"
+           "  --port N                 port to listen on; 0 picks one (default 0)\n"
+           "  --run-dir DIR            where lines and the summary go (default vxc-run)\n"
+           "  --duration SECONDS       stop after this long; 0 runs until SIGINT/SIGTERM\n"
+           "  --heartbeat-ms N         collector heartbeat period on control connections;\n"
+           "                           0 sends none (default 30000)\n"
+           "  --first-line-ms N        close a connection that sends no first line in time\n"
+           "                           (default 10000)\n"
+           "  --max-connections N      connections held at once (default 64)\n"
+           "  --max-line N             longest line accepted, in bytes (default 131072)\n"
+           "  --status TEXT            reply status: NOT_RUNNING or RUNNING (default NOT_RUNNING)\n"
+           "  --state N                reply state (default 1)\n"
+           "  --retry-policy TEXT      reply retryPolicy, count%interval%misses%heartbeat\n"
+           "                           (default 3%60%10%30)\n"
+           "  --proto-version TEXT     reply ProtoVersion (default 1)\n"
+           "  --protocols TEXT         reply supportedProtocols (default TCP:<listening port>)\n"
+           "  --reply TEXT             send this line as the reply instead\n"
+           "  --after-reply TEXT       send this line on the control connection after the reply\n"
+           "  --verbose                log every line received\n"
+           "  --help                   this text\n"
+           "\n"
+           "On start it prints \"listening on 127.0.0.1:<port>\". Files in the run directory:\n"
+           "conn-<n>-control.lines, conn-<n>-data.lines (lines as received), malformed.txt,\n"
+           "summary.txt (counts), vxc-lite.log.\n";
+}
+
+int parse_args(int argc, const char* const* argv, Options* opts, std::string* out,
+               std::string* error)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i] ? argv[i] : "";
+        if (a == "--help" || a == "-h") {
+            if (out) *out = usage();
+            return 1;
+        }
+        if (a == "--verbose") {
+            opts->verbose = true;
+            continue;
+        }
+        if (i + 1 >= argc) {
+            if (error)
+                *error = a.rfind("--", 0) == 0 ? a + " needs a value" : "unknown argument " + a;
+            return -1;
+        }
+        const char* v = argv[++i];
+        long long n = 0;
+        bool ok = true;
+        if (a == "--port") {
+            ok = to_ll(v, 0, 65535, &n);
+            opts->port = static_cast<int>(n);
+        } else if (a == "--run-dir") {
+            ok = *v != '\0';
+            opts->run_dir = v;
+        } else if (a == "--duration") {
+            ok = to_ll(v, 0, 86400 * 365, &n);
+            opts->duration_ms = n * 1000;
+        } else if (a == "--heartbeat-ms") {
+            ok = to_ll(v, 0, 86400000, &n) && (n == 0 || n >= 10);
+            opts->heartbeat_ms = n;
+        } else if (a == "--first-line-ms") {
+            ok = to_ll(v, 10, 86400000, &n);
+            opts->idle_first_line_ms = n;
+        } else if (a == "--max-connections") {
+            ok = to_ll(v, 1, 4096, &n);
+            opts->max_connections = static_cast<int>(n);
+        } else if (a == "--max-line") {
+            ok = to_ll(v, 64, 64 * 1024 * 1024, &n);
+            opts->max_line = static_cast<size_t>(n);
+        } else if (a == "--status") {
+            opts->status = v;
+            ok = safe_field(opts->status) && !opts->status.empty();
+        } else if (a == "--state") {
+            ok = to_ll(v, -128, 127, &n);
+            opts->state = static_cast<int>(n);
+        } else if (a == "--retry-policy") {
+            opts->retry_policy = v;
+            ok = safe_field(opts->retry_policy);
+        } else if (a == "--proto-version") {
+            opts->proto_version = v;
+            ok = safe_field(opts->proto_version);
+        } else if (a == "--protocols") {
+            opts->supported_protocols = v;
+            ok = safe_field(opts->supported_protocols);
+        } else if (a == "--reply") {
+            opts->reply_line = v;
+            ok = opts->reply_line.find('\n') == std::string::npos && !opts->reply_line.empty();
+        } else if (a == "--after-reply") {
+            opts->after_reply_line = v;
+            ok = opts->after_reply_line.find('\n') == std::string::npos;
+        } else {
+            if (error) *error = "unknown argument " + a;
+            return -1;
+        }
+        if (!ok) {
+            if (error) *error = "bad value for " + a + ": " + v;
+            return -1;
+        }
+    }
+    return 0;
+}
+
+std::string reply_line(const Options& opts, int listening_port)
+{
+    if (!opts.reply_line.empty()) return opts.reply_line + "\n";
+    const std::string protocols = opts.supported_protocols.empty()
+                                      ? "TCP:" + std::to_string(listening_port)
+                                      : opts.supported_protocols;
+    return "vx_ctrl_msg_rep:result=Ok;status=" + opts.status +
+           ";state=" + std::to_string(opts.state) + ";retryPolicy=" + opts.retry_policy +
+           ";ProtoVersion=" + opts.proto_version + ";supportedProtocols=" + protocols + ";\n";
+}
+
+std::string heartbeat_line(unsigned long long count)
+{
+    return "vx_control_req:action=reconnect;heartBeat " + std::to_string(count) +
+           ";dataConnState=1;AutosensorConnState=1;\n";
+}
+
+}  // namespace vxc

@@ -1,0 +1,66 @@
+/*
+ * vxc-lite: the project's own stand-in collector. It accepts an agent's
+ * control connection, answers its request with a configured reply, keeps the
+ * connection alive with heartbeats, accepts data connections and stores and
+ * checks every record they carry under a run directory.
+ *
+ * This header holds the settings of one run and the texts built from them.
+ * The server itself is in server.h, the line and record checks in
+ * record_parser.h, the files in run_store.h.
+ */
+#ifndef VXC_LITE_H
+#define VXC_LITE_H
+
+#include <string>
+
+namespace vxc {
+
+/* Everything a run can be told on its command line. The defaults give an
+ * agent a reply it accepts and stays with: protocol TCP on the port that
+ * answered, state 1, and heartbeats well inside the agent's 90-second
+ * silence limit. */
+struct Options {
+    int port = 0;                         /* 0: the system picks one */
+    std::string run_dir = "vxc-run";      /* created if missing */
+    long long duration_ms = 0;            /* 0: until a signal */
+    long long heartbeat_ms = 30000;       /* 0: no collector heartbeats */
+    long long idle_first_line_ms = 10000; /* a connection must identify itself within this */
+    int max_connections = 64;
+    size_t max_line = 131072;
+    /* The reply's fields. */
+    std::string status = "NOT_RUNNING";
+    int state = 1;
+    std::string retry_policy = "3%60%10%30";
+    std::string proto_version = "1";
+    std::string supported_protocols; /* empty: "TCP:<listening port>" */
+    std::string reply_line;          /* non-empty: sent as given instead */
+    /* A line sent on the control connection right after the reply, e.g. a
+     * session start; empty: none. */
+    std::string after_reply_line;
+    bool verbose = false;
+};
+
+/* Parses argv into opts (which keeps its defaults for what is not given).
+ * Returns 0 to run, 1 when --help was asked (usage goes to out), -1 on a bad
+ * argument with the reason in error. */
+int parse_args(int argc, const char* const* argv, Options* opts, std::string* out,
+               std::string* error);
+
+/* The usage text of the command. */
+std::string usage();
+
+/* The reply to a control request, with its line feed:
+ * "vx_ctrl_msg_rep:result=Ok;status=...;state=...;retryPolicy=...;
+ * ProtoVersion=...;supportedProtocols=...;". The policy fields come right
+ * after status, because the agent reads only the first five fields of the
+ * reply for them. */
+std::string reply_line(const Options& opts, int listening_port);
+
+/* The collector's heartbeat on the control connection, with its line feed.
+ * It carries both connection states as 1 so that the agent keeps its data and
+ * auto-sensor connections. */
+std::string heartbeat_line(unsigned long long count);
+
+}  // namespace vxc
+
+#endif

@@ -13,17 +13,7 @@ void LineSplitter::feed(const char* data, size_t len, const LineFn& on_line,
         const char c = data[i];
         if (c != '\n' && c != '\0') continue;
         /* Move the run before this byte into the line being built. */
-        const size_t run = i - start;
-        if (discarding_) {
-            discarded_ += run;
-        } else if (buf_.size() + run > max_line_) {
-            discarding_ = true;
-            discarded_ = buf_.size() + run;
-            on_overlong(discarded_);
-            buf_.clear();
-        } else {
-            buf_.append(data + start, run);
-        }
+        take(data + start, i - start, on_overlong);
         start = i + 1;
         if (c == '\0') {
             ++nul_bytes_;
@@ -37,17 +27,20 @@ void LineSplitter::feed(const char* data, size_t len, const LineFn& on_line,
         }
         buf_.clear();
     }
-    const size_t run = len - start;
-    if (run == 0) return;
+    if (len > start) take(data + start, len - start, on_overlong);
+}
+
+void LineSplitter::take(const char* run, size_t n, const OverlongFn& on_overlong)
+{
     if (discarding_) {
-        discarded_ += run;
-    } else if (buf_.size() + run > max_line_) {
+        discarded_ += n;
+    } else if (buf_.size() + n > max_line_) {
         discarding_ = true;
-        discarded_ = buf_.size() + run;
+        discarded_ = buf_.size() + n;
         on_overlong(discarded_);
         buf_.clear();
     } else {
-        buf_.append(data + start, run);
+        buf_.append(run, n);
     }
 }
 

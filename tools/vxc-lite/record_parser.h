@@ -47,6 +47,10 @@ public:
     unsigned long long nul_bytes() const { return nul_bytes_; }
 
 private:
+    /* Add a run of bytes to the line being built, or drop it while an
+     * overlong line is being skipped. */
+    void take(const char* run, size_t n, const OverlongFn& on_overlong);
+
     size_t max_line_;
     std::string buf_;
     bool discarding_ = false;

@@ -141,7 +141,7 @@ void no_wait(int) {}
 
 int main()
 {
-    vx::data_sink_set(collect, nullptr);
+    vx::data_tap_set(collect, nullptr);
     vx::sdk_sleep_set(no_wait); /* the collector's session is opened right below */
     example_host_start();
     if (!tlvxApplication) {

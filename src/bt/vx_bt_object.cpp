@@ -51,6 +51,15 @@ extern "C" void VXBTManagerInit(void)
     app->manager.max_bt_count = kDefaultMaxBTCount;
 }
 
+extern "C" void VXBTManagerReset(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !app->manager.bt_obj_map) return;
+    vx::VXLockGuard guard(app->manager.bt_obj_map_lock);
+    apr_hash_clear(app->manager.bt_obj_map);
+    app->manager.total_bt_count = 1;
+}
+
 extern "C" BTObject* get_obj_from_bt_name(char* url, char* parameters, char* btHeaderValue,
                                           apr_thread_mutex_t* updateBTLock, char* httpMethod)
 {

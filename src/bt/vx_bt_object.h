@@ -52,6 +52,11 @@ extern "C" {
 /* Prepare the manager of the current instance. */
 void VXBTManagerInit(void);
 
+/* Session end: forget every BT, so that the next session numbers and
+ * announces them anew. The objects stay in bt_pool: flowpaths still running
+ * may hold them. */
+void VXBTManagerReset(void);
+
 /* Classify one request; null means the transaction is excluded. May emit
  * record 7 for a BT seen for the first time. Any thread. */
 BTObject* get_obj_from_bt_name(char* url, char* parameters, char* btHeaderValue,

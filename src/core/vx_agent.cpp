@@ -42,6 +42,7 @@ void run_proxy_process() {}
 void start_control_thread(VXProxyInstance_t* app)
 {
     char err[256] = "";
+    app->control_thread_running = 1;
     if (vxlb_thread_create(&app->control_thread_id, control_thread_entry_fun, app, err, sizeof err,
                            app->control_pool) == 0) {
         VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
@@ -49,6 +50,7 @@ void start_control_thread(VXProxyInstance_t* app)
                  static_cast<long long>(reinterpret_cast<intptr_t>(app->control_thread_id)));
     } else {
         app->control_thread_id = nullptr;
+        app->control_thread_running = 0;
         VX_ERROR("CONTROL_THREAD", "Error in creating control thread... '%s'", err);
     }
 }
@@ -195,7 +197,7 @@ extern "C" void checkAllConnectionsReadyToClose(void)
 {
     VXProxyInstance_t* app = vx_app();
     /* Without a control thread nobody would clear the flag. */
-    closeCtrlThread = (app && app->control_thread_id) ? 1 : 0;
+    closeCtrlThread = (app && app->control_thread_running) ? 1 : 0;
     /* Polled every 50 ms rather than every second: the bound stays six
      * seconds, and a clean stop returns at once. */
     constexpr int kStepMs = 50;

@@ -10,6 +10,7 @@ char* proc_name = nullptr;
 apr_pool_t* proxy_pool = nullptr;
 char conf_file[vx::kPathSize];
 volatile int closeCtrlThread = 0;
+int active_vxc_idx = 0;
 
 namespace vx {
 thread_local VXProxyInstance_t* tl_instance = nullptr;

@@ -29,7 +29,9 @@
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "link/vx_collector_list.h"
+#include "link/vx_data_buffers.h"
 #include "link/vx_server.h"
+#include "link/vx_socket.h"
 #include "monitor/vx_backend_monitor.h"
 #include "monitor/vx_bt_monitor.h"
 #include "proxy/vx_proxy_state.h"
@@ -66,6 +68,23 @@ struct VXProxyInstance_t {
     VXSys_t VXSys;                 /* tunables and trace levels */
 
     apr_hash_t* fpi_tls_map;       /* proxy: decoded frame's instance -> record */
+
+    /* Data channel: its connection and the two buffer lists. A node is on
+     * exactly one list; VXBCIAgentBB is always writeList (producers fill it),
+     * VXCollectorBB always readList (the data thread drains it). */
+    socketInfo_t dataSkt;
+    nioSettings_t* VXCollectorBB;
+    nioSettings_t* VXBCIAgentBB;
+    nioSettings_t* writeList;
+    nioSettings_t* writeListLast;
+    nioSettings_t* readList;
+    nioSettings_t* readListLast;
+    int writeListSize;
+    int readListSize;
+    apr_thread_mutex_t* bufferWriteLock; /* producers, and the partial move */
+    apr_thread_mutex_t* bufferMoveLock;  /* each transfer of a node between lists */
+    apr_thread_t* data_thread_id;
+    apr_pool_t* data_pool;               /* made on first use and kept */
 
     VXBTMonitor_t VXBTMonitor;
     VXBackendMonitor_t VXBackendMonitor;
@@ -119,6 +138,14 @@ struct VXProxyInstance_t {
     apr_thread_mutex_t* httpEntryLock;
     int httpid;
     int resourceMetaID;
+    /* Control connection and its failover state. */
+    socketInfo_t control;
+    controlSocketBuffer_t ctrlBufInfo;
+    int heartbeat_count;  /* our heartbeats since the collector's last line */
+    int dumpHeartBeat;    /* data-connection heartbeats since the last trace line */
+    retryPolicy_t retry_policy;
+    int connectionStatus; /* 1: the last target failed; cluster mode goes to the master */
+    int check_for_lmd;    /* watch vxsettings.conf for changes between retries */
     int vx_dr_state;
     int is_switch_over;
     int isMasterVxc;
@@ -148,6 +175,7 @@ struct VXProxyInstance_t {
     apr_thread_mutex_t* vxTDHashMapLock;
 
     apr_thread_t* control_thread_id;
+    volatile int control_thread_running; /* cleared by the thread as it ends */
     apr_thread_mutex_t* controlThreadTmpLock;
 };
 
@@ -165,6 +193,8 @@ extern char conf_file[vx::kPathSize];
 
 /* Set to ask the control thread to stop; it clears it as it goes. */
 extern volatile int closeCtrlThread;
+/* The position in vxc_server_arr that get_active_vxc returns. */
+extern int active_vxc_idx;
 }
 
 namespace vx {

@@ -30,6 +30,18 @@ inline constexpr int kThreadIdKeyDigits = 7;        /* thread-id map key */
 /* Records. */
 inline constexpr int kFlowpathRecordSize = 16384;   /* records 2, 3, 4: cut at 16,383 bytes */
 inline constexpr int kMetaRecordSize = 1024;        /* metadata records: cut at 1,023 bytes */
+inline constexpr int kTagRecordSize = 5120;         /* records 110 and 111 */
+
+/* Collector link. */
+inline constexpr int kControlBufferSize = 131072;   /* ctrlBufInfo: the longest control line */
+inline constexpr int kDataUtilSize = 131088;        /* WebSocket staging, 16 bytes of prefix included */
+inline constexpr int kDataLoopTickMs = 100;         /* data thread: one tick of its loop */
+inline constexpr int kDataRetrySeconds = 60;        /* data connection: wait before a retry */
+inline constexpr int kDataHeartBeatTicks = 600;     /* vxcBciDataConnectionHeartBeat at session start */
+inline constexpr int kControlPollSeconds = 5;       /* serving loop poll; the proxy's is 10 */
+inline constexpr int kProxyControlPollSeconds = 10;
+inline constexpr int kReplyCopySize = 512;          /* parse_policy_from_clientMsg copies this much */
+inline constexpr int kMetaDrainSeconds = 5;         /* free_agent_data: in-flight method events drain */
 
 /* Instance and process. */
 inline constexpr int kProxyInstanceCount = 512;     /* instances in the proxy process */

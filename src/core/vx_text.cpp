@@ -45,6 +45,19 @@ extern "C" int tokenize(char* read_buf, char** fields, char* token, int max_flds
     return n;
 }
 
+extern "C" char* split_key_value(char* field, char* keyword)
+{
+    if (!field || !keyword) return nullptr;
+    char* eq = strchr(field, '=');
+    if (!eq) return nullptr;
+    size_t n = static_cast<size_t>(eq - field);
+    constexpr size_t kKeywordMax = 1023;
+    if (n > kKeywordMax) n = kKeywordMax;
+    memcpy(keyword, field, n);
+    keyword[n] = '\0';
+    return eq + 1;
+}
+
 extern "C" char* split(char* field)
 {
     if (!field) return nullptr;

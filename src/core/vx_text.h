@@ -18,6 +18,11 @@ int tokenize(char* read_buf, char** fields, char* token, int max_flds);
 /* The text after the first "=", or null. */
 char* split(char* field);
 
+/* Cut `field` at its first "=": the key goes to `keyword` (at least 1024
+ * bytes, cut to 1023 characters) and the value is returned. Null, with
+ * `keyword` untouched, when there is no "=" or an argument is null. */
+char* split_key_value(char* field, char* keyword);
+
 /* `operation`: 1 leading, 2 trailing, 3 both, 7 (or anything else) all white
  * space. `tampering_mode` bit 1 writes into `out_string`, bit 2 in place. */
 char* vxlb_remove_whitespaces(char* string, char* out_string, char operation, char tampering_mode);

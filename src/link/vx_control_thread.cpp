@@ -1,14 +1,362 @@
 #include "link/vx_control_thread.h"
 
+#include <apr_network_io.h>
 #include <apr_time.h>
 
+#include <cstdio>
+#include <cstring>
+
+#include "core/vx_bci_setting.h"
 #include "core/vx_instance.h"
+#include "core/vx_platform.h"
+#include "core/vx_settings.h"
+#include "core/vx_text.h"
+#include "core/vx_trace_log.h"
+#include "link/vx_collector_failover.h"
+#include "link/vx_control_reply.h"
+#include "link/vx_control_stream.h"
+#include "link/vx_lws_transport.h"
+
+namespace {
+
+/* Reads and sends on the control socket give up after this long, so that a
+ * collector that accepts and then says nothing cannot hold the thread. */
+constexpr int kControlIoTimeoutSeconds = 30;
+constexpr apr_interval_time_t kWaitSlice = 100000; /* 100 ms */
+
+bool agent_behind_proxy(const VXProxyInstance_t* app)
+{
+    return app->VXSys.proxyMode && !VXProxy.proxyServerFlag;
+}
+
+/* Wait `us` microseconds; returns early (true) when shutdown asks the thread
+ * to end, which keeps shutdown within its bound during a retry wait. */
+bool wait_or_shutdown(apr_interval_time_t us)
+{
+    for (apr_interval_time_t waited = 0; waited < us; waited += kWaitSlice) {
+        if (closeCtrlThread) return true;
+        apr_sleep(us - waited < kWaitSlice ? us - waited : kWaitSlice);
+    }
+    return closeCtrlThread != 0;
+}
+
+[[noreturn]] void end_thread(apr_thread_t* thread)
+{
+    VXProxyInstance_t* app = vx_app();
+    VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Control thread ends");
+    closeCtrlThread = 0;
+    app->control_thread_running = 0;
+    apr_thread_exit(thread, APR_SUCCESS);
+    __builtin_unreachable();
+}
+
+/* Step 3 of the connect loop: where to connect now. */
+void pick_target(VXProxyInstance_t* app, char** host, int* port)
+{
+    if (agent_behind_proxy(app)) {
+        *host = app->VXSys.proxyIP;
+        *port = app->VXSys.proxyPort;
+        return;
+    }
+    if (app->Server.isClusterMode && app->VXBCISetting.isEnableEnvVar != 1) {
+        active_vxc_idx = app->connectionStatus ? 0 : 1;
+        app->isMasterVxc = app->connectionStatus ? 1 : 0;
+    } else if (app->is_switch_over) {
+        app->is_switch_over = 0;
+        if (vxc_servers_t* cur = get_active_vxc()) cur->state = 0;
+        const vxc_servers_t* backup =
+            app->server_arr_size > 1 ? &app->vxc_server_arr[1] : nullptr;
+        if (app->isMasterVxc && backup && backup->vxc_host && backup->vxc_port) {
+            active_vxc_idx = 1;
+            app->isMasterVxc = 0;
+            VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
+                     "[VX DR FEATURE]Active. Switched to Backup VXC");
+        } else if (app->isMasterVxc) {
+            active_vxc_idx = 0;
+            VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
+                     "[VX DR FEATURE]Active. Backup VXC Host/Port not provided in configurtion file.");
+            VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
+                     "[VX DR FEATURE]Active. Switching again on Master VXC");
+        } else {
+            active_vxc_idx = 0;
+            app->isMasterVxc = 1;
+        }
+    } else {
+        app->isMasterVxc = 1;
+    }
+    app->active_vxc = get_active_vxc();
+    *host = app->active_vxc ? app->active_vxc->vxc_host : nullptr;
+    *port = app->active_vxc ? static_cast<int>(app->active_vxc->vxc_port) : 0;
+    if (app->active_vxc) app->active_vxc->state = 1;
+}
+
+/* Start of the thread: transport, defaults and the configuration. False when
+ * no configuration can be read. */
+bool prepare(VXProxyInstance_t* app)
+{
+    if (!agent_behind_proxy(app)) {
+        app->ActiveAgentProtocolIndex = 3;
+        app->lws_active = 1;
+    }
+    app->Server.lastHeartBeatRcvTime = my_gettimeofday();
+    init_vxc_server_config();
+    app->isMasterVxc = 0;
+    app->connectionStatus = 0;
+    if (app->VXSys.proxyMode == 0 && app->Server.isClusterMode == 0) clear_vxc_server_setting();
+    if (read_env_var() != 0 && read_conf_file() != 0) {
+        VX_ERROR("CONTROL_THREAD",
+                 "No collector configured (environment or vxsettings.conf); running without one");
+        return false;
+    }
+    app->retry_policy.count = 0;
+    if (app->ActiveAgentProtocolIndex == 1) app->lws_active = 0;
+    if (app->Server.requestType == 0) app->Server.requestType = 1;
+    return controlSockBufInit() == 0;
+}
+
+/* What the connect loop does after one target was tried. */
+enum class Next {
+    kLeave,   /* leave the inner level: failover may move to another entry */
+    kRestart, /* back to the top of the inner level at once */
+    kRetry,   /* count the retries on this target, wait, try again */
+};
+
+/* One connection: its pool, and its clean-up on every way out. */
+class ConnectionScope {
+public:
+    explicit ConnectionScope(VXProxyInstance_t* app) { apr_pool_create(&pool_, app->control_pool); }
+    ~ConnectionScope() { close(); }
+    ConnectionScope(const ConnectionScope&) = delete;
+    ConnectionScope& operator=(const ConnectionScope&) = delete;
+
+    apr_pool_t* pool() const { return pool_; }
+    void close()
+    {
+        if (!pool_) return;
+        control_connection_cleanup();
+        apr_pool_destroy(pool_);
+        pool_ = nullptr;
+    }
+
+private:
+    apr_pool_t* pool_ = nullptr;
+};
+
+/* Connect to one target, register and serve until the connection ends. */
+Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int port)
+{
+    retryPolicy_t& policy = app->retry_policy;
+    controlSocketBuffer_t* buf = &app->ctrlBufInfo;
+    ConnectionScope conn(app);
+    char err[256] = "";
+    if (create_control_conn(app, host, port, err, sizeof err, conn.pool()) != 0) {
+        app->VXSys.closeCtrlConFlag = 1;
+        if (agent_behind_proxy(app))
+            VX_ERROR("CONTROL_THREAD",
+                     "Socket was not created and retry after 60seconds with server(Proxy) %s:%d.",
+                     host ? host : "", port);
+        else
+            VX_ERROR("CONTROL_THREAD",
+                     "[VX DR Feature]; Socket was not created and retry after 60seconds. vxcHost = "
+                     "'%s', vxcPort = '%d' . Error : '%s'.",
+                     host ? host : "", port, err);
+        conn.close();
+        if (wait_or_shutdown(policy.time_interval)) end_thread(thread);
+        ++policy.count;
+        return Next::kRetry;
+    }
+    app->connectionStatus = 0;
+    if (app->lws_active != 1) get_ip_and_port();
+    VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Control connection open %s:%d -> %s:%d",
+             app->control.sourceIp, app->control.srcPort, app->control.dstIp, app->control.dstPort);
+    if (closeCtrlThread) {
+        conn.close();
+        end_thread(thread);
+    }
+    if (send_control_con_req_msg_to_vxc()) {
+        conn.close();
+        if (app->isMasterVxc) app->connectionStatus = 1;
+        VX_ERROR("CONTROL_THREAD", "Control connection was closed");
+        if (wait_or_shutdown(policy.time_interval)) end_thread(thread);
+        return Next::kLeave;
+    }
+    if (app->lws_active == 1) get_ip_and_port();
+    snprintf(app->Server.connDestination, sizeof app->Server.connDestination, "%s:%d",
+             getVXHost() ? getVXHost() : "", getVXCPort());
+    app->Server.lastConnectionTime = my_gettimeofday();
+    controlSockBufReset(buf);
+
+    switch (rec_control_con_rep_msg_from_vxc_wrapper(buf)) {
+        case kReplyDrop:
+            VX_ERROR("CONTROL_THREAD", "Unexpected response received | Response = %.1024s",
+                     buf->read_socket_buf);
+            if (!app->is_switch_over) return Next::kLeave;
+            VX_ERROR("CONTROL_THREAD",
+                     "[VX DR Feature]; Received DR status 0. Going to close the control connection "
+                     "from Master VX Collector %s:%d and the source %s:%d",
+                     app->control.dstIp, app->control.dstPort, app->control.sourceIp,
+                     app->control.srcPort);
+            app->VXSys.closeCtrlConFlag = 1;
+            return Next::kRestart;
+        case kReplySwitchProtocol:
+            setConnectionChannel();
+            VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Changing protocol");
+            return Next::kRestart;
+        default:
+            break;
+    }
+
+    app->Server.lastHeartBeatRcvTime = my_gettimeofday();
+    if (handle_msg_from_vxc_wrapper(buf) == 1) {
+        VX_ERROR("CONTROL_THREAD",
+                 "[VX DR Feature]; Exit from select call and going to close the control connection "
+                 "from VX Collector %s:%d and the source %s:%d",
+                 app->control.dstIp, app->control.dstPort, app->control.sourceIp,
+                 app->control.srcPort);
+        app->VXSys.closeCtrlConFlag = 1;
+        conn.close();
+        /* STAND-IN (issue: UDP agents): close_udp_thread also ends the
+         * proxy's UDP side here once it exists. */
+        if (app->close_udp_thread || closeCtrlThread) end_thread(thread);
+        if (wait_or_shutdown(policy.time_interval)) end_thread(thread);
+        return Next::kRestart;
+    }
+    if (app->close_udp_thread) {
+        app->VXSys.closeCtrlConFlag = 1;
+        conn.close();
+        VX_ERROR("CONTROL_THREAD",
+                 "controlBreak Control Socket was cleaned with %s:%d server due to  UDP timeout ",
+                 app->control.dstIp, app->control.dstPort);
+        end_thread(thread);
+    }
+    if (closeCtrlThread) {
+        conn.close();
+        end_thread(thread);
+    }
+    return Next::kRetry;
+}
+
+}  // namespace
+
+extern "C" int create_control_conn(VXProxyInstance_t* app, char* host, int port, char* error_buf,
+                                   int error_buf_len, apr_pool_t* pool)
+{
+    app->methodTable.methodIDGlobal = 1;
+    app->totalElapsedTime = my_gettimeofday();
+    if (!host) {
+        vx::copy_text(error_buf, static_cast<size_t>(error_buf_len), "no collector address");
+        return -1;
+    }
+    if (app->lws_active == 1)
+        return create_lws_control_connection(host, port, error_buf, error_buf_len) ? 0 : -1;
+    app->control.skt = vxlb_create_client_con(host, port, error_buf, error_buf_len, pool);
+    if (!app->control.skt) return -1;
+    apr_socket_timeout_set(app->control.skt, apr_time_from_sec(kControlIoTimeoutSeconds));
+    return 0;
+}
+
+extern "C" bool send_control_con_req_msg_to_vxc(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    setControlConnectionReqMessage();
+    VXBCISetting_t& s = app->VXBCISetting;
+    VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Request: %s",
+             s.controlConnectionReqMessage);
+    if (app->lws_active == 1)
+        return send_control_data_via_lws_socket(s.controlConnectionReqMessage,
+                                                s.controlConnectionReqMessage_len) < 0;
+    if (!app->control.skt) return true;
+    char err[256] = "";
+    return vxlb_send_n_bytes(app->control.skt, s.controlConnectionReqMessage,
+                             s.controlConnectionReqMessage_len, err, sizeof err) == -2;
+}
+
+extern "C" int rec_control_con_rep_msg_from_vxc_wrapper(controlSocketBuffer_t* buf)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (app->lws_active == 1) {
+        if (rec_control_conn_response_lws() != 0) return kReplyDrop;
+    } else {
+        char err[256] = "";
+        const int room = static_cast<int>(buf->read_len) - buf->writeOffset;
+        const int n = vxlb_read_bytes(app->control.skt, buf->read_socket_buf + buf->writeOffset,
+                                      room + 1, err, sizeof err);
+        if (n <= 0) {
+            /* The serving loop finds the closed socket and reconnects. */
+            VX_ERROR("CONTROL_THREAD", "Control connection closed by VX server.");
+            return kReplyServe;
+        }
+        buf->writeOffset += n;
+        buf->readBytes += n;
+    }
+    VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Reply: %.1024s",
+             buf->read_socket_buf);
+    return handle_vxc_con_res_msg(buf);
+}
+
+extern "C" void control_connection_cleanup(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (apr_socket_t* skt = app->control.skt) {
+        app->control.skt = nullptr;
+        apr_socket_close(skt);
+    }
+    app->Server.testRunRunning = 0;
+    if (app->control.lws_handler.wsi) clean_control_conn(0);
+}
+
+extern "C" void get_ip_and_port(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    socketInfo_t& c = app->control;
+    char ip[64] = "";
+    int port = 0;
+    if (c.skt && get_src_addr(c.skt, ip, sizeof ip, &port) == 0) {
+        vx::copy_text(app->VXBCISetting.serverIp, sizeof app->VXBCISetting.serverIp, ip);
+        setBCIPort(port);
+    }
+    vx::copy_text(c.sourceIp, sizeof c.sourceIp, app->VXBCISetting.serverIp);
+    c.srcPort = app->VXBCISetting.bciPort;
+    if (agent_behind_proxy(app)) {
+        vx::copy_text(c.dstIp, sizeof c.dstIp, app->VXSys.proxyIP);
+        c.dstPort = app->VXSys.proxyPort;
+    } else if (app->active_vxc) {
+        vx::copy_text(c.dstIp, sizeof c.dstIp, app->active_vxc->vxc_host);
+        c.dstPort = static_cast<int>(app->active_vxc->vxc_port);
+    }
+}
 
 extern "C" void* APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t* thread, void* data)
 {
-    vx_set_thread_instance(static_cast<VXProxyInstance_t*>(data));
-    while (!closeCtrlThread) apr_sleep(apr_time_from_msec(50));
-    closeCtrlThread = 0;
-    apr_thread_exit(thread, APR_SUCCESS);
-    return nullptr;
+    auto* app = static_cast<VXProxyInstance_t*>(data);
+    vx_set_thread_instance(app);
+    if (!prepare(app)) end_thread(thread);
+    retryPolicy_t& policy = app->retry_policy;
+    for (;;) {
+        app->check_for_lmd = 0;
+        app->isMasterVxc = 0;
+        for (;;) {
+            app->VXSys.closeCtrlConFlag = 0;
+            char* host = nullptr;
+            int port = 0;
+            pick_target(app, &host, &port);
+            const Next next = serve_target(app, thread, host, port);
+            if (next == Next::kLeave) break;
+            if (next == Next::kRestart) continue;
+            if (policy.count >= policy.num_retry) {
+                VX_ERROR("CONTROL_THREAD", "[VX DR Feature]; Max number of retry attempt reached");
+                app->connectionStatus = 1;
+                app->Server.requestType = 3;
+                break;
+            }
+            if (app->check_for_lmd && check_file_size_of_vxsetting_files(1)) break;
+            if (wait_or_shutdown(policy.time_interval)) end_thread(thread);
+            app->check_for_lmd = 1;
+        }
+        if (app->vx_dr_state && app->Server.isClusterMode == 0) {
+            VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
+                     "[VX DR Feature]; Going to search for backup VXC info");
+            connection_retry_failed();
+        }
+    }
 }

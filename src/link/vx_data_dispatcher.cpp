@@ -1,17 +1,51 @@
 #include "link/vx_data_dispatcher.h"
 
+#include <apr_errno.h>
+#include <apr_network_io.h>
+#include <apr_time.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
 #include "core/vx_instance.h"
+#include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
+#include "link/vx_data_buffers.h"
+#include "link/vx_data_thread.h"
+#include "link/vx_lws_transport.h"
 
 namespace {
 
-void discard(const char*, int, void*) {}
-
-struct Sink {
-    vx::DataSinkFn fn = discard;
+struct Tap {
+    vx::DataTapFn fn = nullptr;
     void* ctx = nullptr;
 };
-Sink g_sink;
+Tap g_tap;
+
+/* Beats of the data connection: process-wide, so a later data thread goes on
+ * from where the last one stopped, and the first call fires at once. */
+int heartBeatExpiryCnt = 0;
+
+constexpr int kFlushPasses = 100;
+constexpr apr_status_t kConnectionReset = 730054;
+
+bool connection_broken(apr_status_t rv)
+{
+    return rv == APR_EOF || rv == EPIPE || rv == kConnectionReset || rv == ECONNRESET;
+}
+
+/* Write a small record through dumpData, cut to the metadata bound. */
+void dump_text_record(const char* format, int number, const char* text)
+{
+    char* rec = static_cast<char*>(malloc(vx::kTagRecordSize));
+    if (!rec) return;
+    int n = snprintf(rec, vx::kTagRecordSize, format, number, text);
+    if (n >= vx::kTagRecordSize) n = vx::kTagRecordSize - 1;
+    if (n > 0) dumpData(rec, n);
+    free(rec);
+}
 
 }  // namespace
 
@@ -19,24 +53,168 @@ extern "C" void dumpData(char* data, int len)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !app->Server.testRunRunning) {
-        VX_TRACE(VX_LEVEL(fpTraceLevel), 4, "FLOWPATH", "test is not running");
+        VX_TRACE(VX_LEVEL(fpTraceLevel), 4, "DATA_THREAD", "test is not running");
         return;
     }
     if (!data || len <= 0) {
-        VX_TRACE(app->VXSys.fpTraceLevel, 4, "FLOWPATH", "data is null or zero length");
+        VX_TRACE(app->VXSys.fpTraceLevel, 4, "DATA_THREAD", "data is null or zero length");
         return;
     }
-    g_sink.fn(data, len, g_sink.ctx);
+    if (g_tap.fn) g_tap.fn(data, len, g_tap.ctx);
+    if (!app->bufferWriteLock) { /* no data thread was ever started */
+        __atomic_fetch_add(&app->VXSys.discardCount, 1, __ATOMIC_RELAXED);
+        return;
+    }
+    vx::VXLockGuard guard(app->bufferWriteLock);
+    const int rv = addDataInSendBuffer(data, len);
+    if (rv < 0 && app->VXSys.discardCount % 1000 == 999)
+        VX_ERROR("DATA_THREAD",
+                 "VXDataDispatcher - dumpData(): Warning - No space left in buffer or thread is not "
+                 "initialized for sending data to VXCollector. Return = %d, writeListSize = %d "
+                 "readListSize = %d",
+                 rv, app->writeListSize, app->readListSize);
 }
 
-extern "C" void flushCommonData(void) {}
+extern "C" int processData(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app->dataSkt.skt) return -1;
+    while (nioSettings_t* node = app->VXCollectorBB) {
+        while (node->use_len - node->send_len > 0) {
+            apr_size_t len = static_cast<apr_size_t>(node->use_len - node->send_len);
+            const apr_status_t rv = apr_socket_send(app->dataSkt.skt, node->buff + node->send_len, &len);
+            if (connection_broken(rv)) {
+                char err[256];
+                VX_ERROR("DATA_THREAD", "Error = %s, dataLen = %d",
+                         apr_strerror(rv, err, sizeof err), static_cast<int>(len));
+                node->send_len += static_cast<int>(len);
+                return -1;
+            }
+            if (len == 0) return 1;
+            node->send_len += static_cast<int>(len);
+            if (app->VXSys.retryFlag || app->VXSys.closeCtrlConFlag) {
+                flushCommonData();
+                VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD",
+                         "dataConnectionBreak Control connecton already closed. Going to closing "
+                         "data thread");
+            }
+            checkAndStopThread();
+        }
+        node->use_len = node->send_len = 0;
+        moveToWriteList();
+    }
+    return 0;
+}
+
+extern "C" int processDataLws(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app->dataSkt.lws_handler.wsi) return -1;
+    while (nioSettings_t* node = app->VXCollectorBB) {
+        int last = 0;
+        while (node->use_len - node->send_len > 0) {
+            const int len = node->use_len - node->send_len;
+            const int sent = send_data_via_lws_socket(node->buff + node->send_len, len);
+            node->send_len += len; /* a failed chunk is lost on this transport */
+            if (sent < 0) return -1;
+            last = len;
+        }
+        if (last > 1) send_data_via_lws_socket(const_cast<char*>("\n"), 1);
+        node->use_len = node->send_len = 0;
+        moveToWriteList();
+    }
+    return 0;
+}
+
+extern "C" int dataConnService(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    return app->lws_active == 1 ? processDataLws() : processData();
+}
+
+extern "C" void flushCommonData(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || (!app->dataSkt.skt && !app->dataSkt.lws_handler.wsi)) return;
+    /* processData calls back here while a stop is under way: one flush at a
+     * time per thread is enough, the outer one finishes the job. */
+    static thread_local bool flushing = false;
+    if (flushing) return;
+    flushing = true;
+    movePartialToReadList();
+    for (int i = 0; i < kFlushPasses; ++i)
+        if (dataConnService() < 1) break;
+    flushing = false;
+}
+
+extern "C" void handleHeartBeat(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (app->VXSys.vxcBciDataConnectionHeartBeat <= 0) return;
+    if (--heartBeatExpiryCnt < 1) {
+        if (app->lws_active == 1) send_data_via_lws_socket(const_cast<char*>("\n"), 1);
+        dumpData(const_cast<char*>("\n"), 1);
+        ++app->dumpHeartBeat;
+        heartBeatExpiryCnt = app->VXSys.vxcBciDataConnectionHeartBeat;
+    }
+    if (app->dumpHeartBeat >= 5) {
+        VX_TRACE(app->VXSys.controlTraceLevel, 2, "DATA_THREAD",
+                 "VXDataDispatcher: heartBeatExpiryCnt '%d' ", heartBeatExpiryCnt);
+        app->dumpHeartBeat = 0;
+    }
+}
+
+extern "C" int sendBufferDataCon(char* buf, int len)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (app->lws_active == 1) {
+        dumpData(buf, len);
+        return 0;
+    }
+    if (!app->dataSkt.skt || app->VXSys.dataConnState == 0) return 0;
+    char err[256] = "";
+    const int sent = vxlb_send_n_bytes(app->dataSkt.skt, buf, len, err, sizeof err);
+    if (sent != len) {
+        VX_ERROR("DATA_THREAD", "Sent incomplete data, tried %d, success %d bytes", len, sent);
+        return len;
+    }
+    return 0;
+}
+
+extern "C" void dumpNewConnectionRecord(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    char rec[vx::kMetaRecordSize];
+    int n = snprintf(rec, sizeof rec, "\n%d,NewConnection,FPGVersion:%s\n", 99, app->Server.fpgVID);
+    if (n >= static_cast<int>(sizeof rec)) n = sizeof rec - 1;
+    dumpData(rec, n);
+}
+
+extern "C" void tag_record(void)
+{
+    const char* tags = vx_app()->VXBCISetting.json_tag;
+    if (tags && *tags) dump_text_record("%d,%s\n", 110, tags);
+}
+
+extern "C" void attr_record(void)
+{
+    const char* attributes = vx_app()->VXBCISetting.tierAttr;
+    if (attributes && strlen(attributes) >= 3) dump_text_record("%d,%s\n", 111, attributes);
+}
+
+extern "C" void dumpVxDataOverRecord(void)
+{
+    dumpData(const_cast<char*>("10,\n"), 4);
+    vx_app()->Server.isTenRecordDump = 1;
+}
 
 namespace vx {
 
-void data_sink_set(DataSinkFn fn, void* ctx)
+void data_tap_set(DataTapFn fn, void* ctx)
 {
-    g_sink.ctx = ctx;
-    g_sink.fn = fn ? fn : discard;
+    g_tap.fn = nullptr;
+    g_tap.ctx = ctx;
+    g_tap.fn = fn;
 }
 
 }  // namespace vx

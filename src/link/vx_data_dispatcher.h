@@ -1,30 +1,56 @@
 /*
- * The data channel's door: every producer hands complete record lines to
- * dumpData, which never blocks and never fails the caller.
+ * The data channel's door and its sender.
  *
- * STAND-IN (issue #4): the ring buffers, the data thread and the connection
- * are not built yet. dumpData keeps its contract (drops everything while no
- * session runs) and hands each line to a replaceable sink; the default sink
- * discards.
+ * Producers on any thread hand complete record lines to dumpData, which
+ * copies them into the buffer lists and returns at once: it never blocks on
+ * the network and never fails the caller. The data thread drains filled
+ * buffers onto the data connection with processData (TCP) and keeps the
+ * connection alive with bare line feeds (handleHeartBeat).
+ *
+ * Records are text lines: a record number, a comma, fields, a line feed.
  */
 #ifndef VX_DATA_DISPATCHER_H
 #define VX_DATA_DISPATCHER_H
 
 extern "C" {
-/* Offer one record line of `len` bytes. Any thread; never blocks. */
+/* Offer one record line of `len` bytes. Any thread; never blocks. Dropped
+ * without a count while no session runs. */
 void dumpData(char* data, int len);
 
-/* Send what the data channel holds for a session that is closing. */
+/* Drain the read list onto the data connection. 0 when it is empty, 1 when
+ * the socket took nothing (try again later), -1 when the connection broke:
+ * the unsent rest stays in its buffer and goes first on the next one. */
+int processData(void);
+/* The WebSocket twin of processData: -1 or 0. */
+int processDataLws(void);
+/* processData or processDataLws by the transport in use. */
+int dataConnService(void);
+
+/* Best effort before a stop: publish the partial buffer, then up to 100
+ * passes of dataConnService. */
 void flushCommonData(void);
+
+/* One tick of the data connection's heartbeat (a bare line feed every
+ * vxcBciDataConnectionHeartBeat ticks). */
+void handleHeartBeat(void);
+
+/* Frames of an agent behind a proxy go straight to the socket. 0, or `len`
+ * when the send fell short. */
+int sendBufferDataCon(char* buf, int len);
+
+/* The records that open a data connection and close a session. */
+void dumpNewConnectionRecord(void); /* 99 */
+void tag_record(void);              /* 110 */
+void attr_record(void);             /* 111 */
+void dumpVxDataOverRecord(void);    /* 10 */
 }
 
 namespace vx {
 
-/* Receives each line dumpData accepts, on the producer's thread. */
-using DataSinkFn = void (*)(const char* data, int len, void* ctx);
-
-/* Replace the sink; nullptr restores the discarding one. */
-void data_sink_set(DataSinkFn fn, void* ctx);
+/* Sees each record dumpData accepts, on the producer's thread, before it
+ * goes into the buffers. For tests and the demo harness; null removes it. */
+using DataTapFn = void (*)(const char* data, int len, void* ctx);
+void data_tap_set(DataTapFn fn, void* ctx);
 
 }  // namespace vx
 

@@ -2,20 +2,33 @@
 
 #include "core/vx_hashmap.h"
 #include "core/vx_instance.h"
+#include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
+#include "link/vx_data_dispatcher.h"
+#include "link/vx_data_thread.h"
 
 namespace vx {
 
-void session_start(int testIdx, long long klvEpochDiffTime)
+namespace {
+SessionData g_mode = SessionData::kTapOnly;
+}
+
+void session_start(int testIdx, long long klvEpochDiffTime, SessionData data)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
+    g_mode = data;
     /* What the start sequence and the keyword defaults will set. */
     app->VXBackendMonitor.maxIPCount = kDefaultMaxIPCount;
     app->VXBackendMonitor.backendIDCounter = 0;
-    app->VXBCISetting.data_thread_running = 1;
+    vx::copy_text(app->Server.fpgVID, sizeof app->Server.fpgVID, "1.0");
+    app->Server.isTenRecordDump = 0;
+    app->VXSys.dataConnState = 1;
+    app->VXSys.discardCount = 0;
+    app->VXSys.vxcBciDataConnectionHeartBeat = kDataHeartBeatTicks;
+    if (data == SessionData::kTapOnly) app->VXBCISetting.data_thread_running = 1;
     app->Server.testRunRunning = 1; /* so that the table's record 5 goes out */
     if (!app->methodTable.methodHashMapNode) setMethodHashMapNode(nullptr);
     if (!app->httpHashMapNode) {
@@ -25,16 +38,30 @@ void session_start(int testIdx, long long klvEpochDiffTime)
     app->Server.TestRunIDValue = testIdx;
     app->Server.klvEpochDiffTime = klvEpochDiffTime;
     app->Server.gettingstopInstrumenatation = 0;
+    app->Server.retryForDataConn = 1;
+    app->Server.InstrumentationBusy = 1;
     app->Server.testRunRunning = 1;
+    if (data == SessionData::kDataThread) check_data_thread();
 }
 
 void session_stop()
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
+    if (g_mode == SessionData::kDataThread) {
+        dumpVxDataOverRecord();
+        app->Server.testRunRunning = 0;
+        app->Server.retryForDataConn = 0;
+        app->Server.retryForAutoSensorConn = 0;
+        app->Server.controlCommunicationBusyFlag = 0;
+        app->Server.InstrumentationBusy = 0;
+        return;
+    }
     app->Server.gettingstopInstrumenatation = 1;
     dumpFpFromBusyList();
     app->Server.testRunRunning = 0;
+    app->Server.retryForDataConn = 0;
+    app->Server.InstrumentationBusy = 0;
     app->VXBCISetting.data_thread_running = 0;
     free_methodHashMapNode();
     app->Server.gettingstopInstrumenatation = 0;

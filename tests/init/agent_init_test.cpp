@@ -100,6 +100,11 @@ TEST(AgentInit, NamesAndTypeComeFromTheArguments)
 TEST(AgentInit, ConnectingStartsThePoolAndTheControlThreadAndShutdownStopsIt)
 {
     EXPECT_EQ(vx_test::run_in_child([](const std::string&) {
+                  /* A collector that is not there: the thread sits in its
+                   * retry wait when shutdown comes. */
+                  setenv("KLV_APP_AGENT_VXCHOST", "127.0.0.1", 1);
+                  setenv("KLV_APP_AGENT_VXCPORT", "1", 1);
+                  setenv("KLV_APP_AGENT_VXC_COMM_PROTOCOL", "TCP:1", 1);
                   agent_shutdown(); /* before agent_init: no effect */
                   agent_init(const_cast<char*>("p"), 1, nullptr, const_cast<char*>("cppAgent"), nullptr);
                   VXProxyInstance_t* app = tlvxApplication;
@@ -126,6 +131,7 @@ TEST(AgentInit, ShutdownGivesUpOnAThreadThatNeverStops)
                   agent_init(nullptr, 0, nullptr, nullptr, nullptr);
                   /* A control thread that never answers. */
                   tlvxApplication->control_thread_id = reinterpret_cast<apr_thread_t*>(1);
+                  tlvxApplication->control_thread_running = 1;
                   agent_shutdown();
                   CHILD_CHECK(closeCtrlThread == 1);
                   return 0;

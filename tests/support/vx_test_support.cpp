@@ -45,6 +45,13 @@ VXProxyInstance_t* agent()
         std::ofstream(type_dir + "/version") << "# build information\n9.9.9 build 42\n";
         agent_init(const_cast<char*>("UnitPool"), 1, const_cast<char*>("unit"),
                    const_cast<char*>("cppAgent"), const_cast<char*>("v9"));
+        /* No collector is configured, so the control thread ends on its own
+         * after choosing its transport; units are then tested on TCP with
+         * nothing running beside them. */
+        apr_status_t rv;
+        if (tlvxApplication->control_thread_id) apr_thread_join(&rv, tlvxApplication->control_thread_id);
+        tlvxApplication->control_thread_id = nullptr;
+        tlvxApplication->lws_active = 0;
         return tlvxApplication;
     }();
     return app;
@@ -82,9 +89,9 @@ std::string fill(std::string golden, const std::vector<std::pair<std::string, st
     return golden;
 }
 
-RecordSink::RecordSink() { vx::data_sink_set(&RecordSink::on_record, this); }
+RecordSink::RecordSink() { vx::data_tap_set(&RecordSink::on_record, this); }
 
-RecordSink::~RecordSink() { vx::data_sink_set(nullptr, nullptr); }
+RecordSink::~RecordSink() { vx::data_tap_set(nullptr, nullptr); }
 
 void RecordSink::on_record(const char* data, int len, void* ctx)
 {

@@ -1,0 +1,279 @@
+#include "link/vx_data_thread.h"
+
+#include <apr_network_io.h>
+#include <apr_time.h>
+
+#include <cstring>
+
+#include "bt/vx_bt_object.h"
+#include "core/vx_instance.h"
+#include "core/vx_settings.h"
+#include "core/vx_text.h"
+#include "core/vx_thread.h"
+#include "core/vx_trace_log.h"
+#include "flowpath/vx_method_table.h"
+#include "flowpath/vx_per_thread_data.h"
+#include "link/vx_data_buffers.h"
+#include "link/vx_data_dispatcher.h"
+#include "link/vx_lws_transport.h"
+#include "link/vx_socket.h"
+
+/* Serialises the reading of raw files between the data thread and others. */
+apr_thread_mutex_t* read_raw_file = nullptr;
+
+namespace {
+
+thread_local apr_thread_t* tl_data_thread = nullptr;
+
+bool agent_behind_proxy(const VXProxyInstance_t* app)
+{
+    return app->VXSys.proxyMode && !VXProxy.proxyServerFlag;
+}
+
+/* Step B and D of the loop: the control side is closing. */
+bool control_closing(const VXProxyInstance_t* app)
+{
+    return !VXProxy.proxyServerFlag && (app->VXSys.closeCtrlConFlag || closeCtrlThread);
+}
+
+/* The peer of the data connection: the proxy, or the active collector. */
+void data_target(VXProxyInstance_t* app, char** host, int* port)
+{
+    *host = nullptr;
+    *port = 0;
+    if (agent_behind_proxy(app)) {
+        *host = app->VXSys.proxyIP;
+        *port = app->VXSys.proxyPort;
+    } else if (app->active_vxc) {
+        *host = app->active_vxc->vxc_host;
+        *port = static_cast<int>(app->active_vxc->vxc_port);
+    }
+}
+
+void sleep_ms(long long ms) { apr_sleep(apr_time_from_msec(ms)); }
+
+/* The records that open a connection to the collector. */
+void dump_opening_records(VXProxyInstance_t* app)
+{
+    if (agent_behind_proxy(app)) return; /* the proxy writes its own */
+    dumpNewConnectionRecord();
+    /* STAND-IN (issue: metadata replay): with doNotDumpMetaData the metadata
+     * of the session are replayed here once the caches exist. */
+    if (app->VXSys.enableTagsSupport) {
+        tag_record();
+        attr_record();
+    }
+}
+
+/* Steps G: drain, beat, publish; returns when the connection broke. */
+void run_connection(VXProxyInstance_t* app)
+{
+    for (;;) {
+        checkAndStopThread();
+        int rv;
+        while ((rv = dataConnService()) == 1 && app->VXSys.dataConnState) {
+            sleep_ms(vx::kDataLoopTickMs);
+            handleHeartBeat();
+        }
+        if (rv == -1 || app->VXSys.dataConnState == 0) {
+            VX_ERROR("DATA_THREAD",
+                     "dataConnectionBreak Data due to vxApplication->VXSys.dataConnState == 0 ");
+            close_data_connection();
+            return;
+        }
+        sleep_ms(vx::kDataLoopTickMs);
+        if (app->VXSys.retryFlag || app->VXSys.closeCtrlConFlag) {
+            VX_ERROR("DATA_THREAD",
+                     "dataConnectionBreak Going to close data connection and stop Data thread.");
+            clean_data_thread();
+        }
+        movePartialToReadList();
+        handleHeartBeat();
+    }
+}
+
+}  // namespace
+
+extern "C" int create_data_conn(char* error_buf, int error_buf_len)
+{
+    VXProxyInstance_t* app = vx_app();
+    char* host = nullptr;
+    int port = 0;
+    data_target(app, &host, &port);
+    if (!host) {
+        vx::copy_text(error_buf, static_cast<size_t>(error_buf_len), "no collector address");
+        return -1;
+    }
+    if (app->lws_active == 1)
+        return create_lws_data_connection(host, port, error_buf, error_buf_len) ? 0 : -1;
+    app->dataSkt.skt = vxlb_create_client_con(host, port, error_buf, error_buf_len, app->data_pool);
+    return app->dataSkt.skt ? 0 : -1;
+}
+
+extern "C" void get_data_ip_and_port(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    socketInfo_t& d = app->dataSkt;
+    char ip[64] = "";
+    int port = 0;
+    if (d.skt && get_src_addr(d.skt, ip, sizeof ip, &port) == 0) {
+        vx::copy_text(d.sourceIp, sizeof d.sourceIp, ip);
+        d.srcPort = port;
+    }
+    char* host;
+    data_target(app, &host, &d.dstPort);
+    vx::copy_text(d.dstIp, sizeof d.dstIp, host);
+}
+
+extern "C" bool send_data_con_req_msg_to_vxc(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    setControlDataReqMessage();
+    VXBCISetting_t& s = app->VXBCISetting;
+    if (app->lws_active == 1)
+        return send_data_via_lws_socket(s.controlDataReqMessage, s.controlDataReqMessage_len) < 0;
+    char err[256] = "";
+    if (vxlb_send_n_bytes(app->dataSkt.skt, s.controlDataReqMessage, s.controlDataReqMessage_len,
+                          err, sizeof err) == -2) {
+        VX_ERROR("DATA_THREAD", "Unable to send control req message. Going to closing connection");
+        return true;
+    }
+    vxlb_send_n_bytes(app->dataSkt.skt, const_cast<char*>("\n"), 1, err, sizeof err);
+    return false;
+}
+
+extern "C" int checkAndStopThread(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    const Server_t& srv = app->Server;
+    if (srv.testRunRunning && srv.retryForDataConn && !app->VXSys.closeCtrlConFlag) return 0;
+    /* The stop flushes, and the flush sends through processData, which asks
+     * here again: the first caller finishes the stop. */
+    static thread_local bool stopping = false;
+    if (stopping) return 0;
+    stopping = true;
+    VX_ERROR("DATA_THREAD", "BCI Data thread is to be stopped. Server.isTenRecordDump = %d.",
+             srv.isTenRecordDump);
+    dumpFpFromBusyList();
+    if (!srv.isTenRecordDump) dumpVxDataOverRecord();
+    flushCommonData();
+    free_agent_data();
+    stopping = false;
+    clean_data_thread();
+    return 1;
+}
+
+extern "C" void close_data_connection(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    void* wsi = app->dataSkt.lws_handler.wsi;
+    app->dataSkt.lws_handler.wsi = nullptr;
+    app->Server.controlCommunicationBusyFlag = 0;
+    if (apr_socket_t* skt = app->dataSkt.skt) {
+        app->dataSkt.skt = nullptr;
+        apr_socket_close(skt);
+    }
+    if (wsi) kill_lws_connection(wsi);
+}
+
+extern "C" void clean_data_thread(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    close_data_connection();
+    VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD", "Data thread ends");
+    app->VXBCISetting.data_thread_running = 0;
+    apr_thread_exit(tl_data_thread, APR_SUCCESS);
+}
+
+extern "C" void free_agent_data(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    /* STAND-IN (issues: SQL, monitors, tags): the prepared-query lookup, the
+     * BT monitor slots and the BT tags are freed here once they exist. */
+    VXBTManagerReset();
+    if (app->methodTable.methodHashMapNode) {
+        /* In-flight method events hold the table: let them drain first. */
+        const char running = app->Server.testRunRunning;
+        app->Server.testRunRunning = 0;
+        apr_sleep(apr_time_from_sec(vx::kMetaDrainSeconds));
+        free_methodHashMapNode();
+        app->Server.testRunRunning = running;
+    }
+}
+
+extern "C" int check_data_thread(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD", "Creating Data thread for  '%s'",
+             app->agentName ? app->agentName : "");
+    if (app->VXBCISetting.data_thread_running) {
+        VX_ERROR("DATA_THREAD", "Data thread already exist.");
+        return 1;
+    }
+    if (!app->data_pool && apr_pool_create(&app->data_pool, app->control_pool) != APR_SUCCESS) {
+        VX_ERROR("DATA_THREAD", "Error while creating data thread. Error = %s", "no memory pool");
+        return 1;
+    }
+    if (!app->bufferWriteLock) app->bufferWriteLock = vx::mutex_create(app->data_pool);
+    if (!app->bufferMoveLock) app->bufferMoveLock = vx::mutex_create(app->data_pool);
+    if (!read_raw_file) read_raw_file = vx::mutex_create(app->control_pool);
+    /* Raised before the thread runs: a thread that ends at once clears it. */
+    app->VXBCISetting.data_thread_running = 1;
+    char err[256] = "";
+    if (vxlb_thread_create(&app->data_thread_id, start_data_thread, app, err, sizeof err,
+                           app->data_pool) != 0) {
+        app->VXBCISetting.data_thread_running = 0;
+        VX_ERROR("DATA_THREAD", "Error while creating data thread. Error = %s", err);
+        return 1;
+    }
+    apr_thread_detach(app->data_thread_id); /* nobody joins it: it ends by itself */
+    app->Server.controlCommunicationBusyFlag = 1;
+    return 0;
+}
+
+extern "C" void* APR_THREAD_FUNC start_data_thread(apr_thread_t* thread, void* data)
+{
+    auto* app = static_cast<VXProxyInstance_t*>(data);
+    vx_set_thread_instance(app);
+    tl_data_thread = thread;
+    for (;;) {
+        app->VXSys.dataConnState = 0;
+        if (app->dataSkt.skt || app->dataSkt.lws_handler.wsi) close_data_connection();
+        if (control_closing(app)) clean_data_thread();
+
+        char err[256] = "";
+        if (create_data_conn(err, sizeof err) == 0) {
+            if (control_closing(app)) clean_data_thread();
+            get_data_ip_and_port();
+            if (app->dataSkt.skt) apr_socket_opt_set(app->dataSkt.skt, APR_SO_NONBLOCK, 0);
+            if (buff_list_init() != 0) {
+                /* data_thread_running stays up: no other thread is tried. */
+                VX_ERROR("DATA_THREAD", "Error in buff_list_init");
+                close_data_connection();
+                apr_thread_exit(thread, APR_SUCCESS);
+            }
+            if (send_data_con_req_msg_to_vxc()) {
+                VX_ERROR("DATA_THREAD",
+                         "dataConnectionBreak due to send_data_con_req_msg_to_vxc() == FAIL ");
+                close_data_connection();
+                continue;
+            }
+            app->VXSys.dataConnState = 1;
+            VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD",
+                     "Data connection open %s:%d -> %s:%d", app->dataSkt.sourceIp,
+                     app->dataSkt.srcPort, app->dataSkt.dstIp, app->dataSkt.dstPort);
+            dump_opening_records(app);
+            run_connection(app);
+        } else {
+            char* host;
+            int port;
+            data_target(app, &host, &port);
+            VX_ERROR("DATA_THREAD", "Error while creating the data connection with %s:%d. Error %s\n",
+                     host ? host : "", port, err);
+        }
+        checkAndStopThread();
+        VX_ERROR("DATA_THREAD", "Going to retry data connection after 60 sec.");
+        apr_sleep(apr_time_from_sec(vx::kDataRetrySeconds));
+    }
+    return nullptr;
+}

@@ -2,12 +2,21 @@
  * The demo around the example host: it plays the collector's part until the
  * agent talks to a real one, and shows what the agent produced.
  *
- * STAND-IN (issues #4, #5): the session is opened here through the engine's
- * session hook, with the profile a collector would send, and records are read
- * at the data channel's door. With vxc-lite this file goes away.
+ * The agent registers with the collector named in its settings (vxc-lite in
+ * the demo) and streams its records there.
+ *
+ * STAND-IN (issue #5): the session is opened here through the engine's
+ * session hook, with the profile a collector would send; once the collector
+ * starts sessions itself this part goes away.
+ *
+ * "--report FILE" prints a readable account of the records in FILE, the data
+ * lines vxc-lite stored.
  */
+#include <apr_time.h>
+
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <cstring>
 #include <map>
 #include <string>
@@ -24,8 +33,6 @@
 namespace {
 
 std::vector<std::string> g_records;
-
-void collect(const char* data, int len, void*) { g_records.emplace_back(data, static_cast<size_t>(len)); }
 
 constexpr char kProfile[] =
     "example|Shop|handle|0|1\n"
@@ -106,6 +113,28 @@ void print_blob(const std::string& blob, const std::map<std::string, std::string
     }
 }
 
+/* Records of a data connection as vxc-lite stored them, one a line. */
+bool load_records(const char* path)
+{
+    std::ifstream in(path);
+    if (!in) return false;
+    std::string line;
+    while (std::getline(in, line))
+        if (!line.empty() && line.rfind("vx_data_msg_req:", 0) != 0) g_records.push_back(line + "\n");
+    return true;
+}
+
+/* Wait up to `seconds` for `done`; false on time-out. */
+template <typename Pred>
+bool wait_for(Pred done, int seconds)
+{
+    for (int i = 0; i < seconds * 10; ++i) {
+        if (done()) return true;
+        apr_sleep(apr_time_from_msec(100));
+    }
+    return done();
+}
+
 void print_report()
 {
     std::map<std::string, std::string> names;
@@ -117,7 +146,7 @@ void print_report()
             names[r.substr(last + 1, r.size() - last - 2)] = r.substr(2, last - 2);
         }
     }
-    printf("\nrecords for the collector:\n");
+    printf("\nrecords the collector received:\n");
     for (const std::string& r : g_records) printf("  %s", r.c_str());
     printf("\ntransactions:\n");
     for (const std::string& r : g_records) {
@@ -139,30 +168,45 @@ void no_wait(int) {}
 
 }  // namespace
 
-int main()
+int main(int argc, char** argv)
 {
-    vx::data_tap_set(collect, nullptr);
-    vx::sdk_sleep_set(no_wait); /* the collector's session is opened right below */
+    if (argc == 3 && strcmp(argv[1], "--report") == 0) {
+        if (!load_records(argv[2])) {
+            fprintf(stderr, "cannot read %s\n", argv[2]);
+            return 1;
+        }
+        print_report();
+        return 0;
+    }
+    vx::sdk_sleep_set(no_wait); /* the session is opened right below */
     example_host_start();
-    if (!tlvxApplication) {
+    VXProxyInstance_t* app = tlvxApplication;
+    if (!app) {
         fprintf(stderr, "the agent did not start: is VXHOME set to an existing directory?\n");
         return 1;
     }
+    if (!wait_for([app] { return app->control.skt && app->Server.lastConnectionTime; }, 20)) {
+        fprintf(stderr, "the agent did not register with a collector (see its trace log)\n");
+        example_host_stop();
+        return 1;
+    }
+    printf("host: the agent registered with %s\n", app->Server.connDestination);
 
     long long now = my_gettimeofday();
-    vx::session_start(1, now - now % 86400000LL);
+    vx::session_start(1, now - now % 86400000LL, vx::SessionData::kDataThread);
+    wait_for([app] { return app->VXSys.dataConnState == 1 && app->dataSkt.skt; }, 10);
     char profile[sizeof kProfile];
     memcpy(profile, kProfile, sizeof kProfile);
     setMethodHashMapNode(profile);
     char entries[sizeof kEntryPoints];
     memcpy(entries, kEntryPoints, sizeof kEntryPoints);
     parseEntryFile(entries);
-    tlvxApplication->VXSys.bciInstrSessionPct = 100;
+    app->VXSys.bciInstrSessionPct = 100;
 
     int served = example_host_serve();
     vx::session_stop();
-    printf("host: %d requests reported\n", served);
-    print_report();
+    printf("host: %d requests reported; waiting for the data channel to drain\n", served);
+    wait_for([app] { return app->VXBCISetting.data_thread_running == 0; }, 20);
     example_host_stop();
     return 0;
 }

@@ -185,7 +185,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "the agent did not start: is VXHOME set to an existing directory?\n");
         return 1;
     }
-    if (!wait_for([app] { return app->control.skt && app->Server.lastConnectionTime; }, 20)) {
+    if (!wait_for([app] { return app->ctrlServing == 1; }, 20)) {
         fprintf(stderr, "the agent did not register with a collector (see its trace log)\n");
         example_host_stop();
         return 1;

@@ -141,6 +141,7 @@ struct VXProxyInstance_t {
     /* Control connection and its failover state. */
     socketInfo_t control;
     controlSocketBuffer_t ctrlBufInfo;
+    volatile int ctrlServing; /* the reply was taken: the connection is being served */
     int heartbeat_count;  /* our heartbeats since the collector's last line */
     int dumpHeartBeat;    /* data-connection heartbeats since the last trace line */
     retryPolicy_t retry_policy;

@@ -207,6 +207,7 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
     }
 
     app->Server.lastHeartBeatRcvTime = my_gettimeofday();
+    app->ctrlServing = 1;
     if (handle_msg_from_vxc_wrapper(buf) == 1) {
         VX_ERROR("CONTROL_THREAD",
                  "[VX DR Feature]; Exit from select call and going to close the control connection "
@@ -277,17 +278,24 @@ extern "C" int rec_control_con_rep_msg_from_vxc_wrapper(controlSocketBuffer_t* b
     if (app->lws_active == 1) {
         if (rec_control_conn_response_lws() != 0) return kReplyDrop;
     } else {
-        char err[256] = "";
-        const int room = static_cast<int>(buf->read_len) - buf->writeOffset;
-        const int n = vxlb_read_bytes(app->control.skt, buf->read_socket_buf + buf->writeOffset,
-                                      room + 1, err, sizeof err);
-        if (n <= 0) {
+        apr_size_t len = buf->read_len - static_cast<apr_size_t>(buf->writeOffset);
+        const apr_status_t rv =
+            apr_socket_recv(app->control.skt, buf->read_socket_buf + buf->writeOffset, &len);
+        if (len == 0 && APR_STATUS_IS_TIMEUP(rv)) {
+            /* A collector that accepts and never answers: try again. */
+            VX_ERROR("CONTROL_THREAD", "No reply from the collector within %d seconds",
+                     kControlIoTimeoutSeconds);
+            control_connection_cleanup();
+            return kReplyDrop;
+        }
+        if (len == 0) {
             /* The serving loop finds the closed socket and reconnects. */
             VX_ERROR("CONTROL_THREAD", "Control connection closed by VX server.");
             return kReplyServe;
         }
-        buf->writeOffset += n;
-        buf->readBytes += n;
+        buf->writeOffset += static_cast<int>(len);
+        buf->readBytes += static_cast<int>(len);
+        buf->read_socket_buf[buf->writeOffset] = '\0';
     }
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Reply: %.1024s",
              buf->read_socket_buf);
@@ -297,6 +305,7 @@ extern "C" int rec_control_con_rep_msg_from_vxc_wrapper(controlSocketBuffer_t* b
 extern "C" void control_connection_cleanup(void)
 {
     VXProxyInstance_t* app = vx_app();
+    app->ctrlServing = 0;
     if (apr_socket_t* skt = app->control.skt) {
         app->control.skt = nullptr;
         apr_socket_close(skt);

@@ -25,6 +25,8 @@ void session_start(int testIdx, long long klvEpochDiffTime, SessionData data)
     app->VXBackendMonitor.backendIDCounter = 0;
     vx::copy_text(app->Server.fpgVID, sizeof app->Server.fpgVID, "1.0");
     app->Server.isTenRecordDump = 0;
+    app->VXSys.retryFlag = 0; /* a lost connection's marks do not outlive it */
+    app->VXSys.closeCtrlConFlag = 0;
     app->VXSys.dataConnState = 1;
     app->VXSys.discardCount = 0;
     app->VXSys.vxcBciDataConnectionHeartBeat = kDataHeartBeatTicks;

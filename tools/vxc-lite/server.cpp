@@ -6,7 +6,9 @@
 #include <apr_strings.h>
 #include <apr_time.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -52,6 +54,8 @@ struct Conn {
     apr_time_t next_heartbeat = 0;
     unsigned long long heartbeats = 0;
     bool closing = false;
+    bool throttled = false; /* a data connection read at data_read_rate, out of the pollset */
+    apr_time_t last_read = 0;
     char peer[64] = "";
     ConnectionSeen* seen = nullptr; /* null when the summary's list is full */
 };
@@ -233,12 +237,14 @@ void on_line(Server* s, Conn* c, std::string_view line)
     }
 }
 
-void on_readable(Server* s, Conn* c)
+/* Reads what the connection has, at most `budget` bytes. */
+void read_some(Server* s, Conn* c, size_t budget)
 {
     char* buf = s->read_buf.data();
-    for (int i = 0; i < kReadsPerWake && !c->closing; ++i) {
-        apr_size_t len = s->read_buf.size();
+    for (int i = 0; i < kReadsPerWake && !c->closing && budget > 0; ++i) {
+        apr_size_t len = std::min(s->read_buf.size(), budget);
         const apr_status_t rv = apr_socket_recv(c->skt, buf, &len);
+        budget -= len;
         if (len > 0) {
             const unsigned long long nul_before = c->splitter->nul_bytes();
             c->splitter->feed(
@@ -262,6 +268,29 @@ void on_readable(Server* s, Conn* c)
         }
     }
     if (c->file) fflush(c->file);
+}
+
+void on_readable(Server* s, Conn* c)
+{
+    read_some(s, c, SIZE_MAX);
+    /* A data connection of a slow collector leaves the pollset: tick reads
+     * it at the configured rate. */
+    if (c->kind == Kind::Data && s->opts.data_read_rate > 0 && !c->throttled && !c->closing) {
+        apr_pollset_remove(s->pollset, &c->pfd);
+        c->throttled = true;
+        c->last_read = apr_time_now();
+    }
+}
+
+/* Reads a throttled connection for the time since its last read. */
+void read_throttled(Server* s, Conn* c, apr_time_t now)
+{
+    const long long elapsed_us = now - c->last_read;
+    const size_t budget =
+        static_cast<size_t>(s->opts.data_read_rate * elapsed_us / 1000000);
+    if (budget == 0) return;
+    c->last_read = now;
+    read_some(s, c, budget);
 }
 
 void accept_all(Server* s)
@@ -332,6 +361,8 @@ void tick(Server* s, apr_time_t now)
             close_conn(s, c.get(), "no first line in time");
             continue;
         }
+        if (c->throttled) read_throttled(s, c.get(), now);
+        if (c->closing) continue;
         if (c->kind == Kind::Control && hb > 0 && now >= c->next_heartbeat) {
             ++s->store.counts.heartbeats_sent;
             queue_send(s, c.get(), heartbeat_line(c->heartbeats++));

@@ -52,6 +52,8 @@ std::string usage()
            "  --protocols TEXT         reply supportedProtocols (default TCP:<listening port>)\n"
            "  --reply TEXT             send this line as the reply instead\n"
            "  --after-reply TEXT       send this line on the control connection after the reply\n"
+           "  --data-read-rate N       read each data connection at N bytes a second\n"
+           "                           (a slow collector); 0 reads at once (default 0)\n"
            "  --verbose                log every line received\n"
            "  --help                   this text\n"
            "\n"
@@ -117,6 +119,9 @@ int parse_args(int argc, const char* const* argv, Options* opts, std::string* ou
         } else if (a == "--protocols") {
             opts->supported_protocols = v;
             ok = safe_field(opts->supported_protocols);
+        } else if (a == "--data-read-rate") {
+            ok = to_ll(v, 0, 1LL << 40, &n);
+            opts->data_read_rate = n;
         } else if (a == "--reply") {
             opts->reply_line = v;
             ok = opts->reply_line.find('\n') == std::string::npos && !opts->reply_line.empty();

@@ -37,6 +37,9 @@ struct Options {
     /* A line sent on the control connection right after the reply, e.g. a
      * session start; empty: none. */
     std::string after_reply_line;
+    /* Bytes a second read from each data connection; 0 reads all at once.
+     * A slow collector, for tests of an agent whose data backs up. */
+    long long data_read_rate = 0;
     bool verbose = false;
 };
 

@@ -1,0 +1,211 @@
+/*
+ * The host of the end-to-end tests: a process that loads the agent the way a
+ * host does (agent_init with a collector from the environment) and then
+ * plays one role, reporting what it did as "key=value" lines on stdout.
+ *
+ *   stream SECONDS   register, open a session with the data thread, write
+ *                    numbered records (record 100, "100,<seq>,e2e") every
+ *                    10 ms, and whenever the session is lost (the collector
+ *                    went away) open a new one once the agent has registered
+ *                    again; stop the last session at the end
+ *   load SECONDS THREADS
+ *                    register, open a session, and have THREADS threads write
+ *                    200-byte records as fast as they can; then wait for the
+ *                    buffers to drain and stop the session
+ *   idle SECONDS     make host calls (flowpath start and end) in a loop,
+ *                    whatever the collector does, and report the slowest
+ *
+ * Until the collector starts sessions itself, the session is opened here by
+ * raising its flags and starting the data thread.
+ */
+#include <apr_time.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "vx_sdk.h"
+
+#include "core/vx_instance.h"
+#include "link/vx_data_dispatcher.h"
+#include "link/vx_session.h"
+
+namespace {
+
+long long now_ms() { return apr_time_now() / 1000; }
+
+void sleep_ms(int ms) { apr_sleep(apr_time_from_msec(ms)); }
+
+template <typename Pred>
+bool wait_for(Pred done, long long timeout_ms)
+{
+    const long long end = now_ms() + timeout_ms;
+    while (!done()) {
+        if (now_ms() >= end) return false;
+        sleep_ms(20);
+    }
+    return true;
+}
+
+bool registered(VXProxyInstance_t* app, long long since)
+{
+    return app->ctrlServing && app->Server.lastConnectionTime >= since;
+}
+
+bool data_open(VXProxyInstance_t* app) { return app->VXSys.dataConnState == 1 && app->dataSkt.skt; }
+
+bool ring_drained(VXProxyInstance_t* app)
+{
+    return app->readListSize == 0 && (!app->VXBCIAgentBB || app->VXBCIAgentBB->use_len == 0);
+}
+
+long long peak_rss_kb()
+{
+    std::ifstream in("/proc/self/status");
+    std::string line;
+    while (std::getline(in, line))
+        if (line.rfind("VmHWM:", 0) == 0) return atoll(line.c_str() + 6);
+    return -1;
+}
+
+void write_record(long long seq, const char* tail)
+{
+    char rec[256];
+    int n = snprintf(rec, sizeof rec, "100,%lld,%s\n", seq, tail);
+    dumpData(rec, n);
+}
+
+int run_stream(VXProxyInstance_t* app, int seconds)
+{
+    const long long end = now_ms() + seconds * 1000LL;
+    long long seq = 0;
+    int sessions = 0;
+    long long since = 0;
+    while (now_ms() < end) {
+        if (!app->Server.testRunRunning) {
+            /* A new session once the agent has registered (again) and the
+             * last data thread has ended. */
+            if (registered(app, since) && !app->VXBCISetting.data_thread_running) {
+                vx::session_start(++sessions, 1388534400000LL, vx::SessionData::kDataThread);
+                since = app->Server.lastConnectionTime + 1;
+                printf("session=%d seq=%lld\n", sessions, seq);
+                fflush(stdout);
+                wait_for([app] { return data_open(app) || !app->Server.testRunRunning; }, 5000);
+            }
+            sleep_ms(10);
+            continue;
+        }
+        write_record(seq++, "e2e");
+        sleep_ms(10);
+    }
+    vx::session_stop();
+    wait_for([app] { return !app->VXBCISetting.data_thread_running; }, 20000);
+    printf("offered=%lld\nsessions=%d\ndiscard=%d\n", seq, sessions, app->VXSys.discardCount);
+    return sessions > 0 ? 0 : 1;
+}
+
+int run_load(VXProxyInstance_t* app, int seconds, int threads)
+{
+    if (!wait_for([app] { return registered(app, 0); }, 30000)) return 2;
+    vx::session_start(1, 1388534400000LL, vx::SessionData::kDataThread);
+    if (!wait_for([app] { return data_open(app); }, 10000)) return 3;
+    /* The data heartbeat goes through the same door: off, so that every
+     * discard counted is one of the records offered here. */
+    app->VXSys.vxcBciDataConnectionHeartBeat = 0;
+    const long long base_rss = peak_rss_kb();
+    std::atomic<bool> stop{false};
+    std::vector<long long> offered(static_cast<size_t>(threads), 0);
+    std::vector<long long> slowest_us(static_cast<size_t>(threads), 0);
+    std::vector<std::thread> producers;
+    for (int t = 0; t < threads; ++t) {
+        producers.emplace_back([&, t] {
+            char rec[200];
+            memset(rec, 'x', sizeof rec);
+            long long n = 0;
+            while (!stop.load(std::memory_order_relaxed)) {
+                int head = snprintf(rec, sizeof rec, "100,%d%012lld,", t, n);
+                rec[head] = 'x';
+                rec[sizeof rec - 1] = '\n';
+                const long long t0 = apr_time_now();
+                dumpData(rec, sizeof rec);
+                const long long took = apr_time_now() - t0;
+                if (took > slowest_us[static_cast<size_t>(t)]) slowest_us[static_cast<size_t>(t)] = took;
+                ++n;
+            }
+            offered[static_cast<size_t>(t)] = n;
+        });
+    }
+    sleep_ms(seconds * 1000);
+    stop = true;
+    for (auto& p : producers) p.join();
+    const bool drained = wait_for([app] { return ring_drained(app); }, 120000);
+    const int discard = app->VXSys.discardCount;
+    long long total = 0, slowest = 0;
+    for (int t = 0; t < threads; ++t) {
+        total += offered[static_cast<size_t>(t)];
+        if (slowest_us[static_cast<size_t>(t)] > slowest) slowest = slowest_us[static_cast<size_t>(t)];
+    }
+    const long long buffers = app->writeListSize + app->readListSize;
+    const long long ring_bytes = buffers * app->VXSys.bciDataBufferMaxSize;
+    vx::session_stop();
+    wait_for([app] { return !app->VXBCISetting.data_thread_running; }, 20000);
+    printf("offered=%lld\ndiscard=%d\ndrained=%d\nbuffers=%lld\nring_bytes=%lld\n", total, discard,
+           drained ? 1 : 0, buffers, ring_bytes);
+    printf("base_rss_kb=%lld\npeak_rss_kb=%lld\nslowest_call_us=%lld\n", base_rss, peak_rss_kb(),
+           slowest);
+    return 0;
+}
+
+int run_idle(VXProxyInstance_t* app, int seconds)
+{
+    const long long end = now_ms() + seconds * 1000LL;
+    long long calls = 0, slowest = 0;
+    bool ever_registered = false;
+    char url[] = "/idle";
+    while (now_ms() < end) {
+        const long long t0 = apr_time_now();
+        auto* fp = static_cast<VXPerThreadData_t*>(
+            startFP(nullptr, url, nullptr, nullptr, nullptr, nullptr, nullptr, 0, 0));
+        if (fp) {
+            endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
+            reset(fp);
+        }
+        const long long took = apr_time_now() - t0;
+        if (took > slowest) slowest = took;
+        ++calls;
+        ever_registered = ever_registered || registered(app, 0);
+        if (calls % 64 == 0) sleep_ms(1);
+    }
+    printf("calls=%lld\nslowest_call_us=%lld\nregistered=%d\n", calls, slowest,
+           ever_registered ? 1 : 0);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 3) {
+        fprintf(stderr, "usage: %s stream SECONDS | load SECONDS THREADS | idle SECONDS\n", argv[0]);
+        return 64;
+    }
+    const std::string mode = argv[1];
+    const int seconds = atoi(argv[2]);
+    const char* type = getenv("E2E_AGENT_TYPE");
+    agent_init(const_cast<char*>("e2e"), 1, const_cast<char*>("e2e-host"),
+               const_cast<char*>(type ? type : "cppAgent"), const_cast<char*>("v1"));
+    VXProxyInstance_t* app = tlvxApplication;
+    if (!app) return 2;
+    int rc = 64;
+    if (mode == "stream") rc = run_stream(app, seconds);
+    if (mode == "load" && argc > 3) rc = run_load(app, seconds, atoi(argv[3]));
+    if (mode == "idle") rc = run_idle(app, seconds);
+    fflush(stdout);
+    agent_shutdown();
+    return rc;
+}

@@ -85,6 +85,7 @@ struct VXProxyInstance_t {
     apr_thread_mutex_t* bufferMoveLock;  /* each transfer of a node between lists */
     apr_thread_t* data_thread_id;
     apr_pool_t* data_pool;               /* made on first use and kept */
+    apr_pool_t* dataConnPool;            /* the open data connection's socket */
 
     VXBTMonitor_t VXBTMonitor;
     VXBackendMonitor_t VXBackendMonitor;

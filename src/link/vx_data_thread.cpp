@@ -25,6 +25,8 @@ namespace {
 
 thread_local apr_thread_t* tl_data_thread = nullptr;
 
+constexpr int kDataSendTimeoutSeconds = 5;
+
 bool agent_behind_proxy(const VXProxyInstance_t* app)
 {
     return app->VXSys.proxyMode && !VXProxy.proxyServerFlag;
@@ -106,7 +108,11 @@ extern "C" int create_data_conn(char* error_buf, int error_buf_len)
     }
     if (app->lws_active == 1)
         return create_lws_data_connection(host, port, error_buf, error_buf_len) ? 0 : -1;
-    app->dataSkt.skt = vxlb_create_client_con(host, port, error_buf, error_buf_len, app->data_pool);
+    if (!app->dataConnPool && apr_pool_create(&app->dataConnPool, app->data_pool) != APR_SUCCESS) {
+        vx::copy_text(error_buf, static_cast<size_t>(error_buf_len), "no memory pool");
+        return -1;
+    }
+    app->dataSkt.skt = vxlb_create_client_con(host, port, error_buf, error_buf_len, app->dataConnPool);
     return app->dataSkt.skt ? 0 : -1;
 }
 
@@ -172,6 +178,10 @@ extern "C" void close_data_connection(void)
     if (apr_socket_t* skt = app->dataSkt.skt) {
         app->dataSkt.skt = nullptr;
         apr_socket_close(skt);
+    }
+    if (app->dataConnPool) {
+        apr_pool_destroy(app->dataConnPool);
+        app->dataConnPool = nullptr;
     }
     if (wsi) kill_lws_connection(wsi);
 }
@@ -245,7 +255,12 @@ extern "C" void* APR_THREAD_FUNC start_data_thread(apr_thread_t* thread, void* d
         if (create_data_conn(err, sizeof err) == 0) {
             if (control_closing(app)) clean_data_thread();
             get_data_ip_and_port();
-            if (app->dataSkt.skt) apr_socket_opt_set(app->dataSkt.skt, APR_SO_NONBLOCK, 0);
+            if (app->dataSkt.skt) {
+                apr_socket_opt_set(app->dataSkt.skt, APR_SO_NONBLOCK, 0);
+                /* Blocking, but a collector that stops reading cannot hold
+                 * the thread: a send gives up after a while, nothing sent. */
+                apr_socket_timeout_set(app->dataSkt.skt, apr_time_from_sec(kDataSendTimeoutSeconds));
+            }
             if (buff_list_init() != 0) {
                 /* data_thread_running stays up: no other thread is tried. */
                 VX_ERROR("DATA_THREAD", "Error in buff_list_init");

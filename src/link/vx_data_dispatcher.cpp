@@ -140,8 +140,10 @@ extern "C" void flushCommonData(void)
      * time per thread is enough, the outer one finishes the job. */
     static thread_local bool flushing = false;
     if (flushing) return;
-    flushing = true;
     movePartialToReadList();
+    /* Another thread only publishes; the data thread sends it. */
+    if (!vx::on_data_thread()) return;
+    flushing = true;
     for (int i = 0; i < kFlushPasses; ++i)
         if (dataConnService() < 1) break;
     flushing = false;

@@ -148,9 +148,12 @@ extern "C" bool send_data_con_req_msg_to_vxc(void)
     return false;
 }
 
+bool vx::on_data_thread() { return tl_data_thread != nullptr; }
+
 extern "C" int checkAndStopThread(void)
 {
     VXProxyInstance_t* app = vx_app();
+    if (!vx::on_data_thread()) return 0;
     const Server_t& srv = app->Server;
     if (srv.testRunRunning && srv.retryForDataConn && !app->VXSys.closeCtrlConFlag) return 0;
     /* The stop flushes, and the flush sends through processData, which asks

@@ -40,4 +40,9 @@ void get_data_ip_and_port(void);
 int create_data_conn(char* error_buf, int error_buf_len);
 }
 
+namespace vx {
+/* True on a data thread: only it sends, and only it may end itself. */
+bool on_data_thread();
+}
+
 #endif

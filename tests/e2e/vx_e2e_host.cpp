@@ -93,7 +93,7 @@ int run_stream(VXProxyInstance_t* app, int seconds)
             if (registered(app, since) && !app->VXBCISetting.data_thread_running) {
                 vx::session_start(++sessions, 1388534400000LL, vx::SessionData::kDataThread);
                 since = app->Server.lastConnectionTime + 1;
-                printf("session=%d seq=%lld\n", sessions, seq);
+                printf("session=%d\nsession_from=%lld\n", sessions, seq);
                 fflush(stdout);
                 wait_for([app] { return data_open(app) || !app->Server.testRunRunning; }, 5000);
             }

@@ -24,12 +24,14 @@
 
 #include "bt/vx_bt_object.h"
 #include "core/vx_bci_setting.h"
+#include "core/vx_feature_settings.h"
 #include "core/vx_limits.h"
 #include "core/vx_sys.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "link/vx_collector_list.h"
 #include "link/vx_data_buffers.h"
+#include "link/vx_file_keywords.h"
 #include "link/vx_server.h"
 #include "link/vx_socket.h"
 #include "monitor/vx_backend_monitor.h"
@@ -112,6 +114,20 @@ struct VXProxyInstance_t {
     VXBTManager manager;
 
     VXFlowpathGenerator_t VXFlowpathGenerator;
+
+    /* Settings of features built later, filled by the collector's keywords. */
+    VXMonitorSettings_t monitorSettings;
+    VXASSettings_t asSettings;
+    VXAutoInstrumentation_t vxAutoInstrumentation;
+    VXInterfaceProcessor_t VXInterfaceProcessor;
+    VXDynamicSettings_t vxDynamicSettings;
+    VXExceptionSettings_t exceptionSettings;
+    VXSQLProcessor_t VXSQLProcessor;
+    VXHttpSettings_t httpSettings;
+    VXResourceURLSettings_t resourceURLSettings;
+
+    /* Files the collector served, by keyword index. */
+    keywordInfo kywdInfo[vx::kFileKeywordSlots];
 
     apr_hash_t* fpiToTLS;          /* flowpathInstanceStr -> running record */
 

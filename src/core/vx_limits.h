@@ -33,6 +33,8 @@ inline constexpr int kMetaRecordSize = 1024;        /* metadata records: cut at 
 inline constexpr int kTagRecordSize = 5120;         /* records 110 and 111 */
 
 /* Collector link. */
+inline constexpr int kFileKeywordSlots = 127;       /* kywdInfo: files by keyword index */
+inline constexpr int kFileNameSize = 2048;          /* keywordInfo.fileName, instrProfile.filepath */
 inline constexpr int kControlBufferSize = 131072;   /* ctrlBufInfo: the longest control line */
 inline constexpr int kDataUtilSize = 131088;        /* WebSocket staging, 16 bytes of prefix included */
 inline constexpr int kDataLoopTickMs = 100;         /* data thread: one tick of its loop */

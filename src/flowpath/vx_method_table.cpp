@@ -797,6 +797,22 @@ extern "C" void dumpFileforGoAgent(char* fileName, char* fileData)
     fclose(fp);
 }
 
+extern "C" void dumpMethodTableMetaData(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app) return;
+    vx::VXLockGuard guard(app->methodTable.methodEntryLock);
+    node_t* node = app->methodTable.methodHashMapNode;
+    if (!node || !node->ptr) return;
+    for (apr_hash_index_t* hi = apr_hash_first(nullptr, node->ptr); hi; hi = apr_hash_next(hi)) {
+        auto* m = static_cast<methodPropProperties*>(apr_hash_this_val(hi));
+        if (m->methodRetType)
+            dumpMetadataForSig(m);
+        else
+            dump_method_record(m);
+    }
+}
+
 extern "C" void hashMapForAgent(void)
 {
     VX_TRACE(trace_level(), 4, "FLOWPATH", "Method called");

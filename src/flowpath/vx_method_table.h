@@ -155,6 +155,9 @@ void free_methodHashMapNode(void);
 void dumpFileforGoAgent(char* fileName, char* fileData);
 char* get_proces_name(void);
 void hashMapForAgent(void);
+/* Record 5 for every method of the current table (a new connection of a new
+ * session announces them all). */
+void dumpMethodTableMetaData(void);
 }
 
 #endif

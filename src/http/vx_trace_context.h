@@ -10,6 +10,8 @@
 
 extern "C" {
 extern int arrPropagationHeaders[3];
+/* Span kinds reported as spans (keyword enableOTELStandard). */
+extern int arSpanType[5];
 }
 
 #endif

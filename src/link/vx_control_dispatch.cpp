@@ -1,9 +1,19 @@
 #include "link/vx_control_dispatch.h"
 
+#include <apr_time.h>
+#include <strings.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "core/vx_host_callbacks.h"
 #include "core/vx_instance.h"
+#include "core/vx_keywords.h"
+#include "flowpath/vx_method_table.h"
+#include "link/vx_data_dispatcher.h"
+#include "link/vx_data_thread.h"
+#include "link/vx_file_keywords.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
@@ -51,18 +61,209 @@ extern "C" void handleCollectorHeartBeat(char* clientMsg)
              sys.autosensorConnState);
 }
 
+namespace {
+
+constexpr char kStart[] = "vx_control_req:action=start_instrumentation";
+constexpr char kMetaData[] = "vx_meta_data_req:action=send_meta_data;";
+constexpr char kDiscover[] = "vxc_req:action=discover_loaded_classes";
+constexpr char kStop[] = "vx_control_req:action=stop_instrumentation";
+constexpr char kModify[] = "vx_control_req:action=modify";
+constexpr char kReroute[] = "vx_control_req:action=reroute_ctrl_con";
+constexpr char kDownload[] = "download_file_req";
+constexpr char kUpload[] = "upload_file_req";
+constexpr char kAutoInstr[] = "vx_meta_data_req:action=auto_instr_status;";
+constexpr char kDynamicDiag[] = "Dynamic_Diagnostics_req:action=ai_status;";
+constexpr char kThreadDump[] = "vx_meta_data_req:action=get_thread_dump;";
+constexpr char kStructured[] = "VexlaneMessage 2.0;";
+constexpr long long kDefaultEpochOrigin = 1388534400000LL; /* 2014-01-01 00:00:00 UTC */
+
+bool begins(const char* text, const char* prefix) { return strncmp(text, prefix, strlen(prefix)) == 0; }
+
+int send_text(const char* text)
+{
+    return controlConnectionSendBuffer(const_cast<char*>(text), static_cast<int>(strlen(text)));
+}
+
+/* The collector's origin of time, and its clock difference. */
+void synchronise_time(Server_t& srv)
+{
+    if (srv.changeOriginalTime) {
+        srv.klvEpochDiffTime -= srv.diffTimeFromVXC;
+        srv.originalKlvEpochDiffTime = srv.klvEpochDiffTime;
+    } else {
+        srv.originalKlvEpochDiffTime -= srv.diffTimeFromVXC;
+    }
+}
+
+void handle_start(VXProxyInstance_t* app, char* clientMsg)
+{
+    Server_t& srv = app->Server;
+    free(app->startInstMsg);
+    app->startInstMsg = strdup(clientMsg);
+    srv.testRunRunning = 0;
+    free_agent_data();
+    makeInstrProfTableFree();
+    vxlb_init_all_keywords();
+    /* STAND-IN (issues: BT rules, HTTP capture, monitors, exceptions): their
+     * tables are made again here once they exist. */
+    transfer_data_callback(const_cast<char*>("AgentTraceLevel"), app->VXSys.agentTraceLevel, nullptr,
+                           nullptr);
+    srv.changeOriginalTime = 0;
+    if (strstr(clientMsg, "klvEpochDiff")) {
+        srv.klvEpochDiffTime = 0;
+        srv.originalKlvEpochDiffTime = kDefaultEpochOrigin;
+    }
+    if (!strstr(clientMsg, "TimeStampDiff")) srv.diffTimeFromVXC = 0;
+    findStatusFromClientMsg(clientMsg);
+    if (app->VXSys.closeCtrlConFlag) return; /* a critical file is missing: no answer */
+    hashMapForAgent();
+    /* A session without a profile still has a table: its root method. */
+    if (!app->methodTable.methodHashMapNode) setMethodHashMapNode(nullptr);
+    synchronise_time(srv);
+    ++srv.numberOfTestRunsTillNow;
+    srv.retryForDataConn = 1;
+    srv.retryForAutoSensorConn = 1;
+    setAllFlagAndCountVars();
+    srv.InstrumentationBusy = 1;
+    if (test_status_func) test_status_func(1);
+    handleStartInstrumentationCase(clientMsg);
+    sendResponseToVXC();
+}
+
+void handle_stop(VXProxyInstance_t* app, char* clientMsg)
+{
+    Server_t& srv = app->Server;
+    if (app->processCount && app->startInstMsg) {
+        free(app->startInstMsg);
+        app->startInstMsg = nullptr;
+    }
+    srv.gettingstopInstrumenatation = 1;
+    /* Minutes in 32 bits of microseconds, as the collector expects. */
+    const unsigned int wait_us = static_cast<unsigned int>(srv.dumpremainingtstime) * 60u * 1000000u;
+    if (wait_us) apr_sleep(wait_us);
+    srv.gettingstopInstrumenatation = 0;
+    findStatusFromClientMsg(clientMsg);
+    --srv.numberOfTestRunsTillNow;
+    handleStopInstrumentationCase(clientMsg);
+    sendResponseOfStopInstrumentation();
+    if (ai_start_callback_func) ai_start_callback_func(0, 0, 0, nullptr);
+}
+
+void handle_modify(VXProxyInstance_t* app, char* clientMsg)
+{
+    app->Server.isModifiedInstrProf = 0;
+    makeInstrProfTableFree();
+    if (!app->Server.InstrumentationBusy) {
+        const char answer[] =
+            "vx_control_rep:result=Error:<Unable to process modify message because of stop "
+            "instrument recieved or startInstrument not recieved.\n";
+        VX_ERROR("CONTROL_THREAD", "%s", answer);
+        send_text(answer);
+        return;
+    }
+    app->isRunTime = 1;
+    handleRunTimeChangeCase(clientMsg);
+    app->isRunTime = 0;
+}
+
+void handle_meta_data(VXProxyInstance_t* app)
+{
+    if (!app->Server.testRunRunning) {
+        send_text("vx_meta_data_rep:action=send_meta_data;result=Error :<No test running.>\n");
+        return;
+    }
+    /* STAND-IN (issue: metadata replay): the caches are replayed here. */
+    send_text("vx_meta_data_rep:status=complete;\n");
+}
+
+}  // namespace
+
 extern "C" void handleReceivedClientMessageFromVXCollector(char* clientMsg)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !clientMsg) return;
     app->heartbeat_count = 0;
     app->Server.lastHeartBeatRcvTime = my_gettimeofday();
-    if (strncmp(clientMsg, kCollectorHeartBeat, sizeof kCollectorHeartBeat - 1) == 0) {
+    VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Message from VXC: %.300s", clientMsg);
+    if (begins(clientMsg, kStart)) {
+        handle_start(app, clientMsg);
+    } else if (begins(clientMsg, kCollectorHeartBeat)) {
         handleCollectorHeartBeat(clientMsg);
-        return;
+    } else if (begins(clientMsg, kMetaData)) {
+        handle_meta_data(app);
+    } else if (begins(clientMsg, kStop)) {
+        handle_stop(app, clientMsg);
+    } else if (begins(clientMsg, kModify)) {
+        handle_modify(app, clientMsg);
+    } else if (begins(clientMsg, kDiscover) || begins(clientMsg, kReroute) ||
+               begins(clientMsg, kDownload) || begins(clientMsg, kUpload) ||
+               begins(clientMsg, kAutoInstr) || begins(clientMsg, kDynamicDiag) ||
+               begins(clientMsg, kThreadDump) || begins(clientMsg, kStructured)) {
+        /* STAND-IN (issues: class discovery, failover reroute, file transfer,
+         * auto-instrumentation, dynamic diagnostics, structured messages):
+         * these commands are recognised and ignored until they are built. */
+        VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Command not supported yet: %.100s",
+                 clientMsg);
     }
-    VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Message not handled: %.200s",
-             clientMsg);
+}
+
+extern "C" void setAllFlagAndCountVars(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    app->VXSys.discardCount = 0;
+    app->VXSys.vxcBciDataConnectionHeartBeat = vx::kDataHeartBeatTicks;
+    app->Server.InstrumentationBusy = 0;
+    app->Server.instrProfBytesWritten = 0;
+}
+
+extern "C" void handleStartInstrumentationCase(char*)
+{
+    VXProxyInstance_t* app = vx_app();
+    app->Server.isRuntimeApplied = 0;
+    if (!VXProxy.proxyServerFlag && (app->VXSys.closeCtrlConFlag == 1 || closeCtrlThread)) return;
+    app->Server.testRunRunning = 1;
+    check_data_thread();
+    /* STAND-IN (issues: thread reports, log forwarder): the auto-sensor and
+     * log threads start here once they exist. */
+}
+
+extern "C" void handleStoppingCaseAtStopInstrumentCase(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    dumpVxDataOverRecord();
+    if (test_status_func) test_status_func(0);
+    app->Server.testRunRunning = 0;
+    app->Server.retryForDataConn = 0;
+    app->Server.retryForAutoSensorConn = 0;
+    app->Server.controlCommunicationBusyFlag = 0;
+    app->Server.InstrumentationBusy = 0;
+}
+
+extern "C" void handleStopInstrumentationCase(char*)
+{
+    const char* status = vx_app()->Server.statusValue;
+    if (strncasecmp(status, "running", 7) == 0 || strncasecmp(status, "stopping", 8) == 0)
+        handleStoppingCaseAtStopInstrumentCase();
+}
+
+extern "C" void sendResponseToVXC(void)
+{
+    Server_t& srv = vx_app()->Server;
+    char answer[2 * vx::kMetaRecordSize];
+    const char head[] = "vx_control_rep:action=start_instrumentation";
+    int n;
+    if (srv.startInstrRespBuffer[0])
+        n = snprintf(answer, sizeof answer, "%s;status=starting;result=Ok;\n%s\n", head,
+                     srv.startInstrRespBuffer);
+    else
+        n = snprintf(answer, sizeof answer, "%s;status=starting;result=Ok;\n", head);
+    if (n > vx::kMetaRecordSize - 1) n = vx::kMetaRecordSize - 1; /* cut to 1023 bytes */
+    controlConnectionSendBuffer(answer, n);
+}
+
+extern "C" void sendResponseOfStopInstrumentation(void)
+{
+    send_text("vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;\n");
 }
 
 extern "C" void closeCurrentControlConnection(void)

@@ -6,9 +6,11 @@
  * to 0 and lastHeartBeatRcvTime becomes now. The collector's heartbeat
  * carries the states of the data and auto-sensor connections.
  *
- * STAND-IN (issue #5): the session commands (start, stop, modify, metadata,
- * files and the rest of the table) are logged and ignored until their
- * dispatch is built; tests and the demo open sessions themselves.
+ * The commands run one at a time on the control thread, to their end. The
+ * session's start fetches files on this same connection, raises
+ * testRunRunning only once every table is ready, starts the data thread and
+ * answers; the stop writes record 10, lowers the flags and answers; the data
+ * thread ends by itself.
  */
 #ifndef VX_CONTROL_DISPATCH_H
 #define VX_CONTROL_DISPATCH_H
@@ -28,6 +30,18 @@ void closeCurrentControlConnection(void);
 
 /* Send raw bytes on the control connection. The count sent, or negative. */
 int controlConnectionSendBuffer(char* buffer, int len);
+
+/* Counters at session start and after a reroute. */
+void setAllFlagAndCountVars(void);
+/* Second half of the start: raise testRunRunning, start the threads. */
+void handleStartInstrumentationCase(char* clientMsg);
+/* The stop: when the status says running or stopping, the stopping steps
+ * (record 10, the host told, the flags lowered). */
+void handleStopInstrumentationCase(char* clientMsg);
+void handleStoppingCaseAtStopInstrumentCase(void);
+/* The answers to start and stop. */
+void sendResponseToVXC(void);
+void sendResponseOfStopInstrumentation(void);
 }
 
 #endif

@@ -59,8 +59,10 @@ void dump_opening_records(VXProxyInstance_t* app)
 {
     if (agent_behind_proxy(app)) return; /* the proxy writes its own */
     dumpNewConnectionRecord();
-    /* STAND-IN (issue: metadata replay): with doNotDumpMetaData the metadata
-     * of the session are replayed here once the caches exist. */
+    /* STAND-IN (issue: metadata replay): a new session's metadata are
+     * replayed here; until the caches exist only the method table's record 5
+     * is. */
+    if (app->Server.doNotDumpMetaData == 1) dumpMethodTableMetaData();
     if (app->VXSys.enableTagsSupport) {
         tag_record();
         attr_record();

@@ -6,6 +6,8 @@
 #ifndef VX_SERVER_H
 #define VX_SERVER_H
 
+struct instrProfile;
+
 inline constexpr int kCriticalFileCount = 10;
 
 struct Server_t {
@@ -20,11 +22,13 @@ struct Server_t {
     char noInstrumentProfileMode;
     char doNotDumpMetaData;
     char isModifiedInstrProf;
+    char setInstrumentTraceLevel; /* stored by its keyword; nothing reads it */
     char statusValue[64];
     char fpgVID[10];
     char* instrProfFileData;
-    char** InstrProfileTable;
+    instrProfile* InstrProfileTable; /* numInstrProfile entries, doubled when full */
     int numInstrProfile;
+    int instrProfTableSize; /* entries allocated in InstrProfileTable */
     int InstrProfIdx;
     int instrProfBytesWritten;
     char* criticalFileList[kCriticalFileCount];

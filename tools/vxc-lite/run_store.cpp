@@ -120,6 +120,14 @@ int RunStore::write_summary()
             c.unknown_connections, c.control_requests_with_problems, c.data_openings_with_problems,
             c.agent_control_lines, c.heartbeats_sent, c.data_heartbeats, c.records, c.malformed,
             c.overlong, c.nul_bytes);
+    fprintf(f,
+            "starts_sent=%llu\nmodifies_sent=%llu\nstops_sent=%llu\nstart_answers=%llu\n"
+            "modify_answers=%llu\nstop_answers=%llu\nerror_answers=%llu\nfile_requests=%llu\n"
+            "profile_requests=%llu\nfiles_sent=%llu\nfailed_file_replies=%llu\n"
+            "fetches_dropped=%llu\n",
+            c.starts_sent, c.modifies_sent, c.stops_sent, c.start_answers, c.modify_answers,
+            c.stop_answers, c.error_answers, c.file_requests, c.profile_requests, c.files_sent,
+            c.failed_file_replies, c.fetches_dropped);
     for (const auto& [number, n] : c.per_record) fprintf(f, "record.%d=%llu\n", number, n);
     for (const auto& [id, k] : c.seen)
         fprintf(f,

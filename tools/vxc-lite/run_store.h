@@ -55,6 +55,20 @@ struct Counts {
     unsigned long long malformed = 0;
     unsigned long long overlong = 0;
     unsigned long long nul_bytes = 0;
+    /* The instrumentation session: lines sent, the agent's answers, its
+     * fetches and how they were answered. */
+    unsigned long long starts_sent = 0;
+    unsigned long long modifies_sent = 0;
+    unsigned long long stops_sent = 0;
+    unsigned long long start_answers = 0;
+    unsigned long long modify_answers = 0;
+    unsigned long long stop_answers = 0;
+    unsigned long long error_answers = 0; /* "vx_control_rep:result=Error..." */
+    unsigned long long file_requests = 0;
+    unsigned long long profile_requests = 0;
+    unsigned long long files_sent = 0;          /* file and profile replies with content */
+    unsigned long long failed_file_replies = 0; /* file and profile refusals */
+    unsigned long long fetches_dropped = 0;     /* connections closed instead of answering */
     std::map<int, unsigned long long> per_record;
     std::map<unsigned, ConnectionSeen> seen;
 

@@ -5,6 +5,7 @@
 #include <apr_pools.h>
 #include <apr_strings.h>
 #include <apr_time.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "record_parser.h"
+#include "session.h"
 
 namespace vxc {
 
@@ -25,6 +27,9 @@ constexpr size_t kReadChunk = 65536;
 constexpr int kReadsPerWake = 16; /* fairness among connections */
 constexpr int kAcceptsPerWake = 64;
 constexpr size_t kMaxPendingSend = 1024 * 1024;            /* a peer that never reads */
+/* File contents queued on top of kMaxPendingSend, all requests together. */
+constexpr size_t kMaxPendingFiles = 4 * kMaxServedFile;
+constexpr size_t kCompactOutAt = 1024 * 1024; /* sent bytes dropped from the queue's front */
 constexpr apr_interval_time_t kSummaryEvery = 1000 * 1000; /* 1 s */
 
 enum class Kind { Unknown, Control, Data };
@@ -41,6 +46,22 @@ const char* kind_name(Kind k)
     }
 }
 
+/* The session of one control connection. A time of 0 means "not planned". */
+struct ConnSession {
+    apr_time_t start_at = 0;
+    apr_time_t modify_at = 0;
+    apr_time_t stop_at = 0;
+    /* The message whose answer is still awaited; a modify or stop waits for
+     * it, since an agent busy with a start drops the lines it reads while
+     * it fetches files. Null when none is. */
+    const char* awaiting = nullptr;
+    bool wait_logged = false;
+    bool after_start_answer = false; /* the next unknown line carries its warnings */
+    /* What the start and later modifies announced. */
+    std::map<std::string, ServedFile> files;
+    std::map<std::string, ServedFile> profiles;
+};
+
 struct Conn {
     unsigned id = 0;
     apr_pool_t* pool = nullptr;
@@ -50,6 +71,10 @@ struct Conn {
     std::unique_ptr<LineSplitter> splitter;
     FILE* file = nullptr;
     std::string out;
+    size_t out_sent = 0;     /* bytes at the front of out that are gone */
+    size_t file_bytes = 0;   /* file contents in out, allowed past kMaxPendingSend */
+    bool want_write = false; /* APR_POLLOUT is asked for */
+    ConnSession session;
     apr_time_t opened = 0;
     apr_time_t next_heartbeat = 0;
     unsigned long long heartbeats = 0;
@@ -87,6 +112,10 @@ struct Server {
     bool summary_dirty = true;
     apr_time_t next_summary = 0;
     std::vector<char> read_buf = std::vector<char>(kReadChunk);
+    std::vector<Keyword> session_keywords;
+    std::vector<Keyword> modify_keywords;
+    bool start_given = false; /* for --start-once */
+    bool fetch_dropped = false;
 };
 
 namespace {
@@ -109,28 +138,56 @@ void free_conn(Server* s, Conn* c)
     apr_pool_destroy(c->pool);
 }
 
-/* Sends what is queued, as far as the socket takes it now. */
+/* Asks the pollset to report the connection writable, or stops asking. */
+void set_want_write(Server* s, Conn* c, bool want)
+{
+    if (c->want_write == want || c->throttled || c->closing) return;
+    apr_pollset_remove(s->pollset, &c->pfd);
+    c->pfd.reqevents = APR_POLLIN | (want ? APR_POLLOUT : 0);
+    if (apr_pollset_add(s->pollset, &c->pfd) != APR_SUCCESS) {
+        close_conn(s, c, "cannot watch the connection");
+        return;
+    }
+    c->want_write = want;
+}
+
+/* Sends what is queued, as far as the socket takes it now; the pollset
+ * reports when it takes more. */
 void flush_out(Server* s, Conn* c)
 {
-    while (!c->out.empty() && !c->closing) {
-        apr_size_t len = c->out.size();
-        const apr_status_t rv = apr_socket_send(c->skt, c->out.data(), &len);
-        if (len > 0) c->out.erase(0, len);
-        if (APR_STATUS_IS_EAGAIN(rv)) return;
+    while (c->out_sent < c->out.size() && !c->closing) {
+        apr_size_t len = c->out.size() - c->out_sent;
+        const apr_status_t rv = apr_socket_send(c->skt, c->out.data() + c->out_sent, &len);
+        c->out_sent += len;
+        if (APR_STATUS_IS_EAGAIN(rv)) break;
         if (rv != APR_SUCCESS) {
             char err[128];
             close_conn(s, c, apr_strerror(rv, err, sizeof err));
             return;
         }
     }
+    if (c->out_sent == c->out.size()) {
+        c->out.clear();
+        c->out_sent = 0;
+        c->file_bytes = 0;
+    } else if (c->out_sent >= kCompactOutAt && c->out_sent * 2 >= c->out.size()) {
+        c->out.erase(0, c->out_sent);
+        c->out_sent = 0;
+    }
+    set_want_write(s, c, !c->out.empty());
 }
 
-void queue_send(Server* s, Conn* c, const std::string& text)
+/* Queues text and sends what the socket takes. file_bytes of text are file
+ * content, which may exceed the bound on what a peer leaves unread. */
+void queue_send(Server* s, Conn* c, const std::string& text, size_t file_bytes = 0)
 {
-    if (c->out.size() + text.size() > kMaxPendingSend) {
+    const size_t pending = c->out.size() - c->out_sent;
+    if (c->file_bytes + file_bytes > kMaxPendingFiles ||
+        pending + text.size() > kMaxPendingSend + c->file_bytes + file_bytes) {
         close_conn(s, c, "peer does not read what is sent");
         return;
     }
+    c->file_bytes += file_bytes;
     c->out += text;
     flush_out(s, c);
 }
@@ -142,6 +199,177 @@ void write_line(Conn* c, std::string_view line)
     if (!c->file) return;
     fwrite(line.data(), 1, line.size(), c->file);
     fputc('\n', c->file);
+}
+
+/* Logs a line vxc-lite sends on a control connection, then sends it. */
+void send_logged(Server* s, Conn* c, const char* what, const std::string& line,
+                 size_t file_bytes = 0)
+{
+    const std::string_view shown = std::string_view(line).substr(0, line.find('\n'));
+    s->store.log("conn %u: > %s: %s", c->id, what, printable(shown, 300).c_str());
+    queue_send(s, c, line, file_bytes);
+}
+
+/* Sends the start, modify and stop lines of the connection when they are
+ * due. */
+void run_session(Server* s, Conn* c, apr_time_t now)
+{
+    ConnSession& ss = c->session;
+    Counts& counts = s->store.counts;
+    if (ss.start_at && now >= ss.start_at) {
+        ss.start_at = 0;
+        if (s->opts.start_once && s->start_given) {
+            s->store.log("conn %u: no start: --start-once, and a start was sent before", c->id);
+            return;
+        }
+        s->start_given = true;
+        SessionMessage m = build_message(kStartHead, s->session_keywords, s->opts.files_dir);
+        ss.files = std::move(m.files);
+        ss.profiles = std::move(m.profiles);
+        ss.awaiting = "start";
+        ss.wait_logged = false;
+        if (!s->opts.modify_file.empty())
+            ss.modify_at = now + apr_time_from_msec(s->opts.modify_after_ms);
+        if (s->opts.stop_after_ms > 0) ss.stop_at = now + apr_time_from_msec(s->opts.stop_after_ms);
+        ++counts.starts_sent;
+        s->summary_dirty = true;
+        send_logged(s, c, "start", m.line);
+        return;
+    }
+    const bool modify_due = ss.modify_at && now >= ss.modify_at;
+    const bool stop_due = ss.stop_at && now >= ss.stop_at;
+    if (!modify_due && !stop_due) return;
+    const bool modify_first = modify_due && (!stop_due || ss.modify_at <= ss.stop_at);
+    if (ss.awaiting) {
+        if (!ss.wait_logged)
+            s->store.log("conn %u: the %s is due, held until the agent answers the %s", c->id,
+                         modify_first ? "modify" : "stop", ss.awaiting);
+        ss.wait_logged = true;
+        return;
+    }
+    ss.wait_logged = false;
+    s->summary_dirty = true;
+    if (modify_first) {
+        ss.modify_at = 0;
+        SessionMessage m = build_message(kModifyHead, s->modify_keywords, s->opts.files_dir);
+        /* A modify names new files; the others stay as the start named them. */
+        for (auto& [k, f] : m.files) ss.files.insert_or_assign(k, std::move(f));
+        for (auto& [n, f] : m.profiles) ss.profiles.insert_or_assign(n, std::move(f));
+        ss.awaiting = "modify";
+        ++counts.modifies_sent;
+        send_logged(s, c, "modify", m.line);
+    } else {
+        ss.stop_at = 0;
+        ss.awaiting = "stop";
+        ++counts.stops_sent;
+        send_logged(s, c, "stop", stop_line());
+    }
+}
+
+/* Closes the connection instead of answering the first fetch of the keyword
+ * named by --drop-during-fetch. True when it did. */
+bool drop_fetch(Server* s, Conn* c, const std::string& keyword)
+{
+    if (s->fetch_dropped || keyword != s->opts.drop_during_fetch) return false;
+    s->fetch_dropped = true;
+    ++s->store.counts.fetches_dropped;
+    close_conn(s, c, "dropped at a fetch (--drop-during-fetch)");
+    return true;
+}
+
+void answer_file_request(Server* s, Conn* c, const std::string& keyword)
+{
+    Counts& counts = s->store.counts;
+    ++counts.file_requests;
+    s->summary_dirty = true;
+    if (drop_fetch(s, c, keyword)) return;
+    const auto it = c->session.files.find(keyword);
+    const char* refusal = s->opts.refuse_files.count(keyword) ? "refused (--refuse-file)"
+                          : it == c->session.files.end()      ? "no such file keyword"
+                          : !it->second.present               ? "file missing"
+                                                              : nullptr;
+    if (refusal) {
+        ++counts.failed_file_replies;
+        s->store.log("conn %u: fetch of %s: %s", c->id, printable(keyword).c_str(), refusal);
+        send_logged(s, c, "refusal", file_refused_line(keyword));
+        return;
+    }
+    ++counts.files_sent;
+    const ServedFile& f = it->second;
+    char what[96];
+    snprintf(what, sizeof what, "file (%zu bytes behind the header)", f.content.size());
+    send_logged(s, c, what, file_reply(keyword, f), f.content.size());
+}
+
+void answer_profile_request(Server* s, Conn* c, const std::string& name)
+{
+    Counts& counts = s->store.counts;
+    ++counts.profile_requests;
+    s->summary_dirty = true;
+    if (drop_fetch(s, c, "instrProfile")) return;
+    auto& profiles = c->session.profiles;
+    auto it = profiles.find(name);
+    /* An agent behind a proxy asks by the part after the last "/". */
+    if (it == profiles.end() && name.find('/') != std::string::npos)
+        it = profiles.find(name.substr(name.rfind('/') + 1));
+    const char* refusal = s->opts.refuse_files.count("instrProfile") ? "refused (--refuse-file)"
+                          : it == profiles.end()                     ? "no such profile"
+                          : !it->second.present                      ? "file missing"
+                                                                     : nullptr;
+    if (refusal) {
+        ++counts.failed_file_replies;
+        s->store.log("conn %u: fetch of profile %s: %s", c->id, printable(name).c_str(), refusal);
+        send_logged(s, c, "refusal", profile_refused_line());
+        return;
+    }
+    ++counts.files_sent;
+    const ServedFile& f = it->second;
+    char what[96];
+    snprintf(what, sizeof what, "profile (%zu bytes behind the header)", f.content.size());
+    send_logged(s, c, what, profile_reply(f), f.content.size());
+}
+
+/* A line the agent sent on its control connection after the request. */
+void on_agent_line(Server* s, Conn* c, std::string_view line)
+{
+    Counts& counts = s->store.counts;
+    ConnSession& ss = c->session;
+    std::string argument;
+    const AgentLine kind = classify_agent_line(line, &argument);
+    const bool warnings = kind == AgentLine::Other && ss.after_start_answer;
+    ss.after_start_answer = kind == AgentLine::StartAnswer;
+    if (kind == AgentLine::Heartbeat) {
+        if (s->opts.verbose) s->store.log("conn %u: < %s", c->id, printable(line, 300).c_str());
+        return;
+    }
+    s->store.log("conn %u: < %s%s", c->id, warnings ? "warnings of the start answer: " : "",
+                 printable(line, 300).c_str());
+    unsigned long long* answers = nullptr;
+    switch (kind) {
+        case AgentLine::FileRequest:
+            answer_file_request(s, c, argument);
+            return;
+        case AgentLine::ProfileRequest:
+            answer_profile_request(s, c, argument);
+            return;
+        case AgentLine::StartAnswer:
+            answers = &counts.start_answers;
+            break;
+        case AgentLine::ModifyAnswer:
+            answers = &counts.modify_answers;
+            break;
+        case AgentLine::StopAnswer:
+            answers = &counts.stop_answers;
+            break;
+        case AgentLine::ErrorAnswer:
+            answers = &counts.error_answers;
+            break;
+        default:
+            return;
+    }
+    ++*answers;
+    ss.awaiting = nullptr;
+    s->summary_dirty = true;
 }
 
 void first_line(Server* s, Conn* c, std::string_view line)
@@ -196,8 +424,14 @@ void first_line(Server* s, Conn* c, std::string_view line)
     s->store.log("conn %u: reply %s", c->id,
                  printable(std::string_view(reply).substr(0, reply.size() - 1), 300).c_str());
     queue_send(s, c, reply);
-    if (!s->opts.after_reply_line.empty()) queue_send(s, c, s->opts.after_reply_line + "\n");
-    c->next_heartbeat = apr_time_now() + apr_time_from_msec(s->opts.heartbeat_ms);
+    if (!s->opts.after_reply_line.empty())
+        send_logged(s, c, "after the reply", s->opts.after_reply_line + "\n");
+    const apr_time_t now = apr_time_now();
+    c->next_heartbeat = now + apr_time_from_msec(s->opts.heartbeat_ms);
+    if (!s->opts.session_file.empty()) {
+        c->session.start_at = now + apr_time_from_msec(s->opts.start_after_ms);
+        run_session(s, c, now);
+    }
 }
 
 void on_line(Server* s, Conn* c, std::string_view line)
@@ -213,7 +447,7 @@ void on_line(Server* s, Conn* c, std::string_view line)
             write_line(c, line);
             if (line.empty()) return;
             ++counts.agent_control_lines;
-            if (s->opts.verbose) s->store.log("conn %u: < %s", c->id, printable(line, 300).c_str());
+            on_agent_line(s, c, line);
             return;
         case Kind::Data: {
             write_line(c, line);
@@ -363,6 +597,8 @@ void tick(Server* s, apr_time_t now)
         }
         if (c->throttled) read_throttled(s, c.get(), now);
         if (c->closing) continue;
+        if (c->kind == Kind::Control) run_session(s, c.get(), now);
+        if (c->closing) continue;
         if (c->kind == Kind::Control && hb > 0 && now >= c->next_heartbeat) {
             ++s->store.counts.heartbeats_sent;
             queue_send(s, c.get(), heartbeat_line(c->heartbeats++));
@@ -383,6 +619,31 @@ void tick(Server* s, apr_time_t now)
         s->summary_dirty = false;
         s->next_summary = now + kSummaryEvery;
     }
+}
+
+/* Reads the keyword files of --session and --modify. */
+int load_session(Server* s, std::string* error)
+{
+    const Options& o = s->opts;
+    if (!o.files_dir.empty()) {
+        struct stat st;
+        if (stat(o.files_dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+            if (error) *error = "--files-dir " + o.files_dir + " is not a directory";
+            return -1;
+        }
+    }
+    const std::pair<const std::string*, std::vector<Keyword>*> files[] = {
+        {&o.session_file, &s->session_keywords}, {&o.modify_file, &s->modify_keywords}};
+    for (const auto& [path, keywords] : files) {
+        if (path->empty()) continue;
+        if (read_keyword_file(*path, keywords, error) != 0) return -1;
+        if (names_files(*keywords) && o.files_dir.empty()) {
+            if (error) *error = *path + " names files (@name), but no --files-dir is given";
+            return -1;
+        }
+        s->store.log("session: %zu keywords from %s", keywords->size(), path->c_str());
+    }
+    return 0;
 }
 
 }  // namespace
@@ -428,6 +689,10 @@ int server_create(const Options& opts, Server** out, std::string* error)
     s->listen_pfd.client_data = nullptr;
     if ((rv = apr_pollset_add(s->pollset, &s->listen_pfd)) != APR_SUCCESS)
         return fail("pollset add", rv);
+    if (load_session(s.get(), error) != 0) {
+        server_destroy(s.release());
+        return -1;
+    }
     s->store.log("listening on 127.0.0.1:%d, run directory %s", s->port, opts.run_dir.c_str());
     *out = s.release();
     return 0;
@@ -472,7 +737,8 @@ int server_run(Server* s)
                     continue;
                 }
                 Conn* c = static_cast<Conn*>(ready[i].client_data);
-                if (!c->closing) on_readable(s, c);
+                if (!c->closing && (ready[i].rtnevents & APR_POLLOUT)) flush_out(s, c);
+                if (!c->closing && (ready[i].rtnevents & ~APR_POLLOUT)) on_readable(s, c);
             }
         } else if (!APR_STATUS_IS_TIMEUP(rv) && !APR_STATUS_IS_EINTR(rv)) {
             char err[128];

@@ -54,12 +54,30 @@ std::string usage()
            "  --after-reply TEXT       send this line on the control connection after the reply\n"
            "  --data-read-rate N       read each data connection at N bytes a second\n"
            "                           (a slow collector); 0 reads at once (default 0)\n"
-           "  --verbose                log every line received\n"
+           "  --verbose                log every line received, heartbeats and records too\n"
+           "\n"
+           "Instrumentation session, run on every control connection:\n"
+           "  --session FILE           keywords of the start line, one key=value a line\n"
+           "                           (blank lines and lines starting with # ignored);\n"
+           "                           a value @name announces file name of --files-dir\n"
+           "  --files-dir DIR          files served to the agent (default: none)\n"
+           "  --start-after-ms N       send the start N ms after the reply (default 500)\n"
+           "  --start-once             only the first control connection gets a start\n"
+           "  --modify FILE            keywords of a modify line, as for --session\n"
+           "  --modify-after-ms N      send the modify N ms after the start (default 1000)\n"
+           "  --stop-after-ms N        send the stop N ms after the start; 0 never (default 0)\n"
+           "                           (a modify or stop waits for the agent's answer to\n"
+           "                           the message before it)\n"
+           "  --refuse-file KEYWORD    answer every fetch of KEYWORD with a refusal\n"
+           "                           (instrProfile for the profile; may be repeated)\n"
+           "  --drop-during-fetch KEYWORD\n"
+           "                           close the control connection at the first fetch of\n"
+           "                           KEYWORD instead of answering\n"
            "  --help                   this text\n"
            "\n"
            "On start it prints \"listening on 127.0.0.1:<port>\". Files in the run directory:\n"
            "conn-<n>-control.lines, conn-<n>-data.lines (lines as received), malformed.txt,\n"
-           "summary.txt (counts), vxc-lite.log.\n";
+           "summary.txt (counts), vxc-lite.log (also every session line sent).\n";
 }
 
 int parse_args(int argc, const char* const* argv, Options* opts, std::string* out,
@@ -73,6 +91,10 @@ int parse_args(int argc, const char* const* argv, Options* opts, std::string* ou
         }
         if (a == "--verbose") {
             opts->verbose = true;
+            continue;
+        }
+        if (a == "--start-once") {
+            opts->start_once = true;
             continue;
         }
         if (i + 1 >= argc) {
@@ -128,6 +150,30 @@ int parse_args(int argc, const char* const* argv, Options* opts, std::string* ou
         } else if (a == "--after-reply") {
             opts->after_reply_line = v;
             ok = opts->after_reply_line.find('\n') == std::string::npos;
+        } else if (a == "--session") {
+            opts->session_file = v;
+            ok = *v != '\0';
+        } else if (a == "--modify") {
+            opts->modify_file = v;
+            ok = *v != '\0';
+        } else if (a == "--files-dir") {
+            opts->files_dir = v;
+            ok = *v != '\0';
+        } else if (a == "--start-after-ms") {
+            ok = to_ll(v, 0, 86400000, &n);
+            opts->start_after_ms = n;
+        } else if (a == "--modify-after-ms") {
+            ok = to_ll(v, 0, 86400000, &n);
+            opts->modify_after_ms = n;
+        } else if (a == "--stop-after-ms") {
+            ok = to_ll(v, 0, 86400000, &n);
+            opts->stop_after_ms = n;
+        } else if (a == "--refuse-file") {
+            ok = *v != '\0' && safe_field(v);
+            opts->refuse_files.insert(v);
+        } else if (a == "--drop-during-fetch") {
+            opts->drop_during_fetch = v;
+            ok = *v != '\0' && safe_field(v);
         } else {
             if (error) *error = "unknown argument " + a;
             return -1;
@@ -136,6 +182,11 @@ int parse_args(int argc, const char* const* argv, Options* opts, std::string* ou
             if (error) *error = "bad value for " + a + ": " + v;
             return -1;
         }
+    }
+    if (opts->session_file.empty() &&
+        (!opts->modify_file.empty() || opts->stop_after_ms > 0 || opts->start_once)) {
+        if (error) *error = "--modify, --stop-after-ms and --start-once need --session";
+        return -1;
     }
     return 0;
 }

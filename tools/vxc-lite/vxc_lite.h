@@ -11,6 +11,7 @@
 #ifndef VXC_LITE_H
 #define VXC_LITE_H
 
+#include <set>
 #include <string>
 
 namespace vxc {
@@ -41,6 +42,18 @@ struct Options {
      * A slow collector, for tests of an agent whose data backs up. */
     long long data_read_rate = 0;
     bool verbose = false;
+
+    /* The instrumentation session run on every control connection (see
+     * session.h). Keyword files; empty: no session. */
+    std::string session_file;
+    std::string modify_file;
+    std::string files_dir;              /* where "@name" values are read from */
+    long long start_after_ms = 500;     /* from the reply to the start line */
+    long long modify_after_ms = 1000;   /* from the start line to the modify line */
+    long long stop_after_ms = 0;        /* from the start line to the stop line; 0: never */
+    bool start_once = false;            /* only the first control connection gets a start */
+    std::set<std::string> refuse_files; /* keywords whose fetch is always refused */
+    std::string drop_during_fetch;      /* keyword whose first fetch closes the connection */
 };
 
 /* Parses argv into opts (which keeps its defaults for what is not given).

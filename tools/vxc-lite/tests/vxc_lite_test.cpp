@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -46,6 +47,26 @@ TEST(Reply, HeartbeatIsTheLineTheAgentRecognises)
         "vx_control_req:action=reconnect;heartBeat 12;dataConnState=1;AutosensorConnState=1;\n");
 }
 
+TEST(Arguments, SessionFlagsAreTaken)
+{
+    vxc::Options o;
+    ASSERT_EQ(parse({"--session", "s.txt", "--files-dir", "files", "--start-after-ms", "0",
+                     "--start-once", "--modify", "m.txt", "--modify-after-ms", "2500",
+                     "--stop-after-ms", "9000", "--refuse-file", "BTRuleConfig", "--refuse-file",
+                     "instrProfile", "--drop-during-fetch", "VXEntryPointsFile"},
+                    &o),
+              0);
+    EXPECT_EQ(o.session_file, "s.txt");
+    EXPECT_EQ(o.files_dir, "files");
+    EXPECT_EQ(o.start_after_ms, 0);
+    EXPECT_TRUE(o.start_once);
+    EXPECT_EQ(o.modify_file, "m.txt");
+    EXPECT_EQ(o.modify_after_ms, 2500);
+    EXPECT_EQ(o.stop_after_ms, 9000);
+    EXPECT_EQ(o.refuse_files, (std::set<std::string>{"BTRuleConfig", "instrProfile"}));
+    EXPECT_EQ(o.drop_during_fetch, "VXEntryPointsFile");
+}
+
 TEST(Arguments, HelpIsAnsweredAndBadValuesAreRefused)
 {
     vxc::Options defaults;
@@ -68,6 +89,14 @@ TEST(Arguments, HelpIsAnsweredAndBadValuesAreRefused)
         {"--protocols", "TCP:1\nx"},
         {"--reply", ""},
         {"--run-dir", ""},
+        {"--session", ""},
+        {"--start-after-ms", "-1"},
+        {"--stop-after-ms", "x"},
+        {"--refuse-file", "a;b"},
+        {"--drop-during-fetch", ""},
+        {"--modify", "m.txt"},      /* a modify needs a session */
+        {"--stop-after-ms", "100"}, /* so does a stop */
+        {"--start-once"},
     };
     for (const auto& args : bad) {
         vxc::Options o;

@@ -1,0 +1,108 @@
+/*
+ * Settings of features whose code is not built yet, as the collector's
+ * keywords set them.
+ *
+ * STAND-IN: each block belongs to the feature named on it and moves to that
+ * feature's own header when the feature is built (monitors, percentiles,
+ * auto-sensor thread reports, dynamic diagnostics, auto-instrumentation,
+ * exception capture, SQL processing, HTTP capture, resource URLs, the
+ * application log forwarder, method filter lists). Until then the keywords
+ * are parsed and stored here exactly as they will be, and nothing reads them.
+ */
+#ifndef VX_FEATURE_SETTINGS_H
+#define VX_FEATURE_SETTINGS_H
+
+inline constexpr int kFeatureTextSize = 256;
+
+/* Monitors and percentiles. */
+struct VXMonitorSettings_t {
+    long long vxMonitorInterval; /* ms */
+    int vxMonitorIntervalInSecs;
+    char vxVectorSeperator;
+    int isNewMonitorRecordEnabled;
+    int enableBTMonitor;
+    int enableBTMonitorError;
+    int BTAggDataArraySize;
+    int enableBackendMonitor;
+    char tDigestPercentileBT[kFeatureTextSize];
+    char tDigestPercentileIP[kFeatureTextSize];
+};
+
+/* Auto-sensor thread reports. */
+struct VXASSettings_t {
+    int sampleInterval;
+    int reportInterval;
+    int thresholdMatchCount;
+    int stackCompareDepth;
+    int reportDumpMode;
+    int enableHotspotRecord;
+};
+
+/* Auto-instrumentation. Direct keywords fill the first six members. */
+struct VXAutoInstrumentation_t {
+    int autoInstrMapSize;
+    int autoInstrTraceLevel;
+    int autoInstrSampleThreshold;
+    int autoInstrDurationThreshold;
+    double autoInstrPct;
+    double autoUnInstrPct;
+    int classWeight;
+    int sessionInterval;
+    int retainChanges;
+    int debugSessionMode;
+    int minStackDepth;
+};
+
+/* Method filter lists and interfaces. */
+struct VXInterfaceProcessor_t {
+    int interfaceTraceLevel;
+};
+
+/* Dynamic diagnostics: up to five sub-values of enableDDAI. */
+struct VXDynamicSettings_t {
+    int enableDDAI[5];
+};
+
+/* Exception capture. */
+struct VXExceptionSettings_t {
+    char instrExceptions[kFeatureTextSize];
+    char vxExceptionFilterList[kFeatureTextSize];
+};
+
+/* SQL processing. */
+struct VXSQLProcessor_t {
+    char DBIPName[kFeatureTextSize]; /* "DB_SQLDB" for "-", "NA" or empty */
+};
+
+/* HTTP capture: one block for requests, one for responses. */
+struct VXHttpReqRespCaptureSettings_t {
+    int captureLevel;
+    int headerMode;
+    int valueLengthMode;
+    int further;
+};
+
+struct VXHttpSettings_t {
+    VXHttpReqRespCaptureSettings_t vxHttpReqCaptureSettings;
+    VXHttpReqRespCaptureSettings_t vxHttpRespCaptureSettings;
+    char hdrListForValueAsId[kFeatureTextSize];
+};
+
+/* Resource URLs: up to three sub-values of formatIPResourceURL. */
+struct VXResourceURLSettings_t {
+    int formatIPResourceURL[3];
+};
+
+/* The application log forwarder (process-wide, vxAppLogStruct). */
+struct vxAppLogStruct_t {
+    long long flushInterval;
+    int enableVXLQDataTransfer;
+    char bufferSetting[kFeatureTextSize];
+    char logPath[kFeatureTextSize];
+};
+
+extern "C" {
+extern vxAppLogStruct_t vxAppLogStruct;
+}
+
+#endif

@@ -1,0 +1,293 @@
+/* Sessions over loopback: a plain TCP client plays the agent's control
+ * connection, registers, takes the start, fetches files and profiles, answers,
+ * and sees the modify and the stop. */
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+
+#include "loopback.h"
+#include "session.h"
+
+namespace {
+
+using namespace vxc_test;
+using namespace std::chrono_literals;
+
+class Session : public Loopback {
+protected:
+    void SetUp() override
+    {
+        Loopback::SetUp();
+        files_ = root_ + "/files";
+        mkdir(files_.c_str(), 0755);
+    }
+
+    void put(const std::string& name, const std::string& content)
+    {
+        write_file("files/" + name, content);
+    }
+
+    /* A file of the files dir: its modification time in seconds, and the
+     * value the start line gives it as a file keyword. */
+    std::string mtime(const std::string& name)
+    {
+        struct stat st {};
+        EXPECT_EQ(stat((files_ + "/" + name).c_str(), &st), 0) << name;
+        return std::to_string(st.st_mtime);
+    }
+    std::string encoded(const std::string& name)
+    {
+        struct stat st {};
+        EXPECT_EQ(stat((files_ + "/" + name).c_str(), &st), 0) << name;
+        return name + "%3Bsize%3D" + std::to_string(st.st_size) + "%3Blmd%3D" + mtime(name);
+    }
+
+    /* Registers ctrl and reads the reply. */
+    void register_agent(Client& ctrl)
+    {
+        ASSERT_TRUE(ctrl.connected());
+        ASSERT_TRUE(ctrl.send(kRequest));
+        std::string reply;
+        ASSERT_TRUE(ctrl.read_line(&reply));
+        ASSERT_EQ(reply.rfind("vx_ctrl_msg_rep:result=Ok;", 0), 0u) << reply;
+    }
+
+    /* Asks for a file keyword and reads the header and, when it announces a
+     * size, exactly that many bytes. */
+    void fetch(Client& ctrl, const std::string& request, std::string* header, std::string* body)
+    {
+        body->clear();
+        ASSERT_TRUE(ctrl.send(request));
+        ASSERT_TRUE(ctrl.read_line(header));
+        const size_t at = header->find("%3Bsize%3D");
+        if (at == std::string::npos) return;
+        const size_t size = std::stoul(header->substr(at + 10));
+        ASSERT_TRUE(ctrl.read_bytes(size, body)) << *header;
+    }
+
+    std::string files_;
+};
+
+TEST_F(Session, StartFetchAnswerAndStop)
+{
+    const std::string rules = "0|1|/shop|x|y|z\n0|0|/cart|x|y|z"; /* no last line feed */
+    std::string profile;                                          /* past the send bound */
+    for (int i = 0; profile.size() < 3 * 1024 * 1024; ++i)
+        profile += "com.shop.Cart.method" + std::to_string(i) + "|1\n";
+    put("bt_rules.txt", rules);
+    put("entry.txt", "main|1\n");
+    put("profile.txt", profile);
+    vxc::Options o;
+    o.heartbeat_ms = 0;
+    o.start_after_ms = 50;
+    o.stop_after_ms = 100;
+    o.files_dir = files_;
+    o.session_file = write_file("session.txt",
+                                "testIdx=3\nbciInstrSessionPct=100\n"
+                                "BTRuleConfig=@bt_rules.txt\nVXEntryPointsFile=@entry.txt\n"
+                                "instrProfile=@profile.txt\nmaxCharInSeqBlob=200\n"
+                                "klvEpochDiff=1388534400\n");
+    start(o);
+
+    Client ctrl(port_);
+    register_agent(ctrl);
+    std::string line;
+    ASSERT_TRUE(ctrl.read_line(&line));
+    EXPECT_EQ(line,
+              "vx_control_req:action=start_instrumentation;status=running;testIdx=3;"
+              "bciInstrSessionPct=100;BTRuleConfig=" +
+                  encoded("bt_rules.txt") + ";VXEntryPointsFile=" + encoded("entry.txt") +
+                  ";numInstrProfile=1;instrProfile=profile.txt;lmd=" + mtime("profile.txt") +
+                  ";size=" + std::to_string(profile.size()) +
+                  ";maxCharInSeqBlob=200;klvEpochDiff=1388534400;");
+
+    /* Past the stop's time, yet the agent has not answered the start: the
+     * stop is held, and what the agent reads next are its files. */
+    std::this_thread::sleep_for(300ms);
+    std::string header, body;
+    fetch(ctrl, "vx_control_req:action=send_file;keyword=BTRuleConfig;\n", &header, &body);
+    EXPECT_EQ(header, "vx_control_rep:action=file;keyword=BTRuleConfig;" + encoded("bt_rules.txt"));
+    EXPECT_EQ(body, rules);
+    fetch(ctrl, "vx_control_req:action=send_file;keyword=VXEntryPointsFile;\n", &header, &body);
+    EXPECT_EQ(body, "main|1\n");
+
+    ASSERT_TRUE(
+        ctrl.send("vx_control_req:action=send_instrumentation_profile;status=running;"
+                  "instrProfile=profile.txt\n"));
+    ASSERT_TRUE(ctrl.read_line(&header));
+    EXPECT_EQ(header, "vx_control_rep:action=instrumentation_profile;instrProfile=profile.txt");
+    ASSERT_TRUE(ctrl.read_bytes(profile.size(), &body));
+    EXPECT_TRUE(body == profile) << "the profile's bytes differ";
+
+    fetch(ctrl, "vx_control_req:action=send_file;keyword=BTTConfig;\n", &header, &body);
+    EXPECT_EQ(header, "vx_control_rep:action=Failed;keyword=BTTConfig;")
+        << "a keyword the session did not name";
+
+    ASSERT_TRUE(
+        ctrl.send("vx_control_rep:action=start_instrumentation;status=starting;result=Ok;\n"
+                  "Timeout has occured while reading response from VXC for 'BTTConfig'\n"));
+    ASSERT_TRUE(ctrl.read_line(&line));
+    EXPECT_EQ(line,
+              "vx_control_req:action=stop_instrumentation;status=stopping;setthresholdTime=0;");
+    ASSERT_TRUE(
+        ctrl.send("vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;\n"
+                  "vx_control_req:action=reconnect;heartBeat 0;\n"));
+    ASSERT_TRUE(wait_for_text(dir_, "-control.lines", "heartBeat 0;"));
+    stop();
+
+    EXPECT_EQ(summary_value("starts_sent"), "1");
+    EXPECT_EQ(summary_value("stops_sent"), "1");
+    EXPECT_EQ(summary_value("start_answers"), "1");
+    EXPECT_EQ(summary_value("stop_answers"), "1");
+    EXPECT_EQ(summary_value("file_requests"), "3");
+    EXPECT_EQ(summary_value("profile_requests"), "1");
+    EXPECT_EQ(summary_value("files_sent"), "3");
+    EXPECT_EQ(summary_value("failed_file_replies"), "1");
+    EXPECT_EQ(summary_value("agent_control_lines"), "8");
+    const std::string log = slurp(dir_ + "/vxc-lite.log");
+    EXPECT_NE(log.find("> start: vx_control_req:action=start_instrumentation;status=running;"
+                       "testIdx=3;"),
+              std::string::npos);
+    EXPECT_NE(log.find("> stop: vx_control_req:action=stop_instrumentation;"), std::string::npos);
+    EXPECT_NE(log.find("warnings of the start answer: Timeout has occured"), std::string::npos)
+        << log;
+}
+
+TEST_F(Session, ModifyRenamesFilesAndEveryRegistrationStartsAgain)
+{
+    put("rules_a.txt", "A");
+    put("rules_b.txt", "BB");
+    put("entry.txt", "E");
+    put("p2.txt", "P2");
+    vxc::Options o;
+    o.heartbeat_ms = 0;
+    o.start_after_ms = 0;
+    o.modify_after_ms = 50;
+    o.files_dir = files_;
+    o.session_file = write_file("session.txt",
+                                "testIdx=4\nBTRuleConfig=@rules_a.txt\n"
+                                "VXEntryPointsFile=@entry.txt\n");
+    o.modify_file = write_file("modify.txt", "BTRuleConfig=@rules_b.txt\ninstrProfile=@p2.txt\n");
+    start(o);
+
+    for (int round = 0; round < 2; ++round) {
+        SCOPED_TRACE(round);
+        Client ctrl(port_);
+        register_agent(ctrl);
+        std::string line, header, body;
+        ASSERT_TRUE(ctrl.read_line(&line));
+        EXPECT_EQ(line.rfind("vx_control_req:action=start_instrumentation;", 0), 0u) << line;
+        ASSERT_TRUE(
+            ctrl.send("vx_control_rep:action=start_instrumentation;status=starting;result=Ok;\n"));
+        ASSERT_TRUE(ctrl.read_line(&line));
+        EXPECT_EQ(line, "vx_control_req:action=modify;BTRuleConfig=" + encoded("rules_b.txt") +
+                            ";numInstrProfile=1;instrProfile=p2.txt;lmd=" + mtime("p2.txt") +
+                            ";size=2;");
+        fetch(ctrl, "vx_control_req:action=send_file;keyword=BTRuleConfig;\n", &header, &body);
+        EXPECT_EQ(body, "BB") << "the modify's file replaces the start's";
+        fetch(ctrl, "vx_control_req:action=send_file;keyword=VXEntryPointsFile;\n", &header, &body);
+        EXPECT_EQ(body, "E") << "a file the modify does not name stays";
+        ASSERT_TRUE(
+            ctrl.send("vx_control_req:action=send_instrumentation_profile;status=running;"
+                      "instrProfile=/cache/shop/p2.txt\n"));
+        ASSERT_TRUE(ctrl.read_line(&header));
+        ASSERT_TRUE(ctrl.read_bytes(2, &body));
+        EXPECT_EQ(body, "P2") << "a profile asked by a path is found by its last part";
+        ASSERT_TRUE(ctrl.send("vx_control_rep:action=modify;result=Ok;\n"));
+        ASSERT_TRUE(wait_for_text(dir_, "-control.lines", "action=modify;result=Ok;"));
+    }
+    stop();
+    EXPECT_EQ(summary_value("starts_sent"), "2");
+    EXPECT_EQ(summary_value("modifies_sent"), "2");
+    EXPECT_EQ(summary_value("modify_answers"), "2");
+    EXPECT_EQ(summary_value("stops_sent"), "0");
+}
+
+TEST_F(Session, StartOnceGivesLaterRegistrationsNoStart)
+{
+    vxc::Options o;
+    o.heartbeat_ms = 0;
+    o.start_after_ms = 0;
+    o.start_once = true;
+    o.session_file = write_file("session.txt", "testIdx=5\n");
+    start(o);
+    std::string line;
+    {
+        Client first(port_);
+        register_agent(first);
+        ASSERT_TRUE(first.read_line(&line));
+        EXPECT_EQ(line, "vx_control_req:action=start_instrumentation;status=running;testIdx=5;");
+    }
+    Client second(port_);
+    register_agent(second);
+    EXPECT_FALSE(second.read_line(&line, 500ms)) << line;
+    stop();
+    EXPECT_EQ(summary_value("starts_sent"), "1");
+}
+
+TEST_F(Session, RefusedMissingAndDroppedFetches)
+{
+    put("bt_rules.txt", "R");
+    put("entry.txt", "E");
+    put("profile.txt", "P");
+    vxc::Options o;
+    o.heartbeat_ms = 0;
+    o.start_after_ms = 0;
+    o.files_dir = files_;
+    o.refuse_files = {"BTRuleConfig", "instrProfile"};
+    o.drop_during_fetch = "VXEntryPointsFile";
+    o.session_file = write_file("session.txt",
+                                "BTRuleConfig=@bt_rules.txt\nVXEntryPointsFile=@entry.txt\n"
+                                "vxMethodMonFile=@missing.txt\ninstrProfile=@profile.txt\n"
+                                "instrProfile=@nothere.txt\n");
+    start(o);
+
+    const std::string refused_rules = "vx_control_rep:action=Failed;keyword=BTRuleConfig;";
+    const std::string refused_profile = "vx_control_rep:action=FailedInstrumentationProfile;";
+    std::string line, header, body;
+    {
+        Client ctrl(port_);
+        register_agent(ctrl);
+        ASSERT_TRUE(ctrl.read_line(&line));
+        EXPECT_NE(line.find(";vxMethodMonFile=missing.txt%3Bsize%3D1%3Blmd%3D0;"),
+                  std::string::npos)
+            << line;
+        EXPECT_NE(line.find(";instrProfile=nothere.txt;lmd=1;size=1;"), std::string::npos) << line;
+        for (int i = 0; i < 2; ++i) {
+            fetch(ctrl, "vx_control_req:action=send_file;keyword=BTRuleConfig;\n", &header, &body);
+            EXPECT_EQ(header, refused_rules) << "refused every time, though present";
+        }
+        fetch(ctrl, "vx_control_req:action=send_file;keyword=vxMethodMonFile;\n", &header, &body);
+        EXPECT_EQ(header, "vx_control_rep:action=Failed;keyword=vxMethodMonFile;");
+        ASSERT_TRUE(
+            ctrl.send("vx_control_req:action=send_instrumentation_profile;"
+                      "status=running;instrProfile=profile.txt\n"));
+        ASSERT_TRUE(ctrl.read_line(&header));
+        EXPECT_EQ(header, refused_profile);
+        ASSERT_TRUE(ctrl.send("vx_control_req:action=send_file;keyword=VXEntryPointsFile;\n"));
+        EXPECT_TRUE(ctrl.closed_by_peer()) << "the fetch named by --drop-during-fetch";
+    }
+    /* The agent comes back: a new session, and the dropped fetch is answered. */
+    Client again(port_);
+    register_agent(again);
+    ASSERT_TRUE(again.read_line(&line));
+    EXPECT_EQ(line.rfind("vx_control_req:action=start_instrumentation;", 0), 0u) << line;
+    fetch(again, "vx_control_req:action=send_file;keyword=VXEntryPointsFile;\n", &header, &body);
+    EXPECT_EQ(header,
+              "vx_control_rep:action=file;keyword=VXEntryPointsFile;" + encoded("entry.txt"));
+    EXPECT_EQ(body, "E");
+    ASSERT_TRUE(
+        again.send("vx_control_req:action=send_instrumentation_profile;"
+                   "status=running;instrProfile=nothere.txt\n"));
+    ASSERT_TRUE(again.read_line(&header));
+    EXPECT_EQ(header, refused_profile);
+    stop();
+    EXPECT_EQ(summary_value("fetches_dropped"), "1");
+    EXPECT_EQ(summary_value("file_requests"), "5");
+    EXPECT_EQ(summary_value("profile_requests"), "2");
+    EXPECT_EQ(summary_value("failed_file_replies"), "5");
+    EXPECT_EQ(summary_value("files_sent"), "1");
+}
+
+}  // namespace

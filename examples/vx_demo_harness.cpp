@@ -3,11 +3,8 @@
  * agent talks to a real one, and shows what the agent produced.
  *
  * The agent registers with the collector named in its settings (vxc-lite in
- * the demo) and streams its records there.
- *
- * STAND-IN (issue #5): the session is opened here through the engine's
- * session hook, with the profile a collector would send; once the collector
- * starts sessions itself this part goes away.
+ * the demo), which starts a session with a profile of the example's methods,
+ * and streams its records there; the harness waits for the collector's stop.
  *
  * "--report FILE" prints a readable account of the records in FILE, the data
  * lines vxc-lite stored.
@@ -25,25 +22,11 @@
 #include "core/vx_instance.h"
 #include "core/vx_platform.h"
 #include "core/vx_sdk_api_private.h"
-#include "flowpath/vx_method_table.h"
-#include "link/vx_data_dispatcher.h"
-#include "link/vx_session.h"
 #include "vx_example_host.h"
 
 namespace {
 
 std::vector<std::string> g_records;
-
-constexpr char kProfile[] =
-    "example|Shop|handle|0|1\n"
-    "example|Shop|loadCart|0|0\n"
-    "example|Shop|pay|0|0\n"
-    "example|Db|query|0|2\n"
-    "example|Http|post|0|2\n";
-
-constexpr char kEntryPoints[] =
-    "example|Db.query|SQL_CALLOUT|2\n"
-    "example|Http.post|HTTP_CALLOUT|2\n";
 
 /* A record's fields (the blob, the last field, may hold no commas). */
 std::vector<std::string> fields(const std::string& line, int count)
@@ -135,29 +118,56 @@ bool wait_for(Pred done, int seconds)
     return done();
 }
 
+const char* category_name(const std::string& c)
+{
+    if (c == "10") return "normal";
+    if (c == "11") return "slow";
+    if (c == "12") return "very slow";
+    if (c == "13") return "error";
+    return "other";
+}
+
 void print_report()
 {
-    std::map<std::string, std::string> names;
+    std::map<std::string, std::string> names;    /* method id -> name (record 5) */
+    std::map<std::string, std::string> bt_names; /* BT id -> name (record 7) */
+    std::map<std::string, std::string> bt_of;    /* flowpath -> BT id (record 2) */
+    std::map<std::string, std::string> url_of;   /* flowpath -> URL (record 2) */
+    std::map<std::string, std::map<std::string, int>> per_bt; /* BT -> category -> count */
     std::map<int, int> per_type;
     for (const std::string& r : g_records) {
         per_type[atoi(r.c_str())]++;
         if (r.rfind("5,", 0) == 0) {
             size_t last = r.rfind(',');
             names[r.substr(last + 1, r.size() - last - 2)] = r.substr(2, last - 2);
-        }
-    }
-    printf("\nrecords the collector received:\n");
-    for (const std::string& r : g_records) printf("  %s", r.c_str());
-    printf("\ntransactions:\n");
-    for (const std::string& r : g_records) {
-        if (r.rfind("2,", 0) == 0) {
+        } else if (r.rfind("7,", 0) == 0) {
+            auto f = fields(r, 3);
+            bt_names[f[1]] = f[2];
+        } else if (r.rfind("2,", 0) == 0) {
             auto f = fields(r, 8);
-            printf("  flowpath %s  url %s  business transaction %s\n", f[1].c_str(), f[6].c_str(), f[5].c_str());
+            const std::string own = f[1].substr(0, f[1].find(':')); /* a callee names its callers too */
+            bt_of[own] = f[5];
+            url_of[own] = f[6];
         } else if (r.rfind("4,", 0) == 0) {
             auto f = fields(r, 12);
-            printf("    status %s, category %s, %s ms:\n", f[2].c_str(), f[3].c_str(), f[5].c_str());
-            print_blob(f[11], names);
+            per_bt[bt_of[f[1]]][category_name(f[3])]++;
         }
+    }
+    printf("\ntransactions per business transaction:\n");
+    for (const auto& [bt, cats] : per_bt) {
+        printf("  %-4s %-22s", bt.c_str(), bt_names.count(bt) ? bt_names[bt].c_str() : "?");
+        for (const auto& [cat, n] : cats) printf("  %s %d", cat.c_str(), n);
+        printf("\n");
+    }
+    printf("\na few flowpaths, method names from record 5:\n");
+    int shown = 0;
+    for (const std::string& r : g_records) {
+        if (r.rfind("4,", 0) != 0 || shown == 3) continue;
+        auto f = fields(r, 12);
+        printf("  flowpath %s  %s  status %s, %s, %s ms:\n", f[1].c_str(), url_of[f[1]].c_str(),
+               f[2].c_str(), category_name(f[3]), f[5].c_str());
+        print_blob(f[11], names);
+        ++shown;
     }
     printf("\nrecord counts:");
     for (auto [type, n] : per_type) printf("  %d: %d", type, n);
@@ -178,35 +188,26 @@ int main(int argc, char** argv)
         print_report();
         return 0;
     }
-    vx::sdk_sleep_set(no_wait); /* the session is opened right below */
+    /* vx_init2 gives the collector a fixed 30 s to start a session; the
+     * harness waits for the session itself instead. */
+    vx::sdk_sleep_set(no_wait);
     example_host_start();
     VXProxyInstance_t* app = tlvxApplication;
     if (!app) {
         fprintf(stderr, "the agent did not start: is VXHOME set to an existing directory?\n");
         return 1;
     }
-    if (!wait_for([app] { return app->ctrlServing == 1; }, 20)) {
-        fprintf(stderr, "the agent did not register with a collector (see its trace log)\n");
+    if (!wait_for([app] { return app->Server.testRunRunning && app->dataSkt.skt; }, 40)) {
+        fprintf(stderr, "no session from the collector (see the agent's trace log)\n");
         example_host_stop();
         return 1;
     }
-    printf("host: the agent registered with %s\n", app->Server.connDestination);
-
-    long long now = my_gettimeofday();
-    vx::session_start(1, now - now % 86400000LL, vx::SessionData::kDataThread);
-    wait_for([app] { return app->VXSys.dataConnState == 1 && app->dataSkt.skt; }, 10);
-    char profile[sizeof kProfile];
-    memcpy(profile, kProfile, sizeof kProfile);
-    setMethodHashMapNode(profile);
-    char entries[sizeof kEntryPoints];
-    memcpy(entries, kEntryPoints, sizeof kEntryPoints);
-    parseEntryFile(entries);
-    app->VXSys.bciInstrSessionPct = 100;
-
+    printf("host: registered with %s; session %d running\n", app->Server.connDestination,
+           app->Server.TestRunIDValue);
     int served = example_host_serve();
-    vx::session_stop();
-    printf("host: %d requests reported; waiting for the data channel to drain\n", served);
-    wait_for([app] { return app->VXBCISetting.data_thread_running == 0; }, 20);
+    printf("host: %d requests reported; waiting for the collector to stop the session\n", served);
+    wait_for([app] { return !app->Server.testRunRunning; }, 60);
+    wait_for([app] { return app->VXBCISetting.data_thread_running == 0; }, 30);
     example_host_stop();
     return 0;
 }

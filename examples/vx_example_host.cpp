@@ -14,7 +14,9 @@
  */
 #include "vx_example_host.h"
 
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 #include "vx_sdk.h"
 
@@ -37,6 +39,7 @@ struct Request {
     bool database;
     bool payment;
     int status;
+    int slow_ms; /* time the payment takes */
 };
 
 /* One request from arrival to response. */
@@ -56,6 +59,7 @@ bool serve(const Request& req)
     if (req.payment) {
         vx_method_entry(h, S("Shop.pay"));
         vx_ip_http_callout_begin(S("Http.post"), h, S("https://pay.internal/charge"));
+        if (req.slow_ms) std::this_thread::sleep_for(std::chrono::milliseconds(req.slow_ms));
         char* header = get_custom_vx_header(h); /* to send with the outgoing call */
         (void)header;
         vx_ip_http_callout_end(S("Http.post"), S("HTTP|pay.internal|443|/charge"), h, nullptr);
@@ -81,11 +85,17 @@ int example_host_start(void)
 
 int example_host_serve(void)
 {
+    /* Fast pages, a database call, a payment, errors, one slow payment and
+     * a call from another tier. */
     static const Request kRequests[] = {
-        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200},
-        {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200},
-        {"/checkout?step=3|POST", "User-Agent: demo", nullptr, false, true, 502},
-        {"/api/stock|GET", "User-Agent: demo", "4611686018427387905_4611686018427387903_1.2_NA", true, false, 200},
+        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
+        {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200, 0},
+        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
+        {"/checkout?step=3|POST", "User-Agent: demo", nullptr, false, true, 502, 0},
+        {"/api/stock|GET", "User-Agent: demo", "4611686018427387905_4611686018427387903_1.2_NA", true, false, 200, 0},
+        {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200, 3200},
+        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 500, 0},
+        {"/api/stock|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
     };
     int served = 0;
     for (const Request& r : kRequests) served += serve(r) ? 1 : 0;

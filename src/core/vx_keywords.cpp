@@ -282,7 +282,7 @@ extern "C" void findStatusFromClientMsg(char* clientMsg)
         (begins(clientMsg, "vx_control_req:action=start_instrumentation") &&
          app->Server.controlCommunicationBusyFlag == 0) ||
         begins(clientMsg, "vx_control_req:action=modify");
-    static char* fields[kMaxMessageFields];
+    thread_local char* fields[kMaxMessageFields]; /* one control thread per instance */
     const int n = vxlb_get_tokens_with_multi_delimiter(clientMsg, fields, const_cast<char*>(";"),
                                                        kMaxMessageFields);
     for (int i = 0; i < n; ++i) {

@@ -336,7 +336,7 @@ extern "C" void vxlb_init_all_keywords(void)
     srv.instrProfBytesWritten = 0;
     srv.gettingstopInstrumenatation = 0;
     srv.dumpremainingtstime = 0;
-    srv.numcriticalFile = 0;
+    /* numcriticalFile: setDefaultCriticalFile below frees the list and starts it anew */
     srv.startInstrRespBuffer[0] = '\0';
     srv.startInstrRespBufferCnt = 0;
     sys.dataConnState = 1;

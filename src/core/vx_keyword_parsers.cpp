@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -79,6 +80,10 @@ extern "C" void setKlvEpochDiff(char* value, char*, int)
 {
     Server_t& srv = app()->Server;
     const long long seconds = atoll(value);
+    if (seconds < 0 || seconds > LLONG_MAX / 1000) {
+        VX_ERROR("CONTROL_THREAD", "Invalid value %s of keyword klvEpochDiff; the time base is kept", value);
+        return;
+    }
     srv.klvEpochDiffTime = seconds * 1000;
     srv.originalKlvEpochDiffTime = srv.klvEpochDiffTime;
     srv.changeOriginalTime = seconds != 0 ? 1 : 0;

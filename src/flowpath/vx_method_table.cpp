@@ -522,6 +522,10 @@ extern "C" void readInstrProfFileRTC(char* buffer)
             snprintf(key, sizeof key, "%s.%s", cls, sig.name);
         else
             vx::copy_text(key, sizeof key, cls);
+        if (!key[0]) { /* a line without a class or method names nothing */
+            VX_ERROR("FLOWPATH", "Profile line without a method name skipped");
+            return;
+        }
         const int callOut = atoi(cols[3]);
         const int entry = atoi(cols[4]);
         if (methodPropProperties* m = find(node, key)) {

@@ -56,12 +56,21 @@ public:
     }
     ~FetchReader() { give_back(); }
 
-    /* vxlb_read_line's codes; -3 also once the fetch's time is over. */
+    /* vxlb_read_line's codes; -3 also once the fetch's time is over. A
+     * connection that broke is marked for closing: the start that asked for
+     * the file then ends without an answer. */
     int line(char* buf)
     {
         buf[0] = '\0';
         if (apr_time_now() >= deadline_) return -3;
-        return vxlb_read_line(app()->control.skt, buf, kLineSize, carry_, &carry_len_, err_, sizeof err_);
+        const int r =
+            vxlb_read_line(app()->control.skt, buf, kLineSize, carry_, &carry_len_, err_, sizeof err_);
+        if (r == -2 || r == -4) {
+            VX_ERROR("CONTROL_THREAD", "Control connection lost while reading a file: %s", err_);
+            app()->VXSys.retryFlag = 1;
+            app()->VXSys.closeCtrlConFlag = 1;
+        }
+        return r;
     }
 
     /* The body: what was read past the header, then the rest from the

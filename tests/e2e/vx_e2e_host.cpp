@@ -14,6 +14,13 @@
  *                    buffers to drain and stop the session
  *   idle SECONDS     make host calls (flowpath start and end) in a loop,
  *                    whatever the collector does, and report the slowest
+ *   methods SECONDS [eager]
+ *                    leave the session to the collector and run a
+ *                    transaction every 20 ms: "/shop/cart?item=7" entering
+ *                    Shop.handle, which calls Shop.loadCart three times;
+ *                    only once the data connection has been open for 200 ms,
+ *                    or, eager, from the first moment the agent takes one;
+ *                    report how many transactions the agent took
  *
  * Until the collector starts sessions itself, the session is opened here by
  * raising its flags and starting the data thread.
@@ -186,12 +193,56 @@ int run_idle(VXProxyInstance_t* app, int seconds)
     return 0;
 }
 
+int run_methods(VXProxyInstance_t* app, int seconds, bool eager)
+{
+    const long long end = now_ms() + seconds * 1000LL;
+    long long taken = 0;
+    long long open_since = 0;
+    char url[] = "/shop/cart?item=7|GET";
+    char handle[] = "Shop.handle";
+    char load[] = "Shop.loadCart";
+    while (now_ms() < end) {
+        if (!eager) {
+            if (!data_open(app)) open_since = 0;
+            if (!open_since && data_open(app)) open_since = now_ms();
+            if (!open_since || now_ms() - open_since < 200) {
+                sleep_ms(5);
+                continue;
+            }
+        }
+        auto* fp = static_cast<VXPerThreadData_t*>(
+            startFP(nullptr, url, nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
+        if (!fp && eager) continue; /* no pause while no session runs */
+        if (fp) {
+            ++taken;
+            auto enter = [fp](char* m) {
+                return vxMethodEntry(nullptr, fp, m, nullptr, nullptr, 0, nullptr, nullptr, 0,
+                                     nullptr);
+            };
+            auto leave = [fp](void* h, char* m) {
+                vxMethodExit(h, fp, m, 0, -1, nullptr, 0, 0, 0, nullptr, 0, nullptr, 0, nullptr);
+            };
+            void* h = enter(handle);
+            for (int i = 0; i < 3; ++i) leave(enter(load), load);
+            leave(h, handle);
+            endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
+            reset(fp);
+        }
+        sleep_ms(20);
+    }
+    printf("transactions=%lld\n", taken);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
     if (argc < 3) {
-        fprintf(stderr, "usage: %s stream SECONDS | load SECONDS THREADS | idle SECONDS\n", argv[0]);
+        fprintf(stderr,
+                "usage: %s stream SECONDS | load SECONDS THREADS | idle SECONDS | methods SECONDS "
+                "[eager]\n",
+                argv[0]);
         return 64;
     }
     const std::string mode = argv[1];
@@ -205,6 +256,8 @@ int main(int argc, char** argv)
     if (mode == "stream") rc = run_stream(app, seconds);
     if (mode == "load" && argc > 3) rc = run_load(app, seconds, atoi(argv[3]));
     if (mode == "idle") rc = run_idle(app, seconds);
+    if (mode == "methods")
+        rc = run_methods(app, seconds, argc > 3 && strcmp(argv[3], "eager") == 0);
     fflush(stdout);
     agent_shutdown();
     return rc;

@@ -1,0 +1,556 @@
+/*
+ * Sessions the collector drives: vxc-lite sends the start, modify and stop
+ * lines and serves the files they name; the host (vx_e2e_host methods) runs
+ * transactions through instrumented methods, so that what a session captures
+ * shows in the records of its data connection.
+ */
+#include <apr_general.h>
+#include <apr_time.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <cctype>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "vx_e2e_support.h"
+#include "vx_test_support.h"
+
+namespace {
+
+class AprEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        apr_initialize();
+        signal(SIGPIPE, SIG_IGN);
+    }
+};
+const auto* const kApr = ::testing::AddGlobalTestEnvironment(new AprEnvironment);
+
+constexpr long long kEpochSeconds = 1388534400; /* the session's time origin */
+
+/* The keywords of a plain session: every transaction captured, a profile of
+ * the host's methods, and a blob small enough to be flushed in record 3. */
+std::string session_keywords(int test_idx, int pct = 100)
+{
+    return "testIdx=" + std::to_string(test_idx) + "\nbciInstrSessionPct=" + std::to_string(pct) +
+           "\nmaxCharInSeqBlob=100\nenableCpuTime=1\nklvEpochDiff=" +
+           std::to_string(kEpochSeconds) +
+           "\nVXEntryPointsFile=@entry.txt\nBTRuleConfig=@bt_rules.txt\n"
+           "instrProfile=@profile.txt\n";
+}
+
+const std::map<std::string, std::string> kFiles = {
+    {"entry.txt", "e2e|Shop.handle|-|1\n"},
+    {"bt_rules.txt", "# one business transaction per URL path\n"},
+    {"profile.txt", "e2e|Shop|handle|0|1\ne2e|Shop|loadCart|0|0\n"},
+};
+
+void write_file(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+
+/* Collector options for a session from `keywords` with `files` to serve. */
+vxc::Options session_options(const std::string& keywords,
+                             const std::map<std::string, std::string>& files = kFiles, int port = 0)
+{
+    vxc::Options o = e2e::collector_options(port);
+    /* No heartbeats: one the agent reads while it waits for a profile holds
+     * the start for 5 s more, which would make the sessions' times uneven. */
+    o.heartbeat_ms = 0;
+    o.files_dir = vx_test::make_temp_dir("vx_e2e_files_");
+    for (const auto& [name, text] : files) write_file(o.files_dir + "/" + name, text);
+    o.session_file = o.files_dir + "/session.kw";
+    write_file(o.session_file, keywords);
+    return o;
+}
+
+/* What vxc-lite said ("> ...") and heard ("< ...") on control connections, in
+ * order, without time and connection. */
+std::vector<std::string> control_talk(const e2e::Collector& vxc)
+{
+    std::vector<std::string> out;
+    std::ifstream in(vxc.run_dir() + "/vxc-lite.log");
+    std::string line;
+    while (std::getline(in, line)) {
+        const size_t at = line.find(": ", line.find(" conn "));
+        if (line.find(" conn ") == std::string::npos || at == std::string::npos) continue;
+        const std::string said = line.substr(at + 2);
+        if (said.rfind("> ", 0) == 0 || said.rfind("< ", 0) == 0) out.push_back(said);
+    }
+    return out;
+}
+
+/* Index of the first line at or after `from` that begins with `prefix`, or
+ * lines.size(). */
+size_t find_from(const std::vector<std::string>& lines, size_t from, const std::string& prefix)
+{
+    for (size_t i = from; i < lines.size(); ++i)
+        if (lines[i].rfind(prefix, 0) == 0) return i;
+    return lines.size();
+}
+
+bool said(const e2e::Collector& vxc, const std::string& prefix)
+{
+    const auto talk = control_talk(vxc);
+    return find_from(talk, 0, prefix) < talk.size();
+}
+
+/* The fields of a record; the last one takes the rest of the line. */
+std::vector<std::string> fields(const std::string& line, size_t count)
+{
+    std::vector<std::string> out;
+    size_t at = 0;
+    while (out.size() + 1 < count) {
+        const size_t comma = line.find(',', at);
+        if (comma == std::string::npos) break;
+        out.push_back(line.substr(at, comma - at));
+        at = comma + 1;
+    }
+    out.push_back(line.substr(at));
+    return out;
+}
+
+bool is_record(const std::string& line, int number)
+{
+    return line.rfind(std::to_string(number) + ",", 0) == 0;
+}
+
+int count_records(const std::vector<std::string>& lines, int number)
+{
+    int n = 0;
+    for (const std::string& l : lines) n += is_record(l, number);
+    return n;
+}
+
+/* The lines of the data connection of session `test_idx`, checked to begin
+ * with the opening line, its line feed and record 99, and to end with record
+ * 10; empty when there is none. */
+std::vector<std::string> session_data(const e2e::Collector& vxc, int test_idx,
+                                      const std::string& version = "1.0")
+{
+    for (const auto& lines : vxc.data_connections()) {
+        if (lines.empty() || lines[0].find(";testIdx=" + std::to_string(test_idx) + ";") ==
+                                 std::string::npos)
+            continue;
+        EXPECT_EQ(lines[0].rfind("vx_data_msg_req:", 0), 0u) << lines[0];
+        EXPECT_TRUE(lines.size() > 4 && lines[1].empty() && lines[2].empty() &&
+                    lines[3] == "99,NewConnection,FPGVersion:" + version)
+            << (lines.size() > 3 ? lines[3] : "");
+        EXPECT_EQ(lines.back(), "10,");
+        return lines;
+    }
+    ADD_FAILURE() << "no data connection of session " << test_idx;
+    return {};
+}
+
+/* Method events of a sequence blob: (method id, 0 entry or 1 exit), from
+ * every "<id>:<time>_<0|1>_" in it. */
+std::vector<std::pair<int, int>> events(const std::string& blob)
+{
+    std::vector<std::pair<int, int>> out;
+    auto digits = [&blob](size_t i) {
+        size_t j = i;
+        while (j < blob.size() && isdigit(static_cast<unsigned char>(blob[j]))) ++j;
+        return j;
+    };
+    for (size_t i = 0; i < blob.size(); ++i) {
+        if (!isdigit(static_cast<unsigned char>(blob[i])) || (i > 0 && isdigit(static_cast<unsigned char>(blob[i - 1]))))
+            continue;
+        size_t j = digits(i);
+        if (j >= blob.size() || blob[j] != ':') continue;
+        size_t k = j + 1;
+        if (k < blob.size() && blob[k] == '-') ++k;
+        const size_t t = digits(k);
+        if (t == k || t + 2 >= blob.size() || blob[t] != '_' || (blob[t + 1] != '0' && blob[t + 1] != '1') ||
+            blob[t + 2] != '_')
+            continue;
+        out.emplace_back(std::stoi(blob.substr(i, j - i)), blob[t + 1] - '0');
+    }
+    return out;
+}
+
+/* A data connection read as a collector reads it: the names of its ids and,
+ * per flowpath, its records 2, 3 and 4. Inconsistencies are test failures:
+ * an id used before it was declared (methods only when `methods_declared`),
+ * a record of a flowpath that is not open. */
+struct Stream {
+    std::map<int, std::string> methods; /* records 5 */
+    std::map<int, std::string> bts;     /* records 7 */
+    struct Flowpath {
+        std::vector<std::string> header; /* record 2 */
+        std::vector<std::pair<int, int>> events;
+        int partials = 0;                /* records 3 */
+        std::vector<std::string> end;    /* record 4 */
+    };
+    std::map<std::string, Flowpath> flowpaths;
+};
+
+Stream read_stream(const std::vector<std::string>& lines, bool methods_declared = true)
+{
+    Stream s;
+    std::vector<std::string> problems;
+    for (const std::string& l : lines) {
+        if (is_record(l, 5)) {
+            const size_t comma = l.rfind(',');
+            const int id = atoi(l.c_str() + comma + 1);
+            if (!s.methods.emplace(id, l.substr(2, comma - 2)).second)
+                problems.push_back("method id declared twice: " + l);
+        } else if (is_record(l, 7)) {
+            const auto f = fields(l, 3);
+            s.bts[atoi(f[1].c_str())] = f[2];
+        } else if (is_record(l, 2)) {
+            const auto f = fields(l, 17);
+            if (f.size() < 6 || !s.bts.count(atoi(f[5].c_str())))
+                problems.push_back("business transaction undeclared: " + l);
+            Stream::Flowpath& fp = s.flowpaths[f[1]];
+            if (!fp.header.empty()) problems.push_back("record 2 twice: " + l);
+            fp.header = f;
+        } else if (is_record(l, 3) || is_record(l, 4)) {
+            const bool end = is_record(l, 4);
+            const auto f = fields(l, end ? 11 : 3);
+            auto it = s.flowpaths.find(f[1]);
+            if (it == s.flowpaths.end() || !it->second.end.empty()) {
+                problems.push_back("no open flowpath for: " + l);
+                continue;
+            }
+            for (const auto& e : events(f.back())) {
+                it->second.events.push_back(e);
+                if (methods_declared && !s.methods.count(e.first))
+                    problems.push_back("method " + std::to_string(e.first) + " undeclared: " + l);
+            }
+            if (end)
+                it->second.end = f;
+            else
+                ++it->second.partials;
+        }
+    }
+    for (size_t i = 0; i < problems.size() && i < 5; ++i) ADD_FAILURE() << problems[i];
+    if (problems.size() > 5) ADD_FAILURE() << problems.size() - 5 << " more like these";
+    return s;
+}
+
+/* Checks every transaction of the host that ended in the session: status
+ * 200, normal, its ten method events whatever records 3 and 4 carried them,
+ * and `partials` records 3 when given. The count of them. */
+int check_whole_transactions(const Stream& s, int partials = -1)
+{
+    std::map<std::string, int> id;
+    for (const auto& [i, name] : s.methods) id[name] = i;
+    const int root = id["Profiler.Kelvane.BeginRequest"], handle = id["Shop.handle"],
+              load = id["Shop.loadCart"];
+    EXPECT_TRUE(root && handle && load && handle != load) << "methods of the profile";
+    const std::vector<std::pair<int, int>> whole = {
+        {root, 0}, {handle, 0}, {load, 0}, {load, 1}, {load, 0},
+        {load, 1}, {load, 0}, {load, 1}, {handle, 1}, {root, 1}};
+    int finished = 0;
+    for (const auto& [fpi, fp] : s.flowpaths) {
+        if (fp.end.empty() || fp.end[7] == "7") continue; /* open when the session stopped */
+        ++finished;
+        EXPECT_EQ(fp.end[2], "200") << fpi;
+        EXPECT_EQ(fp.end[3], "10") << fpi;
+        EXPECT_EQ(fp.events, whole) << fpi;
+        if (partials >= 0) {
+            EXPECT_EQ(fp.partials, partials) << fpi;
+        }
+    }
+    return finished;
+}
+
+}  // namespace
+
+TEST(Session, ATransactionOnTheWireFromTheStartLineToRecord10)
+{
+    vxc::Options opts = session_options(session_keywords(7));
+    opts.stop_after_ms = 6000;
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    const long long before = time(nullptr);
+    e2e::Host host({"methods", "9"}, vxc.port());
+    ASSERT_EQ(host.wait(60), 0);
+    const long long after = time(nullptr);
+    const vxc::Counts& counts = vxc.stop();
+
+    EXPECT_EQ(counts.start_answers, 1u);
+    EXPECT_EQ(counts.stop_answers, 1u);
+    EXPECT_EQ(counts.file_requests, 2u);
+    EXPECT_EQ(counts.profile_requests, 1u);
+    EXPECT_EQ(counts.failed_file_replies, 0u);
+    EXPECT_EQ(counts.malformed, 0u);
+
+    /* The control connection: start, the fetches in keyword order, the
+     * answer, then stop and its answer. */
+    const auto talk = control_talk(vxc);
+    size_t at = 0;
+    for (const char* step : {
+             "> start: vx_control_req:action=start_instrumentation;status=running;testIdx=7;"
+             "bciInstrSessionPct=100;maxCharInSeqBlob=100;",
+             "< vx_control_req:action=send_file;keyword=VXEntryPointsFile;", "> file",
+             "< vx_control_req:action=send_file;keyword=BTRuleConfig;", "> file",
+             "< vx_control_req:action=send_instrumentation_profile;status=running;"
+             "instrProfile=profile.txt",
+             "> profile",
+             "< vx_control_rep:action=start_instrumentation;status=starting;result=Ok;",
+             "> stop: vx_control_req:action=stop_instrumentation;",
+             "< vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;"}) {
+        at = find_from(talk, at, step);
+        ASSERT_LT(at, talk.size()) << "missing, or out of order: " << step;
+    }
+
+    /* The data connection opens for session 7, then record 99, then the
+     * method table (records 5) ahead of anything of a flowpath. */
+    EXPECT_EQ(vxc.data_connections().size(), 1u);
+    const auto lines = session_data(vxc, 7);
+    bool flowpath_seen = false;
+    for (const std::string& l : lines) {
+        flowpath_seen = flowpath_seen || is_record(l, 2) || is_record(l, 7);
+        EXPECT_FALSE(flowpath_seen && is_record(l, 5)) << "a method of the start, late: " << l;
+    }
+
+    const Stream s = read_stream(lines);
+    ASSERT_EQ(s.bts.size(), 1u);
+    EXPECT_EQ(s.bts.begin()->second, "/shop/cart");
+    for (const auto& [fpi, fp] : s.flowpaths) {
+        ASSERT_EQ(fp.header.size(), 17u) << fpi;
+        EXPECT_EQ(fp.header[5], std::to_string(s.bts.begin()->first)) << fpi;
+        EXPECT_EQ(fp.header[6], "/shop/cart?item=7") << fpi;
+        const long long start_s = atoll(fp.header[2].c_str());
+        EXPECT_GE(start_s, before - kEpochSeconds - 1) << "seconds from the session's origin";
+        EXPECT_LE(start_s, after - kEpochSeconds + 1) << "seconds from the session's origin";
+        EXPECT_EQ(fp.header[16], "") << "no trace context";
+        if (fp.end.empty()) continue;
+        EXPECT_EQ(fp.end[6], fp.header[5]) << fpi;
+        EXPECT_GE(atoll(fp.end[4].c_str()), 0) << fpi;
+        if (fp.end[7] != "7") {
+            EXPECT_GE(fp.partials, 1) << "a blob past 100 characters: " << fpi;
+        }
+    }
+    EXPECT_GT(check_whole_transactions(s), 50);
+    EXPECT_EQ(count_records(lines, 4), static_cast<int>(s.flowpaths.size())) << "all flowpaths end";
+    EXPECT_EQ(count_records(lines, 4), host.number("transactions")) << "none taken is lost";
+}
+
+TEST(Session, ASecondRegistrationRunsTheNextSessionWithItsOwnTestIdxAndIds)
+{
+    /* vxc-lite starts one session per control connection: the next session
+     * comes with the next registration, after the collector restarted. */
+    vxc::Options first_opts = session_options(session_keywords(11));
+    first_opts.stop_after_ms = 3000;
+    e2e::Collector first(first_opts);
+    ASSERT_EQ(first.start(), 0);
+    const int port = first.port();
+    e2e::Host host({"methods", "22"}, port);
+    ASSERT_TRUE(e2e::eventually(
+        [&] {
+            const auto data = first.data_connections();
+            return !data.empty() && !data[0].empty() && data[0].back() == "10,";
+        },
+        20));
+    first.stop();
+
+    vxc::Options second_opts = session_options(session_keywords(12), kFiles, port);
+    second_opts.stop_after_ms = 9000; /* the start waits 5 s for the last session's events */
+    e2e::Collector second(second_opts);
+    ASSERT_EQ(second.start(), 0);
+    ASSERT_EQ(host.wait(60), 0);
+    const vxc::Counts& counts = second.stop();
+
+    EXPECT_EQ(counts.start_answers, 1u);
+    EXPECT_EQ(counts.stop_answers, 1u);
+    EXPECT_EQ(counts.malformed, 0u);
+    EXPECT_EQ(second.data_connections().size(), 1u);
+    const auto lines = session_data(second, 12);
+    /* The new collector learns every id it is sent on its own connection:
+     * the method table and the business transaction again, whatever the
+     * first one was told. */
+    const Stream s = read_stream(lines);
+    EXPECT_GT(check_whole_transactions(s), 20);
+}
+
+TEST(Session, ModifyRaisesTheCaptureShareOfTheRunningSession)
+{
+    vxc::Options opts = session_options(session_keywords(21, 0));
+    opts.modify_file = opts.files_dir + "/modify.kw";
+    write_file(opts.modify_file, "bciInstrSessionPct=100\n");
+    opts.modify_after_ms = 4000;
+    opts.stop_after_ms = 7000;
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    e2e::Host host({"methods", "10"}, vxc.port());
+
+    /* Transactions run (their business transaction is announced) but none is
+     * captured until the modify. */
+    ASSERT_TRUE(e2e::eventually(
+        [&] {
+            const auto data = vxc.data_connections();
+            return !data.empty() && count_records(data[0], 7) > 0;
+        },
+        15));
+    apr_sleep(apr_time_from_sec(1));
+    const auto early = vxc.data_connections().at(0);
+    const bool modified_early = said(vxc, "> modify");
+    ASSERT_EQ(host.wait(60), 0);
+    const vxc::Counts& counts = vxc.stop();
+
+    ASSERT_FALSE(modified_early) << "the first look must come before the modify";
+    EXPECT_EQ(count_records(early, 2) + count_records(early, 3) + count_records(early, 4), 0);
+    EXPECT_EQ(counts.modify_answers, 1u);
+    EXPECT_EQ(counts.stop_answers, 1u);
+    const auto talk = control_talk(vxc);
+    size_t at = find_from(talk, 0, "> modify: vx_control_req:action=modify;bciInstrSessionPct=100");
+    at = find_from(talk, at, "< vx_control_rep:action=modify;result=Ok;");
+    EXPECT_LT(find_from(talk, at, "> stop"), talk.size());
+
+    /* After it, every transaction is captured from its start. */
+    const Stream s = read_stream(vxc.data_connections().at(0));
+    EXPECT_GT(check_whole_transactions(s), 30);
+}
+
+TEST(Session, ACriticalFileTheCollectorRefusesEndsTheConnectionWithoutAStartAnswer)
+{
+    vxc::Options opts = session_options(session_keywords(31));
+    opts.refuse_files = {"VXEntryPointsFile"};
+    opts.start_once = true; /* the next connection only registers */
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    e2e::Host host({"methods", "90"}, vxc.port());
+    /* The agent asks twice, then waits out its 60-second fetch time-out. */
+    ASSERT_TRUE(e2e::eventually([&] { return vxc.control_requests().size() >= 2; }, 80));
+    const std::string log = host.trace_log();
+    const vxc::Counts& counts = vxc.stop();
+
+    EXPECT_EQ(counts.start_answers, 0u);
+    EXPECT_EQ(counts.file_requests, 2u);
+    EXPECT_EQ(counts.failed_file_replies, 2u);
+    EXPECT_EQ(counts.profile_requests, 0u) << "nothing after the critical file is applied";
+    EXPECT_EQ(counts.data_connections, 0u) << "no session, no data";
+    const auto talk = control_talk(vxc);
+    EXPECT_LT(find_from(talk, 0,
+                        "< Expecting response for 'VXEntryPointsFile' but Timeout has occured "
+                        "while reading data from VXC. Closing control connection."),
+              talk.size());
+    EXPECT_NE(log.find("Response from VXC: File Not Present at Time 'VXEntryPointsFile'. Going to "
+                       "read again."),
+              std::string::npos);
+    EXPECT_NE(log.find("Timeout has occured while reading response from VXC for "
+                       "'VXEntryPointsFile' file based keyword."),
+              std::string::npos);
+}
+
+TEST(Session, AConnectionDroppedInTheMiddleOfAFetchIsFollowedByANewOneAndItsSession)
+{
+    vxc::Options opts = session_options(session_keywords(41));
+    opts.drop_during_fetch = "BTRuleConfig"; /* the first fetch of it only */
+    opts.stop_after_ms = 9000;
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    e2e::Host host({"methods", "20"}, vxc.port());
+    ASSERT_EQ(host.wait(60), 0);
+    const std::string log = host.trace_log();
+    const vxc::Counts& counts = vxc.stop();
+
+    EXPECT_EQ(counts.control_connections, 2u);
+    EXPECT_EQ(counts.fetches_dropped, 1u);
+    EXPECT_EQ(counts.starts_sent, 2u);
+    EXPECT_EQ(counts.start_answers, 1u);
+    EXPECT_EQ(counts.stop_answers, 1u);
+    EXPECT_EQ(counts.malformed, 0u);
+    EXPECT_NE(log.find("Control connection closed while reading data from VXC"), std::string::npos);
+    EXPECT_EQ(vxc.data_connections().size(), 1u);
+    const auto lines = session_data(vxc, 41);
+    /* The broken start had taken testIdx 41 already, so the session that
+     * follows counts as the same test run: its method table is not sent
+     * again, and only business transactions are checked here. */
+    read_stream(lines, false);
+    EXPECT_GT(count_records(lines, 4), 20);
+}
+
+TEST(Session, AStartWhoseConnectionBrokeRaisesNoSession)
+{
+    vxc::Options opts = session_options("ControlThreadTraceLevel=1\n" + session_keywords(42));
+    opts.drop_during_fetch = "BTRuleConfig";
+    opts.start_once = true; /* the next connection only registers */
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    e2e::Host host({"methods", "20"}, vxc.port());
+    ASSERT_TRUE(e2e::eventually([&] { return vxc.control_requests().size() >= 2; }, 10));
+    apr_sleep(apr_time_from_sec(1));
+    const vxc::Counts& counts = vxc.stop();
+    const std::string log = host.trace_log();
+    EXPECT_EQ(log.find("Creating Data thread"), std::string::npos) << log;
+    EXPECT_EQ(counts.connections, counts.control_connections) << "no data connection is opened";
+}
+
+TEST(Session, HostileSessionInputIsAnsweredAndTheConnectionKeepsServing)
+{
+    /* Keywords the agent must live with: unknown, empty, out of range, too
+     * long, malformed sub-values, files with garbage lines. */
+    const std::string keywords =
+        "testIdx=51\nnoSuchKeyword=1\nbciInstrSessionPct=100\nmaxCharInSeqBlob=\n"
+        "enableCpuTime=abc%20%20-7\nvxMonitorInterval=-5\nmaxIPCount=-3\nmaxBTCount=0\n"
+        "fpVersionID=12345678901234567890\nklvEpochDiff=abc\nklvEpochDiff=1388534400\n"
+        "correlationIDHeader=\nvxVectorSeparator=\nenableOTELStandard=1%201\n"
+        "BTErrorRules=@bt_errors.txt\nVXEntryPointsFile=@entry.txt\nBTRuleConfig=@bt_rules.txt\n"
+        "instrProfile=@profile.txt\n";
+    std::map<std::string, std::string> files = kFiles;
+    files["bt_errors.txt"] = "garbage without columns\n";
+    files["profile.txt"] = "garbage without columns\n|||\ne2e|Shop|handle|0|1\n\n\r\ne2e|Shop|\n" +
+                           std::string(3000, 'x') + "\ne2e|Shop|loadCart|0|0\n";
+    vxc::Options opts = session_options(keywords, files);
+    /* Right after the reply, raw lines: a modify with no session running, a
+     * start with a field without "=" in its middle, and its stop. The
+     * collector's own session follows on the same connection. */
+    opts.after_reply_line =
+        "vx_control_req:action=modify;bciInstrSessionPct=100;\n"
+        "vx_control_req:action=start_instrumentation;status=running;ControlThreadTraceLevel=2;"
+        "testIdx=50;fieldWithoutValue;testIdx=52;\n"
+        "vx_control_req:action=stop_instrumentation;status=stopping;setthresholdTime=0;";
+    opts.start_after_ms = 1000;
+    opts.stop_after_ms = 10000; /* the start waits 5 s for the last session's events */
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    e2e::Host host({"methods", "16"}, vxc.port());
+    ASSERT_EQ(host.wait(60), 0);
+    const std::string log = host.trace_log();
+    const vxc::Counts& counts = vxc.stop();
+
+    EXPECT_EQ(counts.control_connections, 1u);
+    EXPECT_EQ(counts.error_answers, 1u) << "a modify with no session is refused";
+    EXPECT_EQ(counts.start_answers, 2u);
+    EXPECT_EQ(counts.stop_answers, 2u);
+    EXPECT_EQ(counts.malformed, 0u);
+    /* The raw start was applied up to the field without "=" and no further. */
+    EXPECT_NE(log.find("keyword testIdx=50"), std::string::npos);
+    EXPECT_EQ(log.find("keyword testIdx=52"), std::string::npos);
+    for (const char* line :
+         {"Invalid value -5 of keyword vxMonitorInterval", "Invalid value -3 of keyword maxIPCount",
+          "Invalid value 0 of keyword maxBTCount",
+          "Content 'garbage without columns' is not in proper format."})
+        EXPECT_NE(log.find(line), std::string::npos) << line;
+
+    /* fpVersionID is cut to the nine characters its field holds. */
+    const auto lines = session_data(vxc, 51, "123456789");
+    /* The profile's good lines made their methods; with an empty blob limit
+     * every event goes out in a record 3 of its own. */
+    const Stream s = read_stream(lines);
+    EXPECT_GT(check_whole_transactions(s, 10), 20);
+}
+
+TEST(Session, OutOfRangeValuesNeverReachTheWireOrItsArithmetic)
+{
+    std::map<std::string, std::string> files = kFiles;
+    files["profile.txt"] += "e2e|||||\n";
+    vxc::Options opts =
+        session_options("klvEpochDiff=99999999999999999999\n" + session_keywords(61), files);
+    opts.stop_after_ms = 3000;
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    e2e::Host host({"methods", "6"}, vxc.port());
+    EXPECT_EQ(host.wait(60), 0) << "the host lives";
+    const vxc::Counts& counts = vxc.stop();
+    EXPECT_EQ(counts.start_answers, 1u);
+    EXPECT_EQ(counts.malformed, 0u) << "no record 5 without a name";
+}

@@ -229,6 +229,12 @@ inline VXProxyInstance_t* vx_app()
 /* Bind the calling (library) thread to `app`. */
 inline void vx_set_thread_instance(VXProxyInstance_t* app) { vx::tl_instance = app; }
 
+/* An agent that talks to a local proxy rather than to the collector. */
+inline bool vx_agent_behind_proxy(const VXProxyInstance_t* app)
+{
+    return app->VXSys.proxyMode && !VXProxy.proxyServerFlag;
+}
+
 /* A VXSys trace level of the current instance, 0 without one. */
 #define VX_LEVEL(field) (vx_app() ? vx_app()->VXSys.field : 0)
 

@@ -202,8 +202,6 @@ void fill_at(char* base, int index, char* value)
     if (row.fill_data) row.fill_data(base + row.offset, value, row.length);
 }
 
-bool begins(const char* text, const char* prefix) { return strncmp(text, prefix, strlen(prefix)) == 0; }
-
 }  // namespace
 
 extern "C" void fill_server_info(int index, char* value)
@@ -279,15 +277,15 @@ extern "C" void findStatusFromClientMsg(char* clientMsg)
     VXProxyInstance_t* app = vx_app();
     if (!app || !clientMsg || !table_matches_enum()) return;
     const bool applies =
-        (begins(clientMsg, "vx_control_req:action=start_instrumentation") &&
+        (vx::starts_with(clientMsg, "vx_control_req:action=start_instrumentation") &&
          app->Server.controlCommunicationBusyFlag == 0) ||
-        begins(clientMsg, "vx_control_req:action=modify");
+        vx::starts_with(clientMsg, "vx_control_req:action=modify");
     thread_local char* fields[kMaxMessageFields]; /* one control thread per instance */
     const int n = vxlb_get_tokens_with_multi_delimiter(clientMsg, fields, const_cast<char*>(";"),
                                                        kMaxMessageFields);
     for (int i = 0; i < n; ++i) {
         char* field = fields[i];
-        if (begins(field, "status")) {
+        if (vx::starts_with(field, "status")) {
             char* value = split(field);
             if (!value) return;
             vx::copy_text(app->Server.statusValue, sizeof app->Server.statusValue, value);

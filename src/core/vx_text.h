@@ -40,8 +40,16 @@ int setOperationCode(char* value);
 }
 
 #include <cstddef>
+#include <string_view>
 
 namespace vx {
+
+/* True when `text` begins with `prefix` (the way control lines are told
+ * apart). */
+inline bool starts_with(const char* text, const char* prefix)
+{
+    return std::string_view(text).starts_with(prefix);
+}
 
 /* Copy `src` (null counts as "") into `dst` of `cap` bytes, cut to fit and
  * always terminated. Returns the length copied. */

@@ -77,8 +77,6 @@ constexpr char kThreadDump[] = "vx_meta_data_req:action=get_thread_dump;";
 constexpr char kStructured[] = "VexlaneMessage 2.0;";
 constexpr long long kDefaultEpochOrigin = 1388534400000LL; /* 2014-01-01 00:00:00 UTC */
 
-bool begins(const char* text, const char* prefix) { return strncmp(text, prefix, strlen(prefix)) == 0; }
-
 int send_text(const char* text)
 {
     return controlConnectionSendBuffer(const_cast<char*>(text), static_cast<int>(strlen(text)));
@@ -185,20 +183,20 @@ extern "C" void handleReceivedClientMessageFromVXCollector(char* clientMsg)
     app->heartbeat_count = 0;
     app->Server.lastHeartBeatRcvTime = my_gettimeofday();
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Message from VXC: %.300s", clientMsg);
-    if (begins(clientMsg, kStart)) {
+    if (vx::starts_with(clientMsg, kStart)) {
         handle_start(app, clientMsg);
-    } else if (begins(clientMsg, kCollectorHeartBeat)) {
+    } else if (vx::starts_with(clientMsg, kCollectorHeartBeat)) {
         handleCollectorHeartBeat(clientMsg);
-    } else if (begins(clientMsg, kMetaData)) {
+    } else if (vx::starts_with(clientMsg, kMetaData)) {
         handle_meta_data(app);
-    } else if (begins(clientMsg, kStop)) {
+    } else if (vx::starts_with(clientMsg, kStop)) {
         handle_stop(app, clientMsg);
-    } else if (begins(clientMsg, kModify)) {
+    } else if (vx::starts_with(clientMsg, kModify)) {
         handle_modify(app, clientMsg);
-    } else if (begins(clientMsg, kDiscover) || begins(clientMsg, kReroute) ||
-               begins(clientMsg, kDownload) || begins(clientMsg, kUpload) ||
-               begins(clientMsg, kAutoInstr) || begins(clientMsg, kDynamicDiag) ||
-               begins(clientMsg, kThreadDump) || begins(clientMsg, kStructured)) {
+    } else if (vx::starts_with(clientMsg, kDiscover) || vx::starts_with(clientMsg, kReroute) ||
+               vx::starts_with(clientMsg, kDownload) || vx::starts_with(clientMsg, kUpload) ||
+               vx::starts_with(clientMsg, kAutoInstr) || vx::starts_with(clientMsg, kDynamicDiag) ||
+               vx::starts_with(clientMsg, kThreadDump) || vx::starts_with(clientMsg, kStructured)) {
         /* STAND-IN (issues: class discovery, failover reroute, file transfer,
          * auto-instrumentation, dynamic diagnostics, structured messages):
          * these commands are recognised and ignored until they are built. */

@@ -29,13 +29,6 @@ constexpr char kProcIndex[] = "procIndex=";
 constexpr int kReplyFields = 10;
 constexpr int kProtocolItems = 10;
 
-bool begins(const char* text, const char* prefix) { return strncmp(text, prefix, strlen(prefix)) == 0; }
-
-bool agent_behind_proxy(const VXProxyInstance_t* app)
-{
-    return app->VXSys.proxyMode && !VXProxy.proxyServerFlag;
-}
-
 int drop_invalid(VXProxyInstance_t* app, const char* line)
 {
     VX_ERROR("CONTROL_THREAD",
@@ -67,12 +60,12 @@ int heartbeat_first(VXProxyInstance_t* app, const std::string& line)
 
 int reply_ok(VXProxyInstance_t* app, const std::string& line)
 {
-    if (begins(line.c_str(), kReplyNotRunning)) {
+    if (vx::starts_with(line.c_str(), kReplyNotRunning)) {
         app->Server.retryForDataConn = 0;
         app->Server.retryForAutoSensorConn = 0;
-    } else if (begins(line.c_str(), kReplyRunning)) {
+    } else if (vx::starts_with(line.c_str(), kReplyRunning)) {
         app->Server.retryForDataConn = 1;
-    } else if (!begins(line.c_str(), kReplyOk)) {
+    } else if (!vx::starts_with(line.c_str(), kReplyOk)) {
         return drop_invalid(app, line.c_str());
     }
     const size_t proc = line.find(kProcIndex);
@@ -83,7 +76,7 @@ int reply_ok(VXProxyInstance_t* app, const std::string& line)
         control_connection_cleanup();
         return kReplyDrop;
     }
-    if (!agent_behind_proxy(app)) {
+    if (!vx_agent_behind_proxy(app)) {
         std::string protocols = line; /* the parser cuts its input */
         if (setProtocolFromResponseMessage(protocols.data()) == 1) return kReplySwitchProtocol;
     }
@@ -207,14 +200,14 @@ extern "C" int handle_vxc_con_res_msg(controlSocketBuffer_t* buf)
     const std::string line(text, lf ? static_cast<size_t>(lf - text) : strlen(text));
 
     if (line.find(kCollectorHeartBeat) != std::string::npos) return heartbeat_first(app, line);
-    if (begins(line.c_str(), kHostedOk)) {
+    if (vx::starts_with(line.c_str(), kHostedOk)) {
         /* STAND-IN (issue: collector failover): the hosted entry point's
          * answer is not read yet; the connection is dropped. */
         VX_ERROR("CONTROL_THREAD", "Closing Control Connection with SAAS");
         control_connection_cleanup();
         return kReplyDrop;
     }
-    if (begins(line.c_str(), kHostedError)) {
+    if (vx::starts_with(line.c_str(), kHostedError)) {
         VX_ERROR("CONTROL_THREAD", "Error Received: '%s'", line.c_str());
         control_connection_cleanup();
         return kReplyDrop;

@@ -24,11 +24,6 @@ namespace {
 constexpr int kControlIoTimeoutSeconds = 30;
 constexpr apr_interval_time_t kWaitSlice = 100000; /* 100 ms */
 
-bool agent_behind_proxy(const VXProxyInstance_t* app)
-{
-    return app->VXSys.proxyMode && !VXProxy.proxyServerFlag;
-}
-
 /* Wait `us` microseconds; returns early (true) when shutdown asks the thread
  * to end, which keeps shutdown within its bound during a retry wait. */
 bool wait_or_shutdown(apr_interval_time_t us)
@@ -53,7 +48,7 @@ bool wait_or_shutdown(apr_interval_time_t us)
 /* Step 3 of the connect loop: where to connect now. */
 void pick_target(VXProxyInstance_t* app, char** host, int* port)
 {
-    if (agent_behind_proxy(app)) {
+    if (vx_agent_behind_proxy(app)) {
         *host = app->VXSys.proxyIP;
         *port = app->VXSys.proxyPort;
         return;
@@ -94,7 +89,7 @@ void pick_target(VXProxyInstance_t* app, char** host, int* port)
  * no configuration can be read. */
 bool prepare(VXProxyInstance_t* app)
 {
-    if (!agent_behind_proxy(app)) {
+    if (!vx_agent_behind_proxy(app)) {
         app->ActiveAgentProtocolIndex = 3;
         app->lws_active = 1;
     }
@@ -151,7 +146,7 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
     char err[256] = "";
     if (create_control_conn(app, host, port, err, sizeof err, conn.pool()) != 0) {
         app->VXSys.closeCtrlConFlag = 1;
-        if (agent_behind_proxy(app))
+        if (vx_agent_behind_proxy(app))
             VX_ERROR("CONTROL_THREAD",
                      "Socket was not created and retry after 60seconds with server(Proxy) %s:%d.",
                      host ? host : "", port);
@@ -326,7 +321,7 @@ extern "C" void get_ip_and_port(void)
     }
     vx::copy_text(c.sourceIp, sizeof c.sourceIp, app->VXBCISetting.serverIp);
     c.srcPort = app->VXBCISetting.bciPort;
-    if (agent_behind_proxy(app)) {
+    if (vx_agent_behind_proxy(app)) {
         vx::copy_text(c.dstIp, sizeof c.dstIp, app->VXSys.proxyIP);
         c.dstPort = app->VXSys.proxyPort;
     } else if (app->active_vxc) {

@@ -27,11 +27,6 @@ thread_local apr_thread_t* tl_data_thread = nullptr;
 
 constexpr int kDataSendTimeoutSeconds = 5;
 
-bool agent_behind_proxy(const VXProxyInstance_t* app)
-{
-    return app->VXSys.proxyMode && !VXProxy.proxyServerFlag;
-}
-
 /* Step B and D of the loop: the control side is closing. */
 bool control_closing(const VXProxyInstance_t* app)
 {
@@ -43,7 +38,7 @@ void data_target(VXProxyInstance_t* app, char** host, int* port)
 {
     *host = nullptr;
     *port = 0;
-    if (agent_behind_proxy(app)) {
+    if (vx_agent_behind_proxy(app)) {
         *host = app->VXSys.proxyIP;
         *port = app->VXSys.proxyPort;
     } else if (app->active_vxc) {
@@ -57,7 +52,7 @@ void sleep_ms(long long ms) { apr_sleep(apr_time_from_msec(ms)); }
 /* The records that open a connection to the collector. */
 void dump_opening_records(VXProxyInstance_t* app)
 {
-    if (agent_behind_proxy(app)) return; /* the proxy writes its own */
+    if (vx_agent_behind_proxy(app)) return; /* the proxy writes its own */
     dumpNewConnectionRecord();
     /* STAND-IN (issue: metadata replay): a new session's metadata are
      * replayed here; until the caches exist only the method table's record 5

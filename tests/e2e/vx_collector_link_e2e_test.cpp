@@ -15,16 +15,6 @@
 
 namespace {
 
-class AprEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        apr_initialize();
-        signal(SIGPIPE, SIG_IGN);
-    }
-};
-const auto* const kApr = ::testing::AddGlobalTestEnvironment(new AprEnvironment);
-
 /* The sequence numbers of the e2e records ("100,<seq>,e2e") of a connection. */
 std::vector<long long> sequence(const std::vector<std::string>& lines)
 {

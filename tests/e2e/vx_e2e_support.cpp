@@ -1,6 +1,8 @@
 #include "vx_e2e_support.h"
 
+#include <apr_general.h>
 #include <apr_time.h>
+#include <gtest/gtest.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -18,6 +20,17 @@
 namespace e2e {
 
 namespace {
+
+/* APR for the whole test binary; a peer that goes away must not end it. */
+class AprEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        apr_initialize();
+        signal(SIGPIPE, SIG_IGN);
+    }
+};
+const auto* const kApr = ::testing::AddGlobalTestEnvironment(new AprEnvironment);
 
 std::vector<std::string> read_lines(const std::string& path)
 {

@@ -22,16 +22,6 @@
 
 namespace {
 
-class AprEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        apr_initialize();
-        signal(SIGPIPE, SIG_IGN);
-    }
-};
-const auto* const kApr = ::testing::AddGlobalTestEnvironment(new AprEnvironment);
-
 constexpr long long kEpochSeconds = 1388534400; /* the session's time origin */
 
 /* The keywords of a plain session: every transaction captured, a profile of

@@ -77,11 +77,6 @@ constexpr char kThreadDump[] = "vx_meta_data_req:action=get_thread_dump;";
 constexpr char kStructured[] = "VexlaneMessage 2.0;";
 constexpr long long kDefaultEpochOrigin = 1388534400000LL; /* 2014-01-01 00:00:00 UTC */
 
-int send_text(const char* text)
-{
-    return controlConnectionSendBuffer(const_cast<char*>(text), static_cast<int>(strlen(text)));
-}
-
 /* The collector's origin of time, and its clock difference. */
 void synchronise_time(Server_t& srv)
 {
@@ -156,7 +151,7 @@ void handle_modify(VXProxyInstance_t* app, char* clientMsg)
             "vx_control_rep:result=Error:<Unable to process modify message because of stop "
             "instrument recieved or startInstrument not recieved.\n";
         VX_ERROR("CONTROL_THREAD", "%s", answer);
-        send_text(answer);
+        controlConnectionSendText(answer);
         return;
     }
     app->isRunTime = 1;
@@ -167,11 +162,11 @@ void handle_modify(VXProxyInstance_t* app, char* clientMsg)
 void handle_meta_data(VXProxyInstance_t* app)
 {
     if (!app->Server.testRunRunning) {
-        send_text("vx_meta_data_rep:action=send_meta_data;result=Error :<No test running.>\n");
+        controlConnectionSendText("vx_meta_data_rep:action=send_meta_data;result=Error :<No test running.>\n");
         return;
     }
     /* STAND-IN (issue: metadata replay): the caches are replayed here. */
-    send_text("vx_meta_data_rep:status=complete;\n");
+    controlConnectionSendText("vx_meta_data_rep:status=complete;\n");
 }
 
 }  // namespace
@@ -261,7 +256,7 @@ extern "C" void sendResponseToVXC(void)
 
 extern "C" void sendResponseOfStopInstrumentation(void)
 {
-    send_text("vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;\n");
+    controlConnectionSendText("vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;\n");
 }
 
 extern "C" void closeCurrentControlConnection(void)
@@ -270,6 +265,11 @@ extern "C" void closeCurrentControlConnection(void)
     app->Server.controlCommunicationBusyFlag = 0;
     app->Server.InstrumentationBusy = 0;
     app->VXSys.closeCtrlConFlag = 1;
+}
+
+extern "C" int controlConnectionSendText(const char* text)
+{
+    return controlConnectionSendBuffer(const_cast<char*>(text), static_cast<int>(strlen(text)));
 }
 
 extern "C" int controlConnectionSendBuffer(char* buffer, int len)

@@ -30,6 +30,8 @@ void closeCurrentControlConnection(void);
 
 /* Send raw bytes on the control connection. The count sent, or negative. */
 int controlConnectionSendBuffer(char* buffer, int len);
+/* The same for a terminated text. */
+int controlConnectionSendText(const char* text);
 
 /* Counters at session start and after a reroute. */
 void setAllFlagAndCountVars(void);

@@ -40,11 +40,6 @@ void clear_slot(keywordInfo& slot)
     slot.size = slot.lmd = 0;
 }
 
-int send_line(const char* text)
-{
-    return controlConnectionSendBuffer(const_cast<char*>(text), static_cast<int>(strlen(text)));
-}
-
 /* Reading the reply of one fetch: a line at a time, with what follows the
  * line kept for the body. The whole fetch ends after TimeOut, so a collector
  * that talks of other things cannot hold the control thread. */
@@ -127,7 +122,7 @@ void give_up_on(const char* keyword, const char* got)
                      "Expecting response for '%s' but Timeout has occured while reading data from "
                      "VXC. Closing control connection.\n",
                      keyword);
-        send_line(text);
+        controlConnectionSendText(text);
         app()->VXSys.closeCtrlConFlag = 1;
     } else if (got) {
         VX_ERROR("CONTROL_THREAD",
@@ -200,7 +195,7 @@ char* getFileFromVXC(char* keyword, int kwIdx)
     keywordInfo& slot = app()->kywdInfo[kwIdx];
     char request[kLineSize];
     snprintf(request, sizeof request, "vx_control_req:action=send_file;keyword=%s;\n", keyword);
-    send_line(request);
+    controlConnectionSendText(request);
     FetchReader reader;
     char line[kLineSize];
     bool timed_out = false;
@@ -211,7 +206,7 @@ char* getFileFromVXC(char* keyword, int kwIdx)
         if (strstr(line, kFileFailed)) {
             VX_ERROR("CONTROL_THREAD",
                      "Response from VXC: File Not Present at Time '%s'. Going to read again.", keyword);
-            send_line(request);
+            controlConnectionSendText(request);
             r = reader.line(line);
             if (r == -2 || r == -4 || r == -5) return nullptr;
             if (r == -3) timed_out = true;
@@ -243,7 +238,7 @@ char* getInstProfileFile(char* keyword, int kwIdx)
     snprintf(request, sizeof request,
              "vx_control_req:action=send_instrumentation_profile;status=%s;instrProfile=%s\n",
              a->Server.statusValue, name);
-    send_line(request);
+    controlConnectionSendText(request);
     const int pause = VXProxy.proxyServerFlag ? kProxyProfileRetrySeconds : kProfileRetrySeconds;
     FetchReader reader;
     char line[kLineSize];
@@ -270,7 +265,7 @@ char* getInstProfileFile(char* keyword, int kwIdx)
         }
         if (strstr(line, kProfileFailed)) {
             apr_sleep(apr_time_from_sec(pause));
-            send_line(request);
+            controlConnectionSendText(request);
             failed_once = true;
             continue;
         }

@@ -14,10 +14,10 @@
 #include <sys/stat.h>
 
 #include "core/vx_hashmap.h"
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "flowpath/vx_method_table.h"
-#include "link/vx_session.h"
+#include "session/vx_session.h"
 #include "vx_sdk.h"
 
 /* Heap allocations are counted by interposing malloc in this binary: the

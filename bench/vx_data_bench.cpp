@@ -47,12 +47,12 @@
 #include <string>
 #include <thread>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "core/vx_thread.h"
 #include "link/vx_data_buffers.h"
 #include "link/vx_data_dispatcher.h"
-#include "link/vx_session.h"
+#include "session/vx_session.h"
 #include "server.h"
 #include "vx_sdk.h"
 

@@ -19,9 +19,9 @@
 #include <string>
 #include <vector>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
-#include "core/vx_sdk_api_private.h"
+#include "agent/vx_sdk_api_private.h"
 #include "vx_example_host.h"
 
 namespace {

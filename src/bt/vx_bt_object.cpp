@@ -7,10 +7,10 @@
 #include <apr_strings.h>
 
 #include "core/vx_hashmap.h"
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
-#include "link/vx_data_dispatcher.h"
+#include "core/vx_record_door.h"
 
 namespace {
 
@@ -20,10 +20,7 @@ constexpr int kDefaultMaxBTCount = 256;
 void dump_bt_record(const BTObject* bt)
 {
     char buf[vx::kMetaRecordSize];
-    int n = snprintf(buf, sizeof buf, "7,%d,%s\n", bt->bt_id, bt->bt_name);
-    if (n < 0) return;
-    if (n >= static_cast<int>(sizeof buf)) n = static_cast<int>(sizeof buf) - 1;
-    dumpData(buf, n);
+    vx::dump_record(buf, sizeof buf, "7,%d,%s\n", bt->bt_id, bt->bt_name);
 }
 
 /* A new BT from the manager's pool; the caller holds bt_obj_map_lock. */

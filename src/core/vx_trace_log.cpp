@@ -10,7 +10,7 @@
 #include <ctime>
 #include <string_view>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "core/vx_thread.h"
 

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 
 extern "C" void dbMethodEntry(VXPerThreadData_t* vxTD, long long startTime, char* originalQuery,
                               char* backendName, char* DBQueryParam)

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 

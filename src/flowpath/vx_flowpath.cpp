@@ -10,7 +10,7 @@
 #include "bt/vx_bt_object.h"
 #include "core/vx_encode.h"
 #include "core/vx_hashmap.h"
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_text_writer.h"
@@ -22,7 +22,7 @@
 #include "flowpath/vx_session_cookie.h"
 #include "flowpath/vx_td_key_map.h"
 #include "http/vx_trace_context.h"
-#include "link/vx_data_dispatcher.h"
+#include "core/vx_record_door.h"
 #include "monitor/vx_bt_monitor.h"
 #include "proxy/vx_frame_encoder.h"
 
@@ -30,22 +30,7 @@ namespace {
 
 constexpr char kUnknownUrl[] = "UnknownUrl";
 
-/* A record being formatted into a fixed buffer; output past the end is cut,
- * which is how every record is bounded. */
-class RecordBuffer : public vx::TextWriter {
-public:
-    RecordBuffer() : vx::TextWriter(buf_, sizeof buf_) {}
-    /* The line, ended by a newline unless it was cut. */
-    void send()
-    {
-        put('\n');
-        finish();
-        dumpData(buf_, static_cast<int>(stored()));
-    }
-
-private:
-    char buf_[vx::kFlowpathRecordSize];
-};
+using RecordBuffer = vx::RecordBuffer<vx::kFlowpathRecordSize>;
 
 /* The instance as it stands in records: "%lld", with "F" when forced. */
 void add_instance(RecordBuffer& r, long long value, bool forced)

@@ -10,7 +10,7 @@
 
 #include "core/vx_encode.h"
 #include "core/vx_hashmap.h"
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_text_writer.h"
@@ -22,7 +22,7 @@
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_td_key_map.h"
 #include "http/vx_header_ids.h"
-#include "link/vx_data_dispatcher.h"
+#include "core/vx_record_door.h"
 #include "monitor/vx_backend_monitor.h"
 #include "proxy/vx_frame_encoder.h"
 
@@ -589,11 +589,8 @@ extern "C" void dump19RecordForSpecificMethodArg(VXPerThreadData_t* vxTD, int mi
     if (!header) return;
     ++vxTD->seqNum;
     char buf[vx::kMetaRecordSize];
-    int n = snprintf(buf, sizeof buf, "19,%lld,2:%d:%lld:%d:1:<%s>|\n", vxTD->flowpathInstance, mid,
-                     vxTD->seqNum, header->id, value ? value : "");
-    if (n < 0) return;
-    if (n >= static_cast<int>(sizeof buf)) n = static_cast<int>(sizeof buf) - 1;
-    dumpData(buf, n);
+    vx::dump_record(buf, sizeof buf, "19,%lld,2:%d:%lld:%d:1:<%s>|\n", vxTD->flowpathInstance, mid,
+                    vxTD->seqNum, header->id, value ? value : "");
 }
 
 extern "C" void updateDebugModeData(VXPerThreadData_t* vxTD, int mid, int eventID)
@@ -618,8 +615,7 @@ extern "C" void dumpDataForDebug(VXPerThreadData_t* vxTD)
     if (!app || !vxTD || vxTD->debugModeLen == 0) return;
     if (app->VXSys.dumpDebugData) {
         char buf[vx::kMetaRecordSize];
-        int n = snprintf(buf, sizeof buf, "%d,%lld,%s\n", 100, vxTD->flowpathInstance, vxTD->debugModeBuf);
-        if (n > 0) dumpData(buf, n < static_cast<int>(sizeof buf) ? n : static_cast<int>(sizeof buf) - 1);
+        vx::dump_record(buf, sizeof buf, "%d,%lld,%s\n", 100, vxTD->flowpathInstance, vxTD->debugModeBuf);
     }
     /* The buffer belongs to one flowpath: it is emptied once reported. */
     vxTD->debugModeLen = 0;
@@ -630,8 +626,7 @@ extern "C" void dumpStackTraceData(char* stacktrace)
 {
     if (!stacktrace) return;
     char buf[vx::kFlowpathRecordSize];
-    int n = snprintf(buf, sizeof buf, "%d:%s\n", 100, stacktrace);
-    if (n > 0) dumpData(buf, n < static_cast<int>(sizeof buf) ? n : static_cast<int>(sizeof buf) - 1);
+    vx::dump_record(buf, sizeof buf, "%d:%s\n", 100, stacktrace);
 }
 
 extern "C" void CreateMdata(int methodid, long long startTime, long long start_mCPUTime,

@@ -8,12 +8,12 @@
 #include <string_view>
 
 #include "core/vx_encode.h"
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
-#include "link/vx_data_dispatcher.h"
+#include "core/vx_record_door.h"
 #include "monitor/vx_backend_monitor.h"
 
 namespace {
@@ -112,10 +112,7 @@ void dump_method_record(methodPropProperties* m)
 {
     if (!data_thread_running()) return;
     char buf[vx::kMetaRecordSize];
-    int n = snprintf(buf, sizeof buf, "5,%s,%d\n", m->methodName, m->methodId);
-    if (n < 0) return;
-    if (n >= static_cast<int>(sizeof buf)) n = static_cast<int>(sizeof buf) - 1;
-    dumpData(buf, n);
+    vx::dump_record(buf, sizeof buf, "5,%s,%d\n", m->methodName, m->methodId);
 }
 
 /* Record 5 for a method the collector has not seen: with its signature when
@@ -416,11 +413,8 @@ extern "C" void dumpMetadataForSig(methodPropProperties* mPP)
         used += static_cast<size_t>(n);
     }
     char buf[kKeySize];
-    int n = snprintf(buf, sizeof buf, "5,%s(%s)%s,%d\n", mPP->methodName, args,
-                     mPP->methodRetType ? mPP->methodRetType : "", mPP->methodId);
-    if (n < 0) return;
-    if (n >= static_cast<int>(sizeof buf)) n = static_cast<int>(sizeof buf) - 1;
-    dumpData(buf, n);
+    vx::dump_record(buf, sizeof buf, "5,%s(%s)%s,%d\n", mPP->methodName, args,
+                    mPP->methodRetType ? mPP->methodRetType : "", mPP->methodId);
 }
 
 extern "C" methodPropProperties* make_node_copy(methodPropProperties* in)
@@ -727,6 +721,14 @@ extern "C" void free_methodHashMapNode(void)
     last->next = t->retired;
     t->retired = current;
     __atomic_store_n(&t->methodHashMapNode, static_cast<node_t*>(nullptr), __ATOMIC_RELEASE);
+}
+
+void vx::retire_method_table(node_t* expected)
+{
+    VXMethodTable_t* t = table();
+    if (!t) return;
+    vx::VXLockGuard guard(t->methodEntryLock);
+    if (t->methodHashMapNode == expected) free_methodHashMapNode();
 }
 
 extern "C" int isMethodInHashMap(char* mName) VX_NOEXCEPT

@@ -160,4 +160,10 @@ void hashMapForAgent(void);
 void dumpMethodTableMetaData(void);
 }
 
+namespace vx {
+/* free_methodHashMapNode, only while `expected` is still the current
+ * generation: a table that a newer session made stays. */
+void retire_method_table(node_t* expected);
+}
+
 #endif

@@ -8,14 +8,14 @@
 #include <vector>
 
 #include "core/vx_hashmap.h"
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_flowpath.h"
 #include "flowpath/vx_method_events.h"
-#include "link/vx_data_dispatcher.h"
+#include "core/vx_record_door.h"
 #include "monitor/vx_bt_monitor.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_limits.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_per_thread_data.h"

@@ -3,7 +3,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 

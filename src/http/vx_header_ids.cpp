@@ -2,7 +2,7 @@
 
 #include <apr_strings.h>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_thread.h"
 
 extern "C" httpHashMapNode_t* searchAndUpdatehttpHashMapNode(char* name, void* httpHashMapNodeLocal,

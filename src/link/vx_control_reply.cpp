@@ -6,14 +6,14 @@
 #include <cstring>
 #include <string>
 
-#include "core/vx_bci_setting.h"
-#include "core/vx_instance.h"
+#include "agent/vx_bci_setting.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
-#include "core/vx_settings.h"
+#include "agent/vx_settings.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "link/vx_collector_failover.h"
-#include "link/vx_control_dispatch.h"
+#include "link/vx_control_link.h"
 #include "link/vx_control_thread.h"
 
 namespace {

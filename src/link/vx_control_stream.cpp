@@ -7,12 +7,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
-#include "core/vx_sys.h"
+#include "agent/vx_sys.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
-#include "link/vx_control_dispatch.h"
+#include "link/vx_control_link.h"
 #include "link/vx_control_thread.h"
 #include "link/vx_lws_transport.h"
 
@@ -110,7 +110,7 @@ extern "C" void processControlConnectionMessage(controlSocketBuffer_t* buf)
                 return;
             }
             *lf = '\0';
-            handleReceivedClientMessageFromVXCollector(start);
+            vx::control_message_dispatch(start);
             if (!VXProxy.proxyServerFlag && (app->VXSys.closeCtrlConFlag == 1 || closeCtrlThread))
                 return;
             consumed = static_cast<int>(lf - start) + 1;

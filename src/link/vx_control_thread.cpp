@@ -6,10 +6,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/vx_bci_setting.h"
-#include "core/vx_instance.h"
+#include "agent/vx_bci_setting.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
-#include "core/vx_settings.h"
+#include "agent/vx_settings.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "link/vx_collector_failover.h"
@@ -24,9 +24,9 @@ namespace {
 constexpr int kControlIoTimeoutSeconds = 30;
 constexpr apr_interval_time_t kWaitSlice = 100000; /* 100 ms */
 
-/* Wait `us` microseconds; returns early (true) when shutdown asks the thread
- * to end, which keeps shutdown within its bound during a retry wait. */
-bool wait_or_shutdown(apr_interval_time_t us)
+}  // namespace
+
+bool vx::wait_or_shutdown(apr_interval_time_t us)
 {
     for (apr_interval_time_t waited = 0; waited < us; waited += kWaitSlice) {
         if (closeCtrlThread) return true;
@@ -34,6 +34,8 @@ bool wait_or_shutdown(apr_interval_time_t us)
     }
     return closeCtrlThread != 0;
 }
+
+namespace {
 
 [[noreturn]] void end_thread(apr_thread_t* thread)
 {
@@ -156,7 +158,7 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
                      "'%s', vxcPort = '%d' . Error : '%s'.",
                      host ? host : "", port, err);
         conn.close();
-        if (wait_or_shutdown(policy.time_interval)) end_thread(thread);
+        if (vx::wait_or_shutdown(policy.time_interval)) end_thread(thread);
         ++policy.count;
         return Next::kRetry;
     }
@@ -172,7 +174,7 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
         conn.close();
         if (app->isMasterVxc) app->connectionStatus = 1;
         VX_ERROR("CONTROL_THREAD", "Control connection was closed");
-        if (wait_or_shutdown(policy.time_interval)) end_thread(thread);
+        if (vx::wait_or_shutdown(policy.time_interval)) end_thread(thread);
         return Next::kLeave;
     }
     if (app->lws_active == 1) get_ip_and_port();
@@ -214,7 +216,7 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
         /* STAND-IN (issue: UDP agents): close_udp_thread also ends the
          * proxy's UDP side here once it exists. */
         if (app->close_udp_thread || closeCtrlThread) end_thread(thread);
-        if (wait_or_shutdown(policy.time_interval)) end_thread(thread);
+        if (vx::wait_or_shutdown(policy.time_interval)) end_thread(thread);
         return Next::kRestart;
     }
     if (app->close_udp_thread) {
@@ -354,7 +356,7 @@ extern "C" void* APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t* thread, 
                 break;
             }
             if (app->check_for_lmd && check_file_size_of_vxsetting_files(1)) break;
-            if (wait_or_shutdown(policy.time_interval)) end_thread(thread);
+            if (vx::wait_or_shutdown(policy.time_interval)) end_thread(thread);
             app->check_for_lmd = 1;
         }
         if (app->vx_dr_state && app->Server.isClusterMode == 0) {

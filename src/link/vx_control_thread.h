@@ -38,4 +38,10 @@ void control_connection_cleanup(void);
 void get_ip_and_port(void);
 }
 
+namespace vx {
+/* Wait `us` microseconds in slices; returns early (true) when shutdown asks
+ * the library's threads to end, which keeps shutdown within its bound. */
+bool wait_or_shutdown(apr_interval_time_t us);
+}
+
 #endif

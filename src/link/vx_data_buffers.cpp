@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 

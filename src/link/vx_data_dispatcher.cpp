@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "link/vx_data_buffers.h"
@@ -41,9 +41,7 @@ void dump_text_record(const char* format, int number, const char* text)
 {
     char* rec = static_cast<char*>(malloc(vx::kTagRecordSize));
     if (!rec) return;
-    int n = snprintf(rec, vx::kTagRecordSize, format, number, text);
-    if (n >= vx::kTagRecordSize) n = vx::kTagRecordSize - 1;
-    if (n > 0) dumpData(rec, n);
+    vx::dump_record(rec, vx::kTagRecordSize, format, number, text);
     free(rec);
 }
 
@@ -187,9 +185,7 @@ extern "C" void dumpNewConnectionRecord(void)
 {
     VXProxyInstance_t* app = vx_app();
     char rec[vx::kMetaRecordSize];
-    int n = snprintf(rec, sizeof rec, "\n%d,NewConnection,FPGVersion:%s\n", 99, app->Server.fpgVID);
-    if (n >= static_cast<int>(sizeof rec)) n = sizeof rec - 1;
-    dumpData(rec, n);
+    vx::dump_record(rec, sizeof rec, "\n%d,NewConnection,FPGVersion:%s\n", 99, app->Server.fpgVID);
 }
 
 extern "C" void tag_record(void)

@@ -12,10 +12,9 @@
 #ifndef VX_DATA_DISPATCHER_H
 #define VX_DATA_DISPATCHER_H
 
+#include "core/vx_record_door.h"
+
 extern "C" {
-/* Offer one record line of `len` bytes. Any thread; never blocks. Dropped
- * without a count while no session runs. */
-void dumpData(char* data, int len);
 
 /* Drain the read list onto the data connection. 0 when it is empty, 1 when
  * the socket took nothing (try again later), -1 when the connection broke:
@@ -26,9 +25,6 @@ int processDataLws(void);
 /* processData or processDataLws by the transport in use. */
 int dataConnService(void);
 
-/* Best effort before a stop: publish the partial buffer, then up to 100
- * passes of dataConnService. */
-void flushCommonData(void);
 
 /* One tick of the data connection's heartbeat (a bare line feed every
  * vxcBciDataConnectionHeartBeat ticks). */

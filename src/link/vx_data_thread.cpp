@@ -5,14 +5,12 @@
 
 #include <cstring>
 
-#include "bt/vx_bt_object.h"
-#include "core/vx_instance.h"
-#include "core/vx_settings.h"
+#include "agent/vx_instance.h"
+#include "core/vx_record_door.h"
+#include "agent/vx_settings.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
-#include "flowpath/vx_method_table.h"
-#include "flowpath/vx_per_thread_data.h"
 #include "link/vx_data_buffers.h"
 #include "link/vx_data_dispatcher.h"
 #include "link/vx_lws_transport.h"
@@ -54,10 +52,7 @@ void dump_opening_records(VXProxyInstance_t* app)
 {
     if (vx_agent_behind_proxy(app)) return; /* the proxy writes its own */
     dumpNewConnectionRecord();
-    /* STAND-IN (issue: metadata replay): a new session's metadata are
-     * replayed here; until the caches exist only the method table's record 5
-     * is. */
-    if (app->Server.doNotDumpMetaData == 1) dumpMethodTableMetaData();
+    vx::data_hooks_run(vx::DataHook::kConnected);
     if (app->VXSys.enableTagsSupport) {
         tag_record();
         attr_record();
@@ -160,10 +155,10 @@ extern "C" int checkAndStopThread(void)
     stopping = true;
     VX_ERROR("DATA_THREAD", "BCI Data thread is to be stopped. Server.isTenRecordDump = %d.",
              srv.isTenRecordDump);
-    dumpFpFromBusyList();
+    vx::data_hooks_run(vx::DataHook::kStopping);
     if (!srv.isTenRecordDump) dumpVxDataOverRecord();
     flushCommonData();
-    free_agent_data();
+    vx::data_hooks_run(vx::DataHook::kSessionFree);
     stopping = false;
     clean_data_thread();
     return 1;
@@ -193,22 +188,6 @@ extern "C" void clean_data_thread(void)
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD", "Data thread ends");
     app->VXBCISetting.data_thread_running = 0;
     apr_thread_exit(tl_data_thread, APR_SUCCESS);
-}
-
-extern "C" void free_agent_data(void)
-{
-    VXProxyInstance_t* app = vx_app();
-    /* STAND-IN (issues: SQL, monitors, tags): the prepared-query lookup, the
-     * BT monitor slots and the BT tags are freed here once they exist. */
-    VXBTManagerReset();
-    if (app->methodTable.methodHashMapNode) {
-        /* In-flight method events hold the table: let them drain first. */
-        const char running = app->Server.testRunRunning;
-        app->Server.testRunRunning = 0;
-        apr_sleep(apr_time_from_sec(vx::kMetaDrainSeconds));
-        free_methodHashMapNode();
-        app->Server.testRunRunning = running;
-    }
 }
 
 extern "C" int check_data_thread(void)

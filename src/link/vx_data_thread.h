@@ -31,8 +31,6 @@ void close_data_connection(void);
 /* Close the connection and end the calling data thread; does not return. */
 void clean_data_thread(void);
 
-/* Free the session's tables at its end. */
-void free_agent_data(void);
 void get_data_ip_and_port(void);
 
 /* The data connection to the proxy or the active collector; 0 when a socket

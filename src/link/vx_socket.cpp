@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 

@@ -38,9 +38,9 @@
 
 #include "vx_sdk.h"
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "link/vx_data_dispatcher.h"
-#include "link/vx_session.h"
+#include "session/vx_session.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_trace_log.h"
 #include "vx_sdk.h"
 #include "vx_test_support.h"

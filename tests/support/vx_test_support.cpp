@@ -9,11 +9,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "core/vx_trace_log.h"
 #include "link/vx_data_dispatcher.h"
-#include "link/vx_session.h"
+#include "session/vx_session.h"
 #include "vx_sdk.h"
 
 namespace vx_test {

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "core/vx_hashmap.h"
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "core/vx_stack.h"
 #include "core/vx_thread.h"

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "core/vx_instance.h"
-#include "core/vx_settings.h"
+#include "agent/vx_instance.h"
+#include "agent/vx_settings.h"
 #include "link/vx_collector_failover.h"
 #include "link/vx_control_reply.h"
 #include "link/vx_control_stream.h"

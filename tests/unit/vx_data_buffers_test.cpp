@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "link/vx_data_buffers.h"
 #include "link/vx_data_dispatcher.h"
 #include "proxy/vx_proxy_state.h"

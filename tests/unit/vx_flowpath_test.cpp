@@ -9,7 +9,7 @@
 #include <ostream>
 #include <string>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "flowpath/vx_flowpath.h"
 #include "http/vx_trace_context.h"
 #include "vx_sdk.h"

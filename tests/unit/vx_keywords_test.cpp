@@ -3,7 +3,7 @@
  * messages apply fields and how a field is stored, the parsers, the session
  * defaults, and the helpers of file keywords.
  */
-#include "core/vx_keywords.h"
+#include "session/vx_keywords.h"
 
 #include <gtest/gtest.h>
 
@@ -14,12 +14,12 @@
 #include <string>
 #include <vector>
 
-#include "core/vx_feature_settings.h"
-#include "core/vx_instance.h"
-#include "core/vx_keyword_parsers.h"
+#include "agent/vx_feature_settings.h"
+#include "agent/vx_instance.h"
+#include "session/vx_keyword_parsers.h"
 #include "core/vx_text.h"
 #include "http/vx_trace_context.h"
-#include "link/vx_file_keywords.h"
+#include "session/vx_file_keywords.h"
 #include "vx_test_support.h"
 
 namespace {

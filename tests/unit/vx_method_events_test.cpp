@@ -7,8 +7,8 @@
 #include <cstring>
 #include <string>
 
-#include "core/vx_bci_setting.h"
-#include "core/vx_instance.h"
+#include "agent/vx_bci_setting.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "flowpath/vx_method_events.h"
 #include "flowpath/vx_method_table.h"

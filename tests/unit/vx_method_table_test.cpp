@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "vx_sdk.h"
 #include "vx_test_support.h"
 

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "vx_sdk.h"
 #include "vx_test_support.h"

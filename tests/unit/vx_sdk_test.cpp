@@ -18,11 +18,11 @@
 #include <string>
 #include <vector>
 
-#include "core/vx_host_callbacks.h"
-#include "core/vx_instance.h"
-#include "core/vx_sdk_api.h"
-#include "core/vx_sdk_api_private.h"
-#include "core/vx_sdk_log.h"
+#include "agent/vx_host_callbacks.h"
+#include "agent/vx_instance.h"
+#include "agent/vx_sdk_api.h"
+#include "agent/vx_sdk_api_private.h"
+#include "agent/vx_sdk_log.h"
 #include "vx_test_support.h"
 
 namespace {

@@ -2,7 +2,7 @@
  * and its precedence, the collector list, protocol lists, validation of the
  * collector address and sizes, instance naming, processes.conf and the
  * request lines. */
-#include "core/vx_settings.h"
+#include "agent/vx_settings.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "core/vx_bci_setting.h"
-#include "core/vx_instance.h"
+#include "agent/vx_bci_setting.h"
+#include "agent/vx_instance.h"
 #include "vx_test_support.h"
 
 namespace {

@@ -18,7 +18,7 @@
 #include <string>
 #include <thread>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "vx_test_support.h"
 
 namespace {

@@ -1,7 +1,8 @@
-#include "link/vx_session.h"
+#include "session/vx_session.h"
+#include "session/vx_session_data.h"
 
 #include "core/vx_hashmap.h"
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "flowpath/vx_method_table.h"
@@ -19,6 +20,7 @@ void session_start(int testIdx, long long klvEpochDiffTime, SessionData data)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
+    vx::session_register_hooks();
     g_mode = data;
     /* What the start sequence and the keyword defaults will set. */
     app->VXBackendMonitor.maxIPCount = kDefaultMaxIPCount;

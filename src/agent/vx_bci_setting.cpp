@@ -1,4 +1,4 @@
-#include "core/vx_bci_setting.h"
+#include "agent/vx_bci_setting.h"
 
 #include <strings.h>
 
@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "core/vx_encode.h"
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_trace_log.h"
 
 namespace {

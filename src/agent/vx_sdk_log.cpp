@@ -1,4 +1,4 @@
-#include "core/vx_sdk_log.h"
+#include "agent/vx_sdk_log.h"
 
 #include <strings.h>
 #include <unistd.h>

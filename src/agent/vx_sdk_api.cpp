@@ -1,4 +1,4 @@
-#include "core/vx_sdk_api.h"
+#include "agent/vx_sdk_api.h"
 
 #include <apr_time.h>
 #include <sys/stat.h>
@@ -11,11 +11,11 @@
 #include <cstring>
 
 #include "core/vx_hashmap.h"
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
-#include "core/vx_sdk_api_private.h"
-#include "core/vx_sdk_log.h"
-#include "core/vx_sys.h"
+#include "agent/vx_sdk_api_private.h"
+#include "agent/vx_sdk_log.h"
+#include "agent/vx_sys.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "diag/vx_exception_capture.h"

@@ -1,4 +1,4 @@
-#include "link/vx_control_dispatch.h"
+#include "session/vx_control_dispatch.h"
 
 #include <apr_time.h>
 #include <strings.h>
@@ -7,13 +7,15 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/vx_host_callbacks.h"
-#include "core/vx_instance.h"
-#include "core/vx_keywords.h"
+#include "agent/vx_host_callbacks.h"
+#include "agent/vx_instance.h"
+#include "session/vx_keywords.h"
 #include "flowpath/vx_method_table.h"
 #include "link/vx_data_dispatcher.h"
+#include "link/vx_control_thread.h"
 #include "link/vx_data_thread.h"
-#include "link/vx_file_keywords.h"
+#include "session/vx_session_data.h"
+#include "session/vx_file_keywords.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
@@ -23,46 +25,6 @@
 namespace {
 
 constexpr char kCollectorHeartBeat[] = "vx_control_req:action=reconnect;";
-constexpr int kHeartBeatFields = 10;
-
-}  // namespace
-
-extern "C" void handleCollectorHeartBeat(char* clientMsg)
-{
-    VXProxyInstance_t* app = vx_app();
-    VXSys_t& sys = app->VXSys;
-    VX_TRACE(sys.controlTraceLevel, 2, "CONTROL_THREAD",
-             "Heartbeat from %s:%d, processes %d, connected for %lld ms", app->control.dstIp,
-             app->control.dstPort, app->processCount,
-             my_gettimeofday() - app->Server.lastConnectionTime);
-    char* fields[kHeartBeatFields];
-    const int n = vxlb_get_tokens_with_multi_delimiter(clientMsg, fields, const_cast<char*>(";"),
-                                                       kHeartBeatFields);
-    if (n < 3) return;
-    for (int i = 0; i < n; ++i) {
-        char key[1024];
-        char* value = split_key_value(fields[i], key);
-        if (!value) continue;
-        if (strcmp(key, "dataConnState") == 0) {
-            sys.dataConnState = atoi(value);
-            if (sys.dataConnState == 0)
-                VX_TRACE(sys.controlTraceLevel, 1, "CONTROL_THREAD",
-                         "Data connection is closed from VXC.");
-        } else if (strcmp(key, "AutosensorConnState") == 0) {
-            sys.autosensorConnState = atoi(value);
-            if (sys.autosensorConnState == 0)
-                VX_TRACE(sys.controlTraceLevel, 1, "CONTROL_THREAD",
-                         "AutoSensor connection is closed from VXC.Going to closing auto sensor "
-                         "connection.");
-        }
-    }
-    VX_TRACE(sys.controlTraceLevel, 2, "CONTROL_THREAD",
-             "Value of dataConnState = %d, autosensorConnState = %d.", sys.dataConnState,
-             sys.autosensorConnState);
-}
-
-namespace {
-
 constexpr char kStart[] = "vx_control_req:action=start_instrumentation";
 constexpr char kMetaData[] = "vx_meta_data_req:action=send_meta_data;";
 constexpr char kDiscover[] = "vxc_req:action=discover_loaded_classes";
@@ -133,7 +95,7 @@ void handle_stop(VXProxyInstance_t* app, char* clientMsg)
     srv.gettingstopInstrumenatation = 1;
     /* Minutes in 32 bits of microseconds, as the collector expects. */
     const unsigned int wait_us = static_cast<unsigned int>(srv.dumpremainingtstime) * 60u * 1000000u;
-    if (wait_us) apr_sleep(wait_us);
+    if (wait_us) vx::wait_or_shutdown(wait_us);
     srv.gettingstopInstrumenatation = 0;
     findStatusFromClientMsg(clientMsg);
     --srv.numberOfTestRunsTillNow;
@@ -259,23 +221,3 @@ extern "C" void sendResponseOfStopInstrumentation(void)
     controlConnectionSendText("vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;\n");
 }
 
-extern "C" void closeCurrentControlConnection(void)
-{
-    VXProxyInstance_t* app = vx_app();
-    app->Server.controlCommunicationBusyFlag = 0;
-    app->Server.InstrumentationBusy = 0;
-    app->VXSys.closeCtrlConFlag = 1;
-}
-
-extern "C" int controlConnectionSendText(const char* text)
-{
-    return controlConnectionSendBuffer(const_cast<char*>(text), static_cast<int>(strlen(text)));
-}
-
-extern "C" int controlConnectionSendBuffer(char* buffer, int len)
-{
-    VXProxyInstance_t* app = vx_app();
-    if (app->lws_active == 1) return send_control_data_via_lws_socket(buffer, len);
-    char err[256] = "";
-    return vxlb_send_n_bytes(app->control.skt, buffer, len, err, sizeof err);
-}

@@ -1,4 +1,4 @@
-#include "core/vx_keyword_parsers.h"
+#include "session/vx_keyword_parsers.h"
 
 #include <strings.h>
 
@@ -8,14 +8,14 @@
 #include <string>
 
 #include "bt/vx_bt_object.h"
-#include "core/vx_feature_settings.h"
-#include "core/vx_host_callbacks.h"
-#include "core/vx_instance.h"
+#include "agent/vx_feature_settings.h"
+#include "agent/vx_host_callbacks.h"
+#include "agent/vx_instance.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "http/vx_trace_context.h"
-#include "link/vx_file_keywords.h"
+#include "session/vx_file_keywords.h"
 
 vxAppLogStruct_t vxAppLogStruct = {};
 

@@ -15,23 +15,12 @@
 #ifndef VX_CONTROL_DISPATCH_H
 #define VX_CONTROL_DISPATCH_H
 
+#include "link/vx_control_link.h"
+
 extern "C" {
 
 /* One line without its line feed; the line may be cut in place. */
 void handleReceivedClientMessageFromVXCollector(char* clientMsg);
-
-/* The collector's heartbeat: reads dataConnState and AutosensorConnState
- * when the line has at least three ";" fields. Cuts the line in place. */
-void handleCollectorHeartBeat(char* clientMsg);
-
-/* Ask the control thread to close the connection (it does so on its next
- * pass); the session's busy flags fall. */
-void closeCurrentControlConnection(void);
-
-/* Send raw bytes on the control connection. The count sent, or negative. */
-int controlConnectionSendBuffer(char* buffer, int len);
-/* The same for a terminated text. */
-int controlConnectionSendText(const char* text);
 
 /* Counters at session start and after a reroute. */
 void setAllFlagAndCountVars(void);

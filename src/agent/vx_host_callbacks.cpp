@@ -1,12 +1,12 @@
-#include "core/vx_host_callbacks.h"
+#include "agent/vx_host_callbacks.h"
 
 #include <cstdint>
 #include <cstdio>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
-#include "core/vx_sdk_log.h"
-#include "core/vx_sys.h"
+#include "agent/vx_sdk_log.h"
+#include "agent/vx_sys.h"
 
 callback_func agent_callback_func = nullptr;
 test_status test_status_func = nullptr;

@@ -1,4 +1,4 @@
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 
 VXProxyInstance_t* VXProxyInstance = nullptr;
 VXProxyInstance_t* VXProxyUdpInstance = nullptr;

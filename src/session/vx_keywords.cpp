@@ -1,18 +1,18 @@
-#include "core/vx_keywords.h"
+#include "session/vx_keywords.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "core/vx_bci_setting.h"
-#include "core/vx_feature_settings.h"
-#include "core/vx_instance.h"
-#include "core/vx_keyword_parsers.h"
+#include "agent/vx_bci_setting.h"
+#include "agent/vx_feature_settings.h"
+#include "agent/vx_instance.h"
+#include "session/vx_keyword_parsers.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_method_table.h"
-#include "link/vx_control_dispatch.h"
-#include "link/vx_file_keywords.h"
+#include "session/vx_control_dispatch.h"
+#include "session/vx_file_keywords.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "link/vx_file_keywords.h"
+#include "session/vx_file_keywords.h"
 
 #include <apr_time.h>
 #include <strings.h>
@@ -10,14 +10,14 @@
 #include <cstring>
 #include <string>
 
-#include "core/vx_instance.h"
-#include "core/vx_keywords.h"
+#include "agent/vx_instance.h"
+#include "session/vx_keywords.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_method_table.h"
-#include "link/vx_control_dispatch.h"
+#include "session/vx_control_dispatch.h"
 #include "link/vx_socket.h"
 
 namespace {

@@ -1,11 +1,11 @@
-#include "core/vx_sys.h"
+#include "agent/vx_sys.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 
-#include "core/vx_instance.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_method_events.h"

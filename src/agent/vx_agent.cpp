@@ -1,4 +1,4 @@
-#include "core/vx_agent.h"
+#include "agent/vx_agent.h"
 
 #include <apr_atomic.h>
 #include <apr_general.h>
@@ -12,18 +12,19 @@
 #include <unistd.h>
 
 #include "bt/vx_bt_object.h"
-#include "core/vx_bci_setting.h"
+#include "agent/vx_bci_setting.h"
 #include "core/vx_hashmap.h"
-#include "core/vx_instance.h"
-#include "core/vx_settings.h"
+#include "agent/vx_instance.h"
+#include "agent/vx_settings.h"
 #include "core/vx_text.h"
-#include "core/vx_sys.h"
+#include "agent/vx_sys.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "flowpath/vx_thread_id_map.h"
 #include "link/vx_control_thread.h"
+#include "session/vx_session_data.h"
 #include "monitor/vx_bt_monitor.h"
 
 int startedWithExc = 0;
@@ -163,6 +164,9 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
     if (apr_pool_create(&app->tlsPool.pool, app->control_pool) == APR_SUCCESS)
         app->tlsPool.tlsMutex = vx::mutex_create(app->tlsPool.pool);
     VXBTManagerInit();
+    /* The link runs what the session layer registered: command lines, and
+     * the data connection's opening and end. */
+    vx::session_register_hooks();
 
     if (connect_vxc <= 0) return;
 

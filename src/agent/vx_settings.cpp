@@ -1,4 +1,4 @@
-#include "core/vx_settings.h"
+#include "agent/vx_settings.h"
 
 #include <apr_network_io.h>
 #include <apr_strings.h>
@@ -10,10 +10,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/vx_bci_setting.h"
-#include "core/vx_instance.h"
+#include "agent/vx_bci_setting.h"
+#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
-#include "core/vx_sys.h"
+#include "agent/vx_sys.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "proxy/vx_proxy_state.h"

@@ -1,0 +1,49 @@
+#include "session/vx_session_data.h"
+
+#include <apr_time.h>
+
+#include "agent/vx_instance.h"
+#include "bt/vx_bt_object.h"
+#include "core/vx_record_door.h"
+#include "flowpath/vx_method_table.h"
+#include "flowpath/vx_per_thread_data.h"
+#include "link/vx_control_link.h"
+#include "link/vx_control_thread.h"
+#include "session/vx_control_dispatch.h"
+
+extern "C" void free_agent_data(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app) return;
+    /* STAND-IN (monitors, SQL, tags): their per-session tables are freed here
+     * once they exist. */
+    VXBTManagerReset();
+    node_t* table = __atomic_load_n(&app->methodTable.methodHashMapNode, __ATOMIC_ACQUIRE);
+    if (!table) return;
+    /* Method events already inside the table when the session's flag fell
+     * finish on it; the wait gives them time. */
+    vx::wait_or_shutdown(apr_time_from_sec(vx::kMetaDrainSeconds));
+    vx::retire_method_table(table);
+}
+
+namespace {
+
+/* A new data connection: the collector learns the method table again when
+ * the session asked not to resend metadata with each record. */
+void replay_metadata()
+{
+    VXProxyInstance_t* app = vx_app();
+    /* STAND-IN (metadata replay): BTs, backends, queries and tags follow the
+     * method table here once their caches exist. */
+    if (app && app->Server.doNotDumpMetaData == 1) dumpMethodTableMetaData();
+}
+
+}  // namespace
+
+void vx::session_register_hooks()
+{
+    vx::control_set_message_handler(handleReceivedClientMessageFromVXCollector);
+    vx::data_hook_register(vx::DataHook::kConnected, replay_metadata);
+    vx::data_hook_register(vx::DataHook::kStopping, dumpFpFromBusyList);
+    vx::data_hook_register(vx::DataHook::kSessionFree, free_agent_data);
+}

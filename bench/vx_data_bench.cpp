@@ -173,8 +173,8 @@ std::string newest_data_file()
 void ring_refill()
 {
     VXProxyInstance_t* a = app();
-    vx::VXLockGuard guard(a->bufferWriteLock);
-    while (nioSettings_t* node = a->VXCollectorBB) {
+    vx::VXLockGuard guard(a->dataChannel.bufferWriteLock);
+    while (nioSettings_t* node = a->dataChannel.VXCollectorBB) {
         node->use_len = node->send_len = 0;
         moveToWriteList();
     }
@@ -184,7 +184,7 @@ void ring_refill()
 void ring_empty()
 {
     ring_refill();
-    if (nioSettings_t* cur = app()->VXBCIAgentBB) cur->use_len = cur->send_len = 0;
+    if (nioSettings_t* cur = app()->dataChannel.VXBCIAgentBB) cur->use_len = cur->send_len = 0;
 }
 
 /* A session without a data thread, the two buffer locks and the ring, every
@@ -194,14 +194,14 @@ bool prepare_ring()
     VXProxyInstance_t* a = app();
     long long now = my_gettimeofday();
     vx::session_start(1, now - now % 86400000LL); /* records reach the ring; no data thread */
-    if (!a->data_pool && apr_pool_create(&a->data_pool, a->control_pool) != APR_SUCCESS)
+    if (!a->dataChannel.data_pool && apr_pool_create(&a->dataChannel.data_pool, a->control_pool) != APR_SUCCESS)
         return false;
-    if (!a->bufferWriteLock) a->bufferWriteLock = vx::mutex_create(a->data_pool);
-    if (!a->bufferMoveLock) a->bufferMoveLock = vx::mutex_create(a->data_pool);
+    if (!a->dataChannel.bufferWriteLock) a->dataChannel.bufferWriteLock = vx::mutex_create(a->dataChannel.data_pool);
+    if (!a->dataChannel.bufferMoveLock) a->dataChannel.bufferMoveLock = vx::mutex_create(a->dataChannel.data_pool);
     a->VXSys.bciDataBufferMaxSize = kBufferBytes;
-    if (!a->bufferWriteLock || !a->bufferMoveLock || buff_list_init() != 0) return false;
-    for (nioSettings_t* n = a->writeList; n; n = n->next) memset(n->buff, 0, n->buff_size);
-    return a->writeListSize > 0;
+    if (!a->dataChannel.bufferWriteLock || !a->dataChannel.bufferMoveLock || buff_list_init() != 0) return false;
+    for (nioSettings_t* n = a->dataChannel.writeList; n; n = n->next) memset(n->buff, 0, n->buff_size);
+    return a->dataChannel.writeListSize > 0;
 }
 
 /* dumpData of 200-byte records into an idle ring, from 1 and 2 threads.
@@ -225,7 +225,7 @@ void BM_DumpDataIdleRing(benchmark::State& state)
     make_record(rec, 1);
     long long refills = 0;
     for (auto _ : state) {
-        if (load(a->writeListSize) < kRingRefillBelow) {
+        if (load(a->dataChannel.writeListSize) < kRingRefillBelow) {
             state.PauseTiming();
             ring_refill();
             ++refills;
@@ -315,7 +315,7 @@ bool start_channel(std::string* why)
     long long now = my_gettimeofday();
     vx::session_start(1, now - now % 86400000LL, vx::SessionData::kDataThread);
     g_channel_started = true;
-    if (!wait_for([a] { return a->VXSys.dataConnState == 1 && a->dataSkt.skt; }, 10)) {
+    if (!wait_for([a] { return a->VXSys.dataConnState == 1 && a->dataChannel.dataSkt.skt; }, 10)) {
         *why = "the data connection did not open within 10 s";
         return false;
     }
@@ -378,15 +378,15 @@ void BM_DataChannelToCollector(benchmark::State& state)
     long long paced = 0;
     const int discards_before = load(a->VXSys.discardCount);
     apr_os_thread_t* data_thread = nullptr;
-    apr_os_thread_get(&data_thread, a->data_thread_id);
+    apr_os_thread_get(&data_thread, a->dataChannel.data_thread_id);
     const clockid_t sender = data_thread ? cpu_clock(*data_thread) : CLOCK_THREAD_CPUTIME_ID;
     const clockid_t receiver = cpu_clock(g_vxc_thread.native_handle());
     for (auto _ : state) {
         /* Start from an empty ring, so that the batch ends on a buffer boundary. */
         if (!wait_for(
                 [a] {
-                    return load(a->readListSize) == 0 && a->VXBCIAgentBB &&
-                           a->VXBCIAgentBB->use_len == 0;
+                    return load(a->dataChannel.readListSize) == 0 && a->dataChannel.VXBCIAgentBB &&
+                           a->dataChannel.VXBCIAgentBB->use_len == 0;
                 },
                 10)) {
             state.SkipWithError("the ring did not drain between batches");
@@ -398,7 +398,7 @@ void BM_DataChannelToCollector(benchmark::State& state)
         std::thread watcher = watch(
             &arrival, base, kStreamBytes, [] { return file_size(g_agent_file); }, sender, receiver);
         for (long long i = 0; i < kStreamRecords; ++i) {
-            while (load(a->writeListSize) < kPaceBelow) {
+            while (load(a->dataChannel.writeListSize) < kPaceBelow) {
                 ++paced;
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
@@ -617,7 +617,7 @@ bool start_collector_and_agent()
         fprintf(stderr, "the agent did not start\n");
         return false;
     }
-    if (!wait_for([a] { return a->control.skt && a->Server.lastConnectionTime; }, 20)) {
+    if (!wait_for([a] { return a->controlLink.control.skt && a->Server.lastConnectionTime; }, 20)) {
         fprintf(stderr, "the agent did not register with vxc-lite (see %s)\n", g_run_dir.c_str());
         return false;
     }

@@ -197,7 +197,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "the agent did not start: is VXHOME set to an existing directory?\n");
         return 1;
     }
-    if (!wait_for([app] { return app->Server.testRunRunning && app->dataSkt.skt; }, 40)) {
+    if (!wait_for([app] { return app->Server.testRunRunning && app->dataChannel.dataSkt.skt; }, 40)) {
         fprintf(stderr, "no session from the collector (see the agent's trace log)\n");
         example_host_stop();
         return 1;

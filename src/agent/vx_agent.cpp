@@ -43,15 +43,15 @@ void run_proxy_process() {}
 void start_control_thread(VXProxyInstance_t* app)
 {
     char err[256] = "";
-    app->control_thread_running = 1;
-    if (vxlb_thread_create(&app->control_thread_id, control_thread_entry_fun, app, err, sizeof err,
+    app->controlLink.control_thread_running = 1;
+    if (vxlb_thread_create(&app->controlLink.control_thread_id, control_thread_entry_fun, app, err, sizeof err,
                            app->control_pool) == 0) {
         VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                  "Control thread created successfully... '%lld'",
-                 static_cast<long long>(reinterpret_cast<intptr_t>(app->control_thread_id)));
+                 static_cast<long long>(reinterpret_cast<intptr_t>(app->controlLink.control_thread_id)));
     } else {
-        app->control_thread_id = nullptr;
-        app->control_thread_running = 0;
+        app->controlLink.control_thread_id = nullptr;
+        app->controlLink.control_thread_running = 0;
         VX_ERROR("CONTROL_THREAD", "Error in creating control thread... '%s'", err);
     }
 }
@@ -68,9 +68,9 @@ extern "C" void initializeVXApplicationGlobal(void)
     app->dataBufferSizeAS = 262144;
     app->methodTable.methodIDGlobal = 1;
     app->httpid = 1;
-    app->vx_dr_state = 0;
-    app->is_switch_over = 0;
-    app->isMasterVxc = 0;
+    app->controlLink.vx_dr_state = 0;
+    app->controlLink.is_switch_over = 0;
+    app->controlLink.isMasterVxc = 0;
     app->enable_DD_AI = 0;
     app->resourceMetaID = 1;
     app->instrumentSleep = 0;
@@ -172,7 +172,7 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
 
     apr_signal_init(app->control_pool);
     apr_signal(SIGPIPE, SIG_IGN);
-    if (!app->controlThreadTmpLock) app->controlThreadTmpLock = vx::mutex_create(app->control_pool);
+    if (!app->controlLink.controlThreadTmpLock) app->controlLink.controlThreadTmpLock = vx::mutex_create(app->control_pool);
     if (app->VXSys.proxyMode == 0) {
         VX_TRACE(app->VXSys.controlTraceLevel, 2, "CONTROL_THREAD",
                  "Going to create hashMap of flowpath instance to TLS");
@@ -180,7 +180,7 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
         initThreadBasedModelMap();
     }
     if (!VXProxy.proxyServerFlag) app->tlsPool.gFreeTLSHead = create_tls_pool(app->tlsPool.gBusyTLSCnt);
-    app->control_thread_id = nullptr;
+    app->controlLink.control_thread_id = nullptr;
     if (app->VXSys.proxyMode == 0) initVXManageTIdToTLocal();
     apr_atomic_init(app->control_pool);
     __atomic_store_n(&app->VXSys.rSeq, 0, __ATOMIC_RELAXED);
@@ -201,7 +201,7 @@ extern "C" void checkAllConnectionsReadyToClose(void)
 {
     VXProxyInstance_t* app = vx_app();
     /* Without a control thread nobody would clear the flag. */
-    closeCtrlThread = (app && app->control_thread_running) ? 1 : 0;
+    closeCtrlThread = (app && app->controlLink.control_thread_running) ? 1 : 0;
     /* Polled every 50 ms rather than every second: the bound stays six
      * seconds, and a clean stop returns at once. */
     constexpr int kStepMs = 50;

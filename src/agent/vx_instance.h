@@ -30,6 +30,7 @@
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "link/vx_collector_list.h"
+#include "link/vx_control_link.h"
 #include "link/vx_data_buffers.h"
 #include "session/vx_file_keywords.h"
 #include "session/vx_server.h"
@@ -66,44 +67,18 @@ struct VXProxyInstance_t {
     long long totalElapsedTime;
 
     Server_t Server;               /* session with the collector */
+    VXControlLink_t controlLink;   /* control connection, collector list, failover */
+    VXDataChannel_t dataChannel;   /* data connection and its buffer lists */
     VXBCISetting_t VXBCISetting;   /* identity, collector address, request lines */
     VXSys_t VXSys;                 /* tunables and trace levels */
 
     apr_hash_t* fpi_tls_map;       /* proxy: decoded frame's instance -> record */
 
-    /* Data channel: its connection and the two buffer lists. A node is on
-     * exactly one list; VXBCIAgentBB is always writeList (producers fill it),
-     * VXCollectorBB always readList (the data thread drains it). */
-    socketInfo_t dataSkt;
-    nioSettings_t* VXCollectorBB;
-    nioSettings_t* VXBCIAgentBB;
-    nioSettings_t* writeList;
-    nioSettings_t* writeListLast;
-    nioSettings_t* readList;
-    nioSettings_t* readListLast;
-    int writeListSize;
-    int readListSize;
-    apr_thread_mutex_t* bufferWriteLock; /* producers, and the partial move */
-    apr_thread_mutex_t* bufferMoveLock;  /* each transfer of a node between lists */
-    apr_thread_t* data_thread_id;
-    apr_pool_t* data_pool;               /* made on first use and kept */
-    apr_pool_t* dataConnPool;            /* the open data connection's socket */
 
     VXBTMonitor_t VXBTMonitor;
     VXBackendMonitor_t VXBackendMonitor;
 
     int processID;
-    int server_arr_size;
-    vxc_servers_t* vxc_server_arr; /* collectors; entry 0 the primary (heap, grown by 5) */
-    vxc_servers_t* active_vxc;     /* the entry the control thread uses now */
-
-    /* Protocols: 1 TCP, 2 WS, 3 WSS, 0 an empty slot. The agent's list in the
-     * order configured, the collector's as it answered, and their texts. */
-    int supportedProtocolArray[vx::kProtocolSlots];
-    int supportedProtocolVXCArray[vx::kProtocolSlots];
-    int ActiveAgentProtocolIndex;
-    char supportedProtocols[vx::kProtocolListSize]; /* VXSys.supportedProtocolsString points here */
-    char supportedProtocolsVXC[vx::kProtocolListSize];
 
     int toStopASThread;
 
@@ -155,18 +130,6 @@ struct VXProxyInstance_t {
     apr_thread_mutex_t* httpEntryLock;
     int httpid;
     int resourceMetaID;
-    /* Control connection and its failover state. */
-    socketInfo_t control;
-    controlSocketBuffer_t ctrlBufInfo;
-    volatile int ctrlServing; /* the reply was taken: the connection is being served */
-    int heartbeat_count;  /* our heartbeats since the collector's last line */
-    int dumpHeartBeat;    /* data-connection heartbeats since the last trace line */
-    retryPolicy_t retry_policy;
-    int connectionStatus; /* 1: the last target failed; cluster mode goes to the master */
-    int check_for_lmd;    /* watch vxsettings.conf for changes between retries */
-    int vx_dr_state;
-    int is_switch_over;
-    int isMasterVxc;
     int enable_DD_AI;
     int maxBuffersAS;
     int dataBufferSizeAS;
@@ -192,9 +155,6 @@ struct VXProxyInstance_t {
     void* vxTDHashMap;             /* host key -> record, with enableProxyServer */
     apr_thread_mutex_t* vxTDHashMapLock;
 
-    apr_thread_t* control_thread_id;
-    volatile int control_thread_running; /* cleared by the thread as it ends */
-    apr_thread_mutex_t* controlThreadTmpLock;
 };
 
 extern "C" {

@@ -178,7 +178,7 @@ void apply_instance(VXProxyInstance_t* app, char* value)
 
 void apply_protocol_list(VXProxyInstance_t* app, char* value)
 {
-    app->supportedProtocolArray[0] = 0;
+    app->controlLink.supportedProtocolArray[0] = 0;
     upDateAgentSupportedProtocolData(value);
 }
 
@@ -186,8 +186,8 @@ void apply_protocol_list(VXProxyInstance_t* app, char* value)
  * WebSocket transport for WS and WSS. */
 void activate_first_protocol(VXProxyInstance_t* app)
 {
-    app->ActiveAgentProtocolIndex = app->supportedProtocolArray[0];
-    if (app->ActiveAgentProtocolIndex > 1) app->lws_active = 1;
+    app->controlLink.ActiveAgentProtocolIndex = app->controlLink.supportedProtocolArray[0];
+    if (app->controlLink.ActiveAgentProtocolIndex > 1) app->lws_active = 1;
 }
 
 /* Entry 0 becomes the hosted entry point. */
@@ -371,7 +371,7 @@ const char* getenv_set(const char* name)
 /* The port of the active protocol, 0 without one. */
 int active_protocol_port(VXProxyInstance_t* app)
 {
-    switch (app->ActiveAgentProtocolIndex) {
+    switch (app->controlLink.ActiveAgentProtocolIndex) {
         case 1:
             return app->VXBCISetting.vxcPort;
         case 2:
@@ -385,9 +385,9 @@ int active_protocol_port(VXProxyInstance_t* app)
 
 void clear_protocol_list(VXProxyInstance_t* app)
 {
-    memset(app->supportedProtocolArray, 0, sizeof app->supportedProtocolArray);
-    app->supportedProtocols[0] = '\0';
-    app->VXSys.supportedProtocolsString = app->supportedProtocols;
+    memset(app->controlLink.supportedProtocolArray, 0, sizeof app->controlLink.supportedProtocolArray);
+    app->controlLink.supportedProtocols[0] = '\0';
+    app->VXSys.supportedProtocolsString = app->controlLink.supportedProtocols;
 }
 
 char kOsRelease[] = "/etc/os-release";
@@ -398,24 +398,24 @@ extern "C" vxc_servers_t* vx_collector_entry(int idx)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || idx < 0) return nullptr;
-    if (!app->vxc_server_arr || idx >= app->server_arr_size) {
-        const int have = app->vxc_server_arr ? app->server_arr_size : 0;
+    if (!app->controlLink.vxc_server_arr || idx >= app->controlLink.server_arr_size) {
+        const int have = app->controlLink.vxc_server_arr ? app->controlLink.server_arr_size : 0;
         int want = have;
         while (want <= idx) want += vx::kCollectorListStep;
         auto* grown =
-            static_cast<vxc_servers_t*>(realloc(app->vxc_server_arr, sizeof(vxc_servers_t) * want));
+            static_cast<vxc_servers_t*>(realloc(app->controlLink.vxc_server_arr, sizeof(vxc_servers_t) * want));
         if (!grown) {
             VX_ERROR("CONTROL_THREAD", "Could not grow the collector list to %d entries", want);
             return nullptr;
         }
         /* active_vxc points into the list: keep it on the same entry. */
-        if (app->active_vxc && app->vxc_server_arr)
-            app->active_vxc = grown + (app->active_vxc - app->vxc_server_arr);
+        if (app->controlLink.active_vxc && app->controlLink.vxc_server_arr)
+            app->controlLink.active_vxc = grown + (app->controlLink.active_vxc - app->controlLink.vxc_server_arr);
         memset(grown + have, 0, sizeof(vxc_servers_t) * (want - have));
-        app->vxc_server_arr = grown;
-        app->server_arr_size = want;
+        app->controlLink.vxc_server_arr = grown;
+        app->controlLink.server_arr_size = want;
     }
-    return &app->vxc_server_arr[idx];
+    return &app->controlLink.vxc_server_arr[idx];
 }
 
 extern "C" char* search_keyword(char* buf, char* keyword)
@@ -441,8 +441,8 @@ extern "C" void setSupportedProtocolArray(int ProtocolValue)
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
     for (int i = 0; i < vx::kProtocolsUsed; ++i) {
-        if (app->supportedProtocolArray[i] == 0) {
-            app->supportedProtocolArray[i] = ProtocolValue;
+        if (app->controlLink.supportedProtocolArray[i] == 0) {
+            app->controlLink.supportedProtocolArray[i] = ProtocolValue;
             return;
         }
     }
@@ -457,11 +457,11 @@ extern "C" void updateANYAgentSupportedProtocolData(int activeagentMode)
     if (activeagentMode == 3) {
         if (s.vxc_WSS_Port == 0) s.vxc_WSS_Port = vx::kDefaultVXCPort;
         setSupportedProtocolArray(3);
-        vx::copy_text(app->supportedProtocols, sizeof app->supportedProtocols, "WSS");
+        vx::copy_text(app->controlLink.supportedProtocols, sizeof app->controlLink.supportedProtocols, "WSS");
     } else if (activeagentMode == 1) {
         if (s.vxcPort == 0) s.vxcPort = vx::kDefaultTCPPort;
         setSupportedProtocolArray(1);
-        vx::copy_text(app->supportedProtocols, sizeof app->supportedProtocols, "TCP");
+        vx::copy_text(app->controlLink.supportedProtocols, sizeof app->controlLink.supportedProtocols, "TCP");
     }
 }
 
@@ -494,10 +494,10 @@ extern "C" void upDateAgentSupportedProtocolData(char* spString)
         } else {
             continue;
         }
-        const size_t room = sizeof app->supportedProtocols - used;
-        const int w = snprintf(app->supportedProtocols + used, room, used ? ",%s" : "%s", name);
+        const size_t room = sizeof app->controlLink.supportedProtocols - used;
+        const int w = snprintf(app->controlLink.supportedProtocols + used, room, used ? ",%s" : "%s", name);
         if (w > 0)
-            used = std::min(used + static_cast<size_t>(w), sizeof app->supportedProtocols - 1);
+            used = std::min(used + static_cast<size_t>(w), sizeof app->controlLink.supportedProtocols - 1);
     }
 }
 
@@ -641,9 +641,9 @@ extern "C" int read_conf_file(void)
     }
     /* Failover is on exactly when a backup (entry 1, host and port) is
      * configured; the collector may turn it off again. */
-    if (app->server_arr_size > 1 && app->vxc_server_arr[1].vxc_host &&
-        app->vxc_server_arr[1].vxc_port)
-        app->vx_dr_state = 1;
+    if (app->controlLink.server_arr_size > 1 && app->controlLink.vxc_server_arr[1].vxc_host &&
+        app->controlLink.vxc_server_arr[1].vxc_port)
+        app->controlLink.vx_dr_state = 1;
     name_instance(app);
     if (in_proxy_process() && app->vxProxyMode && !s.saasMode && !s.vxcHost) {
         VX_ERROR("CONTROL_THREAD",
@@ -804,7 +804,7 @@ extern "C" void setControlConnectionReqMessage(void)
     const char* attributes = text_or(s.tierAttr, none);
     const char* type = text_or(s.agentType, "NA");
     const Server_t& srv = app->Server;
-    vxc_servers_t* primary = app->vxc_server_arr ? &app->vxc_server_arr[0] : nullptr;
+    vxc_servers_t* primary = app->controlLink.vxc_server_arr ? &app->controlLink.vxc_server_arr[0] : nullptr;
     const bool hosted = s.saasMode && primary && primary->saasServer == 1 &&
                         (app->VXSys.proxyMode == 0 || in_proxy_process());
     const long long now = my_gettimeofday();
@@ -820,7 +820,7 @@ extern "C" void setControlConnectionReqMessage(void)
             "attributes=%s;agentHostName=%s; \n",
             text_or(s.appName, "NA"), now, home_path(app), getPID(), type, s.machineType,
             srv.requestType, srv.lastConnectionTime, srv.connDuration, srv.connDestination,
-            text_or(s.projectKey, "NA"), type, app->supportedProtocols, text_or(s.saasHost, "NA"),
+            text_or(s.projectKey, "NA"), type, app->controlLink.supportedProtocols, text_or(s.saasHost, "NA"),
             tags, attributes, text_or(app->agentName, "NA"));
     } else {
         snprintf(out, kVXRequestMessageSize,
@@ -836,7 +836,7 @@ extern "C" void setControlConnectionReqMessage(void)
                  app->VXSys.bciStartUpTime, home_path(app), getPID(), now, type, s.serverIp,
                  text_or(s.appServerName, "NA"), type, s.machineType, srv.requestType,
                  srv.lastConnectionTime, srv.connDuration, srv.connDestination,
-                 text_or(app->agentName, "NA"), app->supportedProtocols, text_or(s.authToken, "NA"),
+                 text_or(app->agentName, "NA"), app->controlLink.supportedProtocols, text_or(s.authToken, "NA"),
                  tags, attributes, app->lws_active == 1 ? 1 : 0);
     }
     s.controlConnectionReqMessage_len = static_cast<int>(strlen(out));

@@ -22,7 +22,7 @@ bool apply_retry_policy(VXProxyInstance_t* app, char* value)
     if (vxlb_get_tokens_with_multi_delimiter(value, items, const_cast<char*>("%"),
                                              kRetryPolicyItems) != kRetryPolicyItems)
         return false;
-    retryPolicy_t& p = app->retry_policy;
+    retryPolicy_t& p = app->controlLink.retry_policy;
     p.num_retry = static_cast<signed char>(atoi(items[0]));
     p.time_interval = static_cast<apr_interval_time_t>(atoll(items[1])) * 1000000;
     p.reply_unsuccessful_count = atoi(items[2]);
@@ -39,7 +39,7 @@ bool apply_retry_policy(VXProxyInstance_t* app, char* value)
 extern "C" void init_vxc_server_config(void)
 {
     VXProxyInstance_t* app = vx_app();
-    retryPolicy_t& p = app->retry_policy;
+    retryPolicy_t& p = app->controlLink.retry_policy;
     p.num_retry = 3;
     p.count = 0;
     p.reply_unsuccessful_count = 10;
@@ -50,27 +50,27 @@ extern "C" void init_vxc_server_config(void)
 extern "C" void clear_vxc_server_setting(void)
 {
     VXProxyInstance_t* app = vx_app();
-    for (int i = 0; app->vxc_server_arr && i < app->server_arr_size; ++i) {
-        free(app->vxc_server_arr[i].vxc_host);
-        memset(&app->vxc_server_arr[i], 0, sizeof app->vxc_server_arr[i]);
+    for (int i = 0; app->controlLink.vxc_server_arr && i < app->controlLink.server_arr_size; ++i) {
+        free(app->controlLink.vxc_server_arr[i].vxc_host);
+        memset(&app->controlLink.vxc_server_arr[i], 0, sizeof app->controlLink.vxc_server_arr[i]);
     }
-    app->vx_dr_state = 0;
+    app->controlLink.vx_dr_state = 0;
     app->VXBCISetting.num_vxc_config = 0;
 }
 
 extern "C" vxc_servers_t* get_active_vxc(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app->vxc_server_arr || active_vxc_idx >= app->server_arr_size) return nullptr;
-    return &app->vxc_server_arr[active_vxc_idx];
+    if (!app->controlLink.vxc_server_arr || active_vxc_idx >= app->controlLink.server_arr_size) return nullptr;
+    return &app->controlLink.vxc_server_arr[active_vxc_idx];
 }
 
 extern "C" int lookup_for_next_vxc(void)
 {
     VXProxyInstance_t* app = vx_app();
     const int next = active_vxc_idx + 1;
-    const bool configured = next < app->VXBCISetting.num_vxc_config && next < app->server_arr_size &&
-                            app->vxc_server_arr[next].vxc_host;
+    const bool configured = next < app->VXBCISetting.num_vxc_config && next < app->controlLink.server_arr_size &&
+                            app->controlLink.vxc_server_arr[next].vxc_host;
     active_vxc_idx = configured ? next : 0;
     return 0;
 }
@@ -78,21 +78,21 @@ extern "C" int lookup_for_next_vxc(void)
 extern "C" void connection_retry_failed(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app->vxc_server_arr) return;
-    if (app->vx_dr_state) {
+    if (!app->controlLink.vxc_server_arr) return;
+    if (app->controlLink.vx_dr_state) {
         VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                  "[VX DR Feature]; Retry for connection attempt failed DR is enabled, looking for "
                  "backup");
-        app->vxc_server_arr[active_vxc_idx].state = 0;
+        app->controlLink.vxc_server_arr[active_vxc_idx].state = 0;
         lookup_for_next_vxc();
-        const vxc_servers_t& e = app->vxc_server_arr[active_vxc_idx];
+        const vxc_servers_t& e = app->controlLink.vxc_server_arr[active_vxc_idx];
         VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                  "[VX DR Feature]; Got next VXC info: [host | port] = [%s | %d]",
                  e.vxc_host ? e.vxc_host : "", static_cast<int>(e.vxc_port));
     } else {
         active_vxc_idx = 0;
     }
-    app->vxc_server_arr[active_vxc_idx].state = 1;
+    app->controlLink.vxc_server_arr[active_vxc_idx].state = 1;
 }
 
 extern "C" int parse_policy_from_clientMsg(char* msg)
@@ -123,12 +123,12 @@ extern "C" int parse_policy_from_clientMsg(char* msg)
         }
         if (key_is(key, "state")) {
             const int state = atoi(value);
-            if (app->vxc_server_arr && active_vxc_idx < app->server_arr_size)
-                app->vxc_server_arr[active_vxc_idx].state = static_cast<char>(state);
+            if (app->controlLink.vxc_server_arr && active_vxc_idx < app->controlLink.server_arr_size)
+                app->controlLink.vxc_server_arr[active_vxc_idx].state = static_cast<char>(state);
             if (state == 0) {
                 VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                          " VXC state is zero, setting vx_dr_state is set false");
-                app->is_switch_over = 1;
+                app->controlLink.is_switch_over = 1;
                 return 1;
             }
             flags |= 1;
@@ -144,7 +144,7 @@ extern "C" int parse_policy_from_clientMsg(char* msg)
         VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                  "[VX DR Feature]; DR feature is enable");
     } else {
-        app->vx_dr_state = 0;
+        app->controlLink.vx_dr_state = 0;
         VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                  "[VX DR Feature]; DR feature is disable");
     }

@@ -22,8 +22,8 @@ extern "C" void handleCollectorHeartBeat(char* clientMsg)
     VXProxyInstance_t* app = vx_app();
     VXSys_t& sys = app->VXSys;
     VX_TRACE(sys.controlTraceLevel, 2, "CONTROL_THREAD",
-             "Heartbeat from %s:%d, processes %d, connected for %lld ms", app->control.dstIp,
-             app->control.dstPort, app->processCount,
+             "Heartbeat from %s:%d, processes %d, connected for %lld ms", app->controlLink.control.dstIp,
+             app->controlLink.control.dstPort, app->processCount,
              my_gettimeofday() - app->Server.lastConnectionTime);
     char* fields[kHeartBeatFields];
     const int n = vxlb_get_tokens_with_multi_delimiter(clientMsg, fields, const_cast<char*>(";"),
@@ -84,5 +84,5 @@ extern "C" int controlConnectionSendBuffer(char* buffer, int len)
     VXProxyInstance_t* app = vx_app();
     if (app->lws_active == 1) return send_control_data_via_lws_socket(buffer, len);
     char err[256] = "";
-    return vxlb_send_n_bytes(app->control.skt, buffer, len, err, sizeof err);
+    return vxlb_send_n_bytes(app->controlLink.control.skt, buffer, len, err, sizeof err);
 }

@@ -10,6 +10,43 @@
 #ifndef VX_CONTROL_LINK_H
 #define VX_CONTROL_LINK_H
 
+#include <apr_thread_mutex.h>
+#include <apr_thread_proc.h>
+
+#include "core/vx_limits.h"
+#include "link/vx_collector_list.h"
+#include "link/vx_socket.h"
+
+/* The control link of an instance: the connection and its line buffer, the
+ * collector list with the protocols, the failover state and the thread. */
+struct VXControlLink_t {
+    socketInfo_t control;
+    controlSocketBuffer_t ctrlBufInfo;
+    volatile int ctrlServing; /* the reply was taken: the connection is being served */
+    int heartbeat_count; /* our heartbeats since the collector's last line */
+    retryPolicy_t retry_policy;
+    int connectionStatus; /* 1: the last target failed; cluster mode goes to the master */
+    int check_for_lmd;    /* watch vxsettings.conf for changes between retries */
+    int vx_dr_state;
+    int is_switch_over;
+    int isMasterVxc;
+
+    int server_arr_size;
+    vxc_servers_t* vxc_server_arr; /* collectors; entry 0 the primary (heap, grown by 5) */
+    vxc_servers_t* active_vxc;     /* the entry the control thread uses now */
+    /* Protocols: 1 TCP, 2 WS, 3 WSS, 0 an empty slot. The agent's list in the
+     * order configured, the collector's as it answered, and their texts. */
+    int supportedProtocolArray[vx::kProtocolSlots];
+    int supportedProtocolVXCArray[vx::kProtocolSlots];
+    int ActiveAgentProtocolIndex;
+    char supportedProtocols[vx::kProtocolListSize]; /* VXSys.supportedProtocolsString points here */
+    char supportedProtocolsVXC[vx::kProtocolListSize];
+
+    apr_thread_t* control_thread_id;
+    volatile int control_thread_running; /* cleared by the thread as it ends */
+    apr_thread_mutex_t* controlThreadTmpLock;
+};
+
 extern "C" {
 
 /* The collector's heartbeat: reads dataConnState and AutosensorConnState

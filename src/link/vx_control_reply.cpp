@@ -34,7 +34,7 @@ int drop_invalid(VXProxyInstance_t* app, const char* line)
     VX_ERROR("CONTROL_THREAD",
              "controlBreak Going to close control connection with server %s:%d due to invalid "
              "message receive %s",
-             app->control.dstIp, app->control.dstPort, line);
+             app->controlLink.control.dstIp, app->controlLink.control.dstPort, line);
     control_connection_cleanup();
     VX_ERROR("CONTROL_THREAD", "Control connection was closed. Invalid message receive,'%s'.", line);
     return kReplyDrop;
@@ -101,14 +101,14 @@ extern "C" int getProtocolPort(int protocol)
     return port > 0 ? port : 0;
 }
 
-extern "C" int getActiveProtocolIndex(void) { return vx_app()->ActiveAgentProtocolIndex; }
+extern "C" int getActiveProtocolIndex(void) { return vx_app()->controlLink.ActiveAgentProtocolIndex; }
 
-extern "C" void setActiveProtocolIndex(int protocol) { vx_app()->ActiveAgentProtocolIndex = protocol; }
+extern "C" void setActiveProtocolIndex(int protocol) { vx_app()->controlLink.ActiveAgentProtocolIndex = protocol; }
 
 extern "C" int getIndexOfMatchedProtocol(int protocol)
 {
     const VXProxyInstance_t* app = vx_app();
-    for (int slot : app->supportedProtocolArray)
+    for (int slot : app->controlLink.supportedProtocolArray)
         if (slot == protocol) return protocol;
     return -1;
 }
@@ -117,8 +117,8 @@ extern "C" void setSupportedProtocolVXCArray(int protocol)
 {
     VXProxyInstance_t* app = vx_app();
     for (int i = 0; i < vx::kProtocolsUsed; ++i) {
-        if (app->supportedProtocolVXCArray[i] == 0) {
-            app->supportedProtocolVXCArray[i] = protocol;
+        if (app->controlLink.supportedProtocolVXCArray[i] == 0) {
+            app->controlLink.supportedProtocolVXCArray[i] = protocol;
             return;
         }
     }
@@ -128,7 +128,7 @@ extern "C" int setProtocolFromResponseMessage(char* line)
 {
     VXProxyInstance_t* app = vx_app();
     /* The port in use now, before the reply's ports overwrite it. */
-    const int port = getProtocolPort(app->ActiveAgentProtocolIndex);
+    const int port = getProtocolPort(app->controlLink.ActiveAgentProtocolIndex);
     char* fields[kReplyFields];
     const int n =
         vxlb_get_tokens_with_multi_delimiter(line, fields, const_cast<char*>(";"), kReplyFields);
@@ -137,7 +137,7 @@ extern "C" int setProtocolFromResponseMessage(char* line)
         char* value = split_key_value(fields[i], key);
         if (!value || strcmp(key, "supportedProtocols") != 0) continue;
         /* Each reply's list replaces the one before. */
-        memset(app->supportedProtocolVXCArray, 0, sizeof app->supportedProtocolVXCArray);
+        memset(app->controlLink.supportedProtocolVXCArray, 0, sizeof app->controlLink.supportedProtocolVXCArray);
         char* items[kProtocolItems];
         const int m = vxlb_get_tokens_with_multi_delimiter(value, items, const_cast<char*>(","),
                                                            kProtocolItems);
@@ -159,7 +159,7 @@ extern "C" int setProtocolFromResponseMessage(char* line)
         }
     }
     int matched = 0;
-    for (int protocol : app->supportedProtocolVXCArray) {
+    for (int protocol : app->controlLink.supportedProtocolVXCArray) {
         if (protocol != 0 && getIndexOfMatchedProtocol(protocol) != -1) {
             matched = protocol;
             break;
@@ -170,8 +170,8 @@ extern "C" int setProtocolFromResponseMessage(char* line)
                  "WARNING:- VXC Protocol are present.Hence, Control Connection will Persist");
         return 0;
     }
-    if (matched != app->ActiveAgentProtocolIndex) {
-        app->ActiveAgentProtocolIndex = matched;
+    if (matched != app->controlLink.ActiveAgentProtocolIndex) {
+        app->controlLink.ActiveAgentProtocolIndex = matched;
         control_connection_cleanup();
         VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Hence Switching Protocol");
         return 1;
@@ -187,9 +187,9 @@ extern "C" int setProtocolFromResponseMessage(char* line)
 extern "C" void setConnectionChannel(void)
 {
     VXProxyInstance_t* app = vx_app();
-    app->lws_active = app->ActiveAgentProtocolIndex == 1 ? 0 : 1;
+    app->lws_active = app->controlLink.ActiveAgentProtocolIndex == 1 ? 0 : 1;
     if (vxc_servers_t* e = get_active_vxc())
-        e->vxc_port = static_cast<unsigned int>(getProtocolPort(app->ActiveAgentProtocolIndex));
+        e->vxc_port = static_cast<unsigned int>(getProtocolPort(app->controlLink.ActiveAgentProtocolIndex));
 }
 
 extern "C" int handle_vxc_con_res_msg(controlSocketBuffer_t* buf)

@@ -36,7 +36,7 @@ public:
         fd.p = pool_;
         fd.desc_type = APR_POLL_SOCKET;
         fd.reqevents = APR_POLLIN | APR_POLLHUP | APR_POLLERR | APR_POLLNVAL;
-        fd.desc.s = app->control.skt;
+        fd.desc.s = app->controlLink.control.skt;
         rv = apr_pollset_add(set_, &fd);
         if (rv != APR_SUCCESS) {
             VX_ERROR("CONTROL_THREAD", "handle_msg_from_vxc check:Could not add fd to poll. Error: %s\n",
@@ -76,7 +76,7 @@ private:
 extern "C" int controlSockBufInit(void)
 {
     VXProxyInstance_t* app = vx_app();
-    controlSocketBuffer_t& b = app->ctrlBufInfo;
+    controlSocketBuffer_t& b = app->controlLink.ctrlBufInfo;
     if (b.read_socket_buf) return 0;
     b.read_socket_buf = static_cast<char*>(calloc(1, vx::kControlBufferSize + 1));
     if (!b.read_socket_buf) return 1;
@@ -134,7 +134,7 @@ extern "C" int read_msg_from_vxc(controlSocketBuffer_t* buf)
         return 1;
     }
     char err[256] = "";
-    const int n = vxlb_read_bytes(app->control.skt, buf->read_socket_buf + buf->writeOffset, room + 1,
+    const int n = vxlb_read_bytes(app->controlLink.control.skt, buf->read_socket_buf + buf->writeOffset, room + 1,
                                   err, sizeof err);
     if (n > 0) {
         buf->readBytes += n;
@@ -172,11 +172,11 @@ extern "C" int handle_msg_from_vxc(controlSocketBuffer_t* buf)
         if (app->close_udp_thread) return 0;
         if (app->VXSys.closeCtrlConFlag == 1) return 1;
         if (app->VXSys.proxyMode == 0 &&
-            app->heartbeat_count >= app->retry_policy.reply_unsuccessful_count) {
+            app->controlLink.heartbeat_count >= app->controlLink.retry_policy.reply_unsuccessful_count) {
             VX_ERROR("CONTROL_THREAD", "heartbeat count reaches to the threshold = %d",
-                     app->heartbeat_count);
-            app->heartbeat_count = 0;
-            app->is_switch_over = 1;
+                     app->controlLink.heartbeat_count);
+            app->controlLink.heartbeat_count = 0;
+            app->controlLink.is_switch_over = 1;
             return 1;
         }
         apr_int32_t signalled = 0;
@@ -184,7 +184,7 @@ extern "C" int handle_msg_from_vxc(controlSocketBuffer_t* buf)
         if (APR_STATUS_IS_TIMEUP(rv) || (rv == APR_SUCCESS && signalled == 0)) {
             handleAgentLogs();
             if (checkVXCAlive()) return 1;
-            if (app->vx_dr_state && ticks == app->retry_policy.heartbeat_reply_timeout_check) {
+            if (app->controlLink.vx_dr_state && ticks == app->controlLink.retry_policy.heartbeat_reply_timeout_check) {
                 send_control_conn_heartbeat_to_vxc();
                 ticks = 0;
             }
@@ -215,16 +215,16 @@ extern "C" void send_control_conn_heartbeat_to_vxc(void)
     VXProxyInstance_t* app = vx_app();
     VXBCISetting_t& s = app->VXBCISetting;
     int n = snprintf(s.control_conn_heartbeat_msg, sizeof s.control_conn_heartbeat_msg,
-                     "vx_control_req:action=reconnect;heartBeat %d;\n", app->heartbeat_count);
+                     "vx_control_req:action=reconnect;heartBeat %d;\n", app->controlLink.heartbeat_count);
     s.control_conn_heartbeat_msg_len = n;
-    ++app->heartbeat_count;
+    ++app->controlLink.heartbeat_count;
     if (app->lws_active == 1) {
         if (send_control_data_via_lws_socket(s.control_conn_heartbeat_msg, n) < 0)
             control_connection_cleanup();
         return;
     }
     char err[256] = "";
-    if (vxlb_send_n_bytes(app->control.skt, s.control_conn_heartbeat_msg, n, err, sizeof err) != n) {
+    if (vxlb_send_n_bytes(app->controlLink.control.skt, s.control_conn_heartbeat_msg, n, err, sizeof err) != n) {
         VX_ERROR("CONTROL_THREAD",
                  "controlBreak Unable to send heartbeat message to control connection. Going to "
                  "close connection");
@@ -252,7 +252,7 @@ extern "C" int handleAgentLogs(void)
     const int len = static_cast<int>(strlen(app->agentLogBuffer));
     if (len == 0) return 0;
     char err[256] = "";
-    const int sent = vxlb_send_n_bytes(app->control.skt, app->agentLogBuffer, len, err, sizeof err);
+    const int sent = vxlb_send_n_bytes(app->controlLink.control.skt, app->agentLogBuffer, len, err, sizeof err);
     if (sent < len) {
         VX_ERROR("CONTROL_THREAD", "Incomplete Agent logs sent to proxy, tried %d, success %d bytes",
                  len, sent);

@@ -42,7 +42,7 @@ namespace {
     VXProxyInstance_t* app = vx_app();
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Control thread ends");
     closeCtrlThread = 0;
-    app->control_thread_running = 0;
+    app->controlLink.control_thread_running = 0;
     apr_thread_exit(thread, APR_SUCCESS);
     __builtin_unreachable();
 }
@@ -56,19 +56,19 @@ void pick_target(VXProxyInstance_t* app, char** host, int* port)
         return;
     }
     if (app->Server.isClusterMode && app->VXBCISetting.isEnableEnvVar != 1) {
-        active_vxc_idx = app->connectionStatus ? 0 : 1;
-        app->isMasterVxc = app->connectionStatus ? 1 : 0;
-    } else if (app->is_switch_over) {
-        app->is_switch_over = 0;
+        active_vxc_idx = app->controlLink.connectionStatus ? 0 : 1;
+        app->controlLink.isMasterVxc = app->controlLink.connectionStatus ? 1 : 0;
+    } else if (app->controlLink.is_switch_over) {
+        app->controlLink.is_switch_over = 0;
         if (vxc_servers_t* cur = get_active_vxc()) cur->state = 0;
         const vxc_servers_t* backup =
-            app->server_arr_size > 1 ? &app->vxc_server_arr[1] : nullptr;
-        if (app->isMasterVxc && backup && backup->vxc_host && backup->vxc_port) {
+            app->controlLink.server_arr_size > 1 ? &app->controlLink.vxc_server_arr[1] : nullptr;
+        if (app->controlLink.isMasterVxc && backup && backup->vxc_host && backup->vxc_port) {
             active_vxc_idx = 1;
-            app->isMasterVxc = 0;
+            app->controlLink.isMasterVxc = 0;
             VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                      "[VX DR FEATURE]Active. Switched to Backup VXC");
-        } else if (app->isMasterVxc) {
+        } else if (app->controlLink.isMasterVxc) {
             active_vxc_idx = 0;
             VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                      "[VX DR FEATURE]Active. Backup VXC Host/Port not provided in configurtion file.");
@@ -76,15 +76,15 @@ void pick_target(VXProxyInstance_t* app, char** host, int* port)
                      "[VX DR FEATURE]Active. Switching again on Master VXC");
         } else {
             active_vxc_idx = 0;
-            app->isMasterVxc = 1;
+            app->controlLink.isMasterVxc = 1;
         }
     } else {
-        app->isMasterVxc = 1;
+        app->controlLink.isMasterVxc = 1;
     }
-    app->active_vxc = get_active_vxc();
-    *host = app->active_vxc ? app->active_vxc->vxc_host : nullptr;
-    *port = app->active_vxc ? static_cast<int>(app->active_vxc->vxc_port) : 0;
-    if (app->active_vxc) app->active_vxc->state = 1;
+    app->controlLink.active_vxc = get_active_vxc();
+    *host = app->controlLink.active_vxc ? app->controlLink.active_vxc->vxc_host : nullptr;
+    *port = app->controlLink.active_vxc ? static_cast<int>(app->controlLink.active_vxc->vxc_port) : 0;
+    if (app->controlLink.active_vxc) app->controlLink.active_vxc->state = 1;
 }
 
 /* Start of the thread: transport, defaults and the configuration. False when
@@ -92,21 +92,21 @@ void pick_target(VXProxyInstance_t* app, char** host, int* port)
 bool prepare(VXProxyInstance_t* app)
 {
     if (!vx_agent_behind_proxy(app)) {
-        app->ActiveAgentProtocolIndex = 3;
+        app->controlLink.ActiveAgentProtocolIndex = 3;
         app->lws_active = 1;
     }
     app->Server.lastHeartBeatRcvTime = my_gettimeofday();
     init_vxc_server_config();
-    app->isMasterVxc = 0;
-    app->connectionStatus = 0;
+    app->controlLink.isMasterVxc = 0;
+    app->controlLink.connectionStatus = 0;
     if (app->VXSys.proxyMode == 0 && app->Server.isClusterMode == 0) clear_vxc_server_setting();
     if (read_env_var() != 0 && read_conf_file() != 0) {
         VX_ERROR("CONTROL_THREAD",
                  "No collector configured (environment or vxsettings.conf); running without one");
         return false;
     }
-    app->retry_policy.count = 0;
-    if (app->ActiveAgentProtocolIndex == 1) app->lws_active = 0;
+    app->controlLink.retry_policy.count = 0;
+    if (app->controlLink.ActiveAgentProtocolIndex == 1) app->lws_active = 0;
     if (app->Server.requestType == 0) app->Server.requestType = 1;
     return controlSockBufInit() == 0;
 }
@@ -142,8 +142,8 @@ private:
 /* Connect to one target, register and serve until the connection ends. */
 Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int port)
 {
-    retryPolicy_t& policy = app->retry_policy;
-    controlSocketBuffer_t* buf = &app->ctrlBufInfo;
+    retryPolicy_t& policy = app->controlLink.retry_policy;
+    controlSocketBuffer_t* buf = &app->controlLink.ctrlBufInfo;
     ConnectionScope conn(app);
     char err[256] = "";
     if (create_control_conn(app, host, port, err, sizeof err, conn.pool()) != 0) {
@@ -162,17 +162,17 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
         ++policy.count;
         return Next::kRetry;
     }
-    app->connectionStatus = 0;
+    app->controlLink.connectionStatus = 0;
     if (app->lws_active != 1) get_ip_and_port();
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Control connection open %s:%d -> %s:%d",
-             app->control.sourceIp, app->control.srcPort, app->control.dstIp, app->control.dstPort);
+             app->controlLink.control.sourceIp, app->controlLink.control.srcPort, app->controlLink.control.dstIp, app->controlLink.control.dstPort);
     if (closeCtrlThread) {
         conn.close();
         end_thread(thread);
     }
     if (send_control_con_req_msg_to_vxc()) {
         conn.close();
-        if (app->isMasterVxc) app->connectionStatus = 1;
+        if (app->controlLink.isMasterVxc) app->controlLink.connectionStatus = 1;
         VX_ERROR("CONTROL_THREAD", "Control connection was closed");
         if (vx::wait_or_shutdown(policy.time_interval)) end_thread(thread);
         return Next::kLeave;
@@ -187,12 +187,12 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
         case kReplyDrop:
             VX_ERROR("CONTROL_THREAD", "Unexpected response received | Response = %.1024s",
                      buf->read_socket_buf);
-            if (!app->is_switch_over) return Next::kLeave;
+            if (!app->controlLink.is_switch_over) return Next::kLeave;
             VX_ERROR("CONTROL_THREAD",
                      "[VX DR Feature]; Received DR status 0. Going to close the control connection "
                      "from Master VX Collector %s:%d and the source %s:%d",
-                     app->control.dstIp, app->control.dstPort, app->control.sourceIp,
-                     app->control.srcPort);
+                     app->controlLink.control.dstIp, app->controlLink.control.dstPort, app->controlLink.control.sourceIp,
+                     app->controlLink.control.srcPort);
             app->VXSys.closeCtrlConFlag = 1;
             return Next::kRestart;
         case kReplySwitchProtocol:
@@ -204,13 +204,13 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
     }
 
     app->Server.lastHeartBeatRcvTime = my_gettimeofday();
-    app->ctrlServing = 1;
+    app->controlLink.ctrlServing = 1;
     if (handle_msg_from_vxc_wrapper(buf) == 1) {
         VX_ERROR("CONTROL_THREAD",
                  "[VX DR Feature]; Exit from select call and going to close the control connection "
                  "from VX Collector %s:%d and the source %s:%d",
-                 app->control.dstIp, app->control.dstPort, app->control.sourceIp,
-                 app->control.srcPort);
+                 app->controlLink.control.dstIp, app->controlLink.control.dstPort, app->controlLink.control.sourceIp,
+                 app->controlLink.control.srcPort);
         app->VXSys.closeCtrlConFlag = 1;
         conn.close();
         /* STAND-IN (issue: UDP agents): close_udp_thread also ends the
@@ -224,7 +224,7 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
         conn.close();
         VX_ERROR("CONTROL_THREAD",
                  "controlBreak Control Socket was cleaned with %s:%d server due to  UDP timeout ",
-                 app->control.dstIp, app->control.dstPort);
+                 app->controlLink.control.dstIp, app->controlLink.control.dstPort);
         end_thread(thread);
     }
     if (closeCtrlThread) {
@@ -247,9 +247,9 @@ extern "C" int create_control_conn(VXProxyInstance_t* app, char* host, int port,
     }
     if (app->lws_active == 1)
         return create_lws_control_connection(host, port, error_buf, error_buf_len) ? 0 : -1;
-    app->control.skt = vxlb_create_client_con(host, port, error_buf, error_buf_len, pool);
-    if (!app->control.skt) return -1;
-    apr_socket_timeout_set(app->control.skt, apr_time_from_sec(kControlIoTimeoutSeconds));
+    app->controlLink.control.skt = vxlb_create_client_con(host, port, error_buf, error_buf_len, pool);
+    if (!app->controlLink.control.skt) return -1;
+    apr_socket_timeout_set(app->controlLink.control.skt, apr_time_from_sec(kControlIoTimeoutSeconds));
     return 0;
 }
 
@@ -263,9 +263,9 @@ extern "C" bool send_control_con_req_msg_to_vxc(void)
     if (app->lws_active == 1)
         return send_control_data_via_lws_socket(s.controlConnectionReqMessage,
                                                 s.controlConnectionReqMessage_len) < 0;
-    if (!app->control.skt) return true;
+    if (!app->controlLink.control.skt) return true;
     char err[256] = "";
-    return vxlb_send_n_bytes(app->control.skt, s.controlConnectionReqMessage,
+    return vxlb_send_n_bytes(app->controlLink.control.skt, s.controlConnectionReqMessage,
                              s.controlConnectionReqMessage_len, err, sizeof err) == -2;
 }
 
@@ -277,7 +277,7 @@ extern "C" int rec_control_con_rep_msg_from_vxc_wrapper(controlSocketBuffer_t* b
     } else {
         apr_size_t len = buf->read_len - static_cast<apr_size_t>(buf->writeOffset);
         const apr_status_t rv =
-            apr_socket_recv(app->control.skt, buf->read_socket_buf + buf->writeOffset, &len);
+            apr_socket_recv(app->controlLink.control.skt, buf->read_socket_buf + buf->writeOffset, &len);
         if (len == 0 && APR_STATUS_IS_TIMEUP(rv)) {
             /* A collector that accepts and never answers: try again. */
             VX_ERROR("CONTROL_THREAD", "No reply from the collector within %d seconds",
@@ -302,19 +302,19 @@ extern "C" int rec_control_con_rep_msg_from_vxc_wrapper(controlSocketBuffer_t* b
 extern "C" void control_connection_cleanup(void)
 {
     VXProxyInstance_t* app = vx_app();
-    app->ctrlServing = 0;
-    if (apr_socket_t* skt = app->control.skt) {
-        app->control.skt = nullptr;
+    app->controlLink.ctrlServing = 0;
+    if (apr_socket_t* skt = app->controlLink.control.skt) {
+        app->controlLink.control.skt = nullptr;
         apr_socket_close(skt);
     }
     app->Server.testRunRunning = 0;
-    if (app->control.lws_handler.wsi) clean_control_conn(0);
+    if (app->controlLink.control.lws_handler.wsi) clean_control_conn(0);
 }
 
 extern "C" void get_ip_and_port(void)
 {
     VXProxyInstance_t* app = vx_app();
-    socketInfo_t& c = app->control;
+    socketInfo_t& c = app->controlLink.control;
     char ip[64] = "";
     int port = 0;
     if (c.skt && get_src_addr(c.skt, ip, sizeof ip, &port) == 0) {
@@ -326,9 +326,9 @@ extern "C" void get_ip_and_port(void)
     if (vx_agent_behind_proxy(app)) {
         vx::copy_text(c.dstIp, sizeof c.dstIp, app->VXSys.proxyIP);
         c.dstPort = app->VXSys.proxyPort;
-    } else if (app->active_vxc) {
-        vx::copy_text(c.dstIp, sizeof c.dstIp, app->active_vxc->vxc_host);
-        c.dstPort = static_cast<int>(app->active_vxc->vxc_port);
+    } else if (app->controlLink.active_vxc) {
+        vx::copy_text(c.dstIp, sizeof c.dstIp, app->controlLink.active_vxc->vxc_host);
+        c.dstPort = static_cast<int>(app->controlLink.active_vxc->vxc_port);
     }
 }
 
@@ -337,10 +337,10 @@ extern "C" void* APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t* thread, 
     auto* app = static_cast<VXProxyInstance_t*>(data);
     vx_set_thread_instance(app);
     if (!prepare(app)) end_thread(thread);
-    retryPolicy_t& policy = app->retry_policy;
+    retryPolicy_t& policy = app->controlLink.retry_policy;
     for (;;) {
-        app->check_for_lmd = 0;
-        app->isMasterVxc = 0;
+        app->controlLink.check_for_lmd = 0;
+        app->controlLink.isMasterVxc = 0;
         for (;;) {
             app->VXSys.closeCtrlConFlag = 0;
             char* host = nullptr;
@@ -351,15 +351,15 @@ extern "C" void* APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t* thread, 
             if (next == Next::kRestart) continue;
             if (policy.count >= policy.num_retry) {
                 VX_ERROR("CONTROL_THREAD", "[VX DR Feature]; Max number of retry attempt reached");
-                app->connectionStatus = 1;
+                app->controlLink.connectionStatus = 1;
                 app->Server.requestType = 3;
                 break;
             }
-            if (app->check_for_lmd && check_file_size_of_vxsetting_files(1)) break;
+            if (app->controlLink.check_for_lmd && check_file_size_of_vxsetting_files(1)) break;
             if (vx::wait_or_shutdown(policy.time_interval)) end_thread(thread);
-            app->check_for_lmd = 1;
+            app->controlLink.check_for_lmd = 1;
         }
-        if (app->vx_dr_state && app->Server.isClusterMode == 0) {
+        if (app->controlLink.vx_dr_state && app->Server.isClusterMode == 0) {
             VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                      "[VX DR Feature]; Going to search for backup VXC info");
             connection_retry_failed();

@@ -47,7 +47,7 @@ extern "C" int buff_list_init(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return 1;
-    if (app->writeList) return 0;
+    if (app->dataChannel.writeList) return 0;
     const int count = buffer_count(app);
     const int size = app->VXSys.bciDataBufferMaxSize;
     for (int i = 0; i < count; ++i) {
@@ -59,57 +59,57 @@ extern "C" int buff_list_init(void)
             return 1;
         }
         node->buff_size = size;
-        append(app->writeList, app->writeListLast, node);
-        ++app->writeListSize;
-        if (!app->VXBCIAgentBB) app->VXBCIAgentBB = node;
+        append(app->dataChannel.writeList, app->dataChannel.writeListLast, node);
+        ++app->dataChannel.writeListSize;
+        if (!app->dataChannel.VXBCIAgentBB) app->dataChannel.VXBCIAgentBB = node;
     }
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD",
-             "Data buffers ready: %d of %d bytes", app->writeListSize, size);
+             "Data buffers ready: %d of %d bytes", app->dataChannel.writeListSize, size);
     return 0;
 }
 
 extern "C" void moveToReadList(void)
 {
     VXProxyInstance_t* app = vx_app();
-    vx::VXLockGuard guard(app->bufferMoveLock);
-    nioSettings_t* node = take_head(app->writeList, app->writeListLast);
+    vx::VXLockGuard guard(app->dataChannel.bufferMoveLock);
+    nioSettings_t* node = take_head(app->dataChannel.writeList, app->dataChannel.writeListLast);
     if (!node) return;
-    app->VXBCIAgentBB = app->writeList;
-    append(app->readList, app->readListLast, node);
-    if (!app->VXCollectorBB) app->VXCollectorBB = app->readList;
-    ++app->readListSize;
-    --app->writeListSize;
+    app->dataChannel.VXBCIAgentBB = app->dataChannel.writeList;
+    append(app->dataChannel.readList, app->dataChannel.readListLast, node);
+    if (!app->dataChannel.VXCollectorBB) app->dataChannel.VXCollectorBB = app->dataChannel.readList;
+    ++app->dataChannel.readListSize;
+    --app->dataChannel.writeListSize;
 }
 
 extern "C" void moveToWriteList(void)
 {
     VXProxyInstance_t* app = vx_app();
-    vx::VXLockGuard guard(app->bufferMoveLock);
-    nioSettings_t* node = take_head(app->readList, app->readListLast);
+    vx::VXLockGuard guard(app->dataChannel.bufferMoveLock);
+    nioSettings_t* node = take_head(app->dataChannel.readList, app->dataChannel.readListLast);
     if (!node) return;
-    app->VXCollectorBB = app->readList;
-    append(app->writeList, app->writeListLast, node);
+    app->dataChannel.VXCollectorBB = app->dataChannel.readList;
+    append(app->dataChannel.writeList, app->dataChannel.writeListLast, node);
     /* Producers recover here after the free list ran empty. */
-    if (!app->VXBCIAgentBB) app->VXBCIAgentBB = app->writeList;
-    ++app->writeListSize;
-    --app->readListSize;
+    if (!app->dataChannel.VXBCIAgentBB) app->dataChannel.VXBCIAgentBB = app->dataChannel.writeList;
+    ++app->dataChannel.writeListSize;
+    --app->dataChannel.readListSize;
 }
 
 extern "C" void movePartialToReadList(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || !app->bufferWriteLock) return;
-    vx::VXLockGuard guard(app->bufferWriteLock);
-    if (app->VXBCIAgentBB && app->VXBCIAgentBB->use_len > 0) moveToReadList();
+    if (!app || !app->dataChannel.bufferWriteLock) return;
+    vx::VXLockGuard guard(app->dataChannel.bufferWriteLock);
+    if (app->dataChannel.VXBCIAgentBB && app->dataChannel.VXBCIAgentBB->use_len > 0) moveToReadList();
 }
 
 extern "C" int addDataInSendBuffer(char* data, int bytesToWrite)
 {
     VXProxyInstance_t* app = vx_app();
-    nioSettings_t* cur = app->VXBCIAgentBB;
+    nioSettings_t* cur = app->dataChannel.VXBCIAgentBB;
     if (!cur) {
         ++app->VXSys.discardCount;
-        return app->VXCollectorBB ? kBufferNoneFree : kBufferNotReady;
+        return app->dataChannel.VXCollectorBB ? kBufferNoneFree : kBufferNotReady;
     }
     const int room = cur->buff_size - cur->use_len;
     if (bytesToWrite <= room) {
@@ -127,7 +127,7 @@ extern "C" int addDataInSendBuffer(char* data, int bytesToWrite)
     cur->use_len += room;
     moveToReadList();
 
-    nioSettings_t* spill = app->VXBCIAgentBB;
+    nioSettings_t* spill = app->dataChannel.VXBCIAgentBB;
     const int rest = bytesToWrite - room;
     if (rest > spill->buff_size) {
         ++app->VXSys.discardCount;

@@ -14,6 +14,12 @@
 #ifndef VX_DATA_BUFFERS_H
 #define VX_DATA_BUFFERS_H
 
+#include <apr_pools.h>
+#include <apr_thread_mutex.h>
+#include <apr_thread_proc.h>
+
+#include "link/vx_socket.h"
+
 /* One buffer of a list. send_len <= use_len <= buff_size. */
 struct nioSettings_t {
     char* buff;
@@ -30,6 +36,28 @@ enum {
     kBufferNoneFree = -2,    /* no current buffer while the sender holds some */
     kBufferRecordCut = -3,   /* longer than a buffer: head kept, line closed, tail dropped */
     kBufferNotReady = -99,   /* no buffers at all */
+};
+
+/* The data channel of an instance: its connection and the two buffer lists.
+ * A node is on exactly one list; VXBCIAgentBB is always writeList (producers
+ * fill it), VXCollectorBB always readList (the data thread drains it). */
+struct VXDataChannel_t {
+    socketInfo_t dataSkt;
+    nioSettings_t* VXCollectorBB;
+    nioSettings_t* VXBCIAgentBB;
+    nioSettings_t* writeList;
+    nioSettings_t* writeListLast;
+    nioSettings_t* readList;
+    nioSettings_t* readListLast;
+    int writeListSize;
+    int readListSize;
+    apr_thread_mutex_t* bufferWriteLock; /* producers, and the partial move */
+    apr_thread_mutex_t* bufferMoveLock;  /* each transfer of a node between lists */
+    apr_thread_t* data_thread_id;
+    apr_pool_t* data_pool;               /* made on first use and kept */
+    apr_pool_t* dataConnPool;            /* the open data connection's socket */
+    int dumpHeartBeat;      /* heartbeats since the last trace line */
+    int heartBeatExpiryCnt; /* ticks since the last heartbeat; kept across sessions */
 };
 
 extern "C" {

@@ -24,10 +24,6 @@ struct Tap {
 };
 Tap g_tap;
 
-/* Beats of the data connection: process-wide, so a later data thread goes on
- * from where the last one stopped, and the first call fires at once. */
-int heartBeatExpiryCnt = 0;
-
 constexpr int kFlushPasses = 100;
 constexpr apr_status_t kConnectionReset = 730054;
 
@@ -59,28 +55,28 @@ extern "C" void dumpData(char* data, int len)
         return;
     }
     if (g_tap.fn) g_tap.fn(data, len, g_tap.ctx);
-    if (!app->bufferWriteLock) { /* no data thread was ever started */
+    if (!app->dataChannel.bufferWriteLock) { /* no data thread was ever started */
         __atomic_fetch_add(&app->VXSys.discardCount, 1, __ATOMIC_RELAXED);
         return;
     }
-    vx::VXLockGuard guard(app->bufferWriteLock);
+    vx::VXLockGuard guard(app->dataChannel.bufferWriteLock);
     const int rv = addDataInSendBuffer(data, len);
     if (rv < 0 && app->VXSys.discardCount % 1000 == 999)
         VX_ERROR("DATA_THREAD",
                  "VXDataDispatcher - dumpData(): Warning - No space left in buffer or thread is not "
                  "initialized for sending data to VXCollector. Return = %d, writeListSize = %d "
                  "readListSize = %d",
-                 rv, app->writeListSize, app->readListSize);
+                 rv, app->dataChannel.writeListSize, app->dataChannel.readListSize);
 }
 
 extern "C" int processData(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app->dataSkt.skt) return -1;
-    while (nioSettings_t* node = app->VXCollectorBB) {
+    if (!app->dataChannel.dataSkt.skt) return -1;
+    while (nioSettings_t* node = app->dataChannel.VXCollectorBB) {
         while (node->use_len - node->send_len > 0) {
             apr_size_t len = static_cast<apr_size_t>(node->use_len - node->send_len);
-            const apr_status_t rv = apr_socket_send(app->dataSkt.skt, node->buff + node->send_len, &len);
+            const apr_status_t rv = apr_socket_send(app->dataChannel.dataSkt.skt, node->buff + node->send_len, &len);
             if (connection_broken(rv)) {
                 char err[256];
                 VX_ERROR("DATA_THREAD", "Error = %s, dataLen = %d",
@@ -107,8 +103,8 @@ extern "C" int processData(void)
 extern "C" int processDataLws(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app->dataSkt.lws_handler.wsi) return -1;
-    while (nioSettings_t* node = app->VXCollectorBB) {
+    if (!app->dataChannel.dataSkt.lws_handler.wsi) return -1;
+    while (nioSettings_t* node = app->dataChannel.VXCollectorBB) {
         int last = 0;
         while (node->use_len - node->send_len > 0) {
             const int len = node->use_len - node->send_len;
@@ -133,7 +129,7 @@ extern "C" int dataConnService(void)
 extern "C" void flushCommonData(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || (!app->dataSkt.skt && !app->dataSkt.lws_handler.wsi)) return;
+    if (!app || (!app->dataChannel.dataSkt.skt && !app->dataChannel.dataSkt.lws_handler.wsi)) return;
     /* processData calls back here while a stop is under way: one flush at a
      * time per thread is enough, the outer one finishes the job. */
     static thread_local bool flushing = false;
@@ -151,16 +147,16 @@ extern "C" void handleHeartBeat(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (app->VXSys.vxcBciDataConnectionHeartBeat <= 0) return;
-    if (--heartBeatExpiryCnt < 1) {
+    if (--app->dataChannel.heartBeatExpiryCnt < 1) {
         if (app->lws_active == 1) send_data_via_lws_socket(const_cast<char*>("\n"), 1);
         dumpData(const_cast<char*>("\n"), 1);
-        ++app->dumpHeartBeat;
-        heartBeatExpiryCnt = app->VXSys.vxcBciDataConnectionHeartBeat;
+        ++app->dataChannel.dumpHeartBeat;
+        app->dataChannel.heartBeatExpiryCnt = app->VXSys.vxcBciDataConnectionHeartBeat;
     }
-    if (app->dumpHeartBeat >= 5) {
+    if (app->dataChannel.dumpHeartBeat >= 5) {
         VX_TRACE(app->VXSys.controlTraceLevel, 2, "DATA_THREAD",
-                 "VXDataDispatcher: heartBeatExpiryCnt '%d' ", heartBeatExpiryCnt);
-        app->dumpHeartBeat = 0;
+                 "VXDataDispatcher: heartBeatExpiryCnt '%d' ", app->dataChannel.heartBeatExpiryCnt);
+        app->dataChannel.dumpHeartBeat = 0;
     }
 }
 
@@ -171,9 +167,9 @@ extern "C" int sendBufferDataCon(char* buf, int len)
         dumpData(buf, len);
         return 0;
     }
-    if (!app->dataSkt.skt || app->VXSys.dataConnState == 0) return 0;
+    if (!app->dataChannel.dataSkt.skt || app->VXSys.dataConnState == 0) return 0;
     char err[256] = "";
-    const int sent = vxlb_send_n_bytes(app->dataSkt.skt, buf, len, err, sizeof err);
+    const int sent = vxlb_send_n_bytes(app->dataChannel.dataSkt.skt, buf, len, err, sizeof err);
     if (sent != len) {
         VX_ERROR("DATA_THREAD", "Sent incomplete data, tried %d, success %d bytes", len, sent);
         return len;

@@ -39,9 +39,9 @@ void data_target(VXProxyInstance_t* app, char** host, int* port)
     if (vx_agent_behind_proxy(app)) {
         *host = app->VXSys.proxyIP;
         *port = app->VXSys.proxyPort;
-    } else if (app->active_vxc) {
-        *host = app->active_vxc->vxc_host;
-        *port = static_cast<int>(app->active_vxc->vxc_port);
+    } else if (app->controlLink.active_vxc) {
+        *host = app->controlLink.active_vxc->vxc_host;
+        *port = static_cast<int>(app->controlLink.active_vxc->vxc_port);
     }
 }
 
@@ -100,18 +100,18 @@ extern "C" int create_data_conn(char* error_buf, int error_buf_len)
     }
     if (app->lws_active == 1)
         return create_lws_data_connection(host, port, error_buf, error_buf_len) ? 0 : -1;
-    if (!app->dataConnPool && apr_pool_create(&app->dataConnPool, app->data_pool) != APR_SUCCESS) {
+    if (!app->dataChannel.dataConnPool && apr_pool_create(&app->dataChannel.dataConnPool, app->dataChannel.data_pool) != APR_SUCCESS) {
         vx::copy_text(error_buf, static_cast<size_t>(error_buf_len), "no memory pool");
         return -1;
     }
-    app->dataSkt.skt = vxlb_create_client_con(host, port, error_buf, error_buf_len, app->dataConnPool);
-    return app->dataSkt.skt ? 0 : -1;
+    app->dataChannel.dataSkt.skt = vxlb_create_client_con(host, port, error_buf, error_buf_len, app->dataChannel.dataConnPool);
+    return app->dataChannel.dataSkt.skt ? 0 : -1;
 }
 
 extern "C" void get_data_ip_and_port(void)
 {
     VXProxyInstance_t* app = vx_app();
-    socketInfo_t& d = app->dataSkt;
+    socketInfo_t& d = app->dataChannel.dataSkt;
     char ip[64] = "";
     int port = 0;
     if (d.skt && get_src_addr(d.skt, ip, sizeof ip, &port) == 0) {
@@ -131,12 +131,12 @@ extern "C" bool send_data_con_req_msg_to_vxc(void)
     if (app->lws_active == 1)
         return send_data_via_lws_socket(s.controlDataReqMessage, s.controlDataReqMessage_len) < 0;
     char err[256] = "";
-    if (vxlb_send_n_bytes(app->dataSkt.skt, s.controlDataReqMessage, s.controlDataReqMessage_len,
+    if (vxlb_send_n_bytes(app->dataChannel.dataSkt.skt, s.controlDataReqMessage, s.controlDataReqMessage_len,
                           err, sizeof err) == -2) {
         VX_ERROR("DATA_THREAD", "Unable to send control req message. Going to closing connection");
         return true;
     }
-    vxlb_send_n_bytes(app->dataSkt.skt, const_cast<char*>("\n"), 1, err, sizeof err);
+    vxlb_send_n_bytes(app->dataChannel.dataSkt.skt, const_cast<char*>("\n"), 1, err, sizeof err);
     return false;
 }
 
@@ -167,16 +167,16 @@ extern "C" int checkAndStopThread(void)
 extern "C" void close_data_connection(void)
 {
     VXProxyInstance_t* app = vx_app();
-    void* wsi = app->dataSkt.lws_handler.wsi;
-    app->dataSkt.lws_handler.wsi = nullptr;
+    void* wsi = app->dataChannel.dataSkt.lws_handler.wsi;
+    app->dataChannel.dataSkt.lws_handler.wsi = nullptr;
     app->Server.controlCommunicationBusyFlag = 0;
-    if (apr_socket_t* skt = app->dataSkt.skt) {
-        app->dataSkt.skt = nullptr;
+    if (apr_socket_t* skt = app->dataChannel.dataSkt.skt) {
+        app->dataChannel.dataSkt.skt = nullptr;
         apr_socket_close(skt);
     }
-    if (app->dataConnPool) {
-        apr_pool_destroy(app->dataConnPool);
-        app->dataConnPool = nullptr;
+    if (app->dataChannel.dataConnPool) {
+        apr_pool_destroy(app->dataChannel.dataConnPool);
+        app->dataChannel.dataConnPool = nullptr;
     }
     if (wsi) kill_lws_connection(wsi);
 }
@@ -199,23 +199,23 @@ extern "C" int check_data_thread(void)
         VX_ERROR("DATA_THREAD", "Data thread already exist.");
         return 1;
     }
-    if (!app->data_pool && apr_pool_create(&app->data_pool, app->control_pool) != APR_SUCCESS) {
+    if (!app->dataChannel.data_pool && apr_pool_create(&app->dataChannel.data_pool, app->control_pool) != APR_SUCCESS) {
         VX_ERROR("DATA_THREAD", "Error while creating data thread. Error = %s", "no memory pool");
         return 1;
     }
-    if (!app->bufferWriteLock) app->bufferWriteLock = vx::mutex_create(app->data_pool);
-    if (!app->bufferMoveLock) app->bufferMoveLock = vx::mutex_create(app->data_pool);
+    if (!app->dataChannel.bufferWriteLock) app->dataChannel.bufferWriteLock = vx::mutex_create(app->dataChannel.data_pool);
+    if (!app->dataChannel.bufferMoveLock) app->dataChannel.bufferMoveLock = vx::mutex_create(app->dataChannel.data_pool);
     if (!read_raw_file) read_raw_file = vx::mutex_create(app->control_pool);
     /* Raised before the thread runs: a thread that ends at once clears it. */
     app->VXBCISetting.data_thread_running = 1;
     char err[256] = "";
-    if (vxlb_thread_create(&app->data_thread_id, start_data_thread, app, err, sizeof err,
-                           app->data_pool) != 0) {
+    if (vxlb_thread_create(&app->dataChannel.data_thread_id, start_data_thread, app, err, sizeof err,
+                           app->dataChannel.data_pool) != 0) {
         app->VXBCISetting.data_thread_running = 0;
         VX_ERROR("DATA_THREAD", "Error while creating data thread. Error = %s", err);
         return 1;
     }
-    apr_thread_detach(app->data_thread_id); /* nobody joins it: it ends by itself */
+    apr_thread_detach(app->dataChannel.data_thread_id); /* nobody joins it: it ends by itself */
     app->Server.controlCommunicationBusyFlag = 1;
     return 0;
 }
@@ -227,18 +227,18 @@ extern "C" void* APR_THREAD_FUNC start_data_thread(apr_thread_t* thread, void* d
     tl_data_thread = thread;
     for (;;) {
         app->VXSys.dataConnState = 0;
-        if (app->dataSkt.skt || app->dataSkt.lws_handler.wsi) close_data_connection();
+        if (app->dataChannel.dataSkt.skt || app->dataChannel.dataSkt.lws_handler.wsi) close_data_connection();
         if (control_closing(app)) clean_data_thread();
 
         char err[256] = "";
         if (create_data_conn(err, sizeof err) == 0) {
             if (control_closing(app)) clean_data_thread();
             get_data_ip_and_port();
-            if (app->dataSkt.skt) {
-                apr_socket_opt_set(app->dataSkt.skt, APR_SO_NONBLOCK, 0);
+            if (app->dataChannel.dataSkt.skt) {
+                apr_socket_opt_set(app->dataChannel.dataSkt.skt, APR_SO_NONBLOCK, 0);
                 /* Blocking, but a collector that stops reading cannot hold
                  * the thread: a send gives up after a while, nothing sent. */
-                apr_socket_timeout_set(app->dataSkt.skt, apr_time_from_sec(kDataSendTimeoutSeconds));
+                apr_socket_timeout_set(app->dataChannel.dataSkt.skt, apr_time_from_sec(kDataSendTimeoutSeconds));
             }
             if (buff_list_init() != 0) {
                 /* data_thread_running stays up: no other thread is tried. */
@@ -254,8 +254,8 @@ extern "C" void* APR_THREAD_FUNC start_data_thread(apr_thread_t* thread, void* d
             }
             app->VXSys.dataConnState = 1;
             VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD",
-                     "Data connection open %s:%d -> %s:%d", app->dataSkt.sourceIp,
-                     app->dataSkt.srcPort, app->dataSkt.dstIp, app->dataSkt.dstPort);
+                     "Data connection open %s:%d -> %s:%d", app->dataChannel.dataSkt.sourceIp,
+                     app->dataChannel.dataSkt.srcPort, app->dataChannel.dataSkt.dstIp, app->dataChannel.dataSkt.dstPort);
             dump_opening_records(app);
             run_connection(app);
         } else {

@@ -137,7 +137,7 @@ extern "C" void handleReceivedClientMessageFromVXCollector(char* clientMsg)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !clientMsg) return;
-    app->heartbeat_count = 0;
+    app->controlLink.heartbeat_count = 0;
     app->Server.lastHeartBeatRcvTime = my_gettimeofday();
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Message from VXC: %.300s", clientMsg);
     if (vx::starts_with(clientMsg, kStart)) {

@@ -47,7 +47,7 @@ class FetchReader {
 public:
     FetchReader() : deadline_(apr_time_now() + app()->TimeOut)
     {
-        if (app()->control.skt) apr_socket_timeout_set(app()->control.skt, app()->TimeOut);
+        if (app()->controlLink.control.skt) apr_socket_timeout_set(app()->controlLink.control.skt, app()->TimeOut);
     }
     ~FetchReader() { give_back(); }
 
@@ -59,7 +59,7 @@ public:
         buf[0] = '\0';
         if (apr_time_now() >= deadline_) return -3;
         const int r =
-            vxlb_read_line(app()->control.skt, buf, kLineSize, carry_, &carry_len_, err_, sizeof err_);
+            vxlb_read_line(app()->controlLink.control.skt, buf, kLineSize, carry_, &carry_len_, err_, sizeof err_);
         if (r == -2 || r == -4) {
             VX_ERROR("CONTROL_THREAD", "Control connection lost while reading a file: %s", err_);
             app()->VXSys.retryFlag = 1;
@@ -79,7 +79,7 @@ public:
         while (have < size) {
             long long want = size - have;
             if (want > (1 << 30)) want = 1 << 30;
-            const int n = vxlb_read_n_bytes(app()->control.skt, out + have, static_cast<int>(want) + 1,
+            const int n = vxlb_read_n_bytes(app()->controlLink.control.skt, out + have, static_cast<int>(want) + 1,
                                             err_, sizeof err_);
             if (n <= 0) return n == 0 ? -2 : n;
             have += n;
@@ -91,7 +91,7 @@ private:
     /* Lines read past the file belong to the control stream. */
     void give_back()
     {
-        controlSocketBuffer_t& b = app()->ctrlBufInfo;
+        controlSocketBuffer_t& b = app()->controlLink.ctrlBufInfo;
         if (carry_len_ <= 0 || !b.read_socket_buf) return;
         const int room = static_cast<int>(b.read_len) - b.writeOffset;
         const int n = carry_len_ < room ? carry_len_ : room;

@@ -61,14 +61,14 @@ bool wait_for(Pred done, long long timeout_ms)
 
 bool registered(VXProxyInstance_t* app, long long since)
 {
-    return app->ctrlServing && app->Server.lastConnectionTime >= since;
+    return app->controlLink.ctrlServing && app->Server.lastConnectionTime >= since;
 }
 
-bool data_open(VXProxyInstance_t* app) { return app->VXSys.dataConnState == 1 && app->dataSkt.skt; }
+bool data_open(VXProxyInstance_t* app) { return app->VXSys.dataConnState == 1 && app->dataChannel.dataSkt.skt; }
 
 bool ring_drained(VXProxyInstance_t* app)
 {
-    return app->readListSize == 0 && (!app->VXBCIAgentBB || app->VXBCIAgentBB->use_len == 0);
+    return app->dataChannel.readListSize == 0 && (!app->dataChannel.VXBCIAgentBB || app->dataChannel.VXBCIAgentBB->use_len == 0);
 }
 
 long long peak_rss_kb()
@@ -157,7 +157,7 @@ int run_load(VXProxyInstance_t* app, int seconds, int threads)
         total += offered[static_cast<size_t>(t)];
         if (slowest_us[static_cast<size_t>(t)] > slowest) slowest = slowest_us[static_cast<size_t>(t)];
     }
-    const long long buffers = app->writeListSize + app->readListSize;
+    const long long buffers = app->dataChannel.writeListSize + app->dataChannel.readListSize;
     const long long ring_bytes = buffers * app->VXSys.bciDataBufferMaxSize;
     vx::session_stop();
     wait_for([app] { return !app->VXBCISetting.data_thread_running; }, 20000);

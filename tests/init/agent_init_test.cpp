@@ -47,7 +47,7 @@ TEST(AgentInit, NullArgumentsGiveTheDefaultsAndConfigureOnly)
                   CHILD_CHECK(pool_name == nullptr && proc_name == nullptr);
                   /* Configured only: no pool of records, no thread. */
                   CHILD_CHECK(app->tlsPool.g_tlsidx == 0 && app->tlsPool.gFreeTLSHead == nullptr);
-                  CHILD_CHECK(app->control_thread_id == nullptr);
+                  CHILD_CHECK(app->controlLink.control_thread_id == nullptr);
                   /* Old logs were cleaned, other files left alone. */
                   CHILD_CHECK(!exists(home + "/logs/vx_trace_other_p_20000101120000_77.log_0"));
                   CHILD_CHECK(exists(home + "/logs/notes_kept"));
@@ -111,7 +111,7 @@ TEST(AgentInit, ConnectingStartsThePoolAndTheControlThreadAndShutdownStopsIt)
                   CHILD_CHECK(app->tlsPool.g_tlsidx == 64);
                   CHILD_CHECK(app->tlsPool.gFreeTLSCnt == 64);
                   CHILD_CHECK(app->fpiToTLS != nullptr);
-                  CHILD_CHECK(app->control_thread_id != nullptr);
+                  CHILD_CHECK(app->controlLink.control_thread_id != nullptr);
                   CHILD_CHECK(app->processID == getpid());
                   /* A second call does not replace the instance. */
                   agent_init(const_cast<char*>("q"), 1, nullptr, nullptr, nullptr);
@@ -119,7 +119,7 @@ TEST(AgentInit, ConnectingStartsThePoolAndTheControlThreadAndShutdownStopsIt)
                   agent_shutdown();
                   CHILD_CHECK(closeCtrlThread == 0); /* the control thread saw it */
                   apr_status_t rv;
-                  CHILD_CHECK(apr_thread_join(&rv, app->control_thread_id) == APR_SUCCESS);
+                  CHILD_CHECK(apr_thread_join(&rv, app->controlLink.control_thread_id) == APR_SUCCESS);
                   return 0;
               }),
               0);
@@ -130,8 +130,8 @@ TEST(AgentInit, ShutdownGivesUpOnAThreadThatNeverStops)
     EXPECT_EQ(vx_test::run_in_child([](const std::string&) {
                   agent_init(nullptr, 0, nullptr, nullptr, nullptr);
                   /* A control thread that never answers. */
-                  tlvxApplication->control_thread_id = reinterpret_cast<apr_thread_t*>(1);
-                  tlvxApplication->control_thread_running = 1;
+                  tlvxApplication->controlLink.control_thread_id = reinterpret_cast<apr_thread_t*>(1);
+                  tlvxApplication->controlLink.control_thread_running = 1;
                   agent_shutdown();
                   CHILD_CHECK(closeCtrlThread == 1);
                   return 0;

@@ -146,7 +146,7 @@ TEST(SdkInit, Init2OpensTheSdkLogStartsTheAgentAndReturnsAfterItsWait)
             CHILD_CHECK(proc_name && strcmp(proc_name, "worker") == 0);
             CHILD_CHECK(strcmp(app->VXBCISetting.agentType, "cppAgent") == 0);
             CHILD_CHECK(strcmp(app->VXBCISetting.agentVersion, "v2") == 0);
-            CHILD_CHECK(app->control_thread_id != nullptr);
+            CHILD_CHECK(app->controlLink.control_thread_id != nullptr);
             /* Stamped once the wait is over. */
             CHILD_CHECK(app->Server.lastHeartBeatRcvTime == kNow + 30000);
             CHILD_CHECK(sdk_pool && bt_lock && g_bt_hash);

@@ -60,12 +60,12 @@ int start_with(const StartCase& c, const std::string& home)
     CHILD_CHECK(s.isEnableEnvVar == c.isEnableEnvVar);
     if (c.vxcHost) {
         CHILD_CHECK(s.vxcHost && strcmp(s.vxcHost, c.vxcHost) == 0);
-        CHILD_CHECK(app->vxc_server_arr && app->vxc_server_arr[0].vxc_host &&
-                    strcmp(app->vxc_server_arr[0].vxc_host, c.vxcHost) == 0);
-        CHILD_CHECK(app->vxc_server_arr[0].state == 1 && s.num_vxc_config == 1);
+        CHILD_CHECK(app->controlLink.vxc_server_arr && app->controlLink.vxc_server_arr[0].vxc_host &&
+                    strcmp(app->controlLink.vxc_server_arr[0].vxc_host, c.vxcHost) == 0);
+        CHILD_CHECK(app->controlLink.vxc_server_arr[0].state == 1 && s.num_vxc_config == 1);
     } else {
         CHILD_CHECK(s.vxcHost == nullptr && s.num_vxc_config == 0);
-        CHILD_CHECK(!app->vxc_server_arr || app->vxc_server_arr[0].vxc_host == nullptr);
+        CHILD_CHECK(!app->controlLink.vxc_server_arr || app->controlLink.vxc_server_arr[0].vxc_host == nullptr);
     }
     if (c.logged) CHILD_CHECK(vx_test::trace_log_text().find(c.logged) != std::string::npos);
     return 0;
@@ -123,10 +123,10 @@ TEST(SettingsAtStart, EnvironmentPortAndProtocol)
                              nullptr);
                   VXProxyInstance_t* app = tlvxApplication;
                   CHILD_CHECK(app->VXBCISetting.vxcPort == 9443);
-                  CHILD_CHECK(app->vxc_server_arr[0].vxc_port == 9443u);
+                  CHILD_CHECK(app->controlLink.vxc_server_arr[0].vxc_port == 9443u);
                   CHILD_CHECK(app->VXBCISetting.vxc_WSS_Port == 9443);
-                  CHILD_CHECK(strcmp(app->supportedProtocols, "WSS,TCP") == 0);
-                  CHILD_CHECK(app->ActiveAgentProtocolIndex == 3);
+                  CHILD_CHECK(strcmp(app->controlLink.supportedProtocols, "WSS,TCP") == 0);
+                  CHILD_CHECK(app->controlLink.ActiveAgentProtocolIndex == 3);
                   CHILD_CHECK(app->lws_active == 1);
                   return 0;
               }),

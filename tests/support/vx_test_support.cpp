@@ -49,8 +49,8 @@ VXProxyInstance_t* agent()
          * after choosing its transport; units are then tested on TCP with
          * nothing running beside them. */
         apr_status_t rv;
-        if (tlvxApplication->control_thread_id) apr_thread_join(&rv, tlvxApplication->control_thread_id);
-        tlvxApplication->control_thread_id = nullptr;
+        if (tlvxApplication->controlLink.control_thread_id) apr_thread_join(&rv, tlvxApplication->controlLink.control_thread_id);
+        tlvxApplication->controlLink.control_thread_id = nullptr;
         tlvxApplication->lws_active = 0;
         return tlvxApplication;
     }();

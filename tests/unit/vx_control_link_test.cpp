@@ -37,50 +37,50 @@ protected:
     void SetUp() override
     {
         app_ = vx_test::agent();
-        ASSERT_TRUE(app_ && !app_->control.skt && !app_->control.lws_handler.wsi);
+        ASSERT_TRUE(app_ && !app_->controlLink.control.skt && !app_->controlLink.control.lws_handler.wsi);
         saved_ = std::make_unique<VXProxyInstance_t>(*app_);
         activeIdx_ = active_vxc_idx;
 
-        app_->vxc_server_arr = app_->active_vxc = nullptr;
-        app_->server_arr_size = 0;
+        app_->controlLink.vxc_server_arr = app_->controlLink.active_vxc = nullptr;
+        app_->controlLink.server_arr_size = 0;
         for (int i : {0, 1}) vx_collector_entry(i)->vxc_host = strdup(i ? "10.0.0.2" : "10.0.0.1");
         app_->VXBCISetting.num_vxc_config = 2;
-        app_->vx_dr_state = 1;
-        app_->is_switch_over = 0;
+        app_->controlLink.vx_dr_state = 1;
+        app_->controlLink.is_switch_over = 0;
         active_vxc_idx = 0;
         init_vxc_server_config();
         set_protocols({1}, 1);
-        memset(app_->supportedProtocolVXCArray, 0, sizeof app_->supportedProtocolVXCArray);
+        memset(app_->controlLink.supportedProtocolVXCArray, 0, sizeof app_->controlLink.supportedProtocolVXCArray);
         app_->VXBCISetting.vxcPort = 7892;
         app_->Server.testRunRunning = 1;
     }
 
     void TearDown() override
     {
-        for (int i = 0; i < app_->server_arr_size; ++i) free(app_->vxc_server_arr[i].vxc_host);
-        free(app_->vxc_server_arr);
+        for (int i = 0; i < app_->controlLink.server_arr_size; ++i) free(app_->controlLink.vxc_server_arr[i].vxc_host);
+        free(app_->controlLink.vxc_server_arr);
         const VXProxyInstance_t& s = *saved_;
-        app_->vxc_server_arr = s.vxc_server_arr;
-        app_->server_arr_size = s.server_arr_size;
-        app_->active_vxc = s.active_vxc;
+        app_->controlLink.vxc_server_arr = s.controlLink.vxc_server_arr;
+        app_->controlLink.server_arr_size = s.controlLink.server_arr_size;
+        app_->controlLink.active_vxc = s.controlLink.active_vxc;
         active_vxc_idx = activeIdx_;
         app_->VXSys = s.VXSys;
         app_->Server = s.Server;
         app_->VXBCISetting = s.VXBCISetting;
-        app_->retry_policy = s.retry_policy;
-        memcpy(app_->supportedProtocolArray, s.supportedProtocolArray, sizeof s.supportedProtocolArray);
-        memcpy(app_->supportedProtocolVXCArray, s.supportedProtocolVXCArray, sizeof s.supportedProtocolVXCArray);
-        app_->ActiveAgentProtocolIndex = s.ActiveAgentProtocolIndex;
-        app_->vx_dr_state = s.vx_dr_state;
-        app_->is_switch_over = s.is_switch_over;
-        app_->heartbeat_count = s.heartbeat_count;
+        app_->controlLink.retry_policy = s.controlLink.retry_policy;
+        memcpy(app_->controlLink.supportedProtocolArray, s.controlLink.supportedProtocolArray, sizeof s.controlLink.supportedProtocolArray);
+        memcpy(app_->controlLink.supportedProtocolVXCArray, s.controlLink.supportedProtocolVXCArray, sizeof s.controlLink.supportedProtocolVXCArray);
+        app_->controlLink.ActiveAgentProtocolIndex = s.controlLink.ActiveAgentProtocolIndex;
+        app_->controlLink.vx_dr_state = s.controlLink.vx_dr_state;
+        app_->controlLink.is_switch_over = s.controlLink.is_switch_over;
+        app_->controlLink.heartbeat_count = s.controlLink.heartbeat_count;
     }
 
     void set_protocols(std::vector<int> agent, int active)
     {
-        memset(app_->supportedProtocolArray, 0, sizeof app_->supportedProtocolArray);
-        for (size_t i = 0; i < agent.size(); ++i) app_->supportedProtocolArray[i] = agent[i];
-        app_->ActiveAgentProtocolIndex = active;
+        memset(app_->controlLink.supportedProtocolArray, 0, sizeof app_->controlLink.supportedProtocolArray);
+        for (size_t i = 0; i < agent.size(); ++i) app_->controlLink.supportedProtocolArray[i] = agent[i];
+        app_->controlLink.ActiveAgentProtocolIndex = active;
     }
 
     int policy(std::string line) { return parse_policy_from_clientMsg(line.data()); }
@@ -104,17 +104,17 @@ private:
 
 TEST_F(ControlLink, ReplyPolicyFieldsSetRetriesAndKeepFailoverOnOnlyWhenAllComeFirst)
 {
-    app_->retry_policy = retryPolicy_t{};
+    app_->controlLink.retry_policy = retryPolicy_t{};
     EXPECT_EQ(policy(kOk + kPolicy), 0);
-    EXPECT_EQ(app_->retry_policy.num_retry, 3);
-    EXPECT_EQ(app_->retry_policy.time_interval, 60LL * 1000000);
-    EXPECT_EQ(app_->retry_policy.reply_unsuccessful_count, 10);
-    EXPECT_EQ(app_->retry_policy.heartbeat_reply_timeout_check, 3);
-    EXPECT_EQ(app_->vx_dr_state, 1);
+    EXPECT_EQ(app_->controlLink.retry_policy.num_retry, 3);
+    EXPECT_EQ(app_->controlLink.retry_policy.time_interval, 60LL * 1000000);
+    EXPECT_EQ(app_->controlLink.retry_policy.reply_unsuccessful_count, 10);
+    EXPECT_EQ(app_->controlLink.retry_policy.heartbeat_reply_timeout_check, 3);
+    EXPECT_EQ(app_->controlLink.vx_dr_state, 1);
     EXPECT_EQ(policy(kOk + "state=1;retryPolicy=2%5%4%9;ProtoVersion=1;"), 0);
-    EXPECT_EQ(app_->retry_policy.heartbeat_reply_timeout_check, 0); /* under 10 s: no ticks */
+    EXPECT_EQ(app_->controlLink.retry_policy.heartbeat_reply_timeout_check, 0); /* under 10 s: no ticks */
     EXPECT_EQ(policy(kOk + "retryPolicy=7%8;"), 0);                 /* too short: kept */
-    EXPECT_EQ(app_->retry_policy.num_retry, 2);
+    EXPECT_EQ(app_->controlLink.retry_policy.num_retry, 2);
 
     struct Case {
         std::string reply;
@@ -126,16 +126,16 @@ TEST_F(ControlLink, ReplyPolicyFieldsSetRetriesAndKeepFailoverOnOnlyWhenAllComeF
         {kOk, 0},
     };
     for (const Case& c : cases) {
-        app_->vx_dr_state = 1;
+        app_->controlLink.vx_dr_state = 1;
         EXPECT_EQ(policy(c.reply), 0) << c.reply;
-        EXPECT_EQ(app_->vx_dr_state, c.dr) << c.reply;
+        EXPECT_EQ(app_->controlLink.vx_dr_state, c.dr) << c.reply;
     }
-    EXPECT_EQ(app_->is_switch_over, 0);
+    EXPECT_EQ(app_->controlLink.is_switch_over, 0);
 
     active_vxc_idx = 1;
     EXPECT_EQ(policy(kOk + "state=0;"), 1);
-    EXPECT_EQ(app_->is_switch_over, 1);
-    EXPECT_EQ(app_->vxc_server_arr[1].state, 0);
+    EXPECT_EQ(app_->controlLink.is_switch_over, 1);
+    EXPECT_EQ(app_->controlLink.vxc_server_arr[1].state, 0);
     EXPECT_EQ(parse_policy_from_clientMsg(nullptr), 1);
     EXPECT_EQ(policy(""), 1);
     EXPECT_EQ(policy(";;;"), 1);
@@ -148,16 +148,16 @@ TEST_F(ControlLink, RetriesRunningOutWalkTheConfiguredCollectorsInTurn)
     for (int i = 0; i < 4; ++i) {
         connection_retry_failed();
         walk.push_back(active_vxc_idx);
-        EXPECT_EQ(app_->vxc_server_arr[active_vxc_idx].state, 1);
-        EXPECT_EQ(app_->vxc_server_arr[1 - active_vxc_idx].state, 0);
+        EXPECT_EQ(app_->controlLink.vxc_server_arr[active_vxc_idx].state, 1);
+        EXPECT_EQ(app_->controlLink.vxc_server_arr[1 - active_vxc_idx].state, 0);
     }
     EXPECT_EQ(walk, (std::vector<int>{1, 0, 1, 0}));
 
     connection_retry_failed(); /* on the backup; without failover the next move is home */
-    app_->vx_dr_state = 0;
+    app_->controlLink.vx_dr_state = 0;
     connection_retry_failed();
     EXPECT_EQ(active_vxc_idx, 0);
-    EXPECT_EQ(app_->vxc_server_arr[0].state, 1);
+    EXPECT_EQ(app_->controlLink.vxc_server_arr[0].state, 1);
 }
 
 TEST_F(ControlLink, ReplyIsServedDroppedOrSwitchedByItsFirstLine)
@@ -181,7 +181,7 @@ TEST_F(ControlLink, ReplyIsServedDroppedOrSwitchedByItsFirstLine)
     EXPECT_EQ(classify(kOk + kPolicy + "procIndex=3\n"), kReplyServe);
     EXPECT_EQ(app_->Server.retryForDataConn, 1);
     EXPECT_EQ(app_->VXSys.flowPathInstanceInitialID, 0x4000000000000000LL + (3LL << 46));
-    EXPECT_EQ(app_->vx_dr_state, 1);
+    EXPECT_EQ(app_->controlLink.vx_dr_state, 1);
 
     app_->Server.retryForAutoSensorConn = 1;
     EXPECT_EQ(classify("vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;" + kPolicy + "\n"), kReplyServe);
@@ -208,15 +208,15 @@ TEST_F(ControlLink, NegotiationKeepsTheConnectionUnlessProtocolOrPortChanges)
 
     set_protocols({3, 1}, 3);
     EXPECT_EQ(negotiate("TCP:7900"), 1);
-    EXPECT_EQ(app_->ActiveAgentProtocolIndex, 1);
+    EXPECT_EQ(app_->controlLink.ActiveAgentProtocolIndex, 1);
 
     /* The collector's order decides, and each list replaces the last. */
     set_protocols({1, 3}, 3);
     EXPECT_EQ(negotiate("WS:80,TCP:7900,WSS:443"), 1);
-    EXPECT_EQ(app_->ActiveAgentProtocolIndex, 1);
+    EXPECT_EQ(app_->controlLink.ActiveAgentProtocolIndex, 1);
     EXPECT_EQ(negotiate("WSS:443"), 1);
-    EXPECT_EQ(app_->ActiveAgentProtocolIndex, 3);
-    EXPECT_EQ(std::vector<int>(app_->supportedProtocolVXCArray, app_->supportedProtocolVXCArray + 5),
+    EXPECT_EQ(app_->controlLink.ActiveAgentProtocolIndex, 3);
+    EXPECT_EQ(std::vector<int>(app_->controlLink.supportedProtocolVXCArray, app_->controlLink.supportedProtocolVXCArray + 5),
               (std::vector<int>{3, 0, 0, 0, 0}));
 }
 
@@ -261,10 +261,10 @@ TEST_F(ControlLinkStream, AnIncompleteLineMovesToTheFrontAndCompletesWithTheNext
 TEST_F(ControlLinkStream, NulBytesBetweenLinesAreSkippedAndEveryLineIsASignOfLife)
 {
     vx_test::FrozenClock clock(9000, 0);
-    app_->heartbeat_count = 4;
+    app_->controlLink.heartbeat_count = 4;
     app_->VXSys.dataConnState = 1;
     feed(std::string("vx_control_req:action=no_such_action;\n") + '\0' + '\0' + heartbeat(0, 0) + "\n" + '\0');
-    EXPECT_EQ(app_->heartbeat_count, 0);
+    EXPECT_EQ(app_->controlLink.heartbeat_count, 0);
     EXPECT_EQ(app_->Server.lastHeartBeatRcvTime, 9000);
     EXPECT_EQ(app_->VXSys.dataConnState, 0);
     EXPECT_EQ(buf_.readBytes, 0);
@@ -272,10 +272,10 @@ TEST_F(ControlLinkStream, NulBytesBetweenLinesAreSkippedAndEveryLineIsASignOfLif
 
     /* A collector heartbeat of fewer than three fields leaves the states. */
     app_->VXSys.dataConnState = 1;
-    app_->heartbeat_count = 2;
+    app_->controlLink.heartbeat_count = 2;
     feed("vx_control_req:action=reconnect;dataConnState=0\n");
     EXPECT_EQ(app_->VXSys.dataConnState, 1);
-    EXPECT_EQ(app_->heartbeat_count, 0);
+    EXPECT_EQ(app_->controlLink.heartbeat_count, 0);
 }
 
 }  // namespace

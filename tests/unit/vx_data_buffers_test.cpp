@@ -29,7 +29,7 @@ protected:
     void SetUp() override
     {
         app_ = vx_test::agent();
-        ASSERT_TRUE(app_ && !app_->writeList && !app_->readList && !app_->bufferWriteLock);
+        ASSERT_TRUE(app_ && !app_->dataChannel.writeList && !app_->dataChannel.readList && !app_->dataChannel.bufferWriteLock);
         saved_ = std::make_unique<VXProxyInstance_t>(*app_);
         proxyServer_ = VXProxy.proxyServerFlag;
         app_->VXSys.discardCount = 0;
@@ -39,7 +39,7 @@ protected:
     {
         free_ring();
         if (pool_) apr_pool_destroy(pool_);
-        app_->bufferWriteLock = app_->bufferMoveLock = nullptr;
+        app_->dataChannel.bufferWriteLock = app_->dataChannel.bufferMoveLock = nullptr;
         app_->VXSys = saved_->VXSys;
         app_->Server.testRunRunning = saved_->Server.testRunRunning;
         app_->VXBCISetting.agentType = saved_->VXBCISetting.agentType;
@@ -55,19 +55,19 @@ protected:
 
     void free_ring()
     {
-        for (nioSettings_t* n : nodes(app_->writeList)) free(n->buff), free(n);
-        for (nioSettings_t* n : nodes(app_->readList)) free(n->buff), free(n);
-        app_->writeList = app_->writeListLast = app_->readList = app_->readListLast = nullptr;
-        app_->VXBCIAgentBB = app_->VXCollectorBB = nullptr;
-        app_->writeListSize = app_->readListSize = 0;
+        for (nioSettings_t* n : nodes(app_->dataChannel.writeList)) free(n->buff), free(n);
+        for (nioSettings_t* n : nodes(app_->dataChannel.readList)) free(n->buff), free(n);
+        app_->dataChannel.writeList = app_->dataChannel.writeListLast = app_->dataChannel.readList = app_->dataChannel.readListLast = nullptr;
+        app_->dataChannel.VXBCIAgentBB = app_->dataChannel.VXCollectorBB = nullptr;
+        app_->dataChannel.writeListSize = app_->dataChannel.readListSize = 0;
     }
 
     /* The locks a data thread would have made (both nested). */
     void make_locks()
     {
         ASSERT_EQ(apr_pool_create(&pool_, nullptr), APR_SUCCESS);
-        apr_thread_mutex_create(&app_->bufferWriteLock, APR_THREAD_MUTEX_NESTED, pool_);
-        apr_thread_mutex_create(&app_->bufferMoveLock, APR_THREAD_MUTEX_NESTED, pool_);
+        apr_thread_mutex_create(&app_->dataChannel.bufferWriteLock, APR_THREAD_MUTEX_NESTED, pool_);
+        apr_thread_mutex_create(&app_->dataChannel.bufferMoveLock, APR_THREAD_MUTEX_NESTED, pool_);
     }
 
     int add(const std::string& rec)
@@ -86,7 +86,7 @@ protected:
     std::string drain()
     {
         std::string out;
-        while (nioSettings_t* node = app_->VXCollectorBB) {
+        while (nioSettings_t* node = app_->dataChannel.VXCollectorBB) {
             out.append(node->buff, static_cast<size_t>(node->use_len));
             node->use_len = node->send_len = 0;
             moveToWriteList();
@@ -97,14 +97,14 @@ protected:
     /* Heads, tails and counts agree with the lists, and no node is lost. */
     void expect_lists_consistent(int total)
     {
-        const auto w = nodes(app_->writeList), r = nodes(app_->readList);
-        EXPECT_EQ(app_->VXBCIAgentBB, app_->writeList);
-        EXPECT_EQ(app_->VXCollectorBB, app_->readList);
-        EXPECT_EQ(app_->writeListLast, w.empty() ? nullptr : w.back());
-        EXPECT_EQ(app_->readListLast, r.empty() ? nullptr : r.back());
-        EXPECT_EQ(static_cast<int>(w.size()), app_->writeListSize);
-        EXPECT_EQ(static_cast<int>(r.size()), app_->readListSize);
-        EXPECT_EQ(app_->writeListSize + app_->readListSize, total);
+        const auto w = nodes(app_->dataChannel.writeList), r = nodes(app_->dataChannel.readList);
+        EXPECT_EQ(app_->dataChannel.VXBCIAgentBB, app_->dataChannel.writeList);
+        EXPECT_EQ(app_->dataChannel.VXCollectorBB, app_->dataChannel.readList);
+        EXPECT_EQ(app_->dataChannel.writeListLast, w.empty() ? nullptr : w.back());
+        EXPECT_EQ(app_->dataChannel.readListLast, r.empty() ? nullptr : r.back());
+        EXPECT_EQ(static_cast<int>(w.size()), app_->dataChannel.writeListSize);
+        EXPECT_EQ(static_cast<int>(r.size()), app_->dataChannel.readListSize);
+        EXPECT_EQ(app_->dataChannel.writeListSize + app_->dataChannel.readListSize, total);
     }
 
     VXProxyInstance_t* app_ = nullptr;
@@ -118,21 +118,21 @@ private:
 TEST_F(DataBuffers, BuiltOnceAndAPhpAgentGetsAThirtySecondOfTheCount)
 {
     build(3, 100);
-    EXPECT_EQ(app_->writeListSize, 3);
-    for (nioSettings_t* n : nodes(app_->writeList)) EXPECT_EQ(n->buff_size, 100);
+    EXPECT_EQ(app_->dataChannel.writeListSize, 3);
+    for (nioSettings_t* n : nodes(app_->dataChannel.writeList)) EXPECT_EQ(n->buff_size, 100);
     expect_lists_consistent(3);
     app_->VXSys.dataBuffMaxCount = 50; /* the ring exists: nothing is added */
     EXPECT_EQ(buff_list_init(), 0);
-    EXPECT_EQ(app_->writeListSize, 3);
+    EXPECT_EQ(app_->dataChannel.writeListSize, 3);
 
     free_ring();
     app_->VXBCISetting.agentType = const_cast<char*>("PhP");
     build(64, 100);
-    EXPECT_EQ(app_->writeListSize, 2);
+    EXPECT_EQ(app_->dataChannel.writeListSize, 2);
     free_ring();
     VXProxy.proxyServerFlag = app_->VXSys.proxyServerFlag = 1; /* the proxy process keeps them all */
     build(64, 100);
-    EXPECT_EQ(app_->writeListSize, 64);
+    EXPECT_EQ(app_->dataChannel.writeListSize, 64);
 }
 
 TEST_F(DataBuffers, ARecordThatDoesNotFitSpillsIntoTheNextBufferOrIsCut)
@@ -141,11 +141,11 @@ TEST_F(DataBuffers, ARecordThatDoesNotFitSpillsIntoTheNextBufferOrIsCut)
     const std::string a = record('a', 60), b = record('b', 60), c = record('c', 80);
     EXPECT_EQ(add(a), kBufferStored);
     EXPECT_EQ(add(b), kBufferStored); /* 40 bytes fill the first buffer, 20 open the second */
-    ASSERT_EQ(app_->readListSize, 1);
-    EXPECT_EQ(app_->readList->use_len, 100);
+    ASSERT_EQ(app_->dataChannel.readListSize, 1);
+    EXPECT_EQ(app_->dataChannel.readList->use_len, 100);
     EXPECT_EQ(add(c), kBufferStored); /* exactly the room left: published at once */
-    EXPECT_EQ(app_->readListSize, 2);
-    EXPECT_EQ(app_->VXBCIAgentBB->use_len, 0);
+    EXPECT_EQ(app_->dataChannel.readListSize, 2);
+    EXPECT_EQ(app_->dataChannel.VXBCIAgentBB->use_len, 0);
     EXPECT_EQ(drain(), a + b + c);
     EXPECT_EQ(app_->VXSys.discardCount, 0);
 
@@ -173,24 +173,24 @@ TEST_F(DataBuffers, TheLastFreeBufferIsNeverSpilledIntoAndProducersRecoverWhenOn
     build(2, 100);
     make_locks();
     movePartialToReadList(); /* nothing written: nothing published */
-    EXPECT_EQ(app_->readListSize, 0);
+    EXPECT_EQ(app_->dataChannel.readListSize, 0);
     EXPECT_EQ(add(record('a', 70)), kBufferStored);
     EXPECT_EQ(add(record('b', 50)), kBufferStored); /* 20 bytes in the last free buffer */
-    const std::string before(app_->VXBCIAgentBB->buff, 20);
+    const std::string before(app_->dataChannel.VXBCIAgentBB->buff, 20);
     EXPECT_EQ(add(record('c', 90)), kBufferNoRoom);
     EXPECT_EQ(app_->VXSys.discardCount, 2);
-    EXPECT_EQ(std::string(app_->VXBCIAgentBB->buff, static_cast<size_t>(app_->VXBCIAgentBB->use_len)), before);
+    EXPECT_EQ(std::string(app_->dataChannel.VXBCIAgentBB->buff, static_cast<size_t>(app_->dataChannel.VXBCIAgentBB->use_len)), before);
 
     movePartialToReadList(); /* the sender's tick takes the last free buffer */
-    EXPECT_EQ(app_->VXBCIAgentBB, nullptr);
+    EXPECT_EQ(app_->dataChannel.VXBCIAgentBB, nullptr);
     EXPECT_EQ(add(record('e', 5)), kBufferNoneFree);
     EXPECT_EQ(app_->VXSys.discardCount, 3);
     expect_lists_consistent(2);
 
-    nioSettings_t* first = app_->readList;
+    nioSettings_t* first = app_->dataChannel.readList;
     first->use_len = first->send_len = 0;
     moveToWriteList();
-    EXPECT_EQ(app_->VXBCIAgentBB, first);
+    EXPECT_EQ(app_->dataChannel.VXBCIAgentBB, first);
     expect_lists_consistent(2);
     EXPECT_EQ(add(record('f', 5)), kBufferStored);
 }
@@ -256,12 +256,12 @@ TEST_F(DataBuffers, DumpDataStoresOnlyWhileASessionRunsAndCountsEachDropOnce)
 
     app_->Server.testRunRunning = 0; /* before a session, or after it: gone without a count */
     dumpData(rec.data(), 40);
-    EXPECT_EQ(app_->VXBCIAgentBB->use_len, 0);
+    EXPECT_EQ(app_->dataChannel.VXBCIAgentBB->use_len, 0);
     EXPECT_EQ(app_->VXSys.discardCount, 0);
 
     app_->Server.testRunRunning = 1; /* no data thread ever made the locks: counted */
     dumpData(rec.data(), 40);
-    EXPECT_EQ(app_->VXBCIAgentBB->use_len, 0);
+    EXPECT_EQ(app_->dataChannel.VXBCIAgentBB->use_len, 0);
     EXPECT_EQ(app_->VXSys.discardCount, 1);
 
     make_locks();
@@ -270,8 +270,8 @@ TEST_F(DataBuffers, DumpDataStoresOnlyWhileASessionRunsAndCountsEachDropOnce)
     for (int i = 0; i < 3; ++i) dumpData(rec.data(), 40); /* the third spills 20 bytes */
     dumpData(big.data(), 150);                             /* the last free buffer: dropped */
     EXPECT_EQ(app_->VXSys.discardCount, 2);
-    EXPECT_EQ(app_->readListSize, 1);
-    EXPECT_EQ(app_->VXBCIAgentBB->use_len, 20);
+    EXPECT_EQ(app_->dataChannel.readListSize, 1);
+    EXPECT_EQ(app_->dataChannel.VXBCIAgentBB->use_len, 20);
 }
 
 }  // namespace

@@ -42,7 +42,7 @@ protected:
     void SetUp() override
     {
         app_ = vx_test::agent();
-        ASSERT_TRUE(app_ && !app_->control.skt);
+        ASSERT_TRUE(app_ && !app_->controlLink.control.skt);
         saved_ = std::make_unique<I>(*app_);
         savedLog_ = vxAppLogStruct;
         memcpy(savedHeaders_, arrPropagationHeaders, sizeof savedHeaders_);

@@ -38,14 +38,14 @@ protected:
         saved_ = app_->VXBCISetting;
         savedSys_ = app_->VXSys;
         savedServer_ = app_->Server;
-        savedArr_ = app_->vxc_server_arr;
-        savedArrSize_ = app_->server_arr_size;
-        savedActive_ = app_->active_vxc;
-        memcpy(savedProto_, app_->supportedProtocolArray, sizeof savedProto_);
-        memcpy(savedProtoText_, app_->supportedProtocols, sizeof savedProtoText_);
-        savedIndex_ = app_->ActiveAgentProtocolIndex;
+        savedArr_ = app_->controlLink.vxc_server_arr;
+        savedArrSize_ = app_->controlLink.server_arr_size;
+        savedActive_ = app_->controlLink.active_vxc;
+        memcpy(savedProto_, app_->controlLink.supportedProtocolArray, sizeof savedProto_);
+        memcpy(savedProtoText_, app_->controlLink.supportedProtocols, sizeof savedProtoText_);
+        savedIndex_ = app_->controlLink.ActiveAgentProtocolIndex;
         savedLws_ = app_->lws_active;
-        savedDr_ = app_->vx_dr_state;
+        savedDr_ = app_->controlLink.vx_dr_state;
         savedProxyMode_ = app_->vxProxyMode;
         savedSleep_ = app_->instrumentSleep;
         savedSendLogs_ = app_->sendLogsToProxy;
@@ -64,14 +64,14 @@ protected:
         s.vxc_TCP_Port = s.vxc_WS_Port = s.vxc_WSS_Port = 0;
         s.stackSize = 512;
         s.autoScalingMode = 2;
-        app_->vxc_server_arr = nullptr;
-        app_->server_arr_size = 0;
-        app_->active_vxc = nullptr;
-        memset(app_->supportedProtocolArray, 0, sizeof app_->supportedProtocolArray);
-        app_->supportedProtocols[0] = '\0';
-        app_->ActiveAgentProtocolIndex = 0;
+        app_->controlLink.vxc_server_arr = nullptr;
+        app_->controlLink.server_arr_size = 0;
+        app_->controlLink.active_vxc = nullptr;
+        memset(app_->controlLink.supportedProtocolArray, 0, sizeof app_->controlLink.supportedProtocolArray);
+        app_->controlLink.supportedProtocols[0] = '\0';
+        app_->controlLink.ActiveAgentProtocolIndex = 0;
         app_->lws_active = 0;
-        app_->vx_dr_state = 0;
+        app_->controlLink.vx_dr_state = 0;
         app_->VXSys.proxyMode = app_->vxProxyMode = 0;
         app_->Server.isClusterMode = 0;
         app_->Server.sameAppNameOccur = 0;
@@ -91,20 +91,20 @@ protected:
             if (p) free(p);
         /* A host without a colon frees a copied saasHost and leaves a static text. */
         setSaasHostPort(const_cast<char*>("none"));
-        for (int i = 0; i < app_->server_arr_size; ++i) free(app_->vxc_server_arr[i].vxc_host);
-        free(app_->vxc_server_arr);
+        for (int i = 0; i < app_->controlLink.server_arr_size; ++i) free(app_->controlLink.vxc_server_arr[i].vxc_host);
+        free(app_->controlLink.vxc_server_arr);
 
         app_->VXBCISetting = saved_;
         app_->VXSys = savedSys_;
         app_->Server = savedServer_;
-        app_->vxc_server_arr = savedArr_;
-        app_->server_arr_size = savedArrSize_;
-        app_->active_vxc = savedActive_;
-        memcpy(app_->supportedProtocolArray, savedProto_, sizeof savedProto_);
-        memcpy(app_->supportedProtocols, savedProtoText_, sizeof savedProtoText_);
-        app_->ActiveAgentProtocolIndex = savedIndex_;
+        app_->controlLink.vxc_server_arr = savedArr_;
+        app_->controlLink.server_arr_size = savedArrSize_;
+        app_->controlLink.active_vxc = savedActive_;
+        memcpy(app_->controlLink.supportedProtocolArray, savedProto_, sizeof savedProto_);
+        memcpy(app_->controlLink.supportedProtocols, savedProtoText_, sizeof savedProtoText_);
+        app_->controlLink.ActiveAgentProtocolIndex = savedIndex_;
         app_->lws_active = savedLws_;
-        app_->vx_dr_state = savedDr_;
+        app_->controlLink.vx_dr_state = savedDr_;
         app_->vxProxyMode = savedProxyMode_;
         app_->instrumentSleep = savedSleep_;
         app_->sendLogsToProxy = savedSendLogs_;
@@ -123,7 +123,7 @@ protected:
 
     std::vector<int> protocols() const
     {
-        return std::vector<int>(app_->supportedProtocolArray, app_->supportedProtocolArray + 5);
+        return std::vector<int>(app_->controlLink.supportedProtocolArray, app_->controlLink.supportedProtocolArray + 5);
     }
 
     VXProxyInstance_t* app_ = nullptr;
@@ -137,7 +137,7 @@ private:
     int savedArrSize_ = 0;
     vxc_servers_t* savedActive_ = nullptr;
     int savedProto_[5];
-    char savedProtoText_[sizeof(VXProxyInstance_t::supportedProtocols)];
+    char savedProtoText_[sizeof(VXControlLink_t::supportedProtocols)];
     int savedIndex_ = 0, savedLws_ = 0, savedDr_ = 0, savedProxyMode_ = 0, savedSleep_ = 0,
         savedSendLogs_ = 0;
 };
@@ -276,10 +276,10 @@ TEST_F(Settings, PrimaryAndBackupsFillTheCollectorListWhichGrowsByFive)
         file += "backupVxcHostName=10.0.1." + std::to_string(i) +
                 "\nbackupVxcPort=" + std::to_string(8000 + i) + "\n";
     EXPECT_EQ(apply(file), 0);
-    ASSERT_NE(app_->vxc_server_arr, nullptr);
-    EXPECT_EQ(app_->server_arr_size, 10); /* the sixth entry grew the list */
+    ASSERT_NE(app_->controlLink.vxc_server_arr, nullptr);
+    EXPECT_EQ(app_->controlLink.server_arr_size, 10); /* the sixth entry grew the list */
     EXPECT_EQ(app_->VXBCISetting.num_vxc_config, 6);
-    const vxc_servers_t* e = app_->vxc_server_arr;
+    const vxc_servers_t* e = app_->controlLink.vxc_server_arr;
     EXPECT_STREQ(e[0].vxc_host, "10.0.0.1");
     EXPECT_EQ(e[0].vxc_port, 7891u);
     EXPECT_EQ(e[0].state, 1);
@@ -290,7 +290,7 @@ TEST_F(Settings, PrimaryAndBackupsFillTheCollectorListWhichGrowsByFive)
     }
     for (int i = 6; i < 10; ++i)
         EXPECT_TRUE(e[i].vxc_host == nullptr && e[i].vxc_port == 0 && e[i].state == 0);
-    EXPECT_EQ(app_->vx_dr_state, 1); /* a backup is configured */
+    EXPECT_EQ(app_->controlLink.vx_dr_state, 1); /* a backup is configured */
 
     /* In cluster mode the file is not read at all. */
     app_->Server.isClusterMode = 1;
@@ -320,12 +320,12 @@ TEST_F(Settings, ProtocolListsFromTheFile)
         SCOPED_TRACE(c.file);
         app_->VXSys.proxyMode = app_->vxProxyMode = 0;
         app_->lws_active = 0;
-        app_->ActiveAgentProtocolIndex = 0;
+        app_->controlLink.ActiveAgentProtocolIndex = 0;
         EXPECT_EQ(apply(c.file), 0);
-        EXPECT_STREQ(app_->supportedProtocols, c.text);
-        EXPECT_EQ(app_->VXSys.supportedProtocolsString, app_->supportedProtocols);
+        EXPECT_STREQ(app_->controlLink.supportedProtocols, c.text);
+        EXPECT_EQ(app_->VXSys.supportedProtocolsString, app_->controlLink.supportedProtocols);
         EXPECT_EQ(protocols(), c.array);
-        EXPECT_EQ(app_->ActiveAgentProtocolIndex, c.active);
+        EXPECT_EQ(app_->controlLink.ActiveAgentProtocolIndex, c.active);
         EXPECT_EQ(app_->lws_active, c.lws);
     }
 }
@@ -336,9 +336,9 @@ TEST_F(Settings, ProtocolPortsAndTheListLimit)
     s.vxcPort = 0;
     updateANYAgentSupportedProtocolData(1);
     EXPECT_EQ(s.vxcPort, 7892);
-    EXPECT_STREQ(app_->supportedProtocols, "TCP");
+    EXPECT_STREQ(app_->controlLink.supportedProtocols, "TCP");
     updateANYAgentSupportedProtocolData(2); /* no such default: the list is empty */
-    EXPECT_STREQ(app_->supportedProtocols, "");
+    EXPECT_STREQ(app_->controlLink.supportedProtocols, "");
     EXPECT_EQ(protocols(), (std::vector<int>{0, 0, 0, 0, 0}));
 
     /* TCP's port is the primary port; a name without a port keeps the ports. */
@@ -354,7 +354,7 @@ TEST_F(Settings, ProtocolPortsAndTheListLimit)
     many += "TCP:1";
     upDateAgentSupportedProtocolData(many.data());
     EXPECT_EQ(protocols(), (std::vector<int>{3, 3, 3, 0, 0}));
-    EXPECT_STREQ(app_->supportedProtocols, "WSS,WSS,WSS,WSS,WSS,WSS,WSS,WSS,WSS,WSS");
+    EXPECT_STREQ(app_->controlLink.supportedProtocols, "WSS,WSS,WSS,WSS,WSS,WSS,WSS,WSS,WSS,WSS");
     EXPECT_EQ(s.vxcPort, 9000);
 }
 
@@ -366,12 +366,12 @@ TEST_F(Settings, HostedCollectorFromProjectKeyAndURL)
     EXPECT_STREQ(s.projectKey, "pk-1");
     EXPECT_STREQ(s.saasHost, "10.9.9.9");
     EXPECT_EQ(s.saasPort, 9443);
-    const vxc_servers_t& e = app_->vxc_server_arr[0];
+    const vxc_servers_t& e = app_->controlLink.vxc_server_arr[0];
     EXPECT_STREQ(e.vxc_host, "10.9.9.9");
     EXPECT_EQ(e.vxc_port, 9443u);
     EXPECT_EQ(e.saasServer, 1);
     EXPECT_EQ(s.num_vxc_config, 1);
-    EXPECT_STREQ(app_->supportedProtocols, "WSS");
+    EXPECT_STREQ(app_->controlLink.supportedProtocols, "WSS");
     /* A URL without the hosted mode is ignored; one without a port is loopback. */
     app_->VXBCISetting.saasMode = 0;
     EXPECT_EQ(apply("vxSaasURL=10.8.8.8:1\n"), 0);
@@ -489,7 +489,7 @@ TEST_F(Settings, RequestLinesAreWrittenInFull)
     s.vxc_WSS_Port = 8443;
     const int savedRun = app_->Server.TestRunIDValue;
     app_->Server.TestRunIDValue = 5;
-    app_->ActiveAgentProtocolIndex = 3;
+    app_->controlLink.ActiveAgentProtocolIndex = 3;
     const std::vector<std::pair<std::string, std::string>> ids = {{"pid", std::to_string(getpid())},
                                                                   {"agent", str(app_->agentName)}};
 
@@ -501,7 +501,7 @@ TEST_F(Settings, RequestLinesAreWrittenInFull)
                   "pid={pid};agentName={agent}\n",
                   ids));
     EXPECT_EQ(s.controlDataReqMessage_len, static_cast<int>(strlen(s.controlDataReqMessage)));
-    app_->ActiveAgentProtocolIndex = 0;
+    app_->controlLink.ActiveAgentProtocolIndex = 0;
     setControlAutoSensorReqMessage();
     EXPECT_EQ(
         s.controlAutoSensorReqMessage,

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "core/vx_host_call.h"
+
 #include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "agent/vx_sdk_log.h"
@@ -54,15 +56,8 @@ extern "C" int callback_function_sdk(char* keywordName, long long keywordValue,
         VX_SDK_DEBUG,
         "Method Called with values keywordName = %s, keywordValue = %lld, fileData = [%.300s]",
         keywordName ? keywordName : "(null)", keywordValue, fileData ? fileData : "(null)");
-    if (callback_func cb = agent_callback_func) {
-        /* A host written in C++ could throw; the host must not end for it. */
-        try {
-            cb(keywordName, keywordValue, keywordValueString, fileData, nullptr, nullptr);
-        } catch (...) {
-            VX_SDK_LOG(VX_SDK_ERROR, "The host's callback threw for keywordName = %s",
-                       keywordName ? keywordName : "(null)");
-        }
-    }
+    vx::call_host("agent_callback", agent_callback_func, keywordName, keywordValue,
+                  keywordValueString, fileData, static_cast<char*>(nullptr), static_cast<char*>(nullptr));
     VX_SDK_LOG(VX_SDK_DEBUG, "Method exit");
     return 0;
 }
@@ -76,7 +71,7 @@ extern "C" void transfer_data_callback(char* keywordName, int keywordValue,
 
 extern "C" int register_callback_for_agent(callback_func cb) VX_NOEXCEPT
 {
-    agent_callback_func = cb;
+    vx::host_callback_set(agent_callback_func, cb);
     return address_as_int(&agent_callback_func);
 }
 
@@ -89,78 +84,73 @@ extern "C" int register_test_status_for_agent(test_status cb) VX_NOEXCEPT
         snprintf(path, sizeof path, "%s/.cache/", home);
         vx::mkdir_ex(path);
     }
-    test_status_func = cb;
+    vx::host_callback_set(test_status_func, cb);
     return address_as_int(&test_status_func);
 }
 
 extern "C" void register_AD_callback(ad_callback cb) VX_NOEXCEPT
 {
-    ad_callback_func = cb;
+    vx::host_callback_set(ad_callback_func, cb);
 }
 
 extern "C" void register_AD_callback_php(ad_callback_php cb) VX_NOEXCEPT
 {
-    ad_callback_func_php = cb;
+    vx::host_callback_set(ad_callback_func_php, cb);
 }
 
 extern "C" int register_Goroutines_status_for_agent(Goroutine_status cb) VX_NOEXCEPT
 {
-    Goroutine_status_func = cb;
+    vx::host_callback_set(Goroutine_status_func, cb);
     return address_as_int(&Goroutine_status_func);
 }
 
 extern "C" void register_AI_start_callback(ai_start_func cb) VX_NOEXCEPT
 {
-    ai_start_callback_func = cb;
+    vx::host_callback_set(ai_start_callback_func, cb);
 }
 
 extern "C" void register_AI_end_callback(ai_end_func cb) VX_NOEXCEPT
 {
-    ai_end_callback_func = cb;
+    vx::host_callback_set(ai_end_callback_func, cb);
 }
 
 extern "C" void register_thread_dump_callback(thread_dump_func cb) VX_NOEXCEPT
 {
-    thread_dump_callback_func = cb;
+    vx::host_callback_set(thread_dump_callback_func, cb);
     /* The host learns here what the agent settled before its callbacks were
      * registered: cookie settings, then the user-experience cookie, then
      * whether a session runs. */
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
     const VXSys_t& s = app->VXSys;
-    try {
-        if (vx_cookie_func f = vx_cookie_callback_func)
-            f(s.vxSessionCookieName, s.cookieDomainName, s.headerInResponse,
-              cookie_method_position(s), s.vxSessionIdleTimeOutSecs);
-        if (kp_cookie_func f = kp_cookie_callback_func) f(s.KPCookieName);
-        if (test_status f = test_status_func) f(app->Server.testRunRunning);
-    } catch (...) {
-        VX_SDK_LOG(VX_SDK_ERROR, "A host callback threw while the state was pushed");
-    }
+    vx::call_host("vx_cookie", vx_cookie_callback_func, s.vxSessionCookieName, s.cookieDomainName,
+                  s.headerInResponse, cookie_method_position(s), s.vxSessionIdleTimeOutSecs);
+    vx::call_host("kp_cookie", kp_cookie_callback_func, s.KPCookieName);
+    vx::call_host("test_status", test_status_func, static_cast<int>(app->Server.testRunRunning));
 }
 
 extern "C" void register_vx_cookie_callback(vx_cookie_func cb) VX_NOEXCEPT
 {
-    vx_cookie_callback_func = cb;
+    vx::host_callback_set(vx_cookie_callback_func, cb);
 }
 
 extern "C" void register_kp_cookie_callback(kp_cookie_func cb) VX_NOEXCEPT
 {
-    kp_cookie_callback_func = cb;
+    vx::host_callback_set(kp_cookie_callback_func, cb);
 }
 
 extern "C" void register_mutex_lock_callback(mtx_lock_func cb) VX_NOEXCEPT
 {
-    mtx_lock_callback_func = cb;
+    vx::host_callback_set(mtx_lock_callback_func, cb);
 }
 
 extern "C" void register_heap_dump_callback(heap_dump_func cb) VX_NOEXCEPT
 {
-    heap_dump_callback_func = cb;
+    vx::host_callback_set(heap_dump_callback_func, cb);
 }
 
 extern "C" int register_GC_status_for_agent(GC_status cb) VX_NOEXCEPT
 {
-    GC_status_func = cb;
+    vx::host_callback_set(GC_status_func, cb);
     return address_as_int(&GC_status_func);
 }

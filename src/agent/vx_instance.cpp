@@ -15,3 +15,9 @@ int active_vxc_idx = 0;
 namespace vx {
 thread_local VXProxyInstance_t* tl_instance = nullptr;
 }
+
+extern "C" int vx_thread_stack_kib(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    return app ? app->VXBCISetting.stackSize : 0;
+}

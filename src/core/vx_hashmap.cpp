@@ -6,7 +6,6 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "agent/vx_instance.h"
 #include "core/vx_limits.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"

@@ -15,11 +15,15 @@
 extern "C" {
 
 /*
- * Start a thread running `start_function(thread, data)`. The stack is
- * VXBCISetting.stackSize KiB of the current instance, or 512 KiB when there
- * is none. Returns 0 on success; 1 on failure, with APR's error text in
+ * Start a thread running `start_function(thread, data)` behind a catch-all:
+ * an exception that escapes the body is logged and ends only that thread.
+ * The stack is vx_thread_stack_kib() KiB, or 512 KiB when that is 0. Returns 0 on success; 1 on failure, with APR's error text in
  * `error_buf` when `error_buf_len` is non-zero.
  */
+/* The configured stack size of new threads in KiB, 0 for the default.
+ * Provided by the agent layer, which owns the settings. */
+int vx_thread_stack_kib(void);
+
 char vxlb_thread_create(apr_thread_t** new_thread, apr_thread_start_t start_function, void* data,
                         char* error_buf, int error_buf_len, apr_pool_t* pool);
 }

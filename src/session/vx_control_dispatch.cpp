@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "agent/vx_host_callbacks.h"
+#include "core/vx_host_call.h"
 #include "agent/vx_instance.h"
 #include "session/vx_keywords.h"
 #include "flowpath/vx_method_table.h"
@@ -80,7 +81,7 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
     srv.retryForAutoSensorConn = 1;
     setAllFlagAndCountVars();
     srv.InstrumentationBusy = 1;
-    if (test_status_func) test_status_func(1);
+    vx::call_host("test_status", test_status_func, 1);
     handleStartInstrumentationCase(clientMsg);
     sendResponseToVXC();
 }
@@ -101,7 +102,7 @@ void handle_stop(VXProxyInstance_t* app, char* clientMsg)
     --srv.numberOfTestRunsTillNow;
     handleStopInstrumentationCase(clientMsg);
     sendResponseOfStopInstrumentation();
-    if (ai_start_callback_func) ai_start_callback_func(0, 0, 0, nullptr);
+    vx::call_host("ai_start", ai_start_callback_func, 0, 0, 0, static_cast<char*>(nullptr));
 }
 
 void handle_modify(VXProxyInstance_t* app, char* clientMsg)
@@ -186,7 +187,7 @@ extern "C" void handleStoppingCaseAtStopInstrumentCase(void)
 {
     VXProxyInstance_t* app = vx_app();
     dumpVxDataOverRecord();
-    if (test_status_func) test_status_func(0);
+    vx::call_host("test_status", test_status_func, 0);
     app->Server.testRunRunning = 0;
     app->Server.retryForDataConn = 0;
     app->Server.retryForAutoSensorConn = 0;

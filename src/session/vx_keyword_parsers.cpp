@@ -10,6 +10,7 @@
 #include "bt/vx_bt_object.h"
 #include "agent/vx_feature_settings.h"
 #include "agent/vx_host_callbacks.h"
+#include "core/vx_host_call.h"
 #include "agent/vx_instance.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
@@ -187,7 +188,8 @@ extern "C" void setEnableVXSession(char* value, char* keyword, int)
     char* parts[kSubValuesMax];
     const int n = split_sub_values(value, parts, 8);
     if (n < 3) {
-        if (vx_cookie_callback_func) vx_cookie_callback_func(nullptr, nullptr, 0, 0, 0);
+        vx::call_host("vx_cookie", vx_cookie_callback_func, static_cast<char*>(nullptr),
+                      static_cast<char*>(nullptr), 0, 0, 0);
         VX_ERROR("CONTROL_THREAD", "Error in setting keyword for enableVXSession.Invalid Keyword.");
         return;
     }
@@ -205,9 +207,8 @@ extern "C" void setEnableVXSession(char* value, char* keyword, int)
     if (n > 5 && *parts[5]) s.cookieDomainName = strdup(parts[5]);
     if (n > 6) s.vxSessionIdleTimeOutSecs = atoll(parts[6]) / 1000;
     if (n > 7) s.maxFPCountInSession = atoi(parts[7]);
-    if (vx_cookie_callback_func)
-        vx_cookie_callback_func(s.vxSessionCookieName, s.cookieDomainName, s.headerInResponse,
-                                cookie_position(s), static_cast<int>(s.vxSessionIdleTimeOutSecs));
+    vx::call_host("vx_cookie", vx_cookie_callback_func, s.vxSessionCookieName, s.cookieDomainName,
+                  s.headerInResponse, cookie_position(s), static_cast<int>(s.vxSessionIdleTimeOutSecs));
     trace(keyword, value);
 }
 
@@ -215,7 +216,7 @@ extern "C" void setKPCookie(char* value, char*, int)
 {
     if (none(value)) return;
     app()->VXSys.KPCookieName = strdup(value);
-    if (kp_cookie_callback_func) kp_cookie_callback_func(app()->VXSys.KPCookieName);
+    vx::call_host("kp_cookie", kp_cookie_callback_func, app()->VXSys.KPCookieName);
 }
 
 extern "C" void setCorrelationID(char* value, char*, int)
@@ -302,11 +303,11 @@ extern "C" void setpropheadcheck(char* value, char*, int)
 extern "C" void checkgcmonitor(char* value, char*, int)
 {
     app()->VXSys.enableGCMonitor = atoi(value) == 1 ? 1 : 0;
-    if (GC_status_func) GC_status_func(app()->VXSys.enableGCMonitor);
+    vx::call_host("GC_status", GC_status_func, app()->VXSys.enableGCMonitor);
 }
 
 extern "C" void checkgoroutinemonitor(char* value, char*, int)
 {
     app()->VXSys.enableGoroutineMonitor = atoi(value) == 1 ? 1 : 0;
-    if (Goroutine_status_func) Goroutine_status_func(app()->VXSys.enableGoroutineMonitor);
+    vx::call_host("Goroutine_status", Goroutine_status_func, app()->VXSys.enableGoroutineMonitor);
 }

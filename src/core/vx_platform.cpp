@@ -27,9 +27,9 @@ long long real_cpu_ns()
 vx::NowMsFn g_now_ms = real_now_ms;
 vx::CpuNsFn g_cpu_ns = real_cpu_ns;
 
-/* The mask of the original stat call: everything but the link target and
- * the file's inode-change bookkeeping it never read. */
-constexpr apr_int32_t kStatWanted = 7582064;
+/* Type, size, times, identity, owner and protection: what the settings
+ * watch and the log cleaner read. */
+constexpr apr_int32_t kStatWanted = APR_FINFO_NORM;
 
 }  // namespace
 

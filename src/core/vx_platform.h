@@ -32,8 +32,8 @@ char* vxlb_get_cur_date_time(void);
 char vxlb_get_env_var_value(char** out_ptr, char* env_var_str, char* error_buf, int error_buf_len,
                             apr_pool_t* pool);
 
-/* apr_stat with the wanted mask 7582064. 0 on success, also on the
- * incomplete-information status (70008); 1 otherwise. */
+/* apr_stat with APR_FINFO_NORM. 0 on success, also when the platform could
+ * not fill every wanted field (APR_INCOMPLETE); 1 otherwise. */
 char vx_stat(char* file, apr_finfo_t* finfo, apr_pool_t* control_pool_local);
 }
 

@@ -129,14 +129,6 @@ void write_line(MTTraceLogKey* key, Route route, const char* thread_name, long l
     fflush(fp);
 }
 
-bool is_leap(int y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
-
-int days_in_month(int y, int m)
-{
-    static constexpr int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    return (m == 2 && is_leap(y)) ? 29 : kDays[m - 1];
-}
-
 }  // namespace
 
 extern "C" void vxlb_mt_trace_log(MTTraceLogKey* key, const char* thread_name, long long thread_id,
@@ -302,20 +294,16 @@ namespace vx {
 
 int previous_date(int year, int month, int day, int days)
 {
-    if (year >= 1960 && year <= 2050) {
-        for (int i = 0; i < days; ++i) {
-            if (day > 1) {
-                --day;
-                continue;
-            }
-            if (--month < 1) {
-                month = 12;
-                --year;
-            }
-            day = days_in_month(year, month);
-        }
-    }
-    return day + month * 100 + year * 10000;
+    /* Dates outside the cleaner's years are returned as they are. */
+    if (year < 1960 || year > 2050) return day + month * 100 + year * 10000;
+    struct tm t = {};
+    t.tm_year = year - 1900;
+    t.tm_mon = month - 1;
+    t.tm_mday = day - days; /* mktime carries it back across months and years */
+    t.tm_hour = 12;         /* midday: no daylight-saving change moves the date */
+    t.tm_isdst = -1;
+    if (mktime(&t) == static_cast<time_t>(-1)) return day + month * 100 + year * 10000;
+    return t.tm_mday + (t.tm_mon + 1) * 100 + (t.tm_year + 1900) * 10000;
 }
 
 }  // namespace vx

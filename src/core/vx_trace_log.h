@@ -76,8 +76,8 @@ int getTraceLevel(void);
 
 namespace vx {
 
-/* `days` back from the date y/m/d with the log cleaner's own calendar;
- * YYYYMMDD. Years outside 1960..2050 are not stepped. */
+/* `days` back from the date y/m/d in the local calendar (mktime); YYYYMMDD.
+ * Years outside 1960..2050 are returned as they are. */
 int previous_date(int year, int month, int day, int days);
 
 /* The source file's base name, computed at compile time. */

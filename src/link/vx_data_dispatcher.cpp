@@ -25,11 +25,9 @@ struct Tap {
 Tap g_tap;
 
 constexpr int kFlushPasses = 100;
-constexpr apr_status_t kConnectionReset = 730054;
-
 bool connection_broken(apr_status_t rv)
 {
-    return rv == APR_EOF || rv == EPIPE || rv == kConnectionReset || rv == ECONNRESET;
+    return APR_STATUS_IS_EOF(rv) || APR_STATUS_IS_EPIPE(rv) || APR_STATUS_IS_ECONNRESET(rv);
 }
 
 /* Write a small record through dumpData, cut to the metadata bound. */

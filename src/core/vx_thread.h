@@ -52,6 +52,42 @@ private:
     apr_thread_mutex_t* m_;
 };
 
+/* Scoped lock for a short critical section that many threads meet at once
+ * (the data door's copy into its buffer). It tries the mutex a bounded
+ * number of times, pausing the CPU between tries, before it sleeps in the
+ * kernel: the holder is nearly always done within those tries, and a
+ * sleeping waiter costs two system calls and a wake-up. */
+class VXBusyLockGuard {
+public:
+    explicit VXBusyLockGuard(apr_thread_mutex_t* m) noexcept : m_(m)
+    {
+        if (!m_) return;
+        for (int i = 0; i < kTries; ++i) {
+            if (apr_thread_mutex_trylock(m_) == APR_SUCCESS) return;
+            cpu_relax();
+        }
+        apr_thread_mutex_lock(m_);
+    }
+    ~VXBusyLockGuard()
+    {
+        if (m_) apr_thread_mutex_unlock(m_);
+    }
+    VXBusyLockGuard(const VXBusyLockGuard&) = delete;
+    VXBusyLockGuard& operator=(const VXBusyLockGuard&) = delete;
+
+private:
+    static constexpr int kTries = 64;
+    static void cpu_relax() noexcept
+    {
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#elif defined(__aarch64__)
+        asm volatile("yield");
+#endif
+    }
+    apr_thread_mutex_t* m_;
+};
+
 /* Stack size in bytes that vxlb_thread_create gives a new thread. */
 apr_size_t thread_stack_bytes();
 

@@ -57,7 +57,7 @@ extern "C" void dumpData(char* data, int len)
         __atomic_fetch_add(&app->VXSys.discardCount, 1, __ATOMIC_RELAXED);
         return;
     }
-    vx::VXLockGuard guard(app->dataChannel.bufferWriteLock);
+    vx::VXBusyLockGuard guard(app->dataChannel.bufferWriteLock);
     const int rv = addDataInSendBuffer(data, len);
     if (rv < 0 && app->VXSys.discardCount % 1000 == 999)
         VX_ERROR("DATA_THREAD",

@@ -1,16 +1,15 @@
 /*
- * The demo around the example host: it plays the collector's part until the
- * agent talks to a real one, and shows what the agent produced.
+ * The demo around the example host: it runs the host through one session
+ * and shows what the agent produced.
  *
- * The agent registers with the collector named in its settings (vxc-lite in
- * the demo), which starts a session with a profile of the example's methods,
- * and streams its records there; the harness waits for the collector's stop.
+ * The host loads libvxagent.so as a language module would; the agent
+ * registers with the collector named in its settings (vxc-lite in the demo),
+ * which starts a session with a profile of the example's methods, and
+ * streams its records there; the host waits for the collector's stop.
  *
  * "--report FILE" prints a readable account of the records in FILE, the data
  * lines vxc-lite stored.
  */
-#include <apr_time.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -19,9 +18,6 @@
 #include <string>
 #include <vector>
 
-#include "agent/vx_instance.h"
-#include "core/vx_platform.h"
-#include "agent/vx_sdk_api_private.h"
 #include "vx_example_host.h"
 
 namespace {
@@ -107,17 +103,6 @@ bool load_records(const char* path)
     return true;
 }
 
-/* Wait up to `seconds` for `done`; false on time-out. */
-template <typename Pred>
-bool wait_for(Pred done, int seconds)
-{
-    for (int i = 0; i < seconds * 10; ++i) {
-        if (done()) return true;
-        apr_sleep(apr_time_from_msec(100));
-    }
-    return done();
-}
-
 const char* category_name(const std::string& c)
 {
     if (c == "10") return "normal";
@@ -174,8 +159,6 @@ void print_report()
     printf("\n");
 }
 
-void no_wait(int) {}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -188,26 +171,15 @@ int main(int argc, char** argv)
         print_report();
         return 0;
     }
-    /* vx_init2 gives the collector a fixed 30 s to start a session; the
-     * harness waits for the session itself instead. */
-    vx::sdk_sleep_set(no_wait);
-    example_host_start();
-    VXProxyInstance_t* app = tlvxApplication;
-    if (!app) {
-        fprintf(stderr, "the agent did not start: is VXHOME set to an existing directory?\n");
-        return 1;
-    }
-    if (!wait_for([app] { return app->Server.testRunRunning && app->dataChannel.dataSkt.skt; }, 40)) {
-        fprintf(stderr, "no session from the collector (see the agent's trace log)\n");
+    if (example_host_start() != 0) {
+        fprintf(stderr, "no session from the collector (is VXHOME an existing directory? see the "
+                        "agent's trace log)\n");
         example_host_stop();
         return 1;
     }
-    printf("host: registered with %s; session %d running\n", app->Server.connDestination,
-           app->Server.TestRunIDValue);
     int served = example_host_serve();
     printf("host: %d requests reported; waiting for the collector to stop the session\n", served);
-    wait_for([app] { return !app->Server.testRunRunning; }, 60);
-    wait_for([app] { return app->VXBCISetting.data_thread_running == 0; }, 30);
+    example_host_wait_stop();
     example_host_stop();
     return 0;
 }

@@ -14,6 +14,7 @@
  */
 #include "vx_example_host.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -24,12 +25,24 @@ namespace {
 
 char* S(const char* s) { return const_cast<char*>(s); }
 
-int g_session_running = 0;
+/* The agent tells the host on its control thread when a session starts and
+ * stops. */
+std::atomic<int> g_session_running{0};
+std::atomic<int> g_session_changes{0};
 
 void on_test_status(int running)
 {
     g_session_running = running;
+    ++g_session_changes;
     printf("host: collector session %s\n", running ? "started" : "stopped");
+}
+
+/* Wait up to `seconds` for the session to be `running`. */
+bool wait_session(int running, int seconds)
+{
+    for (int i = 0; i < seconds * 10 && g_session_running != running; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    return g_session_running == running;
 }
 
 struct Request {
@@ -79,7 +92,21 @@ bool serve(const Request& req)
 int example_host_start(void)
 {
     register_test_status_for_agent(on_test_status);
-    vx_init2(S("cppAgent"), S("example-host"), S("1.0.0"), S("shop"));
+    /* vx_init2 holds its caller for a fixed time so that the collector can
+     * start a session; this host goes on with its own start-up meanwhile and
+     * waits for the session itself. */
+    std::thread([] { vx_init2(S("cppAgent"), S("example-host"), S("1.0.0"), S("shop")); }).detach();
+    if (!wait_session(1, 40)) return -1;
+    /* The session is announced just before it opens: give it a moment. */
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return 0;
+}
+
+int example_host_wait_stop(void)
+{
+    if (!wait_session(0, 60)) return -1;
+    /* The agent sends what is left of the session on its own thread. */
+    std::this_thread::sleep_for(std::chrono::seconds(1));
     return 0;
 }
 

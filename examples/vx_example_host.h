@@ -4,8 +4,12 @@
 #ifndef VX_EXAMPLE_HOST_H
 #define VX_EXAMPLE_HOST_H
 
-/* Load the agent: vx_init2 and the callbacks. 0 when the agent is up. */
+/* Load the agent (vx_init2 and the callbacks) and wait for the collector's
+ * session. 0 when a session runs, -1 when none came. */
 int example_host_start(void);
+
+/* Wait for the collector to stop the session. 0, or -1 on time-out. */
+int example_host_wait_stop(void);
 
 /* Serve a handful of requests, each reported as a transaction with its
  * methods and callouts. Returns how many were reported. */

@@ -125,7 +125,7 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
 
     VXSysInit(agentType);
     VXTraceInit(gProcessName, gPool);
-    /* The percentile digests initialise here once they exist. */
+    /* STAND-IN(percentiles): the digests initialise here. */
     VXBCISettingInit();
 
     if (!startedWithExc) {

@@ -2,11 +2,8 @@
  * Settings of features whose code is not built yet, as the collector's
  * keywords set them.
  *
- * STAND-IN: each block belongs to the feature named on it and moves to that
- * feature's own header when the feature is built (monitors, percentiles,
- * auto-sensor thread reports, dynamic diagnostics, auto-instrumentation,
- * exception capture, SQL processing, HTTP capture, resource URLs, the
- * application log forwarder, method filter lists). Until then the keywords
+ * Each block is tagged with the feature it belongs to and moves to that
+ * feature's own header when the feature is built. Until then the keywords
  * are parsed and stored here exactly as they will be, and nothing reads them.
  */
 #ifndef VX_FEATURE_SETTINGS_H
@@ -14,7 +11,7 @@
 
 inline constexpr int kFeatureTextSize = 256;
 
-/* Monitors and percentiles. */
+/* STAND-IN(monitors, percentiles) */
 struct VXMonitorSettings_t {
     long long vxMonitorInterval; /* ms */
     int vxMonitorIntervalInSecs;
@@ -28,7 +25,7 @@ struct VXMonitorSettings_t {
     char tDigestPercentileIP[kFeatureTextSize];
 };
 
-/* Auto-sensor thread reports. */
+/* STAND-IN(thread-reports) */
 struct VXASSettings_t {
     int sampleInterval;
     int reportInterval;
@@ -38,7 +35,7 @@ struct VXASSettings_t {
     int enableHotspotRecord;
 };
 
-/* Auto-instrumentation. Direct keywords fill the first six members. */
+/* STAND-IN(auto-instrumentation): direct keywords fill the first six members. */
 struct VXAutoInstrumentation_t {
     int autoInstrMapSize;
     int autoInstrTraceLevel;
@@ -53,28 +50,28 @@ struct VXAutoInstrumentation_t {
     int minStackDepth;
 };
 
-/* Method filter lists and interfaces. */
+/* STAND-IN(filter-lists) */
 struct VXInterfaceProcessor_t {
     int interfaceTraceLevel;
 };
 
-/* Dynamic diagnostics: up to five sub-values of enableDDAI. */
+/* STAND-IN(dynamic-diagnostics): up to five sub-values of enableDDAI. */
 struct VXDynamicSettings_t {
     int enableDDAI[5];
 };
 
-/* Exception capture. */
+/* STAND-IN(exceptions) */
 struct VXExceptionSettings_t {
     char instrExceptions[kFeatureTextSize];
     char vxExceptionFilterList[kFeatureTextSize];
 };
 
-/* SQL processing. */
+/* STAND-IN(sql) */
 struct VXSQLProcessor_t {
     char DBIPName[kFeatureTextSize]; /* "DB_SQLDB" for "-", "NA" or empty */
 };
 
-/* HTTP capture: one block for requests, one for responses. */
+/* STAND-IN(http-capture): one block for requests, one for responses. */
 struct VXHttpReqRespCaptureSettings_t {
     int captureLevel;
     int headerMode;
@@ -88,12 +85,12 @@ struct VXHttpSettings_t {
     char hdrListForValueAsId[kFeatureTextSize];
 };
 
-/* Resource URLs: up to three sub-values of formatIPResourceURL. */
+/* STAND-IN(callouts): resource URLs, up to three sub-values of formatIPResourceURL. */
 struct VXResourceURLSettings_t {
     int formatIPResourceURL[3];
 };
 
-/* The application log forwarder (process-wide, vxAppLogStruct). */
+/* STAND-IN(log-forwarder): process-wide, vxAppLogStruct. */
 struct vxAppLogStruct_t {
     long long flushInterval;
     int enableVXLQDataTransfer;

@@ -253,7 +253,7 @@ void apply_conf_line(VXProxyInstance_t* app, ConfPass& pass, char* line)
                 break;
             case ConfKey::Tags:
             case ConfKey::Attributes:
-                /* STAND-IN (issue: tag and attribute resolvers): the lists are not
+                /* STAND-IN(tags): the lists are not
                  * parsed yet, so json_tag and tierAttr stay null and the request
                  * lines send "{}". Lists set from the environment are kept. */
                 if (!list_filled(def.key == ConfKey::Tags ? s.taglist : s.attributelist))
@@ -572,7 +572,7 @@ extern "C" int read_env_var(void)
         apply_protocol_list(app, const_cast<char*>(v));
         protocolSeen = true;
     }
-    /* STAND-IN (issue: tag and attribute resolvers): KLV_APP_AGENT_TAGS and
+    /* STAND-IN(tags): KLV_APP_AGENT_TAGS and
      * KLV_APP_AGENT_ATTRIBUTES are not resolved yet; the lists stay empty. */
     if ((v = getenv_set("KLV_APP_AGENT_TIERATTRIBUTES")))
         setTierAttr(const_cast<char*>(v), nullptr, 0);
@@ -797,7 +797,7 @@ extern "C" void setControlConnectionReqMessage(void)
     getMachineType();
     VXBCISetting_t& s = app->VXBCISetting;
     setAuthtoken(s.authToken);
-    /* STAND-IN (issue: tag and attribute resolvers): json_tag is not built
+    /* STAND-IN(tags): json_tag is not built
      * yet; tierAttr comes from KLV_APP_AGENT_TIERATTRIBUTES only. */
     const char* none = app->VXSys.proxyMode ? "" : "{}";
     const char* tags = text_or(s.json_tag, none);

@@ -2,7 +2,7 @@
  * Business transactions: the BTObject a flowpath is bound to, the manager's
  * name map, and the category of a finished transaction.
  *
- * STAND-IN (issue: business-transaction rules): until the rule files and the
+ * STAND-IN(bt-rules): until the rule files and the
  * URL matcher exist, get_obj_from_bt_name gives one BT per URL path, with ids
  * from 2 (0 is the overall line, 1 is "Others"). findCategoryOfBT is final.
  *

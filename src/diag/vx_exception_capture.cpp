@@ -1,6 +1,6 @@
 #include "diag/vx_exception_capture.h"
 
-/* STAND-IN (issue: exception capture). */
+/* STAND-IN(exceptions). */
 extern "C" int getExceptionCaptureMode(void) VX_NOEXCEPT
 {
     return 0;

@@ -2,7 +2,7 @@
  * Exception capture: exceptions the host reports in a flowpath, their
  * dictionaries and record 38.
  *
- * STAND-IN (issue: exception capture): nothing is captured yet, so the mode
+ * STAND-IN(exceptions): nothing is captured yet, so the mode
  * reads 0 (off) and hosts are not asked to report exceptions.
  */
 #ifndef VX_EXCEPTION_CAPTURE_H

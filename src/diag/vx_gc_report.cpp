@@ -1,6 +1,6 @@
 #include "diag/vx_gc_report.h"
 
-/* STAND-IN (issue: auto-sensor thread reports). */
+/* STAND-IN(thread-reports). */
 extern "C" void sendGCReport(int id, char* GC_report) VX_NOEXCEPT
 {
     (void)id;

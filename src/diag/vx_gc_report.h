@@ -1,7 +1,7 @@
 /*
  * Garbage-collection reports of the host, sent on the auto-sensor channel.
  *
- * STAND-IN (issue: auto-sensor thread reports): the auto-sensor channel is
+ * STAND-IN(thread-reports): the auto-sensor channel is
  * not built yet; reports are accepted and dropped, as they are while its
  * thread does not run.
  */

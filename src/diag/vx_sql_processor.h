@@ -2,7 +2,7 @@
  * SQL calls in flowpaths: the query dictionary (record 22) and the state of
  * an open database call.
  *
- * STAND-IN (issue: SQL query processing): queries get no ids yet (sqlId 0)
+ * STAND-IN(sql): queries get no ids yet (sqlId 0)
  * and no record 22; the call's depth, start and bound values are kept as the
  * sequence blob needs them.
  */

@@ -25,14 +25,14 @@ extern "C" int setTierCallOut(VXPerThreadData_t* vxTD, char* str)
     return 0;
 }
 
-/* STAND-IN (issue: callouts and backends): backend naming rules. */
+/* STAND-IN(callouts): backend naming rules. */
 extern "C" void settingBackendName(char* buffer, char* rule, char* out, int len)
 {
     (void)rule;
     if (out && len > 0) vx::copy_text(out, static_cast<size_t>(len), buffer);
 }
 
-/* STAND-IN (issue: callouts and backends): resource ids of callout URLs. */
+/* STAND-IN(callouts): resource ids of callout URLs. */
 extern "C" long long getIDForIPResourceURL(char* buffer)
 {
     (void)buffer;

@@ -4,7 +4,7 @@
  * An incoming correlation header "first_previous_sequence_backend_..." ties
  * this flowpath into the caller's chain.
  *
- * STAND-IN (issue: callouts and backends): the chain fields are taken; the
+ * STAND-IN(callouts): the chain fields are taken; the
  * caller/backend map and record 91 come with the callout work.
  */
 #ifndef VX_CALLOUT_H
@@ -17,10 +17,10 @@ extern "C" {
 int setTierCallOut(VXPerThreadData_t* vxTD, char* str);
 
 /* The backend's name from its "|"-separated description by `rule`, into
- * `out` of `len` bytes. STAND-IN: the description as given. */
+ * `out` of `len` bytes. STAND-IN(callouts): the description as given. */
 void settingBackendName(char* buffer, char* rule, char* out, int len);
 
-/* The id of an HTTP callout's URL. STAND-IN: 0. */
+/* The id of an HTTP callout's URL. STAND-IN(callouts): 0. */
 long long getIDForIPResourceURL(char* buffer);
 }
 

@@ -1,6 +1,6 @@
 #include "flowpath/vx_callout_header.h"
 
-/* STAND-IN (issue: callouts and backends). */
+/* STAND-IN(callouts). */
 extern "C" char* getTierCallOut(VXPerThreadData_t* vxTD, char* backendName) VX_NOEXCEPT
 {
     (void)vxTD;

@@ -2,7 +2,7 @@
  * The correlation header a flowpath puts on an outgoing call, so that the
  * called tier can tie its flowpath into this one's chain.
  *
- * STAND-IN (issue: callouts and backends): no header is built yet; hosts get
+ * STAND-IN(callouts): no header is built yet; hosts get
  * null and send their call without one.
  */
 #ifndef VX_CALLOUT_HEADER_H

@@ -169,7 +169,7 @@ extern "C" void setFPHeaderValues(VXPerThreadData_t* vxTD, char* httpMethod, cha
 {
     (void)requestLength;
     (void)BTHeader;
-    /* Request-header BT rules are tried first once they exist; until then
+    /* STAND-IN(bt-rules): request-header BT rules are tried first here; until then
      * the URL decides. */
     setBTObjInThreadLocal(vxTD, httpMethod, btHeaderValue);
 }
@@ -399,7 +399,7 @@ extern "C" int getTagIdPerThread(VXPerThreadData_t* vxTD)
         VX_TRACE(VX_LEVEL(fpTraceLevel), 1, "FLOWPATH", "BTObject not found, tag id is -1");
         return -1;
     }
-    /* STAND-IN (issue: monitors): the per-thread tag sequences of the BT
+    /* STAND-IN(monitors): the per-thread tag sequences of the BT
      * monitor do not exist yet, so no flowpath has a tag id. */
     return -1;
 }
@@ -418,7 +418,7 @@ extern "C" void endFP(VXPerThreadData_t* vxTD, int statusCode, char* TLS, long l
     vxTD->setEndFPFlag = 1;
 
     if (is_proxy_mode_agent(app)) {
-        /* Transaction spans are produced here once spans exist. */
+        /* STAND-IN(spans): transaction spans are produced here. */
         FreeMData(vxTD);
         transactionEndEncode(statusCode, vxTD->flowpathInstance, endTime, cpu, tracerequest);
         return;
@@ -446,7 +446,7 @@ extern "C" void endFP(VXPerThreadData_t* vxTD, int statusCode, char* TLS, long l
     }
     dumpDataForDebug(vxTD);
     release_flowpath(app, vxTD);
-    (void)strSpan; /* transaction spans are returned here once spans exist */
+    (void)strSpan; /* STAND-IN(spans): transaction spans are returned here */
 }
 
 extern "C" void reset(VXPerThreadData_t* vxTD) VX_NOEXCEPT

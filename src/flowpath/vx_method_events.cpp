@@ -163,7 +163,7 @@ extern "C" void* vxMethodEntryEx(void* methodPtr, VXPerThreadData_t* vxTD, char*
     if (threadID != 0) vxTD->agentThreadID = threadID;
 
     if (!vxTD->tlIsBTExcluded && (m->isEntryPoint & kEntryPointCallout)) {
-        /* Callout spans are started here once spans exist. */
+        /* STAND-IN(spans): callout spans are started here. */
         if (m->type_ == kMethodTypeDatabase) {
             char* encoded = nullptr;
             if (DBQueryParam && *DBQueryParam) {
@@ -307,7 +307,7 @@ extern "C" void* vxMethodExitEx(void* methodPtr, VXPerThreadData_t* vxTD, char* 
                                 int isCalOutDone, char* TLS, char* argValue, long long endTime,
                                 char** strSpan)
 {
-    (void)strSpan; /* callout spans are returned here once spans exist */
+    (void)strSpan; /* STAND-IN(spans): callout spans are returned here */
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD || !app->Server.testRunRunning) return nullptr;
     if (!mName || !*mName) {

@@ -2,7 +2,7 @@
  * Ids of HTTP header names (httpHashMapNode), used by header capture and by
  * method-argument records.
  *
- * STAND-IN (issue: HTTP header capture): names get ids from httpid on first
+ * STAND-IN(http-capture): names get ids from httpid on first
  * use; the header list file and the header metadata record come with header
  * capture.
  */

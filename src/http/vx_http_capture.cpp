@@ -1,6 +1,6 @@
 #include "http/vx_http_capture.h"
 
-/* STAND-IN (issue: HTTP header capture). */
+/* STAND-IN(http-capture). */
 extern "C" void httpReqRespWrapper(VXPerThreadData_t* vxTD, char* buffer, char* type,
                                    int statusCode) VX_NOEXCEPT
 {

@@ -2,7 +2,7 @@
  * HTTP capture: the request and response headers a host hands over for a
  * flowpath (records 6, 12 and 13, tags and the incoming trace context).
  *
- * STAND-IN (issue: HTTP header capture): the headers are accepted and
+ * STAND-IN(http-capture): the headers are accepted and
  * ignored.
  */
 #ifndef VX_HTTP_CAPTURE_H

@@ -1,6 +1,6 @@
 #include "http/vx_trace_headers.h"
 
-/* STAND-IN (issue: trace context propagation). */
+/* STAND-IN(trace-context). */
 
 extern "C" char* get_otl_traceparent_header(VXPerThreadData_t* vxTD) VX_NOEXCEPT
 {

@@ -2,7 +2,7 @@
  * Outgoing trace-context headers of a flowpath: what a host puts on an
  * outgoing call so that distributed tracing continues across it.
  *
- * STAND-IN (issue: trace context propagation): no trace context is kept yet,
+ * STAND-IN(trace-context): no trace context is kept yet,
  * so there is no header to give: the getters return null and the propagation
  * text stays empty.
  */

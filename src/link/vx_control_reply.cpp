@@ -84,7 +84,7 @@ int reply_ok(VXProxyInstance_t* app, const std::string& line)
         const long long index = atoll(line.c_str() + proc + sizeof kProcIndex - 1);
         app->VXSys.flowPathInstanceInitialID = 0x4000000000000000LL + (index << 46);
     }
-    /* STAND-IN (issue: proxy server): a proxy sends the reply on to each of
+    /* STAND-IN(proxy): a proxy sends the reply on to each of
      * its agent processes with its procIndex. */
     return kReplyServe;
 }
@@ -201,7 +201,7 @@ extern "C" int handle_vxc_con_res_msg(controlSocketBuffer_t* buf)
 
     if (line.find(kCollectorHeartBeat) != std::string::npos) return heartbeat_first(app, line);
     if (vx::starts_with(line.c_str(), kHostedOk)) {
-        /* STAND-IN (issue: collector failover): the hosted entry point's
+        /* STAND-IN(failover): the hosted entry point's
          * answer is not read yet; the connection is dropped. */
         VX_ERROR("CONTROL_THREAD", "Closing Control Connection with SAAS");
         control_connection_cleanup();

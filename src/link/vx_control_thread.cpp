@@ -47,7 +47,7 @@ namespace {
     __builtin_unreachable();
 }
 
-/* Step 3 of the connect loop: where to connect now. */
+/* Where the connect loop connects now. */
 void pick_target(VXProxyInstance_t* app, char** host, int* port)
 {
     if (vx_agent_behind_proxy(app)) {
@@ -213,7 +213,7 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
                  app->controlLink.control.srcPort);
         app->VXSys.closeCtrlConFlag = 1;
         conn.close();
-        /* STAND-IN (issue: UDP agents): close_udp_thread also ends the
+        /* STAND-IN(udp): close_udp_thread also ends the
          * proxy's UDP side here once it exists. */
         if (app->close_udp_thread || closeCtrlThread) end_thread(thread);
         if (vx::wait_or_shutdown(policy.time_interval)) end_thread(thread);

@@ -25,7 +25,7 @@ thread_local apr_thread_t* tl_data_thread = nullptr;
 
 constexpr int kDataSendTimeoutSeconds = 5;
 
-/* Step B and D of the loop: the control side is closing. */
+/* Whether the control side is closing, which ends the data thread too. */
 bool control_closing(const VXProxyInstance_t* app)
 {
     return !VXProxy.proxyServerFlag && (app->VXSys.closeCtrlConFlag || closeCtrlThread);
@@ -59,7 +59,7 @@ void dump_opening_records(VXProxyInstance_t* app)
     }
 }
 
-/* Steps G: drain, beat, publish; returns when the connection broke. */
+/* Serve one data connection: drain, beat, publish; returns when it broke. */
 void run_connection(VXProxyInstance_t* app)
 {
     for (;;) {

@@ -1,6 +1,6 @@
 #include "link/vx_discovery.h"
 
-/* STAND-IN (issue: loaded-class discovery). */
+/* STAND-IN(discovery). */
 extern "C" void handleMessageForDiscovery(char* discover_list) VX_NOEXCEPT
 {
     (void)discover_list;

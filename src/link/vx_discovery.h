@@ -2,7 +2,7 @@
  * Loaded-class discovery: the host works through its loaded classes on the
  * collector's request and hands each result line back.
  *
- * STAND-IN (issue: loaded-class discovery): no discovery connection exists
+ * STAND-IN(discovery): no discovery connection exists
  * yet; result lines are accepted and dropped.
  */
 #ifndef VX_DISCOVERY_H

@@ -1,6 +1,6 @@
 #include "link/vx_log_dispatcher.h"
 
-/* STAND-IN (issue: application log forwarder). */
+/* STAND-IN(log-forwarder). */
 extern "C" void dumpLogMessage(VXPerThreadData_t* tlsData, char* logmsg) VX_NOEXCEPT
 {
     (void)tlsData;

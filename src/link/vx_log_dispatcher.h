@@ -2,7 +2,7 @@
  * The application log forwarder's door: log lines of the monitored
  * application, tagged with their flowpath, for the log-analytics server.
  *
- * STAND-IN (issue: application log forwarder): the forwarder, its buffers and
+ * STAND-IN(log-forwarder): the forwarder, its buffers and
  * its sender thread are not built yet; lines are accepted and dropped, as
  * they are when the feature is off.
  */

@@ -2,7 +2,7 @@
  * The WebSocket side of the collector link, as the control and data
  * connections call it.
  *
- * STAND-IN (issue: WebSocket transport): no WebSocket connection is made
+ * STAND-IN(websocket): no WebSocket connection is made
  * yet. Opening fails with a clear reason and every send fails, so an agent
  * configured for WS or WSS keeps retrying and logs why; TCP is unaffected.
  */

@@ -1,6 +1,6 @@
 #include "monitor/vx_backend_monitor.h"
 
-/* STAND-IN (issue: monitors): call sites of the backend and method monitors. */
+/* STAND-IN(monitors): call sites of the backend and method monitors. */
 extern "C" void checkAndIncrementAggrBackendDataArray(methodPropProperties*) {}
 
 extern "C" void checkAndIncrementAggrMethodDataArray(methodPropProperties*) {}

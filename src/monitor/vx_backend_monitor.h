@@ -2,7 +2,7 @@
  * The backend and method monitors: per-interval counters of called backends
  * and monitored methods.
  *
- * STAND-IN (issue: monitors): the counters and interval records are not built
+ * STAND-IN(monitors): the counters and interval records are not built
  * yet. What the method table and the method events read and call is here:
  * the backend cap (maxIPCount, backendIDCounter) is real.
  */

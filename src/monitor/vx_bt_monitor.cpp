@@ -1,6 +1,6 @@
 #include "monitor/vx_bt_monitor.h"
 
-/* STAND-IN (issue: monitors): the monitor data model is not built yet. These
+/* STAND-IN(monitors): the monitor data model is not built yet. These
  * keep the flowpath engine's call sites in place. */
 extern "C" void initThreadBasedModelMap(void) {}
 

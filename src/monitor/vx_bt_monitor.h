@@ -1,7 +1,7 @@
 /*
  * The BT monitor: per-interval counters of business transactions.
  *
- * STAND-IN (issue: monitors): only what the flowpath engine reads and calls
+ * STAND-IN(monitors): only what the flowpath engine reads and calls
  * exists yet; counting and the interval records come with the monitors.
  */
 #ifndef VX_BT_MONITOR_H

@@ -1,6 +1,6 @@
 #include "proxy/vx_frame_encoder.h"
 
-/* STAND-IN (issue: agent side of the proxy link). */
+/* STAND-IN(proxy-link). */
 extern "C" void transactionStartEncode(long long, long long, char*, char*, char*, char*, char*,
                                        char*, long long)
 {

@@ -1,7 +1,7 @@
 /*
  * Frames from a proxy-mode agent to the local proxy.
  *
- * STAND-IN (issue: agent side of the proxy link): a proxy-mode agent's
+ * STAND-IN(proxy-link): a proxy-mode agent's
  * transaction events are not encoded yet; these keep the engine's call sites.
  */
 #ifndef VX_FRAME_ENCODER_H

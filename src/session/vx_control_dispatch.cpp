@@ -60,7 +60,7 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
     free_agent_data();
     makeInstrProfTableFree();
     vxlb_init_all_keywords();
-    /* STAND-IN (issues: BT rules, HTTP capture, monitors, exceptions): their
+    /* STAND-IN(bt-rules, http-capture, monitors, exceptions): their
      * tables are made again here once they exist. */
     transfer_data_callback(const_cast<char*>("AgentTraceLevel"), app->VXSys.agentTraceLevel, nullptr,
                            nullptr);
@@ -128,7 +128,7 @@ void handle_meta_data(VXProxyInstance_t* app)
         controlConnectionSendText("vx_meta_data_rep:action=send_meta_data;result=Error :<No test running.>\n");
         return;
     }
-    /* STAND-IN (issue: metadata replay): the caches are replayed here. */
+    /* STAND-IN(metadata-replay): the caches are replayed here. */
     controlConnectionSendText("vx_meta_data_rep:status=complete;\n");
 }
 
@@ -155,8 +155,7 @@ extern "C" void handleReceivedClientMessageFromVXCollector(char* clientMsg)
                vx::starts_with(clientMsg, kDownload) || vx::starts_with(clientMsg, kUpload) ||
                vx::starts_with(clientMsg, kAutoInstr) || vx::starts_with(clientMsg, kDynamicDiag) ||
                vx::starts_with(clientMsg, kThreadDump) || vx::starts_with(clientMsg, kStructured)) {
-        /* STAND-IN (issues: class discovery, failover reroute, file transfer,
-         * auto-instrumentation, dynamic diagnostics, structured messages):
+        /* STAND-IN(discovery, failover, file-transfer, auto-instrumentation, dynamic-diagnostics, structured-messages):
          * these commands are recognised and ignored until they are built. */
         VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Command not supported yet: %.100s",
                  clientMsg);
@@ -179,7 +178,7 @@ extern "C" void handleStartInstrumentationCase(char*)
     if (!VXProxy.proxyServerFlag && (app->VXSys.closeCtrlConFlag == 1 || closeCtrlThread)) return;
     app->Server.testRunRunning = 1;
     check_data_thread();
-    /* STAND-IN (issues: thread reports, log forwarder): the auto-sensor and
+    /* STAND-IN(thread-reports, log-forwarder): the auto-sensor and
      * log threads start here once they exist. */
 }
 

@@ -132,7 +132,7 @@ void give_up_on(const char* keyword, const char* got)
     }
 }
 
-/* Step 3 of a file fetch, with the header in `line`. 1: done (result in
+/* A file fetch once its header is read (in `line`). 1: done (result in
  * *out), 0: wrong file, look for the right one. */
 int take_file(FetchReader& reader, char* line, const char* keyword, keywordInfo& slot, bool timed_out,
               char** out)
@@ -318,14 +318,14 @@ extern "C" int getFileSizeAndLmd(char* line, char* name, long long* size, long l
 
 extern "C" char* get_file_from_VXC_wrapper(char* keyword, int kwIdx)
 {
-    /* STAND-IN (issue: WebSocket transport): only the TCP fetch exists. */
+    /* STAND-IN(websocket): only the TCP fetch exists. */
     if (app()->lws_active == 1) return nullptr;
     return getFileFromVXC(keyword, kwIdx);
 }
 
 extern "C" char* get_instr_profile_wrapper(char* keyword, int kwIdx)
 {
-    if (app()->lws_active == 1) return nullptr; /* STAND-IN, as above */
+    if (app()->lws_active == 1) return nullptr; /* STAND-IN(websocket) */
     return getInstProfileFile(keyword, kwIdx);
 }
 
@@ -386,8 +386,7 @@ extern "C" void useFileBasedKeyword(char* text, char* keyword, int kwIdx)
             setvxCriticalFileList(text);
             break;
         default:
-            /* STAND-IN (issues: BT rules, monitors, backends, HTTP capture,
-             * filter lists, dynamic diagnostics): their parsers take the text
+            /* STAND-IN(bt-rules, monitors, callouts, http-capture, filter-lists, dynamic-diagnostics): their parsers take the text
              * here once they exist; the file is kept in its slot. */
             VX_TRACE(a->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                      "File of keyword %s received (%zu bytes); no reader for it yet", keyword,

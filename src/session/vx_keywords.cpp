@@ -340,7 +340,7 @@ extern "C" void vxlb_init_all_keywords(void)
     sys.dataConnState = 1;
     sys.autosensorConnState = 1;
     srv.isTenRecordDump = 0;
-    /* STAND-IN (issues: exception capture, thread reports, SQL): their
+    /* STAND-IN(exceptions, thread-reports, sql): their
      * settings start again here once they exist. */
     app->monitorSettings.vxVectorSeperator = '>';
     memset(&app->httpSettings.vxHttpReqCaptureSettings, 0, sizeof(VXHttpReqRespCaptureSettings_t));

@@ -1,9 +1,9 @@
 /*
- * The instrumentation session as the engine sees it.
+ * A session without a collector's command.
  *
- * STAND-IN (issue #5): until the collector's start and stop commands are
- * dispatched, tests and the demo open and close a session with these calls.
- * They raise and lower the same flags the start and stop sequences will.
+ * Tests and benchmarks open and close a session with these calls; they raise
+ * and lower the same flags the start and stop sequences do, with or without
+ * a data thread.
  */
 #ifndef VX_SESSION_H
 #define VX_SESSION_H

@@ -15,7 +15,7 @@ extern "C" void free_agent_data(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
-    /* STAND-IN (monitors, SQL, tags): their per-session tables are freed here
+    /* STAND-IN(monitors, sql, tags): their per-session tables are freed here
      * once they exist. */
     VXBTManagerReset();
     node_t* table = __atomic_load_n(&app->methodTable.methodHashMapNode, __ATOMIC_ACQUIRE);
@@ -33,7 +33,7 @@ namespace {
 void replay_metadata()
 {
     VXProxyInstance_t* app = vx_app();
-    /* STAND-IN (metadata replay): BTs, backends, queries and tags follow the
+    /* STAND-IN(metadata-replay): BTs, backends, queries and tags follow the
      * method table here once their caches exist. */
     if (app && app->Server.doNotDumpMetaData == 1) dumpMethodTableMetaData();
 }

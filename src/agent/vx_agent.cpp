@@ -20,6 +20,7 @@
 #include "agent/vx_sys.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
+#include "agent/vx_trace_setup.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "flowpath/vx_thread_id_map.h"

@@ -1,10 +1,10 @@
 /*
  * The trace log: one multi-threaded diagnostic log per process.
  *
- * Two files under "<home>/logs/" roll over into each other at
- * VXSys.traceMaxSize, so a process keeps at most two. In a proxy-mode agent
- * with sendLogsToProxy 2 the lines go to agentLogBuffer instead, for the
- * control thread to forward.
+ * Two files roll over into each other at the size the owner gives, so a
+ * process keeps at most two. The agent layer owns the log (names, levels,
+ * cleaning, and a proxy-mode agent's lines forwarded through agentLogBuffer:
+ * agent/vx_trace_setup.h); this unit only formats and writes.
  *
  * Call sites use the VX_TRACE / VX_ERROR macros below: a statement that is not
  * wanted costs a pointer test and an integer comparison and formats nothing.
@@ -14,6 +14,7 @@
 
 #include <apr_thread_mutex.h>
 
+#include <cstdarg>
 #include <cstdio>
 
 #include "core/vx_limits.h"
@@ -37,9 +38,6 @@ extern "C" {
 extern MTTraceLogKey* trace_log_key;
 extern int vx_mem_trace_level;
 
-/* Create the process's log under the home directory's "logs/". */
-void VXTraceInit(char* process_name, char* pool_name_local);
-
 /* A zeroed key for "<base_dir>/<log_file>_0" and "_1"; null when `log_file`
  * is null. The last two arguments are kept for compatibility and not stored. */
 MTTraceLogKey* vxlb_init_mt_trace_log_ex(char* base_dir, char* log_file, int log_level,
@@ -60,21 +58,37 @@ FILE* vxlb_open_mt_trace_log(MTTraceLogKey* key, int* log_file_size);
 void vx_open_log_file(MTTraceLogKey* key, int* log_file_size, char takeLock);
 void roll_over_file(MTTraceLogKey* key, int* log_file_size);
 
-/* Delete trace and SDK logs older than VXBCISetting.pastLog days. */
-void vx_check_log_file(void);
-
-/* Today minus pastLog days as YYYYMMDD, local time. */
-int get_Previous_Date(void);
-
 /* "%02d/%02d/%02d %02d:%02d:%02d" (month, day, year-2000, h, m, s) into the
  * caller's buffer; the static variant returns "Error" when localtime fails. */
 char* get_cur_date_time_r(char* cur_date_time, int len);
 char* get_cur_date_time(void);
-
-int getTraceLevel(void);
 }
 
 namespace vx {
+
+/* Where the owner of the log wants a line of its own (not a host's). */
+enum : int { kTraceDropped = 0, kTraceToFile = 1, kTraceToOwner = 2 };
+
+/* What the log asks of the layer that owns it; any member may be null. All
+ * are called on the writing thread. */
+struct TraceLogOwner {
+    long long (*roll_over_size)();   /* bytes before the files roll over */
+    int (*test_run)();               /* the session number in each line, 0 for none */
+    const char* (*build_text)();     /* written after a file's header line */
+    int (*destination)();            /* one of kTrace*, for lines of the agent itself */
+    /* Takes a line routed kTraceToOwner, already formatted. */
+    void (*take)(const char* date, int test_run, const char* thread_name, long long thread_id,
+                 const char* file, int line, const char* fname, const char* severity,
+                 const char* message);
+};
+/* Install the owner (a static object); done once at start-up. */
+void trace_log_set_owner(const TraceLogOwner* owner);
+
+/* Write one line to the file whatever the owner's destination: the host's
+ * level-checked variants and the memory trace use it. */
+void trace_log_write_v(MTTraceLogKey* key, const char* thread_name, long long thread_id,
+                       const char* module, const char* severity, const char* file, int line,
+                       const char* fname, const char* format, va_list ap);
 
 /* `days` back from the date y/m/d in the local calendar (mktime); YYYYMMDD.
  * Years outside 1960..2050 are returned as they are. */

@@ -1,6 +1,7 @@
 /* The trace log: file names, header, line layout, roll-over, routing to the
  * proxy, and the start-up cleaner of old log files. */
 #include "core/vx_trace_log.h"
+#include "agent/vx_trace_setup.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

@@ -26,16 +26,34 @@ public:
     }
     void put(const char* s)
     {
-        if (!s) return;
-        const size_t n = strlen(s);
+        if (s) put_bytes(s, strlen(s));
+    }
+    /* A literal: its length is known when compiled. */
+    template <size_t N>
+    void put(const char (&s)[N])
+    {
+        put_bytes(s, N - 1);
+    }
+    void put(char* s) { put(static_cast<const char*>(s)); }
+    /* `n` bytes of `s`, as far as they fit. */
+    void put_bytes(const char* s, size_t n)
+    {
         if (len_ + 1 < cap_) {
             const size_t room = cap_ - 1 - len_;
             memcpy(out_ + len_, s, n < room ? n : room);
         }
         len_ += n;
     }
-    void put(long long v) { put_digits(v, 0, false); }
-    void put(int v) { put_digits(v, 0, false); }
+    void put(long long v)
+    {
+        /* Usual case, inline: room for any number. */
+        if (len_ + kMaxDigits < cap_) {
+            len_ = static_cast<size_t>(std::to_chars(out_ + len_, out_ + cap_ - 1, v).ptr - out_);
+            return;
+        }
+        put_digits(v, 0, false);
+    }
+    void put(int v) { put(static_cast<long long>(v)); }
 
     /* "%0<width>lld" */
     void put_zero_padded(long long v, int width) { put_digits(v, width, true); }
@@ -58,23 +76,26 @@ public:
     size_t stored() const { return len_ < cap_ ? len_ : (cap_ ? cap_ - 1 : 0); }
 
 private:
+    /* The number is built whole on the stack, sign and padding included,
+     * and appended in one copy: tokens are mostly digits. */
     void put_digits(long long v, int width, bool pad_sign_first, bool precision = false)
     {
         char digits[24];
         auto r = std::to_chars(digits, digits + sizeof digits, v);
-        const char* p = digits;
-        int n = static_cast<int>(r.ptr - digits);
         const bool negative = v < 0;
-        if (negative) {
-            put('-');
-            ++p;
-            --n;
-        }
+        const char* p = negative ? digits + 1 : digits;
+        const int n = static_cast<int>(r.ptr - p);
         int pad = precision ? width - n : width - n - (negative && pad_sign_first ? 1 : 0);
+        if (pad <= 0) {
+            put_bytes(digits, static_cast<size_t>(r.ptr - digits));
+            return;
+        }
+        if (negative) put('-');
         for (; pad > 0; --pad) put('0');
-        for (; p < r.ptr; ++p) put(*p);
+        put_bytes(p, static_cast<size_t>(n));
     }
 
+    static constexpr size_t kMaxDigits = 21; /* sign and 19 digits, and the terminator */
     char* out_;
     size_t cap_;
     size_t len_ = 0;

@@ -1,13 +1,13 @@
 #include "vx_test_support.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "agent/vx_instance.h"
 #include "core/vx_platform.h"
@@ -33,7 +33,10 @@ std::string g_home;
 
 }  // namespace
 
-const std::string& agent_home() { return g_home; }
+const std::string& agent_home()
+{
+    return g_home;
+}
 
 VXProxyInstance_t* agent()
 {
@@ -43,13 +46,13 @@ VXProxyInstance_t* agent()
         std::string type_dir = g_home + "/cppAgent";
         mkdir(type_dir.c_str(), 0755);
         std::ofstream(type_dir + "/version") << "# build information\n9.9.9 build 42\n";
-        agent_init(const_cast<char*>("UnitPool"), 1, const_cast<char*>("unit"),
-                   const_cast<char*>("cppAgent"), const_cast<char*>("v9"));
+        agent_init(S("UnitPool"), 1, S("unit"), S("cppAgent"), S("v9"));
         /* No collector is configured, so the control thread ends on its own
          * after choosing its transport; units are then tested on TCP with
          * nothing running beside them. */
         apr_status_t rv;
-        if (tlvxApplication->controlLink.control_thread_id) apr_thread_join(&rv, tlvxApplication->controlLink.control_thread_id);
+        if (tlvxApplication->controlLink.control_thread_id)
+            apr_thread_join(&rv, tlvxApplication->controlLink.control_thread_id);
         tlvxApplication->controlLink.control_thread_id = nullptr;
         tlvxApplication->lws_active = 0;
         return tlvxApplication;
@@ -57,19 +60,12 @@ VXProxyInstance_t* agent()
     return app;
 }
 
-int run_in_child(const std::function<int(const std::string& home)>& body)
+int in_fresh_home(const std::function<int(const std::string& home)>& body)
 {
-    std::string home = make_temp_dir("vx_child_");
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        setenv("VXHOME", home.c_str(), 1);
-        unsetenv("KLV_APP_AGENT_LOGGINGLEVEL");
-        _exit(body(home));
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    const std::string home = make_temp_dir("vx_child_");
+    setenv("VXHOME", home.c_str(), 1);
+    unsetenv("KLV_APP_AGENT_LOGGINGLEVEL");
+    return body(home);
 }
 
 std::string trace_log_text()
@@ -83,15 +79,22 @@ std::string fill(std::string golden, const std::vector<std::pair<std::string, st
 {
     for (const auto& [name, value] : values) {
         const std::string key = "{" + name + "}";
-        for (size_t at = golden.find(key); at != std::string::npos; at = golden.find(key, at + value.size()))
+        for (size_t at = golden.find(key); at != std::string::npos;
+             at = golden.find(key, at + value.size()))
             golden.replace(at, key.size(), value);
     }
     return golden;
 }
 
-RecordSink::RecordSink() { vx::data_tap_set(&RecordSink::on_record, this); }
+RecordSink::RecordSink()
+{
+    vx::data_tap_set(&RecordSink::on_record, this);
+}
 
-RecordSink::~RecordSink() { vx::data_tap_set(nullptr, nullptr); }
+RecordSink::~RecordSink()
+{
+    vx::data_tap_set(nullptr, nullptr);
+}
 
 void RecordSink::on_record(const char* data, int len, void* ctx)
 {
@@ -132,8 +135,14 @@ namespace {
 std::atomic<long long> g_now_ms{0};
 std::atomic<long long> g_cpu_ns{0};
 
-long long frozen_now() { return g_now_ms.load(); }
-long long frozen_cpu() { return g_cpu_ns.load(); }
+long long frozen_now()
+{
+    return g_now_ms.load();
+}
+long long frozen_cpu()
+{
+    return g_cpu_ns.load();
+}
 
 }  // namespace
 
@@ -143,7 +152,10 @@ FrozenClock::FrozenClock(long long now_ms, long long cpu_ns)
     vx::clock_set_source(frozen_now, frozen_cpu);
 }
 
-FrozenClock::~FrozenClock() { vx::clock_set_source(nullptr, nullptr); }
+FrozenClock::~FrozenClock()
+{
+    vx::clock_set_source(nullptr, nullptr);
+}
 
 void FrozenClock::set(long long now_ms, long long cpu_ns)
 {
@@ -151,7 +163,10 @@ void FrozenClock::set(long long now_ms, long long cpu_ns)
     g_cpu_ns = cpu_ns;
 }
 
-void FrozenClock::advance_ms(long long ms) { g_now_ms += ms; }
+void FrozenClock::advance_ms(long long ms)
+{
+    g_now_ms += ms;
+}
 
 SessionScope::SessionScope(int testIdx, long long klvEpochDiffTime)
 {

@@ -11,14 +11,16 @@
 #include <fstream>
 #include <string>
 
-#include "core/vx_hashmap.h"
 #include "agent/vx_instance.h"
+#include "core/vx_hashmap.h"
 #include "core/vx_platform.h"
 #include "core/vx_stack.h"
 #include "core/vx_thread.h"
 #include "vx_test_support.h"
 
 namespace {
+
+using vx_test::S;
 
 class PoolTest : public testing::Test {
 protected:
@@ -52,7 +54,7 @@ TEST(HbStack, PoppedBlockIsReusedAndCapacityOnlyGrows)
     memset(big, 'b', sizeof big);
     hbStackPush(&s, big, 16);
     void* block = hbStackPop(&s);
-    hbStackPush(&s, const_cast<char*>("tiny"), 5);
+    hbStackPush(&s, S("tiny"), 5);
     EXPECT_EQ(s.size[0], 16) << "a smaller push must not shrink the slot";
     void* again = hbStackPop(&s);
     EXPECT_EQ(again, block) << "a block large enough is reused";

@@ -2,6 +2,8 @@
  * The flowpath life cycle as the collector sees it: records 2, 3 and 4, the
  * capture decision, categories, exclusion and the session's end.
  */
+#include "flowpath/vx_flowpath.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -10,7 +12,6 @@
 #include <string>
 
 #include "agent/vx_instance.h"
-#include "flowpath/vx_flowpath.h"
 #include "http/vx_trace_context.h"
 #include "vx_sdk.h"
 #include "vx_test_support.h"
@@ -24,7 +25,7 @@ using vx_test::SessionScope;
 constexpr long long kEpoch = 1388534400000LL;  /* the session's time origin */
 constexpr long long kStart = kEpoch + 5000123; /* 5000.123 s into the session */
 
-char* S(const char* s) { return const_cast<char*>(s); }
+using vx_test::S;
 
 VXPerThreadData_t* start(const char* fpi, const char* url, const char* kp = "77-1-2-55")
 {
@@ -55,16 +56,20 @@ struct RecordCase {
  * of record 2 and record 4. */
 const RecordCase kRecordCases[] = {
     {"Plain", "123456789", "/shop/cart", false, true,
-     "2,123456789,5000,{tid},{tid}.1,{bt},/shop/cart,,123456789,000000000000000000077,55,,0,15,,,\n",
+     "2,123456789,5000,{tid},{tid}.1,{bt},/shop/"
+     "cart,,123456789,000000000000000000077,55,,0,15,,,\n",
      "4,123456789,200,10,250000,40,{bt},0,,0,-1,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
     {"WithParameters", "123456789", "/shop/cart?item=5&qty=2|GET", false, true,
-     "2,123456789,5000,{tid},{tid}.1,{bt},/shop/cart?item=5&qty=2,,123456789,000000000000000000077,55,,0,15,,,\n",
+     "2,123456789,5000,{tid},{tid}.1,{bt},/shop/"
+     "cart?item=5&qty=2,,123456789,000000000000000000077,55,,0,15,,,\n",
      "4,123456789,200,10,250000,40,{bt},0,,0,-1,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
     {"Forced", "123456789F", "/shop/cart", false, true,
-     "2,123456789F,5000,{tid},{tid}.1,{bt},/shop/cart,,123456789,000000000000000000077,55,,0,15,,,\n",
+     "2,123456789F,5000,{tid},{tid}.1,{bt},/shop/"
+     "cart,,123456789,000000000000000000077,55,,0,15,,,\n",
      "4,123456789F,200,10,250000,40,{bt},0,,0,-1,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
     {"Chain", "111_222_7.3_NA", "/shop/cart", false, true,
-     "2,{inst}:111:222,5000,{tid},7.3.1,{bt},/shop/cart,,{inst},000000000000000000077,55,,0,15,,,\n",
+     "2,{inst}:111:222,5000,{tid},7.3.1,{bt},/shop/"
+     "cart,,{inst},000000000000000000077,55,,0,15,,,\n",
      "4,{inst},200,10,250000,40,{bt},0,,0,-1,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
     {"ForcedChainWithParameters", "111F_222_7.3_NA", "/a?b=1", false, true,
      "2,{inst}F:111F:222F,5000,{tid},7.3.1,{bt},/a?b=1,,{inst},000000000000000000077,55,,0,15,,,\n",
@@ -74,11 +79,15 @@ const RecordCase kRecordCases[] = {
      "4bf92f3577b34da6a3ce929d0e0e4736,00f067aa0ba902b7,01\n",
      "4,123456789,200,10,250000,40,{bt},0,,0,-1,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
     {"TagsOff", "123456789", "/shop/cart", false, false,
-     "2,123456789,5000,{tid},{tid}.1,{bt},/shop/cart,,123456789,000000000000000000077,55,,0,15,,,\n",
+     "2,123456789,5000,{tid},{tid}.1,{bt},/shop/"
+     "cart,,123456789,000000000000000000077,55,,0,15,,,\n",
      "4,123456789,200,10,250000,40,{bt},0,,0,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
 };
 
-void PrintTo(const RecordCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const RecordCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
 
 class FlowpathRecords : public testing::TestWithParam<RecordCase> {};
 
@@ -205,9 +214,9 @@ TEST(FlowpathCapture, ForcedInstanceIsCapturedEvenAtZeroPercent)
     EXPECT_EQ(td->tlIsForceDump, 1);
     EXPECT_EQ(td->tlIsFPCaptured, 1);
     EXPECT_EQ(td->flowpathInstance, 123);
-    EXPECT_EQ(getTLFromFPInstance(const_cast<char*>("123")), td);
+    EXPECT_EQ(getTLFromFPInstance(S("123")), td);
     reset(td);
-    EXPECT_EQ(getTLFromFPInstance(const_cast<char*>("123")), nullptr) << "a reset without endFP forgets it";
+    EXPECT_EQ(getTLFromFPInstance(S("123")), nullptr) << "a reset without endFP forgets it";
 }
 
 TEST(FlowpathBlob, FullBlobLeavesAsRecordThreeAndUncapturedNormalEndIsMarked)
@@ -251,10 +260,11 @@ TEST(FlowpathExclusion, TransactionWithoutBusinessTransactionSendsNothing)
         FrozenClock::advance_ms(9000);
         endFP(td, 500, nullptr, 0, 0, 0, nullptr);
         reset(td);
-        EXPECT_NE(vx_test::trace_log_text().find("FP (" + fpi +
-                                                 ") will be excluded as per BT rule, httpMethod = , "
-                                                 "uRLParameters = "),
-                  std::string::npos);
+        EXPECT_NE(
+            vx_test::trace_log_text().find("FP (" + fpi +
+                                           ") will be excluded as per BT rule, httpMethod = , "
+                                           "uRLParameters = "),
+            std::string::npos);
     }
     EXPECT_EQ(sink.size(), 0u);
 }

@@ -23,6 +23,8 @@
 
 namespace {
 
+using vx_test::S;
+
 const std::string kHeaderAndBuild =
     "#TimeStamp|TestRun|Thread Name|Thread ID|Module Name|Src file name|Line number|Function|"
     "Severity|Message\n9.9.9 build 42 ";
@@ -94,13 +96,9 @@ class TraceLogTest : public testing::Test {
 protected:
     void SetUp() override
     {
-        app_ = vx_test::agent();
-        saved_max_ = app_->VXSys.traceMaxSize;
-        saved_route_ = app_->sendLogsToProxy;
-        saved_tr_ = app_->Server.TestRunIDValue;
         app_->Server.TestRunIDValue = 0;
         dir_ = vx_test::make_temp_dir("vx_trace_unit_");
-        key_ = vxlb_init_mt_trace_log_ex(dir_.data(), const_cast<char*>("unit.log"), 0, 0);
+        key_ = vxlb_init_mt_trace_log_ex(dir_.data(), S("unit.log"), 0, 0);
         ASSERT_NE(key_, nullptr);
         path0_ = key_->log_file[0];
         path1_ = key_->log_file[1];
@@ -109,9 +107,6 @@ protected:
     }
     void TearDown() override
     {
-        app_->VXSys.traceMaxSize = saved_max_;
-        app_->sendLogsToProxy = saved_route_;
-        app_->Server.TestRunIDValue = saved_tr_;
         if (!key_) return;
         for (FILE* f : key_->fp)
             if (f) fclose(f);
@@ -128,12 +123,13 @@ protected:
                           "%s", msg.c_str());
     }
 
-    VXProxyInstance_t* app_ = nullptr;
+    VXProxyInstance_t* app_ = vx_test::agent();
     MTTraceLogKey* key_ = nullptr;
     std::string dir_, path0_, path1_;
-    long long saved_max_ = 0;
-    int saved_route_ = 0;
-    int saved_tr_ = 0;
+
+private:
+    vx_test::Restore keep_{app_->VXSys.traceMaxSize, app_->sendLogsToProxy,
+                           app_->Server.TestRunIDValue};
 };
 
 TEST(TraceLog, AgentLogIsNamedByProcessPoolStampAndPidAndOpensWithHeader)
@@ -247,14 +243,11 @@ TEST_F(TraceLogTest, ProxyRoutingBuffersLinesAndZeroWritesNothing)
 {
     ASSERT_NE(app_->agentLogBuffer, nullptr);
     VXBCISetting_t& bci = app_->VXBCISetting;
-    char** names[3] = {&bci.tierName, &bci.appServerName, &bci.appName};
-    char* saved[3];
-    const char* ours[3] = {"Tier1", "Srv1", "Inst1"};
-    for (int i = 0; i < 3; ++i) {
-        saved[i] = *names[i];
-        *names[i] = strdup(ours[i]);
-    }
     const std::string saved_buffer = app_->agentLogBuffer;
+    vx_test::Restore keep(bci.tierName, bci.appServerName, bci.appName);
+    bci.tierName = S("Tier1");
+    bci.appServerName = S("Srv1");
+    bci.appName = S("Inst1");
     app_->agentLogBuffer[0] = '\0';
 
     const std::string before = local_date("%m/%d/%y");
@@ -296,10 +289,6 @@ TEST_F(TraceLogTest, ProxyRoutingBuffersLinesAndZeroWritesNothing)
     EXPECT_NE(read_file(path0_).find("|Info|to the file again"), std::string::npos);
     EXPECT_STREQ(app_->agentLogBuffer, "");
 
-    for (int i = 0; i < 3; ++i) {
-        free(*names[i]);
-        *names[i] = saved[i];
-    }
     strcpy(app_->agentLogBuffer, saved_buffer.c_str());
 }
 
@@ -367,11 +356,12 @@ TEST(TraceLogDates, CheckLogFileRemovesOldAgentLogsOnly)
     for (const std::string& n : removed) std::ofstream(dir + n) << "old";
     for (const std::string& n : kept) std::ofstream(dir + n) << "new";
 
-    const int saved_past = app->VXBCISetting.pastLog;
-    app->VXBCISetting.pastLog = 0;
-    vx_check_log_file();
-    EXPECT_EQ(app->VXBCISetting.pastLog, 7) << "a past-log setting below 1 becomes 7";
-    app->VXBCISetting.pastLog = saved_past;
+    {
+        vx_test::Restore keep(app->VXBCISetting.pastLog);
+        app->VXBCISetting.pastLog = 0;
+        vx_check_log_file();
+        EXPECT_EQ(app->VXBCISetting.pastLog, 7) << "a past-log setting below 1 becomes 7";
+    }
 
     for (const std::string& n : kept) {
         EXPECT_LE(0, file_size(dir + n)) << n;

@@ -149,21 +149,15 @@ TEST(VxText, StrRevGivesNewReversedCopy)
     EXPECT_EQ(vxStrRev(nullptr), nullptr);
 }
 
-TEST(VxText, SetOperationCodeNumbersEveryOperatorIgnoringCase)
+TEST(VxText, SetOperationCodeIgnoresCaseAndRefusesNearMisses)
 {
-    const char* ops[] = {"EQUALS",     "CONTAINS",   "STARTS_WITH", "ENDS_WITH",
-                         "EQ",         "NE",         "LT",          "GT",
-                         "LE",         "GE",         "TRUE",        "FALSE",
-                         "EXCEPTION",  "NOT_EQUALS", "CAPTURE",     "EXTRACT_SUBPART",
-                         "INVOCATION", "VALUE",      "OCCURS"};
-    for (int i = 0; i < static_cast<int>(sizeof ops / sizeof ops[0]); ++i)
-        EXPECT_EQ(setOperationCode(const_cast<char*>(ops[i])), i) << ops[i];
-
+    EXPECT_EQ(setOperationCode(S("EQUALS")), 0);
     EXPECT_EQ(setOperationCode(S("contains")), 1);
     EXPECT_EQ(setOperationCode(S("Not_Equals")), 13);
     EXPECT_EQ(setOperationCode(S("eXtRaCt_SuBpArT")), 15);
+    EXPECT_EQ(setOperationCode(S("OCCURS")), 18);
     for (const char* bad : {"", "EQUAL", "EQUALS ", "STARTSWITH", "IN"})
-        EXPECT_EQ(setOperationCode(const_cast<char*>(bad)), -1) << "\"" << bad << "\"";
+        EXPECT_EQ(setOperationCode(S(bad)), -1) << "\"" << bad << "\"";
     EXPECT_EQ(setOperationCode(nullptr), -1);
 }
 

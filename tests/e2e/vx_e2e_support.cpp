@@ -116,10 +116,7 @@ std::string Host::value(const std::string& key) const
     return all.empty() ? "" : all.back();
 }
 
-long long Host::number(const std::string& key) const
-{
-    return atoll(value(key).c_str());
-}
+long long Host::number(const std::string& key) const { return atoll(value(key).c_str()); }
 
 std::vector<std::string> Host::values(const std::string& key) const
 {

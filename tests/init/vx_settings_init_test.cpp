@@ -61,14 +61,12 @@ int start_with(const StartCase& c, const std::string& home)
     CHILD_CHECK(s.isEnableEnvVar == c.isEnableEnvVar);
     if (c.vxcHost) {
         CHILD_CHECK(s.vxcHost && strcmp(s.vxcHost, c.vxcHost) == 0);
-        CHILD_CHECK(app->controlLink.vxc_server_arr &&
-                    app->controlLink.vxc_server_arr[0].vxc_host &&
+        CHILD_CHECK(app->controlLink.vxc_server_arr && app->controlLink.vxc_server_arr[0].vxc_host &&
                     strcmp(app->controlLink.vxc_server_arr[0].vxc_host, c.vxcHost) == 0);
         CHILD_CHECK(app->controlLink.vxc_server_arr[0].state == 1 && s.num_vxc_config == 1);
     } else {
         CHILD_CHECK(s.vxcHost == nullptr && s.num_vxc_config == 0);
-        CHILD_CHECK(!app->controlLink.vxc_server_arr ||
-                    app->controlLink.vxc_server_arr[0].vxc_host == nullptr);
+        CHILD_CHECK(!app->controlLink.vxc_server_arr || app->controlLink.vxc_server_arr[0].vxc_host == nullptr);
     }
     if (c.logged) CHILD_CHECK(vx_test::trace_log_text().find(c.logged) != std::string::npos);
     return 0;

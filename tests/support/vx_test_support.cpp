@@ -33,10 +33,7 @@ std::string g_home;
 
 }  // namespace
 
-const std::string& agent_home()
-{
-    return g_home;
-}
+const std::string& agent_home() { return g_home; }
 
 VXProxyInstance_t* agent()
 {
@@ -51,8 +48,7 @@ VXProxyInstance_t* agent()
          * after choosing its transport; units are then tested on TCP with
          * nothing running beside them. */
         apr_status_t rv;
-        if (tlvxApplication->controlLink.control_thread_id)
-            apr_thread_join(&rv, tlvxApplication->controlLink.control_thread_id);
+        if (tlvxApplication->controlLink.control_thread_id) apr_thread_join(&rv, tlvxApplication->controlLink.control_thread_id);
         tlvxApplication->controlLink.control_thread_id = nullptr;
         tlvxApplication->lws_active = 0;
         return tlvxApplication;
@@ -79,22 +75,15 @@ std::string fill(std::string golden, const std::vector<std::pair<std::string, st
 {
     for (const auto& [name, value] : values) {
         const std::string key = "{" + name + "}";
-        for (size_t at = golden.find(key); at != std::string::npos;
-             at = golden.find(key, at + value.size()))
+        for (size_t at = golden.find(key); at != std::string::npos; at = golden.find(key, at + value.size()))
             golden.replace(at, key.size(), value);
     }
     return golden;
 }
 
-RecordSink::RecordSink()
-{
-    vx::data_tap_set(&RecordSink::on_record, this);
-}
+RecordSink::RecordSink() { vx::data_tap_set(&RecordSink::on_record, this); }
 
-RecordSink::~RecordSink()
-{
-    vx::data_tap_set(nullptr, nullptr);
-}
+RecordSink::~RecordSink() { vx::data_tap_set(nullptr, nullptr); }
 
 void RecordSink::on_record(const char* data, int len, void* ctx)
 {
@@ -135,14 +124,8 @@ namespace {
 std::atomic<long long> g_now_ms{0};
 std::atomic<long long> g_cpu_ns{0};
 
-long long frozen_now()
-{
-    return g_now_ms.load();
-}
-long long frozen_cpu()
-{
-    return g_cpu_ns.load();
-}
+long long frozen_now() { return g_now_ms.load(); }
+long long frozen_cpu() { return g_cpu_ns.load(); }
 
 }  // namespace
 
@@ -152,10 +135,7 @@ FrozenClock::FrozenClock(long long now_ms, long long cpu_ns)
     vx::clock_set_source(frozen_now, frozen_cpu);
 }
 
-FrozenClock::~FrozenClock()
-{
-    vx::clock_set_source(nullptr, nullptr);
-}
+FrozenClock::~FrozenClock() { vx::clock_set_source(nullptr, nullptr); }
 
 void FrozenClock::set(long long now_ms, long long cpu_ns)
 {
@@ -163,10 +143,7 @@ void FrozenClock::set(long long now_ms, long long cpu_ns)
     g_cpu_ns = cpu_ns;
 }
 
-void FrozenClock::advance_ms(long long ms)
-{
-    g_now_ms += ms;
-}
+void FrozenClock::advance_ms(long long ms) { g_now_ms += ms; }
 
 SessionScope::SessionScope(int testIdx, long long klvEpochDiffTime)
 {

@@ -85,8 +85,7 @@ std::string trace_log_text();
 
 /* Replace "{name}" placeholders in a golden line by values read from the
  * record under test (identity numbers the test cannot choose). */
-std::string fill(std::string golden,
-                 const std::vector<std::pair<std::string, std::string>>& values);
+std::string fill(std::string golden, const std::vector<std::pair<std::string, std::string>>& values);
 
 /* Collects every record line dumpData accepts while it is alive. */
 class RecordSink {

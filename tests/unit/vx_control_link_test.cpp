@@ -45,25 +45,21 @@ protected:
         active_vxc_idx = 0;
         init_vxc_server_config();
         set_protocols({1}, 1);
-        memset(app_->controlLink.supportedProtocolVXCArray, 0,
-               sizeof app_->controlLink.supportedProtocolVXCArray);
+        memset(app_->controlLink.supportedProtocolVXCArray, 0, sizeof app_->controlLink.supportedProtocolVXCArray);
         app_->VXBCISetting.vxcPort = 7892;
         app_->Server.testRunRunning = 1;
     }
 
     void TearDown() override
     {
-        for (int i = 0; i < app_->controlLink.server_arr_size; ++i)
-            free(app_->controlLink.vxc_server_arr[i].vxc_host);
+        for (int i = 0; i < app_->controlLink.server_arr_size; ++i) free(app_->controlLink.vxc_server_arr[i].vxc_host);
         free(app_->controlLink.vxc_server_arr);
     }
 
     void set_protocols(std::vector<int> agent, int active)
     {
-        memset(app_->controlLink.supportedProtocolArray, 0,
-               sizeof app_->controlLink.supportedProtocolArray);
-        for (size_t i = 0; i < agent.size(); ++i)
-            app_->controlLink.supportedProtocolArray[i] = agent[i];
+        memset(app_->controlLink.supportedProtocolArray, 0, sizeof app_->controlLink.supportedProtocolArray);
+        for (size_t i = 0; i < agent.size(); ++i) app_->controlLink.supportedProtocolArray[i] = agent[i];
         app_->controlLink.ActiveAgentProtocolIndex = active;
     }
 
@@ -96,9 +92,8 @@ TEST_F(ControlLink, ReplyPolicyFieldsSetRetriesAndKeepFailoverOnOnlyWhenAllComeF
     EXPECT_EQ(app_->controlLink.retry_policy.heartbeat_reply_timeout_check, 3);
     EXPECT_EQ(app_->controlLink.vx_dr_state, 1);
     EXPECT_EQ(policy(kOk + "state=1;retryPolicy=2%5%4%9;ProtoVersion=1;"), 0);
-    EXPECT_EQ(app_->controlLink.retry_policy.heartbeat_reply_timeout_check,
-              0);                                   /* under 10 s: no ticks */
-    EXPECT_EQ(policy(kOk + "retryPolicy=7%8;"), 0); /* too short: kept */
+    EXPECT_EQ(app_->controlLink.retry_policy.heartbeat_reply_timeout_check, 0); /* under 10 s: no ticks */
+    EXPECT_EQ(policy(kOk + "retryPolicy=7%8;"), 0);                 /* too short: kept */
     EXPECT_EQ(app_->controlLink.retry_policy.num_retry, 2);
 
     struct Case {
@@ -128,8 +123,7 @@ TEST_F(ControlLink, ReplyPolicyFieldsSetRetriesAndKeepFailoverOnOnlyWhenAllComeF
 
 TEST_F(ControlLink, RetriesRunningOutWalkTheConfiguredCollectorsInTurn)
 {
-    vx_collector_entry(2)->vxc_host =
-        strdup("10.0.0.3"); /* listed, but not counted as configured */
+    vx_collector_entry(2)->vxc_host = strdup("10.0.0.3"); /* listed, but not counted as configured */
     std::vector<int> walk;
     for (int i = 0; i < 4; ++i) {
         connection_retry_failed();
@@ -155,10 +149,9 @@ TEST_F(ControlLink, ReplyIsServedDroppedOrSwitchedByItsFirstLine)
     EXPECT_EQ(app_->Server.lastHeartBeatRcvTime, 5000);
     EXPECT_EQ(app_->Server.testRunRunning, 1);
 
-    for (const char* bad :
-         {"vx_control_req:action=reconnect;heartBeat 3\n",
-          "klv_saas_auth_agent_msg_rep:status=ERROR;reason=x\n", "HTTP/1.1 400 Bad\n",
-          "vx_ctrl_msg_rep:result=Error;\n", "vx_ctrl_msg_rep:result=Ok;state=0;\n"}) {
+    for (const char* bad : {"vx_control_req:action=reconnect;heartBeat 3\n",
+                            "klv_saas_auth_agent_msg_rep:status=ERROR;reason=x\n", "HTTP/1.1 400 Bad\n",
+                            "vx_ctrl_msg_rep:result=Error;\n", "vx_ctrl_msg_rep:result=Ok;state=0;\n"}) {
         app_->Server.testRunRunning = 1;
         EXPECT_EQ(classify(bad), kReplyDrop) << bad;
         EXPECT_EQ(app_->Server.testRunRunning, 0) << bad;
@@ -171,8 +164,7 @@ TEST_F(ControlLink, ReplyIsServedDroppedOrSwitchedByItsFirstLine)
     EXPECT_EQ(app_->controlLink.vx_dr_state, 1);
 
     app_->Server.retryForAutoSensorConn = 1;
-    EXPECT_EQ(classify("vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;" + kPolicy + "\n"),
-              kReplyServe);
+    EXPECT_EQ(classify("vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;" + kPolicy + "\n"), kReplyServe);
     EXPECT_EQ(app_->Server.retryForDataConn, 0);
     EXPECT_EQ(app_->Server.retryForAutoSensorConn, 0);
 
@@ -204,8 +196,7 @@ TEST_F(ControlLink, NegotiationKeepsTheConnectionUnlessProtocolOrPortChanges)
     EXPECT_EQ(app_->controlLink.ActiveAgentProtocolIndex, 1);
     EXPECT_EQ(negotiate("WSS:443"), 1);
     EXPECT_EQ(app_->controlLink.ActiveAgentProtocolIndex, 3);
-    EXPECT_EQ(std::vector<int>(app_->controlLink.supportedProtocolVXCArray,
-                               app_->controlLink.supportedProtocolVXCArray + 5),
+    EXPECT_EQ(std::vector<int>(app_->controlLink.supportedProtocolVXCArray, app_->controlLink.supportedProtocolVXCArray + 5),
               (std::vector<int>{3, 0, 0, 0, 0}));
 }
 
@@ -226,8 +217,7 @@ protected:
 
 TEST_F(ControlLinkStream, AnIncompleteLineMovesToTheFrontAndCompletesWithTheNextRead)
 {
-    const std::string first =
-        "vx_control_req:action=reconnect;heartBeat 1;AutosensorConnState=5;\n";
+    const std::string first = "vx_control_req:action=reconnect;heartBeat 1;AutosensorConnState=5;\n";
     const std::string second = "vx_control_req:action=reconnect;heartBeat 2;dataConnState=2;\n";
     const std::string third = heartbeat(3, 6) + "\n";
     feed(first + second + third.substr(0, 30));
@@ -253,8 +243,7 @@ TEST_F(ControlLinkStream, NulBytesBetweenLinesAreSkippedAndEveryLineIsASignOfLif
     vx_test::FrozenClock clock(9000, 0);
     app_->controlLink.heartbeat_count = 4;
     app_->VXSys.dataConnState = 1;
-    feed(std::string("vx_control_req:action=no_such_action;\n") + '\0' + '\0' + heartbeat(0, 0) +
-         "\n" + '\0');
+    feed(std::string("vx_control_req:action=no_such_action;\n") + '\0' + '\0' + heartbeat(0, 0) + "\n" + '\0');
     EXPECT_EQ(app_->controlLink.heartbeat_count, 0);
     EXPECT_EQ(app_->Server.lastHeartBeatRcvTime, 9000);
     EXPECT_EQ(app_->VXSys.dataConnState, 0);

@@ -54,8 +54,7 @@ protected:
     {
         for (nioSettings_t* n : nodes(app_->dataChannel.writeList)) free(n->buff), free(n);
         for (nioSettings_t* n : nodes(app_->dataChannel.readList)) free(n->buff), free(n);
-        app_->dataChannel.writeList = app_->dataChannel.writeListLast = app_->dataChannel.readList =
-            app_->dataChannel.readListLast = nullptr;
+        app_->dataChannel.writeList = app_->dataChannel.writeListLast = app_->dataChannel.readList = app_->dataChannel.readListLast = nullptr;
         app_->dataChannel.VXBCIAgentBB = app_->dataChannel.VXCollectorBB = nullptr;
         app_->dataChannel.writeListSize = app_->dataChannel.readListSize = 0;
     }
@@ -128,8 +127,7 @@ TEST_F(DataBuffers, BuiltOnceAndAPhpAgentGetsAThirtySecondOfTheCount)
     build(64, 100);
     EXPECT_EQ(app_->dataChannel.writeListSize, 2);
     free_ring();
-    VXProxy.proxyServerFlag = app_->VXSys.proxyServerFlag =
-        1; /* the proxy process keeps them all */
+    VXProxy.proxyServerFlag = app_->VXSys.proxyServerFlag = 1; /* the proxy process keeps them all */
     build(64, 100);
     EXPECT_EQ(app_->dataChannel.writeListSize, 64);
 }
@@ -178,9 +176,7 @@ TEST_F(DataBuffers, TheLastFreeBufferIsNeverSpilledIntoAndProducersRecoverWhenOn
     const std::string before(app_->dataChannel.VXBCIAgentBB->buff, 20);
     EXPECT_EQ(add(record('c', 90)), kBufferNoRoom);
     EXPECT_EQ(app_->VXSys.discardCount, 2);
-    EXPECT_EQ(std::string(app_->dataChannel.VXBCIAgentBB->buff,
-                          static_cast<size_t>(app_->dataChannel.VXBCIAgentBB->use_len)),
-              before);
+    EXPECT_EQ(std::string(app_->dataChannel.VXBCIAgentBB->buff, static_cast<size_t>(app_->dataChannel.VXBCIAgentBB->use_len)), before);
 
     movePartialToReadList(); /* the sender's tick takes the last free buffer */
     EXPECT_EQ(app_->dataChannel.VXBCIAgentBB, nullptr);
@@ -269,7 +265,7 @@ TEST_F(DataBuffers, DumpDataStoresOnlyWhileASessionRunsAndCountsEachDropOnce)
     dumpData(rec.data(), 0);
     dumpData(nullptr, 40);
     for (int i = 0; i < 3; ++i) dumpData(rec.data(), 40); /* the third spills 20 bytes */
-    dumpData(big.data(), 150);                            /* the last free buffer: dropped */
+    dumpData(big.data(), 150);                             /* the last free buffer: dropped */
     EXPECT_EQ(app_->VXSys.discardCount, 2);
     EXPECT_EQ(app_->dataChannel.readListSize, 1);
     EXPECT_EQ(app_->dataChannel.VXBCIAgentBB->use_len, 20);

@@ -84,10 +84,7 @@ const RecordCase kRecordCases[] = {
      "4,123456789,200,10,250000,40,{bt},0,,0,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
 };
 
-void PrintTo(const RecordCase& c, std::ostream* os)
-{
-    *os << c.name;
-}
+void PrintTo(const RecordCase& c, std::ostream* os) { *os << c.name; }
 
 class FlowpathRecords : public testing::TestWithParam<RecordCase> {};
 
@@ -260,11 +257,10 @@ TEST(FlowpathExclusion, TransactionWithoutBusinessTransactionSendsNothing)
         FrozenClock::advance_ms(9000);
         endFP(td, 500, nullptr, 0, 0, 0, nullptr);
         reset(td);
-        EXPECT_NE(
-            vx_test::trace_log_text().find("FP (" + fpi +
-                                           ") will be excluded as per BT rule, httpMethod = , "
-                                           "uRLParameters = "),
-            std::string::npos);
+        EXPECT_NE(vx_test::trace_log_text().find("FP (" + fpi +
+                                                 ") will be excluded as per BT rule, httpMethod = , "
+                                                 "uRLParameters = "),
+                  std::string::npos);
     }
     EXPECT_EQ(sink.size(), 0u);
 }

@@ -212,9 +212,8 @@ TEST_F(KeywordMessage, UnknownKeysAreSkippedAndAFieldWithoutEqualsOrAClosingConn
     VXSys_t& sys = app_->VXSys;
     bci.tierID = 42;
     sys.vxHotspotThreadLimit = 77;
-    apply(
-        modify("foo=1;appID=11;autoInstrSampleInterval=5;autoInstrSampleThreshold=6;"
-               "tierID=;vxHelperDepth=3;broken;vxHotspotThreadLimit=9"));
+    apply(modify("foo=1;appID=11;autoInstrSampleInterval=5;autoInstrSampleThreshold=6;"
+                 "tierID=;vxHelperDepth=3;broken;vxHotspotThreadLimit=9"));
     EXPECT_EQ(bci.appID, 11);
     /* Both keys fill one member: the later field wins. */
     EXPECT_EQ(app_->vxAutoInstrumentation.autoInstrSampleThreshold, 6);

@@ -60,8 +60,7 @@ protected:
 
     int id(const char* name)
     {
-        methodPropProperties* m =
-            getMethodPropFromMethodName(S(name), app_->methodTable.methodHashMapNode);
+        methodPropProperties* m = getMethodPropFromMethodName(S(name), app_->methodTable.methodHashMapNode);
         return m ? m->methodId : -1;
     }
 
@@ -74,17 +73,15 @@ protected:
         return static_cast<VXPerThreadData_t*>(
             startFP(S("4242"), S("/events"), nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
     }
-    void* enter(VXPerThreadData_t* td, const char* name, long long tid = 0,
-                const char* url = nullptr)
+    void* enter(VXPerThreadData_t* td, const char* name, long long tid = 0, const char* url = nullptr)
     {
-        return vxMethodEntry(nullptr, td, S(name), S(url), nullptr, tid, nullptr, nullptr, 0,
-                             nullptr);
+        return vxMethodEntry(nullptr, td, S(name), S(url), nullptr, tid, nullptr, nullptr, 0, nullptr);
     }
     void* leave(VXPerThreadData_t* td, const char* name, long long tid = 0, int status = -1,
                 const char* backend = nullptr, const char* arg = nullptr)
     {
-        return vxMethodExit(nullptr, td, S(name), 0, status, S(backend), 0, tid, 0, nullptr, 1,
-                            S(arg), my_gettimeofday(), nullptr);
+        return vxMethodExit(nullptr, td, S(name), 0, status, S(backend), 0, tid, 0, nullptr, 1, S(arg),
+                            my_gettimeofday(), nullptr);
     }
     /* Ends the flowpath and gives the blob of its record 4. */
     std::string finish(VXPerThreadData_t* td, int status = 200)
@@ -152,9 +149,8 @@ TEST_F(MethodEvents, ArgumentAndExceptionExitsHaveTheirOwnForms)
     EXPECT_EQ(r19[0], vx_test::fill("19,4242,2:{co}:4:{h}:1:<order-17>|\n",
                                     {{"co", std::to_string(id("Shop.checkout"))},
                                      {"h", std::to_string(header->id)}}));
-    EXPECT_EQ(finish(td, -1),
-              golden("{r}:0_0_0__{co}:0_0_5__{co}:0_1:4_7_300___{hp}:0_0_13__{hp}:0_3_9_250___"
-                     "{r}:0_1_0_1300___"));
+    EXPECT_EQ(finish(td, -1), golden("{r}:0_0_0__{co}:0_0_5__{co}:0_1:4_7_300___{hp}:0_0_13__{hp}:0_3_9_250___"
+                                     "{r}:0_1_0_1300___"));
 }
 
 TEST_F(MethodEvents, IdsBeyondTheCountersAreNeverRefusedAndKeepTheHostsWallTime)
@@ -168,14 +164,10 @@ TEST_F(MethodEvents, IdsBeyondTheCountersAreNeverRefusedAndKeepTheHostsWallTime)
     auto* big = static_cast<methodPropProperties*>(enter(td, "Big.method"));
     ASSERT_NE(big, nullptr);
     EXPECT_GE(big->methodId, vx::kMethodCounterSize);
-    vxMethodExit(big, td, S("Big.method"), -1, -1, nullptr, 42, 0, 0, nullptr, 1, nullptr, 0,
-                 nullptr);
-    vxMethodExit(big, td, S("Big.method"), -1, -1, nullptr, 43, 0, 0, nullptr, 1, nullptr, 0,
-                 nullptr);
-    EXPECT_EQ(
-        finish(td),
-        vx_test::fill(golden("{r}:0_0_0__{b}:0_0_0__{b}:0_1_42____{b}:0_1_43____{r}:0_1_0_0___"),
-                      {{"b", std::to_string(big->methodId)}}));
+    vxMethodExit(big, td, S("Big.method"), -1, -1, nullptr, 42, 0, 0, nullptr, 1, nullptr, 0, nullptr);
+    vxMethodExit(big, td, S("Big.method"), -1, -1, nullptr, 43, 0, 0, nullptr, 1, nullptr, 0, nullptr);
+    EXPECT_EQ(finish(td), vx_test::fill(golden("{r}:0_0_0__{b}:0_0_0__{b}:0_1_42____{b}:0_1_43____{r}:0_1_0_0___"),
+                                        {{"b", std::to_string(big->methodId)}}));
     app_->methodTable.methodIDGlobal = next_id;
 }
 
@@ -190,10 +182,9 @@ TEST_F(MethodEvents, DatabaseCalloutWritesOnlyTheOutermostCallAndErrorsUseE)
     leave(td, "Db.query", 0, -1, "mysql|dbhost|3306");
     std::string ok = finish(td);
     const std::string backend = std::to_string(id("DB_mysql|dbhost|3306"));
-    EXPECT_EQ(
-        ok, vx_test::fill(golden("{r}:0_0_0__{q}:0_0_5__{q}:0_0_5__{q}:0_1_7_300___{q}:0_1_7_300___"
-                                 "T7:{db}:7:10:0:0::::200:_{r}:0_1_0_1300___"),
-                          {{"db", backend}}));
+    EXPECT_EQ(ok, vx_test::fill(golden("{r}:0_0_0__{q}:0_0_5__{q}:0_0_5__{q}:0_1_7_300___{q}:0_1_7_300___"
+                                       "T7:{db}:7:10:0:0::::200:_{r}:0_1_0_1300___"),
+                                {{"db", backend}}));
 
     td = begin();
     at(5, 2000);
@@ -212,8 +203,7 @@ TEST_F(MethodEvents, CustomCalloutNamesItsOwnBackend)
     enter(td, "Pay.charge");
     at(12, 2300);
     leave(td, "Pay.charge");
-    EXPECT_EQ(finish(td),
-              golden("{r}:0_0_0__{pc}:0_0_5__T3:{gw}:7:8:-:0_{pc}:0_1_7_300___{r}:0_1_0_1300___"));
+    EXPECT_EQ(finish(td), golden("{r}:0_0_0__{pc}:0_0_5__T3:{gw}:7:8:-:0_{pc}:0_1_7_300___{r}:0_1_0_1300___"));
 }
 
 TEST_F(MethodEvents, NonServiceMethodLimitStopsTokensButKeepsCounting)
@@ -265,10 +255,9 @@ TEST_F(MethodEvents, UncapturedFlowpathStillWritesForcedTokensAndCallouts)
     leave(td, "Db.query", 0, -1, "pg|h|5432");
     at(3500, 1000); /* slow, so it is reported */
     std::string blob = finish(td);
-    EXPECT_EQ(blob,
-              vx_test::fill(golden("{r}:0_0_0__{fe}:0_0_5__{tx}:0_1_0_0___T7:{db}:0:10:0:0::::200:_"
-                                   "{r}:0_1_0_0___"),
-                            {{"db", std::to_string(id("DB_pg|h|5432"))}}));
+    EXPECT_EQ(blob, vx_test::fill(golden("{r}:0_0_0__{fe}:0_0_5__{tx}:0_1_0_0___T7:{db}:0:10:0:0::::200:_"
+                                         "{r}:0_1_0_0___"),
+                                  {{"db", std::to_string(id("DB_pg|h|5432"))}}));
 }
 
 TEST_F(MethodEvents, GoHostsReportNoCpuBelowTheFullCpuMode)
@@ -284,8 +273,7 @@ TEST_F(MethodEvents, GoHostsReportNoCpuBelowTheFullCpuMode)
         leave(td, "Shop.checkout");
         std::string blob = finish(td);
         const char* expected = mode == 3 ? "{co}:0_1_7_300___" : "{co}:0_1_7_0___";
-        EXPECT_NE(blob.find(golden(expected)), std::string::npos)
-            << "mode " << mode << ": " << blob;
+        EXPECT_NE(blob.find(golden(expected)), std::string::npos) << "mode " << mode << ": " << blob;
     }
     setAgentType(S(type.c_str()));
     app_->VXSys.enableCpuTime = 0;

@@ -488,10 +488,9 @@ TEST_F(MethodTableGenerations, RunTimeChangesUnderLoadLeaveNoReferenceAndWholeRe
                 /* A name no profile lists is made at its first entry, in the
                  * generation current at that moment, while profiles change. */
                 const std::string fresh = "Gen.Fresh" + std::to_string(t) + "_" + std::to_string(i);
-                vxMethodEntry(nullptr, td, S(fresh.c_str()), nullptr, nullptr, 0, nullptr, nullptr,
-                              0, nullptr);
-                vxMethodExit(nullptr, td, S(fresh.c_str()), 0, -1, nullptr, 0, 0, 0, nullptr, 0,
-                             nullptr, 0, nullptr);
+                vxMethodEntry(nullptr, td, S(fresh.c_str()), nullptr, nullptr, 0, nullptr, nullptr, 0, nullptr);
+                vxMethodExit(nullptr, td, S(fresh.c_str()), 0, -1, nullptr, 0, 0, 0, nullptr, 0, nullptr, 0,
+                             nullptr);
                 for (size_t j = std::size(kMethods); j-- > 0;)
                     vxMethodExit(handles[j], td, S(kMethods[j]), 0, -1, nullptr, 0, 0, 0, nullptr,
                                  0, nullptr, 0, nullptr);

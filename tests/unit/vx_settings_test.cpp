@@ -52,8 +52,7 @@ protected:
         app_->controlLink.vxc_server_arr = nullptr;
         app_->controlLink.server_arr_size = 0;
         app_->controlLink.active_vxc = nullptr;
-        memset(app_->controlLink.supportedProtocolArray, 0,
-               sizeof app_->controlLink.supportedProtocolArray);
+        memset(app_->controlLink.supportedProtocolArray, 0, sizeof app_->controlLink.supportedProtocolArray);
         app_->controlLink.supportedProtocols[0] = '\0';
         app_->controlLink.ActiveAgentProtocolIndex = 0;
         app_->lws_active = 0;
@@ -95,8 +94,7 @@ protected:
 
     std::vector<int> protocols() const
     {
-        return std::vector<int>(app_->controlLink.supportedProtocolArray,
-                                app_->controlLink.supportedProtocolArray + 5);
+        return std::vector<int>(app_->controlLink.supportedProtocolArray, app_->controlLink.supportedProtocolArray + 5);
     }
 
     VXProxyInstance_t* app_ = vx_test::agent();

@@ -305,6 +305,16 @@ protected:
         return "";
     }
 
+    /* Each "key=value" of `want` (blank-separated) is in summary.txt. */
+    void expect_summary(const std::string& want)
+    {
+        std::istringstream in(want);
+        for (std::string kv; in >> kv;) {
+            const size_t eq = kv.find('=');
+            EXPECT_EQ(summary_value(kv.substr(0, eq)), kv.substr(eq + 1)) << kv;
+        }
+    }
+
     std::unique_ptr<LoopbackCollector> collector_;
     int run_result_ = -2;
     int port_ = 0;

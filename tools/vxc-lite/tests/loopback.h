@@ -190,6 +190,25 @@ inline std::vector<std::vector<std::string>> connection_lines(const std::string&
     return out;
 }
 
+/* The value of key in a run directory's summary.txt, "" when absent. */
+inline std::string summary_value(const std::string& run_dir, const std::string& key)
+{
+    std::istringstream in(slurp(run_dir + "/summary.txt"));
+    for (std::string l; std::getline(in, l);)
+        if (l.rfind(key + "=", 0) == 0) return l.substr(key.size() + 1);
+    return "";
+}
+
+/* Each "key=value" of `want` (blank-separated) is in the run's summary.txt. */
+inline void expect_summary(const std::string& run_dir, const std::string& want)
+{
+    std::istringstream in(want);
+    for (std::string kv; in >> kv;) {
+        const size_t eq = kv.find('=');
+        EXPECT_EQ(summary_value(run_dir, kv.substr(0, eq)), kv.substr(eq + 1)) << kv;
+    }
+}
+
 /* vxc-lite serving on its own thread of this process. */
 class LoopbackCollector {
 public:
@@ -223,6 +242,8 @@ public:
     }
     int port() const { return port_; }
     const std::string& run_dir() const { return opts_.run_dir; }
+    /* Once stopped: each "key=value" of `want` is a count of the run. */
+    void expect_counts(const std::string& want) const { expect_summary(opts_.run_dir, want); }
     /* What server_run returned, once stopped. */
     int run_result() const { return run_result_; }
     /* Lines of each data connection, in the order they were accepted. */
@@ -296,24 +317,8 @@ protected:
         if (!root_.empty()) std::system(("rm -rf " + root_).c_str());
     }
 
-    /* The value of key in summary.txt, "" when absent. */
-    std::string summary_value(const std::string& key)
-    {
-        std::istringstream in(slurp(dir_ + "/summary.txt"));
-        for (std::string l; std::getline(in, l);)
-            if (l.rfind(key + "=", 0) == 0) return l.substr(key.size() + 1);
-        return "";
-    }
-
-    /* Each "key=value" of `want` (blank-separated) is in summary.txt. */
-    void expect_summary(const std::string& want)
-    {
-        std::istringstream in(want);
-        for (std::string kv; in >> kv;) {
-            const size_t eq = kv.find('=');
-            EXPECT_EQ(summary_value(kv.substr(0, eq)), kv.substr(eq + 1)) << kv;
-        }
-    }
+    std::string summary_value(const std::string& key) { return vxc_test::summary_value(dir_, key); }
+    void expect_summary(const std::string& want) { vxc_test::expect_summary(dir_, want); }
 
     std::unique_ptr<LoopbackCollector> collector_;
     int run_result_ = -2;

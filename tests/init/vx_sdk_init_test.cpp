@@ -7,11 +7,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -59,37 +59,16 @@ std::vector<std::string> lines_of(const std::string& path)
     return out;
 }
 
-bool all_digits(const std::string& s, size_t n)
-{
-    if (s.size() != n) return false;
-    for (char c : s)
-        if (!isdigit(static_cast<unsigned char>(c))) return false;
-    return true;
-}
-
 /* "LEVEL|function|message" of an SDK log line whose prefix has the exact
  * shape "DD-Mon-YY hh:mm:ss |<pid> |LEVEL |function : line |"; "" when it
  * does not. */
 std::string parse_sdk_line(const std::string& line)
 {
-    /* "01-Jan-24 12:00:00 |" is 20 characters. */
-    if (line.size() < 20 || line[2] != '-' || line[6] != '-' || line[9] != ' ' ||
-        line.compare(18, 2, " |") != 0)
-        return "";
-    if (!all_digits(line.substr(0, 2), 2) || !all_digits(line.substr(7, 2), 2)) return "";
-    size_t at = 20;
-    std::string pid_part = std::to_string(getpid()) + " |";
-    if (line.compare(at, pid_part.size(), pid_part) != 0) return "";
-    at += pid_part.size();
-    size_t level_end = line.find(" |", at);
-    size_t colon = line.find(" : ", level_end);
-    size_t msg = line.find(" |", colon);
-    if (level_end == std::string::npos || colon == std::string::npos || msg == std::string::npos)
-        return "";
-    std::string line_no = line.substr(colon + 3, msg - colon - 3);
-    if (line_no.empty() || !all_digits(line_no, line_no.size())) return "";
-    return line.substr(at, level_end - at) + "|" +
-           line.substr(level_end + 2, colon - level_end - 2) + "|" + line.substr(msg + 2);
+    static const std::regex shape(
+        R"(\d\d-[A-Za-z]{3}-\d\d \d\d:\d\d:\d\d \|(\d+) \|(\S+) \|(\S+) : \d+ \|(.*))");
+    std::smatch m;
+    if (!std::regex_match(line, m, shape) || m[1] != std::to_string(getpid())) return "";
+    return m[2].str() + "|" + m[3].str() + "|" + m[4].str();
 }
 
 constexpr char kHeader[] = "#Date      TimeStamp|PID   |level|function_name:line|format";
@@ -149,7 +128,7 @@ TEST(SdkInit, Init2OpensTheSdkLogStartsTheAgentAndReturnsAfterItsWait)
         const std::string& name = names[0];
         const std::string tail = "_" + std::to_string(getpid()) + ".log_0";
         CHILD_CHECK(name.size() == 7 + 14 + tail.size());
-        CHILD_CHECK(all_digits(name.substr(7, 14), 14));
+        CHILD_CHECK(std::regex_match(name.substr(7, 14), std::regex(R"(\d{14})")));
         CHILD_CHECK(name.compare(21, std::string::npos, tail) == 0);
         CHILD_CHECK(logs + "/" + name == vx_sdk_log->file_name[0]);
         std::string second = logs + "/" + name;

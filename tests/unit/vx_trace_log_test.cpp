@@ -8,13 +8,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <string>
 #include <thread>
 
@@ -57,37 +57,21 @@ std::string local_date(const char* fmt)
     return buf;
 }
 
-/* Whether `text` at `pos` has the shape of `pattern`, where 'd' is a digit. */
-bool has_shape(const std::string& text, size_t pos, const char* pattern)
-{
-    for (size_t i = 0; pattern[i]; ++i) {
-        if (pos + i >= text.size()) return false;
-        const char c = text[pos + i];
-        if (pattern[i] == 'd' ? !isdigit(static_cast<unsigned char>(c)) : c != pattern[i])
-            return false;
-    }
-    return true;
-}
-
 /* Replace each line's time with "<date>", checking that it has the layout
  * "MM/DD/YY hh:mm:ss" and today's date (taken before or after the writes). */
 std::string mask_dates(const std::string& text, const std::string& day_before,
                        const std::string& day_after)
 {
-    constexpr char kStamp[] = "\ndd/dd/dd dd:dd:dd|";
-    constexpr size_t kLen = sizeof kStamp - 1;
+    static const std::regex stamp(R"(\n(\d\d/\d\d/\d\d) \d\d:\d\d:\d\d\|)");
     std::string out;
-    for (size_t i = 0; i < text.size();) {
-        if (has_shape(text, i, kStamp)) {
-            const std::string day = text.substr(i + 1, 8);
-            EXPECT_TRUE(day == day_before || day == day_after) << "line date " << day;
-            out += "\n<date>|";
-            i += kLen;
-        } else {
-            out += text[i++];
-        }
+    auto last = text.cbegin();
+    for (std::sregex_iterator it(text.begin(), text.end(), stamp), end; it != end; ++it) {
+        const std::string day = (*it)[1];
+        EXPECT_TRUE(day == day_before || day == day_after) << "line date " << day;
+        out.append(last, (*it)[0].first) += "\n<date>|";
+        last = (*it)[0].second;
     }
-    return out;
+    return out.append(last, text.cend());
 }
 
 /* A log of its own in a fresh directory, so that the agent's log is left
@@ -143,7 +127,7 @@ TEST(TraceLog, AgentLogIsNamedByProcessPoolStampAndPidAndOpensWithHeader)
         const std::string tail = "_" + std::to_string(getpid()) + ".log_" + std::to_string(i);
         EXPECT_TRUE(path.starts_with(dir) && path.ends_with(tail) &&
                     path.size() == dir.size() + 14 + tail.size() &&
-                    has_shape(path, dir.size(), "dddddddddddddd"))
+                    std::regex_match(path.substr(dir.size(), 14), std::regex(R"(\d{14})")))
             << path;
     }
     vxlb_mt_trace_log(trace_log_key, "UnitThread", 0, "CONTROL_THREAD", "Info", "probe.cpp", 5,

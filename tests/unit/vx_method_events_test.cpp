@@ -155,7 +155,7 @@ TEST_F(MethodEvents, ArgumentAndExceptionExitsHaveTheirOwnForms)
 
 TEST_F(MethodEvents, IdsBeyondTheCountersAreNeverRefusedAndKeepTheHostsWallTime)
 {
-    const int next_id = app_->methodTable.methodIDGlobal;
+    vx_test::Restore keep(app_->methodTable.methodIDGlobal);
     app_->methodTable.methodIDGlobal = 9000;
     auto* td = begin();
     /* An exit of a method never entered has no effect at all... */
@@ -166,9 +166,10 @@ TEST_F(MethodEvents, IdsBeyondTheCountersAreNeverRefusedAndKeepTheHostsWallTime)
     EXPECT_GE(big->methodId, vx::kMethodCounterSize);
     vxMethodExit(big, td, S("Big.method"), -1, -1, nullptr, 42, 0, 0, nullptr, 1, nullptr, 0, nullptr);
     vxMethodExit(big, td, S("Big.method"), -1, -1, nullptr, 43, 0, 0, nullptr, 1, nullptr, 0, nullptr);
-    EXPECT_EQ(finish(td), vx_test::fill(golden("{r}:0_0_0__{b}:0_0_0__{b}:0_1_42____{b}:0_1_43____{r}:0_1_0_0___"),
-                                        {{"b", std::to_string(big->methodId)}}));
-    app_->methodTable.methodIDGlobal = next_id;
+    EXPECT_EQ(
+        finish(td),
+        vx_test::fill(golden("{r}:0_0_0__{b}:0_0_0__{b}:0_1_42____{b}:0_1_43____{r}:0_1_0_0___"),
+                      {{"b", std::to_string(big->methodId)}}));
 }
 
 TEST_F(MethodEvents, DatabaseCalloutWritesOnlyTheOutermostCallAndErrorsUseE)

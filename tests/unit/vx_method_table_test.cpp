@@ -32,16 +32,7 @@ using vx_test::SessionScope;
  * control connection would find them. */
 class MethodTableFixture : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        next_id_ = app->methodTable.methodIDGlobal;
-        app->Server.doNotDumpMetaData = 0;
-    }
-    void TearDown() override
-    {
-        app->isRunTime = 0;
-        app->methodTable.methodIDGlobal = next_id_;
-    }
+    void SetUp() override { app->Server.doNotDumpMetaData = 0; }
 
     static node_t* current() { return vx_test::agent()->methodTable.methodHashMapNode; }
     static methodPropProperties* lookup(const char* name)
@@ -66,7 +57,7 @@ protected:
     VXProxyInstance_t* app = vx_test::agent();
 
 private:
-    int next_id_ = 1;
+    vx_test::Restore keep_{app->isRunTime, app->methodTable.methodIDGlobal};
 };
 
 class MethodTableProfile : public MethodTableFixture {};

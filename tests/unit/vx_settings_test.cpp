@@ -190,46 +190,42 @@ TEST_F(Settings, InstanceAsTierWinsWhicheverLineComesFirst)
 
 TEST_F(Settings, InvalidValuesAreRefusedAndTheOldOnesKept)
 {
-    /* Before each line: host 10.0.0.1, stack 512, mode 2, port 7000. */
-    struct Case {
-        const char* line;
-        const char* host;
-        int stack, mode, port;
-    };
-    const Case cases[] = {
-        {"vxcHost=collector.example.com", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=10.0.0.256", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=10.0.0", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=10.0.0.1.2", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=10..0.1", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=10.0.0.1 ", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=0255.0.0.1", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=192.168.1.20", "192.168.1.20", 512, 2, 7000},
-        {"stackSize=300", "10.0.0.1", 512, 2, 7000},
-        {"stackSize=128", "10.0.0.1", 512, 2, 7000},
-        {"stackSize=2048", "10.0.0.1", 512, 2, 7000},
-        {"stackSize=256", "10.0.0.1", 256, 2, 7000},
-        {"stackSize=1024", "10.0.0.1", 1024, 2, 7000},
-        {"autoScalingMode=4", "10.0.0.1", 512, 2, 7000},
-        {"autoScalingMode=-1", "10.0.0.1", 512, 2, 7000},
-        {"autoScalingMode=0", "10.0.0.1", 512, 0, 7000},
-        {"vxcPort=70000", "10.0.0.1", 512, 2, 7000},
-        {"vxcPort=7892", "10.0.0.1", 512, 2, 7892},
+    /* Each line is read on "host stack mode port" = kBefore; what they are
+     * after it, kBefore when it is refused. */
+    const std::string kBefore = "10.0.0.1 512 2 7000";
+    const std::pair<const char*, std::string> cases[] = {
+        {"vxcHost=collector.example.com", kBefore},
+        {"vxcHost=10.0.0.256", kBefore},
+        {"vxcHost=10.0.0", kBefore},
+        {"vxcHost=10.0.0.1.2", kBefore},
+        {"vxcHost=10..0.1", kBefore},
+        {"vxcHost=10.0.0.1 ", kBefore},
+        {"vxcHost=0255.0.0.1", kBefore},
+        {"vxcHost=192.168.1.20", "192.168.1.20 512 2 7000"},
+        {"stackSize=300", kBefore},
+        {"stackSize=128", kBefore},
+        {"stackSize=2048", kBefore},
+        {"stackSize=256", "10.0.0.1 256 2 7000"},
+        {"stackSize=1024", "10.0.0.1 1024 2 7000"},
+        {"autoScalingMode=4", kBefore},
+        {"autoScalingMode=-1", kBefore},
+        {"autoScalingMode=0", "10.0.0.1 512 0 7000"},
+        {"vxcPort=70000", kBefore},
+        {"vxcPort=7892", "10.0.0.1 512 2 7892"},
     };
     VXBCISetting_t& s = app_->VXBCISetting;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.line);
+    for (const auto& [line, after] : cases) {
         ASSERT_EQ(setVXCHost(S("10.0.0.1")), 0);
         s.stackSize = 512;
         s.autoScalingMode = 2;
         s.vxcPort = 7000;
         /* Without any vxcPort line the port would be defaulted. */
-        const bool portLine = strncmp(c.line, "vxcPort", 7) == 0;
-        EXPECT_EQ(apply(std::string(c.line) + (portLine ? "\n" : "\nvxcPort=7000\n")), 0);
-        EXPECT_STREQ(s.vxcHost, c.host);
-        EXPECT_EQ(s.stackSize, c.stack);
-        EXPECT_EQ(s.autoScalingMode, c.mode);
-        EXPECT_EQ(s.vxcPort, c.port);
+        const bool portLine = strncmp(line, "vxcPort", 7) == 0;
+        EXPECT_EQ(apply(std::string(line) + (portLine ? "\n" : "\nvxcPort=7000\n")), 0);
+        EXPECT_EQ(str(s.vxcHost) + " " + std::to_string(s.stackSize) + " " +
+                      std::to_string(s.autoScalingMode) + " " + std::to_string(s.vxcPort),
+                  after)
+            << line;
     }
 }
 

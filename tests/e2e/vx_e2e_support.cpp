@@ -2,9 +2,9 @@
 
 #include <apr_general.h>
 #include <apr_time.h>
-#include <gtest/gtest.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 
 #include "vx_test_support.h"
 
@@ -32,34 +31,6 @@ public:
 };
 const auto* const kApr = ::testing::AddGlobalTestEnvironment(new AprEnvironment);
 
-std::vector<std::string> read_lines(const std::string& path)
-{
-    std::vector<std::string> lines;
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) lines.push_back(line);
-    return lines;
-}
-
-/* conn-<n>-<kind>.lines of a run directory, by connection number. */
-std::vector<std::string> connection_files(const std::string& dir, const std::string& kind)
-{
-    std::map<int, std::string> by_id;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            const std::string name = e->d_name;
-            const std::string tail = "-" + kind + ".lines";
-            if (name.rfind("conn-", 0) == 0 && name.size() > tail.size() &&
-                name.compare(name.size() - tail.size(), tail.size(), tail) == 0)
-                by_id[atoi(name.c_str() + 5)] = dir + "/" + name;
-        }
-        closedir(d);
-    }
-    std::vector<std::string> files;
-    for (auto& [id, path] : by_id) files.push_back(path);
-    return files;
-}
-
 }  // namespace
 
 vxc::Options collector_options(int port)
@@ -72,53 +43,8 @@ vxc::Options collector_options(int port)
     return o;
 }
 
-Collector::Collector(vxc::Options opts) : opts_(std::move(opts)) {}
-
-Collector::~Collector() { stop(); }
-
-int Collector::start()
-{
-    std::string error;
-    if (vxc::server_create(opts_, &server_, &error) != 0) {
-        fprintf(stderr, "vxc-lite: %s\n", error.c_str());
-        return -1;
-    }
-    port_ = vxc::server_port(server_);
-    thread_ = std::thread([this] { vxc::server_run(server_); });
-    return 0;
-}
-
-const vxc::Counts& Collector::stop()
-{
-    if (!server_) return counts_;
-    if (thread_.joinable()) {
-        vxc::server_request_stop(server_);
-        thread_.join();
-    }
-    counts_ = vxc::server_counts(server_);
-    vxc::server_destroy(server_);
-    server_ = nullptr;
-    return counts_;
-}
-
-std::vector<std::vector<std::string>> Collector::data_connections() const
-{
-    std::vector<std::vector<std::string>> out;
-    for (const std::string& f : connection_files(opts_.run_dir, "data")) out.push_back(read_lines(f));
-    return out;
-}
-
-std::vector<std::string> Collector::control_requests() const
-{
-    std::vector<std::string> out;
-    for (const std::string& f : connection_files(opts_.run_dir, "control")) {
-        auto lines = read_lines(f);
-        if (!lines.empty()) out.push_back(lines.front());
-    }
-    return out;
-}
-
-Host::Host(const std::vector<std::string>& args, int port, const std::vector<std::string>& extra_env)
+Host::Host(const std::vector<std::string>& args, int port,
+           const std::vector<std::string>& extra_env)
 {
     home_ = vx_test::make_temp_dir("vx_e2e_home_");
     const std::string type_dir = home_ + "/" + "cppAgent";
@@ -175,7 +101,7 @@ int Host::wait(int timeout_s)
         waitpid(pid_, nullptr, 0);
         pid_ = -1;
     }
-    for (const std::string& line : read_lines(out_path_)) {
+    for (const std::string& line : vxc_test::read_lines(out_path_)) {
         const size_t eq = line.find('=');
         if (eq == std::string::npos) continue;
         out_.emplace(line.substr(0, eq), line.substr(eq + 1));
@@ -206,11 +132,8 @@ std::string Host::trace_log() const
     const std::string dir = home_ + "/cppAgent/logs";
     if (DIR* d = opendir(dir.c_str())) {
         while (dirent* e = readdir(d)) {
-            if (strncmp(e->d_name, "vx_trace", 8) != 0) continue;
-            std::ifstream in(dir + "/" + e->d_name);
-            std::stringstream ss;
-            ss << in.rdbuf();
-            all += ss.str();
+            if (strncmp(e->d_name, "vx_trace", 8) == 0)
+                all += vxc_test::slurp(dir + "/" + e->d_name);
         }
         closedir(d);
     }

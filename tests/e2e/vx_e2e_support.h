@@ -17,37 +17,14 @@
 #include <vector>
 
 #include "server.h"
+#include "tests/loopback.h"
 #include "vxc_lite.h"
 
 namespace e2e {
 
-/* vxc-lite on its own thread. Counts are read after stop(). */
-class Collector {
-public:
-    explicit Collector(vxc::Options opts);
-    ~Collector();
-    Collector(const Collector&) = delete;
-    Collector& operator=(const Collector&) = delete;
-
-    /* 0 when listening. */
-    int start();
-    /* Stops serving and closes the listener; the counts of the run. */
-    const vxc::Counts& stop();
-    int port() const { return port_; }
-    const std::string& run_dir() const { return opts_.run_dir; }
-
-    /* Lines of each data connection, in the order they were accepted. */
-    std::vector<std::vector<std::string>> data_connections() const;
-    /* First lines of every control connection. */
-    std::vector<std::string> control_requests() const;
-
-private:
-    vxc::Options opts_;
-    vxc::Server* server_ = nullptr;
-    vxc::Counts counts_;
-    std::thread thread_;
-    int port_ = 0;
-};
+/* vxc-lite on its own thread of the test process, shared with vxc-lite's
+ * own tests. Counts are read after stop(). */
+using Collector = vxc_test::LoopbackCollector;
 
 /* Options for a collector on `port` (0: any) storing under a fresh run
  * directory, with short retries and frequent heartbeats. */

@@ -21,6 +21,8 @@
 
 namespace {
 
+using vx_test::S;
+
 struct StartCase {
     const char* name;
     std::vector<std::pair<const char*, const char*>> env;
@@ -45,8 +47,7 @@ int start_with(const StartCase& c, const std::string& home)
         mkdir((home + "/cppAgent/config").c_str(), 0755);
         std::ofstream(home + "/cppAgent/config/vxsettings.conf") << c.file;
     }
-    agent_init(const_cast<char*>("shop"), 0, const_cast<char*>("worker"),
-               const_cast<char*>("cppAgent"), const_cast<char*>("1.0"));
+    agent_init(S("shop"), 0, S("worker"), S("cppAgent"), S("1.0"));
     VXProxyInstance_t* app = tlvxApplication;
     CHILD_CHECK(app != nullptr);
     const VXBCISetting_t& s = app->VXBCISetting;
@@ -106,31 +107,27 @@ TEST(SettingsAtStart, EnvironmentAndFilePrecedence)
     };
     for (const StartCase& c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(
-            vx_test::run_in_child([&c](const std::string& home) { return start_with(c, home); }),
-            0);
+        EXPECT_IN_CHILD([&c](const std::string& home) { return start_with(c, home); });
     }
 }
 
 TEST(SettingsAtStart, EnvironmentPortAndProtocol)
 {
-    EXPECT_EQ(vx_test::run_in_child([](const std::string& home) {
-                  (void)home;
-                  setenv("KLV_APP_AGENT_VXCHOST", "10.3.3.3", 1);
-                  setenv("KLV_APP_AGENT_VXCPORT", "9443", 1);
-                  setenv("KLV_APP_AGENT_VXC_COMM_PROTOCOL", "WSS:9443,TCP", 1);
-                  agent_init(const_cast<char*>("shop"), 0, nullptr, const_cast<char*>("cppAgent"),
-                             nullptr);
-                  VXProxyInstance_t* app = tlvxApplication;
-                  CHILD_CHECK(app->VXBCISetting.vxcPort == 9443);
-                  CHILD_CHECK(app->controlLink.vxc_server_arr[0].vxc_port == 9443u);
-                  CHILD_CHECK(app->VXBCISetting.vxc_WSS_Port == 9443);
-                  CHILD_CHECK(strcmp(app->controlLink.supportedProtocols, "WSS,TCP") == 0);
-                  CHILD_CHECK(app->controlLink.ActiveAgentProtocolIndex == 3);
-                  CHILD_CHECK(app->lws_active == 1);
-                  return 0;
-              }),
-              0);
+    EXPECT_IN_CHILD([](const std::string& home) {
+        (void)home;
+        setenv("KLV_APP_AGENT_VXCHOST", "10.3.3.3", 1);
+        setenv("KLV_APP_AGENT_VXCPORT", "9443", 1);
+        setenv("KLV_APP_AGENT_VXC_COMM_PROTOCOL", "WSS:9443,TCP", 1);
+        agent_init(S("shop"), 0, nullptr, S("cppAgent"), nullptr);
+        VXProxyInstance_t* app = tlvxApplication;
+        CHILD_CHECK(app->VXBCISetting.vxcPort == 9443);
+        CHILD_CHECK(app->controlLink.vxc_server_arr[0].vxc_port == 9443u);
+        CHILD_CHECK(app->VXBCISetting.vxc_WSS_Port == 9443);
+        CHILD_CHECK(strcmp(app->controlLink.supportedProtocols, "WSS,TCP") == 0);
+        CHILD_CHECK(app->controlLink.ActiveAgentProtocolIndex == 3);
+        CHILD_CHECK(app->lws_active == 1);
+        return 0;
+    });
 }
 
 }  // namespace

@@ -1,13 +1,13 @@
 #include "vx_test_support.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "agent/vx_instance.h"
 #include "core/vx_platform.h"
@@ -43,8 +43,7 @@ VXProxyInstance_t* agent()
         std::string type_dir = g_home + "/cppAgent";
         mkdir(type_dir.c_str(), 0755);
         std::ofstream(type_dir + "/version") << "# build information\n9.9.9 build 42\n";
-        agent_init(const_cast<char*>("UnitPool"), 1, const_cast<char*>("unit"),
-                   const_cast<char*>("cppAgent"), const_cast<char*>("v9"));
+        agent_init(S("UnitPool"), 1, S("unit"), S("cppAgent"), S("v9"));
         /* No collector is configured, so the control thread ends on its own
          * after choosing its transport; units are then tested on TCP with
          * nothing running beside them. */
@@ -57,19 +56,12 @@ VXProxyInstance_t* agent()
     return app;
 }
 
-int run_in_child(const std::function<int(const std::string& home)>& body)
+int in_fresh_home(const std::function<int(const std::string& home)>& body)
 {
-    std::string home = make_temp_dir("vx_child_");
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        setenv("VXHOME", home.c_str(), 1);
-        unsetenv("KLV_APP_AGENT_LOGGINGLEVEL");
-        _exit(body(home));
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    const std::string home = make_temp_dir("vx_child_");
+    setenv("VXHOME", home.c_str(), 1);
+    unsetenv("KLV_APP_AGENT_LOGGINGLEVEL");
+    return body(home);
 }
 
 std::string trace_log_text()

@@ -6,11 +6,15 @@
 #ifndef VX_TEST_SUPPORT_H
 #define VX_TEST_SUPPORT_H
 
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -28,12 +32,46 @@ VXProxyInstance_t* agent();
 /* The home directory the agent was started with. */
 const std::string& agent_home();
 
-/* Run `body` in a child process with VXHOME set to a fresh directory (and
- * KLV_APP_AGENT_LOGGINGLEVEL unset); the child's exit code, or 128 + the
- * signal that ended it. For start-up, which may run once per process. */
-int run_in_child(const std::function<int(const std::string& home)>& body);
+/* A writable C string for the C API's char* parameters; the callee must not
+ * write to it. */
+inline char* S(const char* s)
+{
+    return const_cast<char*>(s);
+}
 
-/* Inside run_in_child: a failed check is printed and becomes the exit code. */
+/* Puts objects back as they were when the guard was made: the blocks of the
+ * shared instance a test changes (app->Server, app->controlLink, ...) or
+ * globals. Each is copied byte for byte; what the test allocated meanwhile is
+ * the test's to free before the guard goes. */
+class Restore {
+public:
+    template <class... T>
+    explicit Restore(T&... objects)
+    {
+        static_assert((std::is_trivially_copyable_v<T> && ...));
+        (kept_.emplace_back(&objects, std::vector<char>(reinterpret_cast<char*>(&objects),
+                                                        reinterpret_cast<char*>(&objects + 1))),
+         ...);
+    }
+    ~Restore()
+    {
+        for (auto it = kept_.rbegin(); it != kept_.rend(); ++it)
+            memcpy(it->first, it->second.data(), it->second.size());
+    }
+    Restore(const Restore&) = delete;
+    Restore& operator=(const Restore&) = delete;
+
+private:
+    std::vector<std::pair<void*, std::vector<char>>> kept_;
+};
+
+/* Start-up may run once per process: EXPECT_IN_CHILD(body) runs `body` in a
+ * child process of its own with VXHOME a fresh directory (passed to it) and
+ * KLV_APP_AGENT_LOGGINGLEVEL unset, and passes when the body returns 0.
+ * CHILD_CHECK prints a failed check, which the report shows, and returns 1. */
+int in_fresh_home(const std::function<int(const std::string& home)>& body);
+#define EXPECT_IN_CHILD(...) \
+    EXPECT_EXIT(_exit(vx_test::in_fresh_home(__VA_ARGS__)), testing::ExitedWithCode(0), "")
 #define CHILD_CHECK(cond)                                                            \
     do {                                                                             \
         if (!(cond)) {                                                               \

@@ -8,7 +8,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -36,11 +35,7 @@ class ControlLink : public testing::Test {
 protected:
     void SetUp() override
     {
-        app_ = vx_test::agent();
-        ASSERT_TRUE(app_ && !app_->controlLink.control.skt && !app_->controlLink.control.lws_handler.wsi);
-        saved_ = std::make_unique<VXProxyInstance_t>(*app_);
-        activeIdx_ = active_vxc_idx;
-
+        ASSERT_TRUE(!app_->controlLink.control.skt && !app_->controlLink.control.lws_handler.wsi);
         app_->controlLink.vxc_server_arr = app_->controlLink.active_vxc = nullptr;
         app_->controlLink.server_arr_size = 0;
         for (int i : {0, 1}) vx_collector_entry(i)->vxc_host = strdup(i ? "10.0.0.2" : "10.0.0.1");
@@ -59,21 +54,6 @@ protected:
     {
         for (int i = 0; i < app_->controlLink.server_arr_size; ++i) free(app_->controlLink.vxc_server_arr[i].vxc_host);
         free(app_->controlLink.vxc_server_arr);
-        const VXProxyInstance_t& s = *saved_;
-        app_->controlLink.vxc_server_arr = s.controlLink.vxc_server_arr;
-        app_->controlLink.server_arr_size = s.controlLink.server_arr_size;
-        app_->controlLink.active_vxc = s.controlLink.active_vxc;
-        active_vxc_idx = activeIdx_;
-        app_->VXSys = s.VXSys;
-        app_->Server = s.Server;
-        app_->VXBCISetting = s.VXBCISetting;
-        app_->controlLink.retry_policy = s.controlLink.retry_policy;
-        memcpy(app_->controlLink.supportedProtocolArray, s.controlLink.supportedProtocolArray, sizeof s.controlLink.supportedProtocolArray);
-        memcpy(app_->controlLink.supportedProtocolVXCArray, s.controlLink.supportedProtocolVXCArray, sizeof s.controlLink.supportedProtocolVXCArray);
-        app_->controlLink.ActiveAgentProtocolIndex = s.controlLink.ActiveAgentProtocolIndex;
-        app_->controlLink.vx_dr_state = s.controlLink.vx_dr_state;
-        app_->controlLink.is_switch_over = s.controlLink.is_switch_over;
-        app_->controlLink.heartbeat_count = s.controlLink.heartbeat_count;
     }
 
     void set_protocols(std::vector<int> agent, int active)
@@ -95,11 +75,11 @@ protected:
         return rv;
     }
 
-    VXProxyInstance_t* app_ = nullptr;
+    VXProxyInstance_t* app_ = vx_test::agent();
 
 private:
-    std::unique_ptr<VXProxyInstance_t> saved_;
-    int activeIdx_ = 0;
+    vx_test::Restore keep_{app_->controlLink, app_->VXSys, app_->Server, app_->VXBCISetting,
+                           active_vxc_idx};
 };
 
 TEST_F(ControlLink, ReplyPolicyFieldsSetRetriesAndKeepFailoverOnOnlyWhenAllComeFirst)

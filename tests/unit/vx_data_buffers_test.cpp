@@ -3,24 +3,28 @@
  * split across buffers, cut or dropped (and counted), and the moves between
  * the write and read lists that the sender drives.
  */
-#include <gtest/gtest.h>
+#include "link/vx_data_buffers.h"
 
 #include <apr_thread_mutex.h>
+#include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "agent/vx_instance.h"
-#include "link/vx_data_buffers.h"
 #include "link/vx_data_dispatcher.h"
 #include "proxy/vx_proxy_state.h"
 #include "vx_test_support.h"
 
 namespace {
 
-std::string record(char fill, int len) { return std::string(static_cast<size_t>(len - 1), fill) + "\n"; }
+using vx_test::S;
+
+std::string record(char fill, int len)
+{
+    return std::string(static_cast<size_t>(len - 1), fill) + "\n";
+}
 
 /* The shared agent has no buffers: each test builds a small ring of its own,
  * and the fixture frees it and gives back every value it touched. */
@@ -28,10 +32,8 @@ class DataBuffers : public testing::Test {
 protected:
     void SetUp() override
     {
-        app_ = vx_test::agent();
-        ASSERT_TRUE(app_ && !app_->dataChannel.writeList && !app_->dataChannel.readList && !app_->dataChannel.bufferWriteLock);
-        saved_ = std::make_unique<VXProxyInstance_t>(*app_);
-        proxyServer_ = VXProxy.proxyServerFlag;
+        ASSERT_TRUE(!app_->dataChannel.writeList && !app_->dataChannel.readList &&
+                    !app_->dataChannel.bufferWriteLock);
         app_->VXSys.discardCount = 0;
     }
 
@@ -39,11 +41,6 @@ protected:
     {
         free_ring();
         if (pool_) apr_pool_destroy(pool_);
-        app_->dataChannel.bufferWriteLock = app_->dataChannel.bufferMoveLock = nullptr;
-        app_->VXSys = saved_->VXSys;
-        app_->Server.testRunRunning = saved_->Server.testRunRunning;
-        app_->VXBCISetting.agentType = saved_->VXBCISetting.agentType;
-        VXProxy.proxyServerFlag = proxyServer_;
     }
 
     void build(int count, int size)
@@ -107,12 +104,12 @@ protected:
         EXPECT_EQ(app_->dataChannel.writeListSize + app_->dataChannel.readListSize, total);
     }
 
-    VXProxyInstance_t* app_ = nullptr;
+    VXProxyInstance_t* app_ = vx_test::agent();
     apr_pool_t* pool_ = nullptr;
 
 private:
-    std::unique_ptr<VXProxyInstance_t> saved_;
-    int proxyServer_ = 0;
+    vx_test::Restore keep_{app_->dataChannel, app_->VXSys, app_->Server.testRunRunning,
+                           app_->VXBCISetting.agentType, VXProxy.proxyServerFlag};
 };
 
 TEST_F(DataBuffers, BuiltOnceAndAPhpAgentGetsAThirtySecondOfTheCount)
@@ -126,7 +123,7 @@ TEST_F(DataBuffers, BuiltOnceAndAPhpAgentGetsAThirtySecondOfTheCount)
     EXPECT_EQ(app_->dataChannel.writeListSize, 3);
 
     free_ring();
-    app_->VXBCISetting.agentType = const_cast<char*>("PhP");
+    app_->VXBCISetting.agentType = S("PhP");
     build(64, 100);
     EXPECT_EQ(app_->dataChannel.writeListSize, 2);
     free_ring();

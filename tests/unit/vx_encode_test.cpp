@@ -21,23 +21,23 @@ std::string encode(Encoder fn, const std::string& in, int len = 256)
     return sb.data();
 }
 
-TEST(VxEncode, EscapeURLEncodingEscapesRecordSeparators)
+TEST(VxEncode, EachEncoderEscapesItsOwnSetAndLeavesTheRest)
 {
-    EXPECT_EQ(encode(escapeURLEncoding, "a|b\nc\rd\"e&f'g,h.i:j\\k^l"),
-              "a%7Cb%Ac%Dd%22e%26f%27g%2Ch%2Ei%3Aj%5Ck%5El");
-    EXPECT_EQ(encode(escapeURLEncoding, "keep /=%#;?~ 09AZaz"), "keep /=%#;?~ 09AZaz");
-    EXPECT_EQ(encode(escapeURLEncoding, ""), "");
-}
-
-TEST(VxEncode, EscapeURLEncodingForHttpTurnsAllNineIntoComma)
-{
-    EXPECT_EQ(encode(escapeURLEncodingForHttp, "|^\\:\n\r\"',"), "%2C%2C%2C%2C%2C%2C%2C%2C%2C");
-    EXPECT_EQ(encode(escapeURLEncodingForHttp, "x=1&y=a.b;c"), "x=1&y=a.b;c");
-}
-
-TEST(VxEncode, ReplaceCharacterForVXLQEscapesLineBreaksAndDoubleQuote)
-{
-    EXPECT_EQ(encode(replaceCharacterForVXLQ, "a\nb\r\nc\"d'e|f,g"), "a%20b%20%20c%22d'e|f,g");
+    const struct {
+        Encoder fn;
+        const char* in;
+        const char* want;
+    } cases[] = {
+        {escapeURLEncoding, "a|b\nc\rd\"e&f'g,h.i:j\\k^l",
+         "a%7Cb%Ac%Dd%22e%26f%27g%2Ch%2Ei%3Aj%5Ck%5El"},
+        {escapeURLEncoding, "keep /=%#;?~ 09AZaz", "keep /=%#;?~ 09AZaz"},
+        {escapeURLEncoding, "", ""},
+        /* the HTTP form turns all nine into a comma */
+        {escapeURLEncodingForHttp, "|^\\:\n\r\"',", "%2C%2C%2C%2C%2C%2C%2C%2C%2C"},
+        {escapeURLEncodingForHttp, "x=1&y=a.b;c", "x=1&y=a.b;c"},
+        {replaceCharacterForVXLQ, "a\nb\r\nc\"d'e|f,g", "a%20b%20%20c%22d'e|f,g"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(encode(c.fn, c.in), c.want) << c.in;
 }
 
 /* Every encoder stops 2 bytes from `len`, terminates, never writes past

@@ -2,6 +2,8 @@
  * The flowpath life cycle as the collector sees it: records 2, 3 and 4, the
  * capture decision, categories, exclusion and the session's end.
  */
+#include "flowpath/vx_flowpath.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -10,7 +12,6 @@
 #include <string>
 
 #include "agent/vx_instance.h"
-#include "flowpath/vx_flowpath.h"
 #include "http/vx_trace_context.h"
 #include "vx_sdk.h"
 #include "vx_test_support.h"
@@ -24,7 +25,7 @@ using vx_test::SessionScope;
 constexpr long long kEpoch = 1388534400000LL;  /* the session's time origin */
 constexpr long long kStart = kEpoch + 5000123; /* 5000.123 s into the session */
 
-char* S(const char* s) { return const_cast<char*>(s); }
+using vx_test::S;
 
 VXPerThreadData_t* start(const char* fpi, const char* url, const char* kp = "77-1-2-55")
 {
@@ -55,16 +56,20 @@ struct RecordCase {
  * of record 2 and record 4. */
 const RecordCase kRecordCases[] = {
     {"Plain", "123456789", "/shop/cart", false, true,
-     "2,123456789,5000,{tid},{tid}.1,{bt},/shop/cart,,123456789,000000000000000000077,55,,0,15,,,\n",
+     "2,123456789,5000,{tid},{tid}.1,{bt},/shop/"
+     "cart,,123456789,000000000000000000077,55,,0,15,,,\n",
      "4,123456789,200,10,250000,40,{bt},0,,0,-1,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
     {"WithParameters", "123456789", "/shop/cart?item=5&qty=2|GET", false, true,
-     "2,123456789,5000,{tid},{tid}.1,{bt},/shop/cart?item=5&qty=2,,123456789,000000000000000000077,55,,0,15,,,\n",
+     "2,123456789,5000,{tid},{tid}.1,{bt},/shop/"
+     "cart?item=5&qty=2,,123456789,000000000000000000077,55,,0,15,,,\n",
      "4,123456789,200,10,250000,40,{bt},0,,0,-1,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
     {"Forced", "123456789F", "/shop/cart", false, true,
-     "2,123456789F,5000,{tid},{tid}.1,{bt},/shop/cart,,123456789,000000000000000000077,55,,0,15,,,\n",
+     "2,123456789F,5000,{tid},{tid}.1,{bt},/shop/"
+     "cart,,123456789,000000000000000000077,55,,0,15,,,\n",
      "4,123456789F,200,10,250000,40,{bt},0,,0,-1,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
     {"Chain", "111_222_7.3_NA", "/shop/cart", false, true,
-     "2,{inst}:111:222,5000,{tid},7.3.1,{bt},/shop/cart,,{inst},000000000000000000077,55,,0,15,,,\n",
+     "2,{inst}:111:222,5000,{tid},7.3.1,{bt},/shop/"
+     "cart,,{inst},000000000000000000077,55,,0,15,,,\n",
      "4,{inst},200,10,250000,40,{bt},0,,0,-1,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
     {"ForcedChainWithParameters", "111F_222_7.3_NA", "/a?b=1", false, true,
      "2,{inst}F:111F:222F,5000,{tid},7.3.1,{bt},/a?b=1,,{inst},000000000000000000077,55,,0,15,,,\n",
@@ -74,7 +79,8 @@ const RecordCase kRecordCases[] = {
      "4bf92f3577b34da6a3ce929d0e0e4736,00f067aa0ba902b7,01\n",
      "4,123456789,200,10,250000,40,{bt},0,,0,-1,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
     {"TagsOff", "123456789", "/shop/cart", false, false,
-     "2,123456789,5000,{tid},{tid}.1,{bt},/shop/cart,,123456789,000000000000000000077,55,,0,15,,,\n",
+     "2,123456789,5000,{tid},{tid}.1,{bt},/shop/"
+     "cart,,123456789,000000000000000000077,55,,0,15,,,\n",
      "4,123456789,200,10,250000,40,{bt},0,,0,{mid}:0_0_0__{mid}:0_1_0_250000___\n"},
 };
 
@@ -145,33 +151,32 @@ std::string field(const std::string& line, int n)
     return line.substr(at, line.find_first_of(",\n", at) - at);
 }
 
-TEST(FlowpathCapture, FastUncapturedTransactionSendsNothingButSlowAndErrorsAlwaysGoOut)
+TEST(FlowpathCapture, FastUncapturedSendsNothingSlowAndErrorsGoOutAndOddStatusIsNoError)
 {
     EXPECT_TRUE(run_transaction(0, 20, 200).empty());
-    EXPECT_EQ(run_transaction(100, 20, 200).size(), 2u);
-
-    auto slow = run_transaction(0, 3500, 200);
-    ASSERT_EQ(slow.size(), 2u);
-    EXPECT_EQ(field(slow[1], 3), "11");
-    auto very_slow = run_transaction(0, 6000, 200);
-    ASSERT_EQ(very_slow.size(), 2u);
-    EXPECT_EQ(field(very_slow[1], 3), "12");
-
-    /* An error is an error even when it is slow. */
-    auto error = run_transaction(0, 4000, 500);
-    ASSERT_EQ(error.size(), 2u);
-    EXPECT_EQ(field(error[1], 2), "500");
-    EXPECT_EQ(field(error[1], 3), "13");
-}
-
-TEST(FlowpathCapture, StatusOutsideTheTableIsNeverAnError)
-{
-    for (int status : {600, 1000, -5}) {
-        auto lines = run_transaction(100, 10, status);
-        ASSERT_EQ(lines.size(), 2u) << status;
-        EXPECT_EQ(field(lines[1], 3), "10") << status;
-        /* A negative status keeps what the methods reported. */
-        EXPECT_EQ(field(lines[1], 2), status < 0 ? "200" : std::to_string(status));
+    const struct {
+        int pct;
+        long long ms;
+        int status;
+        const char* reported; /* status field of record 4 */
+        const char* category;
+    } cases[] = {
+        {100, 20, 200, "200", "10"},
+        {0, 3500, 200, "200", "11"},
+        {0, 6000, 200, "200", "12"},
+        {0, 4000, 500, "500", "13"}, /* an error is an error even when it is slow */
+        /* outside the table: never an error; a negative one keeps the methods' */
+        {100, 10, 600, "600", "10"},
+        {100, 10, 1000, "1000", "10"},
+        {100, 10, -5, "200", "10"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.pct) + "% " + std::to_string(c.ms) + " ms " +
+                     std::to_string(c.status));
+        auto lines = run_transaction(c.pct, c.ms, c.status);
+        ASSERT_EQ(lines.size(), 2u);
+        EXPECT_EQ(field(lines[1], 2), c.reported);
+        EXPECT_EQ(field(lines[1], 3), c.category);
     }
 }
 
@@ -205,9 +210,9 @@ TEST(FlowpathCapture, ForcedInstanceIsCapturedEvenAtZeroPercent)
     EXPECT_EQ(td->tlIsForceDump, 1);
     EXPECT_EQ(td->tlIsFPCaptured, 1);
     EXPECT_EQ(td->flowpathInstance, 123);
-    EXPECT_EQ(getTLFromFPInstance(const_cast<char*>("123")), td);
+    EXPECT_EQ(getTLFromFPInstance(S("123")), td);
     reset(td);
-    EXPECT_EQ(getTLFromFPInstance(const_cast<char*>("123")), nullptr) << "a reset without endFP forgets it";
+    EXPECT_EQ(getTLFromFPInstance(S("123")), nullptr) << "a reset without endFP forgets it";
 }
 
 TEST(FlowpathBlob, FullBlobLeavesAsRecordThreeAndUncapturedNormalEndIsMarked)
@@ -240,21 +245,15 @@ TEST(FlowpathExclusion, TransactionWithoutBusinessTransactionSendsNothing)
     FrozenClock clock(kStart, 0);
     SessionScope session(7, kEpoch);
     vx_test::agent()->VXSys.bciInstrSessionPct = 100;
-    vx_test::agent()->VXSys.fpTraceLevel = 2;
     RecordSink sink;
     for (const char* url : {static_cast<const char*>(nullptr), ""}) {
         auto* td = static_cast<VXPerThreadData_t*>(
             startFP(nullptr, S(url), nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
         ASSERT_NE(td, nullptr);
         EXPECT_EQ(td->tlIsBTExcluded, 1);
-        std::string fpi = std::to_string(td->flowpathInstance);
         FrozenClock::advance_ms(9000);
         endFP(td, 500, nullptr, 0, 0, 0, nullptr);
         reset(td);
-        EXPECT_NE(vx_test::trace_log_text().find("FP (" + fpi +
-                                                 ") will be excluded as per BT rule, httpMethod = , "
-                                                 "uRLParameters = "),
-                  std::string::npos);
     }
     EXPECT_EQ(sink.size(), 0u);
 }
@@ -273,7 +272,7 @@ TEST(FlowpathExclusion, LateUrlReplacesUnknownUrlOnce)
     reset(td);
 }
 
-TEST(FlowpathChain, MalformedCallerHeaderIsLoggedAndTheFlowpathGoesOnAlone)
+TEST(FlowpathChain, MalformedCallerHeaderLeavesTheFlowpathOnItsOwn)
 {
     FrozenClock clock(kStart, 0);
     SessionScope session(7, kEpoch);
@@ -287,8 +286,6 @@ TEST(FlowpathChain, MalformedCallerHeaderIsLoggedAndTheFlowpathGoesOnAlone)
     auto r2 = sink.of_type(2);
     ASSERT_EQ(r2.size(), 1u);
     EXPECT_EQ(field(r2[0], 1), std::to_string(td->flowpathInstance));
-    EXPECT_NE(vx_test::trace_log_text().find("|Error|Error in received string '12_34'"),
-              std::string::npos);
     reset(td);
 }
 

@@ -2,6 +2,8 @@
  * Method events as they appear in the sequence blob: the token forms, the
  * callout tokens, the limits, and what an uncaptured flowpath still writes.
  */
+#include "flowpath/vx_method_events.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -10,7 +12,6 @@
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_instance.h"
 #include "core/vx_platform.h"
-#include "flowpath/vx_method_events.h"
 #include "flowpath/vx_method_table.h"
 #include "http/vx_header_ids.h"
 #include "vx_sdk.h"
@@ -25,7 +26,7 @@ using vx_test::SessionScope;
 constexpr long long kEpoch = 1388534400000LL;
 constexpr long long kStart = kEpoch + 7000000;
 
-char* S(const char* s) { return const_cast<char*>(s); }
+using vx_test::S;
 
 constexpr const char kProfile[] =
     "# methods of the test application\n"
@@ -154,7 +155,7 @@ TEST_F(MethodEvents, ArgumentAndExceptionExitsHaveTheirOwnForms)
 
 TEST_F(MethodEvents, IdsBeyondTheCountersAreNeverRefusedAndKeepTheHostsWallTime)
 {
-    const int next_id = app_->methodTable.methodIDGlobal;
+    vx_test::Restore keep(app_->methodTable.methodIDGlobal);
     app_->methodTable.methodIDGlobal = 9000;
     auto* td = begin();
     /* An exit of a method never entered has no effect at all... */
@@ -165,9 +166,10 @@ TEST_F(MethodEvents, IdsBeyondTheCountersAreNeverRefusedAndKeepTheHostsWallTime)
     EXPECT_GE(big->methodId, vx::kMethodCounterSize);
     vxMethodExit(big, td, S("Big.method"), -1, -1, nullptr, 42, 0, 0, nullptr, 1, nullptr, 0, nullptr);
     vxMethodExit(big, td, S("Big.method"), -1, -1, nullptr, 43, 0, 0, nullptr, 1, nullptr, 0, nullptr);
-    EXPECT_EQ(finish(td), vx_test::fill(golden("{r}:0_0_0__{b}:0_0_0__{b}:0_1_42____{b}:0_1_43____{r}:0_1_0_0___"),
-                                        {{"b", std::to_string(big->methodId)}}));
-    app_->methodTable.methodIDGlobal = next_id;
+    EXPECT_EQ(
+        finish(td),
+        vx_test::fill(golden("{r}:0_0_0__{b}:0_0_0__{b}:0_1_42____{b}:0_1_43____{r}:0_1_0_0___"),
+                      {{"b", std::to_string(big->methodId)}}));
 }
 
 TEST_F(MethodEvents, DatabaseCalloutWritesOnlyTheOutermostCallAndErrorsUseE)

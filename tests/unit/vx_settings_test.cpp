@@ -22,6 +22,8 @@
 
 namespace {
 
+using vx_test::S;
+
 std::string str(const char* p)
 {
     return p ? p : "(null)";
@@ -33,23 +35,6 @@ class Settings : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        app_ = vx_test::agent();
-        ASSERT_NE(app_, nullptr);
-        saved_ = app_->VXBCISetting;
-        savedSys_ = app_->VXSys;
-        savedServer_ = app_->Server;
-        savedArr_ = app_->controlLink.vxc_server_arr;
-        savedArrSize_ = app_->controlLink.server_arr_size;
-        savedActive_ = app_->controlLink.active_vxc;
-        memcpy(savedProto_, app_->controlLink.supportedProtocolArray, sizeof savedProto_);
-        memcpy(savedProtoText_, app_->controlLink.supportedProtocols, sizeof savedProtoText_);
-        savedIndex_ = app_->controlLink.ActiveAgentProtocolIndex;
-        savedLws_ = app_->lws_active;
-        savedDr_ = app_->controlLink.vx_dr_state;
-        savedProxyMode_ = app_->vxProxyMode;
-        savedSleep_ = app_->instrumentSleep;
-        savedSendLogs_ = app_->sendLogsToProxy;
-
         VXBCISetting_t& s = app_->VXBCISetting;
         /* The saved texts are never freed: the test's setters allocate anew. */
         s.tierName = s.appServerName = s.appName = nullptr;
@@ -90,24 +75,10 @@ protected:
                         s.agentAppName, s.endPointPrefix, s.projectKey, s.authToken})
             if (p) free(p);
         /* A host without a colon frees a copied saasHost and leaves a static text. */
-        setSaasHostPort(const_cast<char*>("none"));
-        for (int i = 0; i < app_->controlLink.server_arr_size; ++i) free(app_->controlLink.vxc_server_arr[i].vxc_host);
+        setSaasHostPort(S("none"));
+        for (int i = 0; i < app_->controlLink.server_arr_size; ++i)
+            free(app_->controlLink.vxc_server_arr[i].vxc_host);
         free(app_->controlLink.vxc_server_arr);
-
-        app_->VXBCISetting = saved_;
-        app_->VXSys = savedSys_;
-        app_->Server = savedServer_;
-        app_->controlLink.vxc_server_arr = savedArr_;
-        app_->controlLink.server_arr_size = savedArrSize_;
-        app_->controlLink.active_vxc = savedActive_;
-        memcpy(app_->controlLink.supportedProtocolArray, savedProto_, sizeof savedProto_);
-        memcpy(app_->controlLink.supportedProtocols, savedProtoText_, sizeof savedProtoText_);
-        app_->controlLink.ActiveAgentProtocolIndex = savedIndex_;
-        app_->lws_active = savedLws_;
-        app_->controlLink.vx_dr_state = savedDr_;
-        app_->vxProxyMode = savedProxyMode_;
-        app_->instrumentSleep = savedSleep_;
-        app_->sendLogsToProxy = savedSendLogs_;
     }
 
     void write_conf(const std::string& text, const char* name = "vxsettings.conf")
@@ -126,20 +97,13 @@ protected:
         return std::vector<int>(app_->controlLink.supportedProtocolArray, app_->controlLink.supportedProtocolArray + 5);
     }
 
-    VXProxyInstance_t* app_ = nullptr;
+    VXProxyInstance_t* app_ = vx_test::agent();
     std::string dir_;
 
 private:
-    VXBCISetting_t saved_;
-    VXSys_t savedSys_;
-    Server_t savedServer_;
-    vxc_servers_t* savedArr_ = nullptr;
-    int savedArrSize_ = 0;
-    vxc_servers_t* savedActive_ = nullptr;
-    int savedProto_[5];
-    char savedProtoText_[sizeof(VXControlLink_t::supportedProtocols)];
-    int savedIndex_ = 0, savedLws_ = 0, savedDr_ = 0, savedProxyMode_ = 0, savedSleep_ = 0,
-        savedSendLogs_ = 0;
+    vx_test::Restore keep_{app_->VXBCISetting,    app_->VXSys,          app_->Server,
+                           app_->controlLink,     app_->lws_active,     app_->vxProxyMode,
+                           app_->instrumentSleep, app_->sendLogsToProxy};
 };
 
 TEST_F(Settings, LineRulesDecideWhichLinesSetTheTier)
@@ -164,7 +128,7 @@ TEST_F(Settings, LineRulesDecideWhichLinesSetTheTier)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
-        setTierName(const_cast<char*>("Before"), nullptr, 0);
+        setTierName(S("Before"), nullptr, 0);
         EXPECT_EQ(apply(c.file), 0);
         EXPECT_EQ(str(app_->VXBCISetting.tierName), c.tier);
     }
@@ -226,46 +190,42 @@ TEST_F(Settings, InstanceAsTierWinsWhicheverLineComesFirst)
 
 TEST_F(Settings, InvalidValuesAreRefusedAndTheOldOnesKept)
 {
-    /* Before each line: host 10.0.0.1, stack 512, mode 2, port 7000. */
-    struct Case {
-        const char* line;
-        const char* host;
-        int stack, mode, port;
-    };
-    const Case cases[] = {
-        {"vxcHost=collector.example.com", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=10.0.0.256", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=10.0.0", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=10.0.0.1.2", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=10..0.1", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=10.0.0.1 ", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=0255.0.0.1", "10.0.0.1", 512, 2, 7000},
-        {"vxcHost=192.168.1.20", "192.168.1.20", 512, 2, 7000},
-        {"stackSize=300", "10.0.0.1", 512, 2, 7000},
-        {"stackSize=128", "10.0.0.1", 512, 2, 7000},
-        {"stackSize=2048", "10.0.0.1", 512, 2, 7000},
-        {"stackSize=256", "10.0.0.1", 256, 2, 7000},
-        {"stackSize=1024", "10.0.0.1", 1024, 2, 7000},
-        {"autoScalingMode=4", "10.0.0.1", 512, 2, 7000},
-        {"autoScalingMode=-1", "10.0.0.1", 512, 2, 7000},
-        {"autoScalingMode=0", "10.0.0.1", 512, 0, 7000},
-        {"vxcPort=70000", "10.0.0.1", 512, 2, 7000},
-        {"vxcPort=7892", "10.0.0.1", 512, 2, 7892},
+    /* Each line is read on "host stack mode port" = kBefore; what they are
+     * after it, kBefore when it is refused. */
+    const std::string kBefore = "10.0.0.1 512 2 7000";
+    const std::pair<const char*, std::string> cases[] = {
+        {"vxcHost=collector.example.com", kBefore},
+        {"vxcHost=10.0.0.256", kBefore},
+        {"vxcHost=10.0.0", kBefore},
+        {"vxcHost=10.0.0.1.2", kBefore},
+        {"vxcHost=10..0.1", kBefore},
+        {"vxcHost=10.0.0.1 ", kBefore},
+        {"vxcHost=0255.0.0.1", kBefore},
+        {"vxcHost=192.168.1.20", "192.168.1.20 512 2 7000"},
+        {"stackSize=300", kBefore},
+        {"stackSize=128", kBefore},
+        {"stackSize=2048", kBefore},
+        {"stackSize=256", "10.0.0.1 256 2 7000"},
+        {"stackSize=1024", "10.0.0.1 1024 2 7000"},
+        {"autoScalingMode=4", kBefore},
+        {"autoScalingMode=-1", kBefore},
+        {"autoScalingMode=0", "10.0.0.1 512 0 7000"},
+        {"vxcPort=70000", kBefore},
+        {"vxcPort=7892", "10.0.0.1 512 2 7892"},
     };
     VXBCISetting_t& s = app_->VXBCISetting;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.line);
-        ASSERT_EQ(setVXCHost(const_cast<char*>("10.0.0.1")), 0);
+    for (const auto& [line, after] : cases) {
+        ASSERT_EQ(setVXCHost(S("10.0.0.1")), 0);
         s.stackSize = 512;
         s.autoScalingMode = 2;
         s.vxcPort = 7000;
         /* Without any vxcPort line the port would be defaulted. */
-        const bool portLine = strncmp(c.line, "vxcPort", 7) == 0;
-        EXPECT_EQ(apply(std::string(c.line) + (portLine ? "\n" : "\nvxcPort=7000\n")), 0);
-        EXPECT_STREQ(s.vxcHost, c.host);
-        EXPECT_EQ(s.stackSize, c.stack);
-        EXPECT_EQ(s.autoScalingMode, c.mode);
-        EXPECT_EQ(s.vxcPort, c.port);
+        const bool portLine = strncmp(line, "vxcPort", 7) == 0;
+        EXPECT_EQ(apply(std::string(line) + (portLine ? "\n" : "\nvxcPort=7000\n")), 0);
+        EXPECT_EQ(str(s.vxcHost) + " " + std::to_string(s.stackSize) + " " +
+                      std::to_string(s.autoScalingMode) + " " + std::to_string(s.vxcPort),
+                  after)
+            << line;
     }
 }
 
@@ -342,7 +302,7 @@ TEST_F(Settings, ProtocolPortsAndTheListLimit)
     EXPECT_EQ(protocols(), (std::vector<int>{0, 0, 0, 0, 0}));
 
     /* TCP's port is the primary port; a name without a port keeps the ports. */
-    upDateAgentSupportedProtocolData(const_cast<char*>("WS:8080,TCP:9000,WSS"));
+    upDateAgentSupportedProtocolData(S("WS:8080,TCP:9000,WSS"));
     EXPECT_EQ(s.vxc_WS_Port, 8080);
     EXPECT_EQ(s.vxcPort, 9000);
     EXPECT_EQ(s.vxc_TCP_Port, 0);
@@ -376,7 +336,7 @@ TEST_F(Settings, HostedCollectorFromProjectKeyAndURL)
     app_->VXBCISetting.saasMode = 0;
     EXPECT_EQ(apply("vxSaasURL=10.8.8.8:1\n"), 0);
     EXPECT_STREQ(s.saasHost, "10.9.9.9");
-    setSaasHostPort(const_cast<char*>("nocolon"));
+    setSaasHostPort(S("nocolon"));
     EXPECT_STREQ(s.saasHost, "127.0.0.1");
     EXPECT_EQ(s.saasPort, 443);
 }
@@ -439,17 +399,17 @@ TEST_F(Settings, InstanceIsNamedByAutoScalingModeWhenNothingNamesIt)
 
 TEST_F(Settings, SameInstanceNameIsNotedAndNamesAreEncoded)
 {
-    setAppName(const_cast<char*>("a_b_c"), nullptr, 0);
+    setAppName(S("a_b_c"), nullptr, 0);
     EXPECT_EQ(app_->Server.sameAppNameOccur, 0);
-    setAppName(const_cast<char*>("a_b_c"), nullptr, 0);
+    setAppName(S("a_b_c"), nullptr, 0);
     EXPECT_EQ(app_->Server.sameAppNameOccur, 1);
     EXPECT_STREQ(app_->VXBCISetting.encodedappName, "a&#95;b&#95;c");
     setAppName(nullptr, nullptr, 0);
     EXPECT_STREQ(app_->VXBCISetting.appName, "a_b_c");
     /* Three bytes per character bound the encoding: mostly underscores are cut. */
-    setTierName(const_cast<char*>("___"), nullptr, 0);
+    setTierName(S("___"), nullptr, 0);
     EXPECT_STREQ(app_->VXBCISetting.encodedtierName, "&#95;");
-    setAppServerName(const_cast<char*>("h"), nullptr, 0);
+    setAppServerName(S("h"), nullptr, 0);
     EXPECT_STREQ(app_->VXBCISetting.encodedappServerName, "h");
 }
 
@@ -462,27 +422,27 @@ TEST_F(Settings, ProcessesFileMapsNamesToValues)
     readProcessConfFile();
     EXPECT_EQ(total_process_entries, 62); /* the table grew past 50 */
     EXPECT_STREQ(processInfoStruct[0].process_name, "php-fpm");
-    EXPECT_EQ(checkProcessNameInfo(const_cast<char*>("PHP-FPM")), 1);
-    EXPECT_EQ(checkProcessNameInfo(const_cast<char*>("work")), 2);
-    EXPECT_EQ(checkProcessNameInfo(const_cast<char*>("p59")), 159);
-    EXPECT_EQ(checkProcessNameInfo(const_cast<char*>("indented")), 0);
-    EXPECT_EQ(checkProcessNameInfo(const_cast<char*>("absent")), 0);
+    EXPECT_EQ(checkProcessNameInfo(S("PHP-FPM")), 1);
+    EXPECT_EQ(checkProcessNameInfo(S("work")), 2);
+    EXPECT_EQ(checkProcessNameInfo(S("p59")), 159);
+    EXPECT_EQ(checkProcessNameInfo(S("indented")), 0);
+    EXPECT_EQ(checkProcessNameInfo(S("absent")), 0);
     EXPECT_EQ(checkProcessNameInfo(nullptr), 0);
     /* A second read replaces the table. */
     write_conf("only|5\n", "processes.conf");
     readProcessConfFile();
     EXPECT_EQ(total_process_entries, 1);
-    EXPECT_EQ(checkProcessNameInfo(const_cast<char*>("Worker")), 0);
+    EXPECT_EQ(checkProcessNameInfo(S("Worker")), 0);
 }
 
 TEST_F(Settings, RequestLinesAreWrittenInFull)
 {
     vx_test::FrozenClock clock(1700000000123LL, 0);
     VXBCISetting_t& s = app_->VXBCISetting;
-    setAppName(const_cast<char*>("inst"), nullptr, 0);
-    setTierName(const_cast<char*>("tierA"), nullptr, 0);
-    setAppServerName(const_cast<char*>("host1"), nullptr, 0);
-    ASSERT_EQ(setVXCHost(const_cast<char*>("10.0.0.7")), 0);
+    setAppName(S("inst"), nullptr, 0);
+    setTierName(S("tierA"), nullptr, 0);
+    setAppServerName(S("host1"), nullptr, 0);
+    ASSERT_EQ(setVXCHost(S("10.0.0.7")), 0);
     s.appID = 11;
     s.serverID = 22;
     s.tierID = 33;
@@ -530,8 +490,8 @@ TEST_F(Settings, RequestLinesAreWrittenInFull)
 
     /* The hosted form, for a hosted entry 0. */
     s.saasMode = 1;
-    setProjKey(const_cast<char*>("pk"));
-    setSaasHostPort(const_cast<char*>("10.9.9.9:443"));
+    setProjKey(S("pk"));
+    setSaasHostPort(S("10.9.9.9:443"));
     vx_collector_entry(0)->saasServer = 1;
     setControlConnectionReqMessage();
     line = s.controlConnectionReqMessage;

@@ -1,6 +1,7 @@
 /* Loopback round trips: the server runs in this process on a port of its own
  * choosing; plain TCP clients play the agent's connections. Every wait is
- * bounded; nothing here depends on how fast anything runs. */
+ * bounded; nothing here depends on how fast anything runs. The agent's
+ * end-to-end tests run their collector through LoopbackCollector too. */
 #ifndef VXC_LITE_TESTS_LOOPBACK_H
 #define VXC_LITE_TESTS_LOOPBACK_H
 
@@ -17,9 +18,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "server.h"
 
@@ -158,6 +162,113 @@ inline bool wait_for_text(const std::string& dir, const std::string& suffix,
     return false;
 }
 
+inline std::vector<std::string> read_lines(const std::string& path)
+{
+    std::vector<std::string> lines;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+/* The lines of each conn-<n>-<kind>.lines of a run directory, by connection. */
+inline std::vector<std::vector<std::string>> connection_lines(const std::string& dir,
+                                                              const std::string& kind)
+{
+    std::map<int, std::string> by_id;
+    const std::string tail = "-" + kind + ".lines";
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) {
+            const std::string n = e->d_name;
+            if (n.rfind("conn-", 0) == 0 && n.size() > tail.size() &&
+                n.compare(n.size() - tail.size(), tail.size(), tail) == 0)
+                by_id[atoi(n.c_str() + 5)] = dir + "/" + n;
+        }
+        closedir(d);
+    }
+    std::vector<std::vector<std::string>> out;
+    for (const auto& [id, path] : by_id) out.push_back(read_lines(path));
+    return out;
+}
+
+/* The value of key in a run directory's summary.txt, "" when absent. */
+inline std::string summary_value(const std::string& run_dir, const std::string& key)
+{
+    std::istringstream in(slurp(run_dir + "/summary.txt"));
+    for (std::string l; std::getline(in, l);)
+        if (l.rfind(key + "=", 0) == 0) return l.substr(key.size() + 1);
+    return "";
+}
+
+/* Each "key=value" of `want` (blank-separated) is in the run's summary.txt. */
+inline void expect_summary(const std::string& run_dir, const std::string& want)
+{
+    std::istringstream in(want);
+    for (std::string kv; in >> kv;) {
+        const size_t eq = kv.find('=');
+        EXPECT_EQ(summary_value(run_dir, kv.substr(0, eq)), kv.substr(eq + 1)) << kv;
+    }
+}
+
+/* vxc-lite serving on its own thread of this process. */
+class LoopbackCollector {
+public:
+    explicit LoopbackCollector(vxc::Options opts) : opts_(std::move(opts)) {}
+    ~LoopbackCollector() { stop(); }
+    LoopbackCollector(const LoopbackCollector&) = delete;
+    LoopbackCollector& operator=(const LoopbackCollector&) = delete;
+
+    /* 0 when listening; otherwise -1 and the reason in *error. */
+    int start(std::string* error = nullptr)
+    {
+        std::string e;
+        if (vxc::server_create(opts_, &server_, &e) != 0) {
+            if (error) *error = e;
+            return -1;
+        }
+        port_ = vxc::server_port(server_);
+        thread_ = std::thread([this] { run_result_ = vxc::server_run(server_); });
+        return 0;
+    }
+    /* Stops serving and closes the listener; the counts of the run. */
+    const vxc::Counts& stop()
+    {
+        if (!server_) return counts_;
+        vxc::server_request_stop(server_);
+        thread_.join();
+        counts_ = vxc::server_counts(server_);
+        vxc::server_destroy(server_);
+        server_ = nullptr;
+        return counts_;
+    }
+    int port() const { return port_; }
+    const std::string& run_dir() const { return opts_.run_dir; }
+    /* Once stopped: each "key=value" of `want` is a count of the run. */
+    void expect_counts(const std::string& want) const { expect_summary(opts_.run_dir, want); }
+    /* What server_run returned, once stopped. */
+    int run_result() const { return run_result_; }
+    /* Lines of each data connection, in the order they were accepted. */
+    std::vector<std::vector<std::string>> data_connections() const
+    {
+        return connection_lines(opts_.run_dir, "data");
+    }
+    /* First lines of every control connection. */
+    std::vector<std::string> control_requests() const
+    {
+        std::vector<std::string> out;
+        for (const auto& lines : connection_lines(opts_.run_dir, "control"))
+            if (!lines.empty()) out.push_back(lines.front());
+        return out;
+    }
+
+private:
+    vxc::Options opts_;
+    vxc::Server* server_ = nullptr;
+    vxc::Counts counts_;
+    std::thread thread_;
+    int port_ = 0;
+    int run_result_ = -2;
+};
+
 class Loopback : public testing::Test {
 protected:
     static void SetUpTestSuite()
@@ -186,38 +297,30 @@ protected:
         dir_ = root_ + "/run";
         opts.run_dir = dir_;
         opts.port = 0;
+        collector_ = std::make_unique<LoopbackCollector>(opts);
         std::string error;
-        ASSERT_EQ(vxc::server_create(opts, &server_, &error), 0) << error;
-        port_ = vxc::server_port(server_);
+        ASSERT_EQ(collector_->start(&error), 0) << error;
+        port_ = collector_->port();
         ASSERT_GT(port_, 0);
-        thread_ = std::thread([this] { run_result_ = vxc::server_run(server_); });
     }
 
     void stop()
     {
-        if (!thread_.joinable()) return;
-        vxc::server_request_stop(server_);
-        thread_.join();
+        if (!collector_) return;
+        collector_->stop();
+        run_result_ = collector_->run_result();
     }
 
     void TearDown() override
     {
         stop();
-        vxc::server_destroy(server_);
         if (!root_.empty()) std::system(("rm -rf " + root_).c_str());
     }
 
-    /* The value of key in summary.txt, "" when absent. */
-    std::string summary_value(const std::string& key)
-    {
-        std::istringstream in(slurp(dir_ + "/summary.txt"));
-        for (std::string l; std::getline(in, l);)
-            if (l.rfind(key + "=", 0) == 0) return l.substr(key.size() + 1);
-        return "";
-    }
+    std::string summary_value(const std::string& key) { return vxc_test::summary_value(dir_, key); }
+    void expect_summary(const std::string& want) { vxc_test::expect_summary(dir_, want); }
 
-    vxc::Server* server_ = nullptr;
-    std::thread thread_;
+    std::unique_ptr<LoopbackCollector> collector_;
     int run_result_ = -2;
     int port_ = 0;
     std::string root_; /* everything a test writes */

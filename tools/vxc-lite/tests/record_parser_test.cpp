@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "loopback.h"
+
 namespace {
 
 struct Collected {
@@ -208,13 +210,8 @@ TEST(LineSplitter, BinaryGarbageIsBoundedAndNeverAccepted)
 
 TEST(ControlLines, RequestAndOpeningLinesOfTheAgentAreChecked)
 {
-    const std::string req =
-        "vx_ctrl_msg_req:appName=shop;vxAppServerHost=web1;tierName=front;bciVersion=0.1.0;"
-        "bciStartTime=1700000000000;vxHome=/opt/vx;pid=4242;BCITimeStamp=1700000000100;"
-        "agentType=native;serverIp=127.0.0.1;hostName=web1;isAgentLess=N;jvmType=native;"
-        "javaVersion=1.0;javaHome=/apps/java;machineType=Linux;requestType=1;"
-        "lastConnectionTimeStamp=0;connDuration=0;connDestination=127.0.0.1:7892;"
-        "agentName=shop-1;supportedProtocols=TCP;authtoken=NA;tags={};attributes={};protoVer=0; ";
+    std::string req = vxc_test::kRequest;
+    req.pop_back(); /* the line feed */
     EXPECT_EQ(vxc::classify_first_line(req), vxc::FirstLine::ControlRequest);
     vxc::ControlLine c;
     std::string error;
@@ -238,10 +235,8 @@ TEST(ControlLines, RequestAndOpeningLinesOfTheAgentAreChecked)
     ASSERT_EQ(vxc::parse_control_line(bad_type, &c, nullptr), 0);
     EXPECT_EQ(vxc::check_control_request(c).size(), 1u);
 
-    const std::string open =
-        "vx_data_msg_req:appName=shop;appID=0;vxAppServerID=0;vxAppServerHost=web1;tierName=front;"
-        "tierID=0;VXCollectorIP=127.0.0.1;VXCollectorPort=7892;testIdx=12;pid=4242;agentName=shop-"
-        "1";
+    std::string open = vxc_test::kOpening;
+    open.pop_back();
     EXPECT_EQ(vxc::classify_first_line(open), vxc::FirstLine::DataOpening);
     ASSERT_EQ(vxc::parse_control_line(open, &c, nullptr), 0);
     EXPECT_TRUE(vxc::check_data_opening(c).empty());

@@ -70,19 +70,10 @@ TEST_F(Loopback, ControlAndDataConnectionsAreAnsweredStoredAndCounted)
     EXPECT_NE(malformed.find("| 4,123456789,oops\n"), std::string::npos) << malformed;
     EXPECT_NE(malformed.find("| zzz"), std::string::npos) << malformed;
 
-    EXPECT_EQ(summary_value("connections"), "2");
-    EXPECT_EQ(summary_value("control_connections"), "1");
-    EXPECT_EQ(summary_value("data_connections"), "1");
-    EXPECT_EQ(summary_value("control_requests_with_problems"), "0");
-    EXPECT_EQ(summary_value("agent_control_lines"), "1");
-    EXPECT_EQ(summary_value("records"), "7");
-    EXPECT_EQ(summary_value("malformed"), "2");
-    EXPECT_EQ(summary_value("data_heartbeats"), "3");
-    EXPECT_EQ(summary_value("nul_bytes"), "1");
-    EXPECT_EQ(summary_value("record.99"), "1");
-    EXPECT_EQ(summary_value("record.2"), "1");
-    EXPECT_EQ(summary_value("record.4"), "1");
-    EXPECT_EQ(summary_value("record.10"), "1");
+    expect_summary(
+        "connections=2 control_connections=1 data_connections=1 "
+        "control_requests_with_problems=0 agent_control_lines=1 records=7 malformed=2 "
+        "data_heartbeats=3 nul_bytes=1 record.99=1 record.2=1 record.4=1 record.10=1");
     EXPECT_NE(summary_value("heartbeats_sent"), "0");
     const std::string conn1 = summary_value("conn.1"), conn2 = summary_value("conn.2");
     EXPECT_EQ(conn1.rfind("control peer=127.0.0.1:", 0), 0u) << conn1;
@@ -128,10 +119,7 @@ TEST_F(Loopback, StrangersSilentPeersAndOverflowAreClosed)
     Client c(port_);
     EXPECT_TRUE(c.closed_by_peer()) << "a connection over the limit is closed at once";
     stop();
-    EXPECT_EQ(summary_value("connections_refused"), "1");
-    EXPECT_EQ(summary_value("unknown_connections"), "3");
-    EXPECT_EQ(summary_value("overlong"), "1");
-    EXPECT_EQ(summary_value("data_connections"), "2");
+    expect_summary("connections_refused=1 unknown_connections=3 overlong=1 data_connections=2");
 }
 
 }  // namespace

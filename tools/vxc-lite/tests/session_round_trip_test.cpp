@@ -136,15 +136,9 @@ TEST_F(Session, StartFetchAnswerAndStop)
     ASSERT_TRUE(wait_for_text(dir_, "-control.lines", "heartBeat 0;"));
     stop();
 
-    EXPECT_EQ(summary_value("starts_sent"), "1");
-    EXPECT_EQ(summary_value("stops_sent"), "1");
-    EXPECT_EQ(summary_value("start_answers"), "1");
-    EXPECT_EQ(summary_value("stop_answers"), "1");
-    EXPECT_EQ(summary_value("file_requests"), "3");
-    EXPECT_EQ(summary_value("profile_requests"), "1");
-    EXPECT_EQ(summary_value("files_sent"), "3");
-    EXPECT_EQ(summary_value("failed_file_replies"), "1");
-    EXPECT_EQ(summary_value("agent_control_lines"), "8");
+    expect_summary(
+        "starts_sent=1 stops_sent=1 start_answers=1 stop_answers=1 file_requests=3 "
+        "profile_requests=1 files_sent=3 failed_file_replies=1 agent_control_lines=8");
     const std::string log = slurp(dir_ + "/vxc-lite.log");
     EXPECT_NE(log.find("> start: vx_control_req:action=start_instrumentation;status=running;"
                        "testIdx=3;"),
@@ -198,10 +192,7 @@ TEST_F(Session, ModifyRenamesFilesAndEveryRegistrationStartsAgain)
         ASSERT_TRUE(wait_for_text(dir_, "-control.lines", "action=modify;result=Ok;"));
     }
     stop();
-    EXPECT_EQ(summary_value("starts_sent"), "2");
-    EXPECT_EQ(summary_value("modifies_sent"), "2");
-    EXPECT_EQ(summary_value("modify_answers"), "2");
-    EXPECT_EQ(summary_value("stops_sent"), "0");
+    expect_summary("starts_sent=2 modifies_sent=2 modify_answers=2 stops_sent=0");
 }
 
 TEST_F(Session, StartOnceGivesLaterRegistrationsNoStart)
@@ -283,11 +274,9 @@ TEST_F(Session, RefusedMissingAndDroppedFetches)
     ASSERT_TRUE(again.read_line(&header));
     EXPECT_EQ(header, refused_profile);
     stop();
-    EXPECT_EQ(summary_value("fetches_dropped"), "1");
-    EXPECT_EQ(summary_value("file_requests"), "5");
-    EXPECT_EQ(summary_value("profile_requests"), "2");
-    EXPECT_EQ(summary_value("failed_file_replies"), "5");
-    EXPECT_EQ(summary_value("files_sent"), "1");
+    expect_summary(
+        "fetches_dropped=1 file_requests=5 profile_requests=2 failed_file_replies=5 "
+        "files_sent=1");
 }
 
 }  // namespace

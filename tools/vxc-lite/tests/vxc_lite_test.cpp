@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
 #include <string>
 #include <vector>
 
@@ -45,26 +44,6 @@ TEST(Reply, HeartbeatIsTheLineTheAgentRecognises)
     EXPECT_EQ(
         vxc::heartbeat_line(12),
         "vx_control_req:action=reconnect;heartBeat 12;dataConnState=1;AutosensorConnState=1;\n");
-}
-
-TEST(Arguments, SessionFlagsAreTaken)
-{
-    vxc::Options o;
-    ASSERT_EQ(parse({"--session", "s.txt", "--files-dir", "files", "--start-after-ms", "0",
-                     "--start-once", "--modify", "m.txt", "--modify-after-ms", "2500",
-                     "--stop-after-ms", "9000", "--refuse-file", "BTRuleConfig", "--refuse-file",
-                     "instrProfile", "--drop-during-fetch", "VXEntryPointsFile"},
-                    &o),
-              0);
-    EXPECT_EQ(o.session_file, "s.txt");
-    EXPECT_EQ(o.files_dir, "files");
-    EXPECT_EQ(o.start_after_ms, 0);
-    EXPECT_TRUE(o.start_once);
-    EXPECT_EQ(o.modify_file, "m.txt");
-    EXPECT_EQ(o.modify_after_ms, 2500);
-    EXPECT_EQ(o.stop_after_ms, 9000);
-    EXPECT_EQ(o.refuse_files, (std::set<std::string>{"BTRuleConfig", "instrProfile"}));
-    EXPECT_EQ(o.drop_during_fetch, "VXEntryPointsFile");
 }
 
 TEST(Arguments, HelpIsAnsweredAndBadValuesAreRefused)

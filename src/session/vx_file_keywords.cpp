@@ -132,7 +132,18 @@ void give_up_on(const char* keyword, const char* got)
     }
 }
 
-/* Step 3 of a file fetch, with the header in `line`. 1: done (result in
+/* The header `header` answers for the keyword of `expected` (the header's
+ * text up to the keyword). The proxy's file store puts the size right behind
+ * the keyword ("keyword=K%3Bsize%3D..."), other collectors a ";" first; a
+ * longer keyword that merely begins with K is another file's reply. */
+bool names_keyword(const char* header, const std::string& expected)
+{
+    if (strncmp(header, expected.c_str(), expected.size()) != 0) return false;
+    const char* rest = header + expected.size();
+    return *rest == '\0' || *rest == '\r' || *rest == ';' || strncmp(rest, "%3B", 3) == 0;
+}
+
+/* A file header in `line`: read its body. 1: done (result in
  * *out), 0: wrong file, look for the right one. */
 int take_file(FetchReader& reader, char* line, const char* keyword, keywordInfo& slot, bool timed_out,
               char** out)
@@ -144,9 +155,9 @@ int take_file(FetchReader& reader, char* line, const char* keyword, keywordInfo&
         return 1;
     }
     *lf = '\0';
-    const std::string expected = std::string(kFileHeader) + keyword + ";";
+    const std::string expected = std::string(kFileHeader) + keyword;
     const char* header = strstr(line, kFileHeader);
-    const bool wrong = strncmp(header, expected.c_str(), expected.size()) != 0;
+    const bool wrong = !names_keyword(header, expected);
     if (wrong) {
         VX_ERROR("CONTROL_THREAD",
                  "Response from VXC: Didn't receive expected header message '%s'.Going to read data "

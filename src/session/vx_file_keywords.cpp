@@ -322,8 +322,10 @@ extern "C" int getFileSizeAndLmd(char* line, char* name, long long* size, long l
         memcpy(name, line, n);
         name[n] = '\0';
     }
-    *size = atoll(s + 7);
-    *lmd = atoll(l + 6);
+    long long bytes = 0;
+    if (!vx::number_in("file size", s + 7, 0, vx::kFileSizeMax, &bytes)) return -1;
+    *size = bytes;
+    *lmd = strtoll(l + 6, nullptr, 10);
     return 0;
 }
 
@@ -465,8 +467,10 @@ extern "C" void setInstProfile(char* value, char* keyword, int kwIdx)
     } else {
         if (srv.numInstrProfile <= 0 || srv.noInstrumentProfileMode || !srv.InstrProfileTable) return;
         instrProfile& e = srv.InstrProfileTable[srv.InstrProfIdx];
-        if (kwIdx == kw::lmd) e.lmd = atoll(value);
-        if (kwIdx == kw::size) e.size = atoi(value);
+        long long n = 0;
+        if (kwIdx == kw::lmd) e.lmd = strtoll(value, nullptr, 10);
+        if (kwIdx == kw::size && vx::number_in(keyword, value, 0, vx::kFileSizeMax, &n))
+            e.size = static_cast<int>(n);
     }
     instrProfile& e = srv.InstrProfileTable[srv.InstrProfIdx];
     if (e.filepath[0] && e.lmd && e.size) {
@@ -496,6 +500,12 @@ extern "C" void handleInstrProfileKeyword(instrProfile* profile, char* keyword, 
         srv.instrProfBytesWritten = 0;
     } else {
         const size_t used = static_cast<size_t>(srv.instrProfBytesWritten);
+        if (used + need > static_cast<size_t>(vx::kInstrProfileBytesMax)) {
+            VX_ERROR("CONTROL_THREAD",
+                     "Profile '%s' would take the session's profiles past %lld bytes; skipped",
+                     profile->filepath, vx::kInstrProfileBytesMax);
+            return;
+        }
         char* grown = static_cast<char*>(realloc(srv.instrProfFileData, used + need));
         if (!grown) return;
         memset(grown + used, 0, need);

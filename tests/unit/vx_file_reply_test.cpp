@@ -112,4 +112,18 @@ TEST_F(FileReply, TheHeaderNamesItsKeywordUpToASeparatorAndNeverAsAPrefix)
     }
 }
 
+TEST_F(FileReply, ASizePastTheLargestFileIsRefusedAndTheSlotKeepsItsFile)
+{
+    for (const char* size : {"9223372036854775807", "67108865", "-5"}) {
+        slot().content = strdup("old");
+        slot().size = 3;
+        collector_sends(std::string("vx_control_rep:action=file;keyword=BTTConfig%3Bsize%3D") +
+                        size + "%3Blmd%3D7;\n");
+        EXPECT_EQ(fetch(), "(null)") << size;
+        EXPECT_STREQ(slot().content, "old") << size;
+        free(slot().content);
+        slot().content = nullptr;
+    }
+}
+
 }  // namespace

@@ -42,14 +42,22 @@ void clear_slot(keywordInfo& slot)
 
 /* Reading the reply of one fetch: a line at a time, with what follows the
  * line kept for the body. The whole fetch ends after TimeOut, so a collector
- * that talks of other things cannot hold the control thread. */
+ * that talks of other things cannot hold the control thread. Each read waits
+ * at most TimeOut; the connection's own time-out is back once the fetch
+ * ends. */
 class FetchReader {
 public:
-    FetchReader() : deadline_(apr_time_now() + app()->TimeOut)
+    FetchReader() : skt_(app()->controlLink.control.skt), deadline_(apr_time_now() + app()->TimeOut)
     {
-        if (app()->controlLink.control.skt) apr_socket_timeout_set(app()->controlLink.control.skt, app()->TimeOut);
+        if (!skt_) return;
+        apr_socket_timeout_get(skt_, &own_timeout_);
+        apr_socket_timeout_set(skt_, app()->TimeOut);
     }
-    ~FetchReader() { give_back(); }
+    ~FetchReader()
+    {
+        give_back();
+        if (skt_) apr_socket_timeout_set(skt_, own_timeout_);
+    }
 
     /* vxlb_read_line's codes; -3 also once the fetch's time is over. A
      * connection that broke is marked for closing: the start that asked for
@@ -101,6 +109,8 @@ private:
         b.read_socket_buf[b.writeOffset] = '\0';
     }
 
+    apr_socket_t* skt_;
+    apr_interval_time_t own_timeout_ = 0;
     apr_time_t deadline_;
     char carry_[kLineSize];
     int carry_len_ = 0;

@@ -126,4 +126,15 @@ TEST_F(FileReply, ASizePastTheLargestFileIsRefusedAndTheSlotKeepsItsFile)
     }
 }
 
+TEST_F(FileReply, TheControlSocketGetsItsOwnTimeOutBackAfterAFetch)
+{
+    collector_sends("vx_control_rep:action=file;keyword=BTTConfig%3Bsize%3D2%3Blmd%3D7;\nok");
+    for (const char* end : {"a file", "a time-out (the slot keeps the file)"}) {
+        EXPECT_EQ(fetch(), "ok") << end;
+        apr_interval_time_t t = 0;
+        apr_socket_timeout_get(app_->controlLink.control.skt, &t);
+        EXPECT_EQ(t, kOwnTimeOut) << end;
+    }
+}
+
 }  // namespace

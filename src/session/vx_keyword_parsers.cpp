@@ -221,8 +221,10 @@ extern "C" void setEnableVXSession(char* value, char* keyword, int)
     }
     /* Entry depth, exit depth, commit, header, name, domain, idle time (ms),
      * flowpaths per session; the first number also switches sessions on. */
-    s.methodEntryDepth2SetCookie = atoi(parts[0]);
-    s.methodExitDepth2SetCookie = atoi(parts[1]);
+    set_in("enableVXSession entry depth", parts[0], 0, vx::kStackDepthMax,
+           &s.methodEntryDepth2SetCookie);
+    set_in("enableVXSession exit depth", parts[1], 0, vx::kStackDepthMax,
+           &s.methodExitDepth2SetCookie);
     s.cookieOnResponseCommit = atoi(parts[2]) ? 1 : 0;
     if (n > 3) s.headerInResponse = atoi(parts[3]) ? 1 : 0;
     if (n > 4 && *parts[4]) {

@@ -92,6 +92,8 @@ TEST_F(HostileNumbers, OutOfRangeIsRefusedAndTheTopOfEachRangeTaken)
         {"maxBTCount=100000", [](I* a) -> long long { return a->manager.max_bt_count; }, kKept},
         {"ASSampleInterval=-1", [](I* a) -> long long { return a->asSettings.sampleInterval; },
          kKept},
+        {"enableVXSession=1%2099999%200",
+         [](I* a) -> long long { return a->VXSys.methodExitDepth2SetCookie; }, kKept},
         {"enableVXSession=1%201%200%200%20c%20d%20-5000%20-3",
          [](I* a) -> long long {
              return a->VXSys.vxSessionIdleTimeOutSecs + a->VXSys.maxFPCountInSession;

@@ -5,12 +5,12 @@
 #include <strings.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "agent/vx_bci_setting.h"
+#include "agent/vx_collector_servers.h"
 #include "agent/vx_instance.h"
 #include "core/vx_platform.h"
 #include "agent/vx_sys.h"
@@ -104,12 +104,6 @@ struct ConfPass {
 bool in_proxy_process()
 {
     return VXProxy.proxyServerFlag != 0;
-}
-
-const char* home_path(VXProxyInstance_t* app)
-{
-    if (in_proxy_process() && VXProxy.vxHomePath) return VXProxy.vxHomePath;
-    return app->VXSys.vxHomePath ? app->VXSys.vxHomePath : "";
 }
 
 const char* text_or(const char* text, const char* none)
@@ -368,54 +362,15 @@ const char* getenv_set(const char* name)
     return getenv(name);
 }
 
-/* The port of the active protocol, 0 without one. */
-int active_protocol_port(VXProxyInstance_t* app)
-{
-    switch (app->controlLink.ActiveAgentProtocolIndex) {
-        case 1:
-            return app->VXBCISetting.vxcPort;
-        case 2:
-            return app->VXBCISetting.vxc_WS_Port;
-        case 3:
-            return app->VXBCISetting.vxc_WSS_Port;
-        default:
-            return 0;
-    }
-}
-
-void clear_protocol_list(VXProxyInstance_t* app)
-{
-    memset(app->controlLink.supportedProtocolArray, 0, sizeof app->controlLink.supportedProtocolArray);
-    app->controlLink.supportedProtocols[0] = '\0';
-    app->VXSys.supportedProtocolsString = app->controlLink.supportedProtocols;
-}
-
 char kOsRelease[] = "/etc/os-release";
 
 }  // namespace
 
-extern "C" vxc_servers_t* vx_collector_entry(int idx)
+extern "C" const char* vx_settings_home_path(void)
 {
+    if (in_proxy_process() && VXProxy.vxHomePath) return VXProxy.vxHomePath;
     VXProxyInstance_t* app = vx_app();
-    if (!app || idx < 0) return nullptr;
-    if (!app->controlLink.vxc_server_arr || idx >= app->controlLink.server_arr_size) {
-        const int have = app->controlLink.vxc_server_arr ? app->controlLink.server_arr_size : 0;
-        int want = have;
-        while (want <= idx) want += vx::kCollectorListStep;
-        auto* grown =
-            static_cast<vxc_servers_t*>(realloc(app->controlLink.vxc_server_arr, sizeof(vxc_servers_t) * want));
-        if (!grown) {
-            VX_ERROR("CONTROL_THREAD", "Could not grow the collector list to %d entries", want);
-            return nullptr;
-        }
-        /* active_vxc points into the list: keep it on the same entry. */
-        if (app->controlLink.active_vxc && app->controlLink.vxc_server_arr)
-            app->controlLink.active_vxc = grown + (app->controlLink.active_vxc - app->controlLink.vxc_server_arr);
-        memset(grown + have, 0, sizeof(vxc_servers_t) * (want - have));
-        app->controlLink.vxc_server_arr = grown;
-        app->controlLink.server_arr_size = want;
-    }
-    return &app->controlLink.vxc_server_arr[idx];
+    return app && app->VXSys.vxHomePath ? app->VXSys.vxHomePath : "";
 }
 
 extern "C" char* search_keyword(char* buf, char* keyword)
@@ -426,87 +381,12 @@ extern "C" char* search_keyword(char* buf, char* keyword)
     return value && *value ? value : nullptr;
 }
 
-extern "C" char* split_key_value_colon(char* field, char* keyword)
-{
-    if (!field || !keyword) return nullptr;
-    const char* colon = strchr(field, ':');
-    const size_t n = colon ? static_cast<size_t>(colon - field) : strlen(field);
-    memcpy(keyword, field, n);
-    keyword[n] = '\0';
-    return colon ? const_cast<char*>(colon + 1) : nullptr;
-}
-
-extern "C" void setSupportedProtocolArray(int ProtocolValue)
-{
-    VXProxyInstance_t* app = vx_app();
-    if (!app) return;
-    for (int i = 0; i < vx::kProtocolsUsed; ++i) {
-        if (app->controlLink.supportedProtocolArray[i] == 0) {
-            app->controlLink.supportedProtocolArray[i] = ProtocolValue;
-            return;
-        }
-    }
-}
-
-extern "C" void updateANYAgentSupportedProtocolData(int activeagentMode)
-{
-    VXProxyInstance_t* app = vx_app();
-    if (!app) return;
-    VXBCISetting_t& s = app->VXBCISetting;
-    clear_protocol_list(app);
-    if (activeagentMode == 3) {
-        if (s.vxc_WSS_Port == 0) s.vxc_WSS_Port = vx::kDefaultVXCPort;
-        setSupportedProtocolArray(3);
-        vx::copy_text(app->controlLink.supportedProtocols, sizeof app->controlLink.supportedProtocols, "WSS");
-    } else if (activeagentMode == 1) {
-        if (s.vxcPort == 0) s.vxcPort = vx::kDefaultTCPPort;
-        setSupportedProtocolArray(1);
-        vx::copy_text(app->controlLink.supportedProtocols, sizeof app->controlLink.supportedProtocols, "TCP");
-    }
-}
-
-extern "C" void upDateAgentSupportedProtocolData(char* spString)
-{
-    VXProxyInstance_t* app = vx_app();
-    if (!app || !spString) return;
-    /* The whole list is replaced, so a re-read never keeps protocols of an
-     * earlier list in the later slots. */
-    clear_protocol_list(app);
-    char list[vx::kConfLineSize];
-    vx::copy_text(list, sizeof list, spString);
-    char* items[vx::kProtocolItemsMax];
-    const int n = vxlb_get_tokens_with_multi_delimiter(list, items, const_cast<char*>(","),
-                                                       vx::kProtocolItemsMax);
-    char name[vx::kConfLineSize];
-    size_t used = 0;
-    for (int i = 0; i < n; ++i) {
-        char* rest = split_key_value_colon(items[i], name);
-        const int port = rest ? atoi(rest) : 0;
-        if (strcmp(name, "TCP") == 0) {
-            setSupportedProtocolArray(1);
-            setVXC_TCP_Port(port);
-        } else if (strcmp(name, "WS") == 0) {
-            setSupportedProtocolArray(2);
-            setVXC_WS_Port(port);
-        } else if (strcmp(name, "WSS") == 0) {
-            setSupportedProtocolArray(3);
-            setVXC_WSS_Port(port);
-        } else {
-            continue;
-        }
-        const size_t room = sizeof app->controlLink.supportedProtocols - used;
-        const int w = snprintf(app->controlLink.supportedProtocols + used, room, used ? ",%s" : "%s", name);
-        if (w > 0)
-            used = std::min(used + static_cast<size_t>(w), sizeof app->controlLink.supportedProtocols - 1);
-    }
-}
-
 extern "C" int check_file_size_of_vxsetting_files(int flag)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return 1;
     VXBCISetting_t& s = app->VXBCISetting;
-    snprintf(conf_file, sizeof conf_file, "%s/config/vxsettings.conf", home_path(app));
+    snprintf(conf_file, sizeof conf_file, "%s/config/vxsettings.conf", vx_settings_home_path());
     struct stat st;
     const bool present = stat(conf_file, &st) == 0;
     const long long mtime = present ? static_cast<long long>(st.st_mtime) : 0;
@@ -720,7 +600,7 @@ extern "C" void readProcessConfFile(void)
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
     char path[vx::kPathSize];
-    snprintf(path, sizeof path, "%s/config/processes.conf", home_path(app));
+    snprintf(path, sizeof path, "%s/config/processes.conf", vx_settings_home_path());
     FILE* fp = fopen(path, "r");
     if (!fp) {
         VX_TRACE(app->VXSys.agentTraceLevel, 1, "CONTROL_THREAD",
@@ -788,101 +668,4 @@ extern "C" void getMachineType(void)
         }
     }
     fclose(fp);
-}
-
-extern "C" void setControlConnectionReqMessage(void)
-{
-    VXProxyInstance_t* app = vx_app();
-    if (!app) return;
-    getMachineType();
-    VXBCISetting_t& s = app->VXBCISetting;
-    setAuthtoken(s.authToken);
-    /* STAND-IN(tags): json_tag is not built
-     * yet; tierAttr comes from KLV_APP_AGENT_TIERATTRIBUTES only. */
-    const char* none = app->VXSys.proxyMode ? "" : "{}";
-    const char* tags = text_or(s.json_tag, none);
-    const char* attributes = text_or(s.tierAttr, none);
-    const char* type = text_or(s.agentType, "NA");
-    const Server_t& srv = app->Server;
-    vxc_servers_t* primary = app->controlLink.vxc_server_arr ? &app->controlLink.vxc_server_arr[0] : nullptr;
-    const bool hosted = s.saasMode && primary && primary->saasServer == 1 &&
-                        (app->VXSys.proxyMode == 0 || in_proxy_process());
-    const long long now = my_gettimeofday();
-    char* out = s.controlConnectionReqMessage;
-    if (hosted) {
-        snprintf(
-            out, kVXRequestMessageSize,
-            "klv_saas_auth_agent_msg_req:appName=%s;agentVersion=4.3.0;agentStartTime=%lld;vxHome=%"
-            "s;"
-            "pid=%lld;isAgentLess=N;jvmType=%s;javaVersion=1.0;javaHome=/apps/java;machineType=%s;"
-            "requestType=%d;lastConnectionTimeStamp=%lld;connDuration=%lld;connDestination=%s;"
-            "projectKey=%s;protoVer=1;agentType=%s;supportedProtocols=%s;agentIp=%s;tags=%s;"
-            "attributes=%s;agentHostName=%s; \n",
-            text_or(s.appName, "NA"), now, home_path(app), getPID(), type, s.machineType,
-            srv.requestType, srv.lastConnectionTime, srv.connDuration, srv.connDestination,
-            text_or(s.projectKey, "NA"), type, app->controlLink.supportedProtocols, text_or(s.saasHost, "NA"),
-            tags, attributes, text_or(app->agentName, "NA"));
-    } else {
-        snprintf(out, kVXRequestMessageSize,
-                 "vx_ctrl_msg_req:appName=%s;vxAppServerHost=%s;tierName=%s;bciVersion=%s;"
-                 "bciStartTime=%lld;"
-                 "vxHome=%s;pid=%lld;BCITimeStamp=%lld;agentType=%s;serverIp=%s;hostName=%s;"
-                 "isAgentLess=N;"
-                 "jvmType=%s;javaVersion=1.0;javaHome=/apps/java;machineType=%s;requestType=%d;"
-                 "lastConnectionTimeStamp=%lld;connDuration=%lld;connDestination=%s;agentName=%s;"
-                 "supportedProtocols=%s;authtoken=%s;tags=%s;attributes=%s;protoVer=%d; \n",
-                 text_or(s.appName, "NA"), text_or(s.appServerName, "NA"),
-                 text_or(s.tierName, "NA"), text_or(app->VXSys.vxBuild, "NA"),
-                 app->VXSys.bciStartUpTime, home_path(app), getPID(), now, type, s.serverIp,
-                 text_or(s.appServerName, "NA"), type, s.machineType, srv.requestType,
-                 srv.lastConnectionTime, srv.connDuration, srv.connDestination,
-                 text_or(app->agentName, "NA"), app->controlLink.supportedProtocols, text_or(s.authToken, "NA"),
-                 tags, attributes, app->lws_active == 1 ? 1 : 0);
-    }
-    s.controlConnectionReqMessage_len = static_cast<int>(strlen(out));
-}
-
-namespace {
-
-/* The data and auto-sensor lines differ in their verb and in one separator. */
-void build_channel_request(char* out, int* len, const char* format)
-{
-    VXProxyInstance_t* app = vx_app();
-    const VXBCISetting_t& s = app->VXBCISetting;
-    snprintf(out, kVXRequestMessageSize, format, text_or(s.appName, "NA"), s.appID, s.serverID,
-             text_or(s.appServerName, "NA"), text_or(s.tierName, "NA"), s.tierID,
-             text_or(s.vxcHost, "NA"), active_protocol_port(app), app->Server.TestRunIDValue,
-             getPID(), text_or(app->agentName, "NA"));
-    *len = static_cast<int>(strlen(out));
-}
-
-}  // namespace
-
-extern "C" void setControlDataReqMessage(void)
-{
-    VXProxyInstance_t* app = vx_app();
-    if (!app) return;
-    build_channel_request(
-        app->VXBCISetting.controlDataReqMessage, &app->VXBCISetting.controlDataReqMessage_len,
-        "vx_data_msg_req:appName=%s;appID=%d;vxAppServerID=%d;vxAppServerHost=%s;tierName=%s;"
-        "tierID=%d;VXCollectorIP=%s;VXCollectorPort=%d;testIdx=%d;pid=%lld;agentName=%s\n");
-}
-
-extern "C" void setControlAutoSensorReqMessage(void)
-{
-    VXProxyInstance_t* app = vx_app();
-    if (!app) return;
-    /* A comma, not a semicolon, before testIdx: the collector reads it so. */
-    build_channel_request(
-        app->VXBCISetting.controlAutoSensorReqMessage,
-        &app->VXBCISetting.controlAutoSensorReqMessage_len,
-        "auto_sensor_thread_hotspot_data_req:appName=%s;appID=%d;vxAppServerID=%d;"
-        "vxAppServerHost=%s;tierName=%s;tierID=%d;VXCollectorIP=%s;VXCollectorPort=%d,"
-        "testIdx=%d;pid=%lld;agentName=%s\n");
-}
-
-extern "C" char* getControlConnectionReqMessage(void)
-{
-    VXProxyInstance_t* app = vx_app();
-    return app ? app->VXBCISetting.controlConnectionReqMessage : nullptr;
 }

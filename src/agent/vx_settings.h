@@ -1,7 +1,7 @@
 /*
- * The settings reader: the environment, "vxsettings.conf", the proxy's
- * "proxysetting.conf" and "processes.conf"; the collector list they fill, the
- * protocol lists, and the request lines every connection opens with.
+ * The settings sources: the environment, "vxsettings.conf", the proxy's
+ * "proxysetting.conf" and "processes.conf". What they name lands in
+ * VXBCISetting, VXSys, VXProxy and the collector list (vx_collector_servers.h).
  *
  * Precedence: read_env_var first; only when it returns non-zero is
  * read_conf_file applied on top of what the environment set (tags and
@@ -11,8 +11,6 @@
  */
 #ifndef VX_SETTINGS_H
 #define VX_SETTINGS_H
-
-#include "link/vx_collector_list.h"
 
 /* One line of processes.conf. */
 struct processInfo_t {
@@ -52,33 +50,18 @@ void readProcessConfFile(void);
  * (case-blind); 0 when none does or the name is null. */
 int checkProcessNameInfo(char* pool_name_local);
 
-/* The entry at `idx` of vxc_server_arr, growing the list by 5 (new entries
- * zeroed) until it exists. Null when memory runs out or without instance. */
-vxc_servers_t* vx_collector_entry(int idx);
-
-/* Protocols: 1 TCP, 2 WS, 3 WSS. */
-void setSupportedProtocolArray(int ProtocolValue);
-void updateANYAgentSupportedProtocolData(int activeagentMode);
-/* A list "NAME[:port],..." (at most 10 items) into supportedProtocolArray,
- * the ports and supportedProtocolsString. Unknown names are skipped. */
-void upDateAgentSupportedProtocolData(char* spString);
-/* Copies the text before the first ":" of `field` into `keyword` (at least
- * strlen(field) + 1 bytes) and returns the text after it; null without a
- * colon (then `keyword` holds all of `field`). */
-char* split_key_value_colon(char* field, char* keyword);
-
 /* The value of `buf` when it begins with `keyword` (case-blind) and has a
  * non-empty value after its first "="; null otherwise. */
 char* search_keyword(char* buf, char* keyword);
 
-/* machineType from /etc/os-release: "UNIX" for Solaris, Darwin, AIX, HP-UX. */
+/* machineType from /etc/os-release: "UNIX" for Solaris, Darwin, AIX, HP-UX,
+ * else "LinuxEx" when the file cannot be read. */
 void getMachineType(void);
 
-/* Build the request lines into VXBCISetting (cut at 2,047 bytes). */
-void setControlConnectionReqMessage(void);
-void setControlDataReqMessage(void);
-void setControlAutoSensorReqMessage(void);
-char* getControlConnectionReqMessage(void);
+/* The home the settings files are read from and the request lines name: the
+ * proxy's in the proxy process, else the current instance's; "" without one,
+ * never null. */
+const char* vx_settings_home_path(void);
 }
 
 #endif

@@ -45,6 +45,60 @@ inline constexpr int kProxyControlPollSeconds = 10;
 inline constexpr int kReplyCopySize = 512;          /* parse_policy_from_clientMsg copies this much */
 inline constexpr int kMetaDrainSeconds = 5;         /* free_agent_data: in-flight method events drain */
 
+/* Numbers the collector sends that size memory, a count or a time. Each is
+ * checked where it is parsed; a value outside its range is refused with a
+ * log line and the previous value kept. */
+
+/* Fetched files: 64 MiB holds a profile of a million methods; all profiles
+ * of a session joined stay within 256 MiB, and 256 files of them. */
+inline constexpr long long kFileSizeMax = 67108864;
+inline constexpr long long kInstrProfileBytesMax = 268435456;
+inline constexpr int kInstrProfileCountMax = 256; /* numInstrProfile */
+
+/* Data and auto-sensor buffers (bciDataBufferMaxSize, ASDataBufferSize and
+ * their counts): a buffer holds a whole flowpath record, and a ring stays
+ * within 1 GiB. */
+inline constexpr int kDataBufferSizeMin = kFlowpathRecordSize;
+inline constexpr int kDataBufferSizeMax = 1048576;
+inline constexpr int kDataBufferCountMax = 1024;
+
+/* BCITraceMaxSize: the trace log rolls over between 1 MiB and 1 GiB. */
+inline constexpr long long kTraceRollSizeMin = 1048576;
+inline constexpr long long kTraceRollSizeMax = 1073741824;
+
+/* Sizes and counts of tables the agent or its host fills per entry. */
+inline constexpr int kHttpBodySizeMax = 1048576;     /* maxHttpBodySize, bytes */
+inline constexpr int kAutoInstrMapSizeMax = 1048576; /* autoInstrMapSize, entries */
+inline constexpr int kBTCountMax = 65536;            /* maxBTCount, BTAggDataArraySize */
+inline constexpr int kBackendCountMax = 65536;       /* maxIPCount */
+inline constexpr int kThreadCountMax = 65536;        /* vxHotspotThreadLimit */
+inline constexpr int kStackDepthMax = 1024;          /* call depths, stack comparisons */
+
+/* Times. setthresholdTime is minutes the stop waits in 32 bits of
+ * microseconds: 71 is the most that holds. Intervals stay within a day;
+ * TimeStampDiff, of either sign, within 31 years; a heartbeat threshold
+ * under a second would end every connection at once. */
+inline constexpr int kStopWaitMinutesMax = 71;
+inline constexpr long long kDayMs = 86400000;
+inline constexpr long long kTimeStampDiffMaxMs = 1000000000000LL;
+inline constexpr long long kHeartBeatThresholdMinMs = 1000;
+
+/* maxCharInSeqBlob: the blob is flushed once it holds this much, so it may
+ * hold one method event more (a URL of kURLSize and its numbers at most),
+ * and record 3 puts its type and flowpath instance in front. The headroom
+ * takes both, so the record fits kFlowpathRecordSize. */
+inline constexpr int kSeqBlobFlushHeadroom = 1024;
+inline constexpr int kMaxCharInSeqBlobMax = kFlowpathRecordSize - kSeqBlobFlushHeadroom;
+static_assert(kMaxCharInSeqBlobMax <= kSeqBlobSize, "the flush comes before the blob is full");
+static_assert(kSeqBlobFlushHeadroom > kURLSize + 256, "an event with a URL fits the headroom");
+
+/* retryPolicy "count%interval%misses%heartbeat": num_retry is a signed
+ * char; waits of at most an hour. */
+inline constexpr int kRetryCountMax = 127;
+inline constexpr long long kRetryIntervalMaxSeconds = 3600;
+inline constexpr int kHeartBeatMissMax = 1000;
+inline constexpr int kHeartBeatIntervalMaxSeconds = 3600;
+
 /* Instance and process. */
 inline constexpr int kProxyInstanceCount = 512;     /* instances in the proxy process */
 inline constexpr int kNameSize = 256;               /* gPool, gProcessName */

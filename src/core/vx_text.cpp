@@ -3,6 +3,7 @@
 #include <apr_strings.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
@@ -160,6 +161,22 @@ size_t copy_text(char* dst, size_t cap, const char* src)
     if (n) memcpy(dst, src, n);
     dst[n] = '\0';
     return n;
+}
+
+bool number_in(const char* what, const char* text, long long lo, long long hi, long long* out)
+{
+    const char* digits = text ? text : "";
+    errno = 0;
+    char* end = nullptr;
+    const long long v = strtoll(digits, &end, 10);
+    if (errno != ERANGE && v >= lo && v <= hi) {
+        *out = v;
+        return true;
+    }
+    VX_ERROR("CONTROL_THREAD",
+             "Value '%.64s' of %s is out of range [%lld, %lld]; kept the previous value", digits,
+             what ? what : "(number)", lo, hi);
+    return false;
 }
 
 }  // namespace vx

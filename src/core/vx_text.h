@@ -55,6 +55,13 @@ inline bool starts_with(const char* text, const char* prefix)
  * always terminated. Returns the length copied. */
 size_t copy_text(char* dst, size_t cap, const char* src);
 
+/* The number `text` begins with, read as atoll reads it (blanks, a sign,
+ * digits; no digits is 0), into *out when it lies within [lo, hi]. Otherwise,
+ * and when it does not fit 64 bits, *out is left alone, an error naming
+ * `what` is logged, and the result is false. Every number from the
+ * collector that sizes memory, a count or a time passes here. */
+bool number_in(const char* what, const char* text, long long lo, long long hi, long long* out);
+
 }  // namespace vx
 
 #endif

@@ -698,7 +698,7 @@ extern "C" void setMaxCharactersInSeqBlob(int value)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
-    if (value < 1 || value > vx::kSeqBlobSize) {
+    if (value < 1 || value > vx::kMaxCharInSeqBlobMax) {
         VX_ERROR("FLOWPATH", "Invalid maxCharInSeqBlob '%d', keeping '%d'", value,
                  app->VXFlowpathGenerator.maxCharactersInSeqBlob);
         return;

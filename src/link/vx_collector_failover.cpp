@@ -15,18 +15,27 @@ constexpr int kRetryPolicyItems = 4;
 bool key_is(const char* key, const char* name) { return strncmp(key, name, strlen(name)) == 0; }
 
 /* "count%interval%misses%heartbeat". All four numbers or nothing: a shorter
- * list leaves the policy as it was. */
+ * list, or one with a number out of its range, leaves the policy as it was. */
 bool apply_retry_policy(VXProxyInstance_t* app, char* value)
 {
     char* items[kRetryPolicyItems];
     if (vxlb_get_tokens_with_multi_delimiter(value, items, const_cast<char*>("%"),
                                              kRetryPolicyItems) != kRetryPolicyItems)
         return false;
+    long long count = 0, seconds = 0, misses = 0, heartbeat = 0;
+    if (!vx::number_in("retryPolicy retry count", items[0], 0, vx::kRetryCountMax, &count) ||
+        !vx::number_in("retryPolicy retry interval", items[1], 0, vx::kRetryIntervalMaxSeconds,
+                       &seconds) ||
+        !vx::number_in("retryPolicy heartbeat misses", items[2], 0, vx::kHeartBeatMissMax,
+                       &misses) ||
+        !vx::number_in("retryPolicy heartbeat interval", items[3], 0,
+                       vx::kHeartBeatIntervalMaxSeconds, &heartbeat))
+        return false;
     retryPolicy_t& p = app->controlLink.retry_policy;
-    p.num_retry = static_cast<signed char>(atoi(items[0]));
-    p.time_interval = static_cast<apr_interval_time_t>(atoll(items[1])) * 1000000;
-    p.reply_unsuccessful_count = atoi(items[2]);
-    p.heartbeat_reply_timeout_check = atoi(items[3]) / 10;
+    p.num_retry = static_cast<signed char>(count);
+    p.time_interval = apr_time_from_sec(seconds);
+    p.reply_unsuccessful_count = static_cast<int>(misses);
+    p.heartbeat_reply_timeout_check = static_cast<int>(heartbeat / 10);
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
              "[VX DR Feature]; Retry policy from VXC: [Retry Count | Retry Interval | HeartBeat "
              "Miss Count] = [ %d | %lld | %d]",

@@ -9,7 +9,7 @@
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_instance.h"
 #include "core/vx_platform.h"
-#include "agent/vx_settings.h"
+#include "agent/vx_collector_servers.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "link/vx_collector_failover.h"

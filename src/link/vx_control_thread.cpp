@@ -9,6 +9,8 @@
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_instance.h"
 #include "core/vx_platform.h"
+#include "agent/vx_collector_servers.h"
+#include "agent/vx_request_lines.h"
 #include "agent/vx_settings.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"

@@ -7,7 +7,7 @@
 
 #include "agent/vx_instance.h"
 #include "core/vx_record_door.h"
-#include "agent/vx_settings.h"
+#include "agent/vx_request_lines.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"

@@ -42,14 +42,22 @@ void clear_slot(keywordInfo& slot)
 
 /* Reading the reply of one fetch: a line at a time, with what follows the
  * line kept for the body. The whole fetch ends after TimeOut, so a collector
- * that talks of other things cannot hold the control thread. */
+ * that talks of other things cannot hold the control thread. Each read waits
+ * at most TimeOut; the connection's own time-out is back once the fetch
+ * ends. */
 class FetchReader {
 public:
-    FetchReader() : deadline_(apr_time_now() + app()->TimeOut)
+    FetchReader() : skt_(app()->controlLink.control.skt), deadline_(apr_time_now() + app()->TimeOut)
     {
-        if (app()->controlLink.control.skt) apr_socket_timeout_set(app()->controlLink.control.skt, app()->TimeOut);
+        if (!skt_) return;
+        apr_socket_timeout_get(skt_, &own_timeout_);
+        apr_socket_timeout_set(skt_, app()->TimeOut);
     }
-    ~FetchReader() { give_back(); }
+    ~FetchReader()
+    {
+        give_back();
+        if (skt_) apr_socket_timeout_set(skt_, own_timeout_);
+    }
 
     /* vxlb_read_line's codes; -3 also once the fetch's time is over. A
      * connection that broke is marked for closing: the start that asked for
@@ -101,6 +109,8 @@ private:
         b.read_socket_buf[b.writeOffset] = '\0';
     }
 
+    apr_socket_t* skt_;
+    apr_interval_time_t own_timeout_ = 0;
     apr_time_t deadline_;
     char carry_[kLineSize];
     int carry_len_ = 0;
@@ -132,7 +142,18 @@ void give_up_on(const char* keyword, const char* got)
     }
 }
 
-/* A file fetch once its header is read (in `line`). 1: done (result in
+/* The header `header` answers for the keyword of `expected` (the header's
+ * text up to the keyword). The proxy's file store puts the size right behind
+ * the keyword ("keyword=K%3Bsize%3D..."), other collectors a ";" first; a
+ * longer keyword that merely begins with K is another file's reply. */
+bool names_keyword(const char* header, const std::string& expected)
+{
+    if (strncmp(header, expected.c_str(), expected.size()) != 0) return false;
+    const char* rest = header + expected.size();
+    return *rest == '\0' || *rest == '\r' || *rest == ';' || strncmp(rest, "%3B", 3) == 0;
+}
+
+/* A file header in `line`: read its body. 1: done (result in
  * *out), 0: wrong file, look for the right one. */
 int take_file(FetchReader& reader, char* line, const char* keyword, keywordInfo& slot, bool timed_out,
               char** out)
@@ -144,9 +165,9 @@ int take_file(FetchReader& reader, char* line, const char* keyword, keywordInfo&
         return 1;
     }
     *lf = '\0';
-    const std::string expected = std::string(kFileHeader) + keyword + ";";
+    const std::string expected = std::string(kFileHeader) + keyword;
     const char* header = strstr(line, kFileHeader);
-    const bool wrong = strncmp(header, expected.c_str(), expected.size()) != 0;
+    const bool wrong = !names_keyword(header, expected);
     if (wrong) {
         VX_ERROR("CONTROL_THREAD",
                  "Response from VXC: Didn't receive expected header message '%s'.Going to read data "
@@ -311,8 +332,10 @@ extern "C" int getFileSizeAndLmd(char* line, char* name, long long* size, long l
         memcpy(name, line, n);
         name[n] = '\0';
     }
-    *size = atoll(s + 7);
-    *lmd = atoll(l + 6);
+    long long bytes = 0;
+    if (!vx::number_in("file size", s + 7, 0, vx::kFileSizeMax, &bytes)) return -1;
+    *size = bytes;
+    *lmd = strtoll(l + 6, nullptr, 10);
     return 0;
 }
 
@@ -453,8 +476,10 @@ extern "C" void setInstProfile(char* value, char* keyword, int kwIdx)
     } else {
         if (srv.numInstrProfile <= 0 || srv.noInstrumentProfileMode || !srv.InstrProfileTable) return;
         instrProfile& e = srv.InstrProfileTable[srv.InstrProfIdx];
-        if (kwIdx == kw::lmd) e.lmd = atoll(value);
-        if (kwIdx == kw::size) e.size = atoi(value);
+        long long n = 0;
+        if (kwIdx == kw::lmd) e.lmd = strtoll(value, nullptr, 10);
+        if (kwIdx == kw::size && vx::number_in(keyword, value, 0, vx::kFileSizeMax, &n))
+            e.size = static_cast<int>(n);
     }
     instrProfile& e = srv.InstrProfileTable[srv.InstrProfIdx];
     if (e.filepath[0] && e.lmd && e.size) {
@@ -484,6 +509,12 @@ extern "C" void handleInstrProfileKeyword(instrProfile* profile, char* keyword, 
         srv.instrProfBytesWritten = 0;
     } else {
         const size_t used = static_cast<size_t>(srv.instrProfBytesWritten);
+        if (used + need > static_cast<size_t>(vx::kInstrProfileBytesMax)) {
+            VX_ERROR("CONTROL_THREAD",
+                     "Profile '%s' would take the session's profiles past %lld bytes; skipped",
+                     profile->filepath, vx::kInstrProfileBytesMax);
+            return;
+        }
         char* grown = static_cast<char*>(realloc(srv.instrProfFileData, used + need));
         if (!grown) return;
         memset(grown + used, 0, need);

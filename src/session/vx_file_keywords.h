@@ -39,8 +39,10 @@ extern "C" {
 
 void handleFileBasedKeyword(char* line, char* keyword, int kwIdx);
 
-/* "name%3Bsize%3D<n>%3Blmd%3D<t>": 0, or -1 when a mark is missing. `name`
- * gets what precedes the first "%3B" (at most kFileNameSize - 1 bytes). */
+/* "name%3Bsize%3D<n>%3Blmd%3D<t>": 0, or -1 when a mark is missing or the
+ * size lies outside 0..kFileSizeMax (logged; *size and *lmd untouched).
+ * `name` gets what precedes the first "%3B" (at most kFileNameSize - 1
+ * bytes). */
 int getFileSizeAndLmd(char* line, char* name, long long* size, long long* lmd);
 
 /* Fetch a file or a profile over the control connection; the slot's text,

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -38,6 +39,26 @@ void copy_feature_text(char* dst, const char* value) { vx::copy_text(dst, kFeatu
 bool none(const char* value)
 {
     return !value || !*value || strcmp(value, "-") == 0 || strcasecmp(value, "NA") == 0;
+}
+
+/* `value` into *member when it lies within [lo, hi]; otherwise logged and
+ * *member kept. */
+void set_in(const char* keyword, const char* value, long long lo, long long hi, int* member)
+{
+    long long v = 0;
+    if (vx::number_in(keyword, value, lo, hi, &v)) *member = static_cast<int>(v);
+}
+
+/* A count in [1, max]: the number, or 0 (logged) for anything else. */
+int count_in(const char* keyword, const char* value, int max)
+{
+    errno = 0;
+    const long long n = strtoll(value ? value : "", nullptr, 10);
+    if (errno == ERANGE || n <= 0 || n > max) {
+        VX_ERROR("CONTROL_THREAD", "Invalid value %s of keyword %s", value ? value : "", keyword);
+        return 0;
+    }
+    return static_cast<int>(n);
 }
 
 /* The first `n` sub-values as numbers into `out` (missing ones 0). */
@@ -107,17 +128,30 @@ extern "C" void setDBIPName(char* value, char*, int)
     copy_feature_text(app()->VXSQLProcessor.DBIPName, none(value) ? "DB_SQLDB" : value);
 }
 
-extern "C" void setThreadSampleInterval(char* value, char*, int) { app()->asSettings.sampleInterval = atoi(value); }
-extern "C" void setThreadReportInterval(char* value, char*, int) { app()->asSettings.reportInterval = atoi(value); }
-extern "C" void setThresholdMatchCount(char* value, char*, int) { app()->asSettings.thresholdMatchCount = atoi(value); }
-extern "C" void setThreadStackCompareDepth(char* value, char*, int) { app()->asSettings.stackCompareDepth = atoi(value); }
+extern "C" void setThreadSampleInterval(char* value, char* keyword, int)
+{
+    set_in(keyword, value, 0, vx::kDayMs, &app()->asSettings.sampleInterval);
+}
+extern "C" void setThreadReportInterval(char* value, char* keyword, int)
+{
+    set_in(keyword, value, 0, vx::kDayMs, &app()->asSettings.reportInterval);
+}
+extern "C" void setThresholdMatchCount(char* value, char* keyword, int)
+{
+    set_in(keyword, value, 0, INT_MAX, &app()->asSettings.thresholdMatchCount);
+}
+extern "C" void setThreadStackCompareDepth(char* value, char* keyword, int)
+{
+    set_in(keyword, value, 0, vx::kStackDepthMax, &app()->asSettings.stackCompareDepth);
+}
 extern "C" void setThreadReportDumpMode(char* value, char*, int) { app()->asSettings.reportDumpMode = atoi(value); }
 extern "C" void setASEnableHotspotRecord(char* value, char*, int) { app()->asSettings.enableHotspotRecord = atoi(value); }
 
 extern "C" void setVXMonitorInterval(char* value, char* keyword, int)
 {
-    long long ms = atoll(value);
-    if (ms < 0) {
+    errno = 0;
+    long long ms = strtoll(value, nullptr, 10);
+    if (errno == ERANGE || ms < 0 || ms > vx::kDayMs) {
         VX_ERROR("CONTROL_THREAD", "Invalid value %s of keyword %s; the interval stays %lld ms", value,
                  keyword, app()->monitorSettings.vxMonitorInterval);
         return;
@@ -130,24 +164,18 @@ extern "C" void setVXMonitorInterval(char* value, char* keyword, int)
 extern "C" void parseBTMonitorKeyword(char* value, char*, int) { app()->monitorSettings.enableBTMonitor = atoi(value); }
 extern "C" void parseMaxBTCount(char* value, char* keyword, int)
 {
-    const int n = atoi(value);
-    if (n <= 0) {
-        VX_ERROR("CONTROL_THREAD", "Invalid value %s of keyword %s", value, keyword);
-        return;
-    }
-    app()->manager.max_bt_count = n;
+    if (const int n = count_in(keyword, value, vx::kBTCountMax)) app()->manager.max_bt_count = n;
 }
 extern "C" void parseDoNotDiscardVal(char* value, char*, int) { app()->VXBTMonitor.doNotDisacrdAnyTransaction = atoi(value); }
 extern "C" void parseBTMonitorErrorLevel(char* value, char*, int) { app()->monitorSettings.enableBTMonitorError = atoi(value); }
-extern "C" void parseBTAggDataArraySize(char* value, char*, int) { app()->monitorSettings.BTAggDataArraySize = atoi(value); }
+extern "C" void parseBTAggDataArraySize(char* value, char* keyword, int)
+{
+    set_in(keyword, value, 0, vx::kBTCountMax, &app()->monitorSettings.BTAggDataArraySize);
+}
 extern "C" void parseMaxIPCount(char* value, char* keyword, int)
 {
-    const int n = atoi(value);
-    if (n <= 0) {
-        VX_ERROR("CONTROL_THREAD", "Invalid value %s of keyword %s", value, keyword);
-        return;
-    }
-    app()->VXBackendMonitor.maxIPCount = n;
+    if (const int n = count_in(keyword, value, vx::kBackendCountMax))
+        app()->VXBackendMonitor.maxIPCount = n;
 }
 extern "C" void setBackendMonitorEnabled(char* value, char*, int) { app()->monitorSettings.enableBackendMonitor = atoi(value); }
 
@@ -195,8 +223,10 @@ extern "C" void setEnableVXSession(char* value, char* keyword, int)
     }
     /* Entry depth, exit depth, commit, header, name, domain, idle time (ms),
      * flowpaths per session; the first number also switches sessions on. */
-    s.methodEntryDepth2SetCookie = atoi(parts[0]);
-    s.methodExitDepth2SetCookie = atoi(parts[1]);
+    set_in("enableVXSession entry depth", parts[0], 0, vx::kStackDepthMax,
+           &s.methodEntryDepth2SetCookie);
+    set_in("enableVXSession exit depth", parts[1], 0, vx::kStackDepthMax,
+           &s.methodExitDepth2SetCookie);
     s.cookieOnResponseCommit = atoi(parts[2]) ? 1 : 0;
     if (n > 3) s.headerInResponse = atoi(parts[3]) ? 1 : 0;
     if (n > 4 && *parts[4]) {
@@ -205,8 +235,11 @@ extern "C" void setEnableVXSession(char* value, char* keyword, int)
         s.xSessionCookieName = strdup(x.c_str());
     }
     if (n > 5 && *parts[5]) s.cookieDomainName = strdup(parts[5]);
-    if (n > 6) s.vxSessionIdleTimeOutSecs = atoll(parts[6]) / 1000;
-    if (n > 7) s.maxFPCountInSession = atoi(parts[7]);
+    long long idleMs = 0;
+    if (n > 6 && vx::number_in("enableVXSession idle time", parts[6], 0, vx::kDayMs, &idleMs))
+        s.vxSessionIdleTimeOutSecs = idleMs / 1000;
+    if (n > 7)
+        set_in("enableVXSession flowpath count", parts[7], 0, INT_MAX, &s.maxFPCountInSession);
     vx::call_host("vx_cookie", vx_cookie_callback_func, s.vxSessionCookieName, s.cookieDomainName,
                   s.headerInResponse, cookie_position(s), static_cast<int>(s.vxSessionIdleTimeOutSecs));
     trace(keyword, value);
@@ -249,10 +282,16 @@ extern "C" void setHttpReqRespCaptureSettings(char* value, char* keyword, int)
 }
 
 extern "C" void setClassWeight(char* value, char*, int) { app()->vxAutoInstrumentation.classWeight = atoi(value); }
-extern "C" void setAutoInstrSessionInterval(char* value, char*, int) { app()->vxAutoInstrumentation.sessionInterval = atoi(value); }
+extern "C" void setAutoInstrSessionInterval(char* value, char* keyword, int)
+{
+    set_in(keyword, value, 0, INT_MAX, &app()->vxAutoInstrumentation.sessionInterval);
+}
 extern "C" void setRetainAutoInstrMethods(char* value, char*, int) { app()->vxAutoInstrumentation.retainChanges = atoi(value); }
 extern "C" void setDebugSessionMode(char* value, char*, int) { app()->vxAutoInstrumentation.debugSessionMode = atoi(value); }
-extern "C" void setMinStackDepthForDebugSession(char* value, char*, int) { app()->vxAutoInstrumentation.minStackDepth = atoi(value); }
+extern "C" void setMinStackDepthForDebugSession(char* value, char* keyword, int)
+{
+    set_in(keyword, value, 0, vx::kStackDepthMax, &app()->vxAutoInstrumentation.minStackDepth);
+}
 
 extern "C" void setBackendErrorDetectionMode(char* value, char*, int) { app()->VXSys.backendErrorDetectionMode = atoi(value); }
 extern "C" void setExceptionCaptureSettings(char* value, char*, int) { copy_feature_text(app()->exceptionSettings.instrExceptions, value); }

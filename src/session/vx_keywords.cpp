@@ -1,5 +1,6 @@
 #include "session/vx_keywords.h"
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -37,6 +38,16 @@ constexpr keywordsInfo direct_row(const char* name, size_t offset, size_t length
     row.length = static_cast<int>(length);
     row.setter = setter;
     row.fill_data = fill;
+    row.min = LLONG_MIN;
+    row.max = LLONG_MAX;
+    return row;
+}
+
+/* A number row that sizes memory, a count or a time: only [lo, hi]. */
+constexpr keywordsInfo in(keywordsInfo row, long long lo, long long hi)
+{
+    row.min = lo;
+    row.max = hi;
     return row;
 }
 
@@ -68,18 +79,22 @@ extern "C" const keywordsInfo keywordsMap[_MAX_KW] = {
     FILE_KW(vxDynamicDiagnosticsConfFile),
 
     SRV_TEXT(status, statusValue), SRV_TEXT(fpVersionID, fpgVID),
-    SRV(TimeStampDiff, diffTimeFromVXC, fill_long_long_data),
-    SRV(numInstrProfile, numInstrProfile, fill_int_data),
-    SRV(setthresholdTime, dumpremainingtstime, fill_int_data),
+    in(SRV(TimeStampDiff, diffTimeFromVXC, fill_long_long_data), -vx::kTimeStampDiffMaxMs,
+       vx::kTimeStampDiffMaxMs),
+    in(SRV(numInstrProfile, numInstrProfile, fill_int_data), 0, vx::kInstrProfileCountMax),
+    in(SRV(setthresholdTime, dumpremainingtstime, fill_int_data), 0, vx::kStopWaitMinutesMax),
     BCI(appID, appID, fill_int_data), BCI(vxAppServerID, serverID, fill_int_data),
     BCI(tierID, tierID, fill_int_data),
     SYS(enableForcedFPChain, enableForcedFlowpathChainMode, fill_int_data),
-    SYS(bciDataBufferMaxCount, dataBuffMaxCount, fill_int_data),
-    SYS(bciDataBufferMaxSize, bciDataBufferMaxSize, fill_int_data),
-    SYS(ASDataBufferSize, bciASDataBufferMaxSize, fill_int_data),
-    SYS(ASDataBufferMaxCount, ASDataBuffMaxCount, fill_int_data),
-    SYS(ASDataBufferMinCount, ASDataBuffMinCount, fill_int_data),
-    SYS(BCITraceMaxSize, traceMaxSize, fill_long_long_data),
+    in(SYS(bciDataBufferMaxCount, dataBuffMaxCount, fill_int_data), 1, vx::kDataBufferCountMax),
+    in(SYS(bciDataBufferMaxSize, bciDataBufferMaxSize, fill_int_data), vx::kDataBufferSizeMin,
+       vx::kDataBufferSizeMax),
+    in(SYS(ASDataBufferSize, bciASDataBufferMaxSize, fill_int_data), vx::kDataBufferSizeMin,
+       vx::kDataBufferSizeMax),
+    in(SYS(ASDataBufferMaxCount, ASDataBuffMaxCount, fill_int_data), 1, vx::kDataBufferCountMax),
+    in(SYS(ASDataBufferMinCount, ASDataBuffMinCount, fill_int_data), 0, vx::kDataBufferCountMax),
+    in(SYS(BCITraceMaxSize, traceMaxSize, fill_long_long_data), vx::kTraceRollSizeMin,
+       vx::kTraceRollSizeMax),
     SYS(BTRuleOverridePolicy, btRuleOverriedPolicy, fill_int_data),
     SYS(vxEnableDebugMode, dumpDebugData, fill_int_data),
     SYS(enableFPTrace, fpTraceLevel, fill_int_data),
@@ -96,36 +111,40 @@ extern "C" const keywordsInfo keywordsMap[_MAX_KW] = {
     SYS(AgentEXTraceLevel, agentEXTraceLevel, fill_int_data),
     direct_row("interfaceTraceLevel", offsetof(VXInterfaceProcessor_t, interfaceTraceLevel),
                sizeof(int), fill_VXInterfaceProcessor_info, fill_int_data),
-    direct_row("maxCharInSeqBlob", offsetof(VXFlowpathGenerator_t, maxCharactersInSeqBlob),
-               sizeof(int), fill_VXFlowpathGenerator_info, fill_int_data),
+    in(direct_row("maxCharInSeqBlob", offsetof(VXFlowpathGenerator_t, maxCharactersInSeqBlob),
+                  sizeof(int), fill_VXFlowpathGenerator_info, fill_int_data),
+       0, vx::kMaxCharInSeqBlobMax),
 
     PARSED(instrProfile, setInstProfile), PARSED(lmd, setInstProfile),
     PARSED(size, setInstProfile),
 
     SYS(enableIPResourceURL, enableIPResourceURL, fill_int_data),
-    SYS(hashMapClearTime, hashMapClearTime, fill_int_data),
+    in(SYS(hashMapClearTime, hashMapClearTime, fill_int_data), 0, vx::kDayMs / 1000),
     SYS(vxEnableTxHotspot, vxEnableTxHotspot, fill_int_data),
-    SYS(vxHelperDepth, vxHelperDepth, fill_int_data),
-    SYS(vxHotspotThreadLimit, vxHotspotThreadLimit, fill_int_data),
+    in(SYS(vxHelperDepth, vxHelperDepth, fill_int_data), 0, vx::kStackDepthMax),
+    in(SYS(vxHotspotThreadLimit, vxHotspotThreadLimit, fill_int_data), 0, vx::kThreadCountMax),
     SYS(captureMethodForAllFP, captureMethodForAllFP, fill_int_data),
-    SYS(maxHttpBodySize, maxHttpBodySize, fill_int_data),
-    SYS(bciMaxNonServiceMethodsPerFP, bciMaxNonServiceMethodsPerFP, fill_long_long_data),
-    SYS(bciInstrSessionPct, bciInstrSessionPct, fill_int_data),
-    SYS(vxcHeartBeatThreshold, vxcHeartBeatThreshold, fill_long_long_data),
+    in(SYS(maxHttpBodySize, maxHttpBodySize, fill_int_data), 0, vx::kHttpBodySizeMax),
+    in(SYS(bciMaxNonServiceMethodsPerFP, bciMaxNonServiceMethodsPerFP, fill_long_long_data), 0,
+       INT_MAX),
+    in(SYS(bciInstrSessionPct, bciInstrSessionPct, fill_int_data), 0, 100),
+    in(SYS(vxcHeartBeatThreshold, vxcHeartBeatThreshold, fill_long_long_data),
+       vx::kHeartBeatThresholdMinMs, vx::kDayMs),
     SYS(enableDBBackendName, enableDBBackendName, fill_int_data),
     SYS(enableProcessNotificationPhase, enableProcessNotificationPhase, fill_int_data),
     SYS(enableUpdateLogMsgForLQ, enableUpdateLogMsgForLQ, fill_int_data),
     SYS(enableCallBackException, enableCallBackException, fill_int_data),
     SYS(enableDBQueryParamValues, enableDBQueryParamValues, fill_int_data),
-    AUTO(autoInstrMapSize, autoInstrMapSize, fill_int_data),
+    in(AUTO(autoInstrMapSize, autoInstrMapSize, fill_int_data), 0, vx::kAutoInstrMapSizeMax),
     AUTO(autoInstrTraceLevel, autoInstrTraceLevel, fill_int_data),
-    AUTO(autoInstrSampleInterval, autoInstrSampleThreshold, fill_int_data),
-    AUTO(autoInstrSampleThreshold, autoInstrSampleThreshold, fill_int_data),
-    AUTO(autoInstrMaxAvgDuration, autoInstrDurationThreshold, fill_int_data),
+    in(AUTO(autoInstrSampleInterval, autoInstrSampleThreshold, fill_int_data), 0, INT_MAX),
+    in(AUTO(autoInstrSampleThreshold, autoInstrSampleThreshold, fill_int_data), 0, INT_MAX),
+    in(AUTO(autoInstrMaxAvgDuration, autoInstrDurationThreshold, fill_int_data), 0, INT_MAX),
     AUTO(autoInstrPct, autoInstrPct, fill_double_data),
     AUTO(autoDeInstrPct, autoUnInstrPct, fill_double_data),
-    direct_row("VXLQFlushInterval", offsetof(vxAppLogStruct_t, flushInterval), sizeof(long long),
-               fill_vxAppLogStruct_info, fill_long_long_data),
+    in(direct_row("VXLQFlushInterval", offsetof(vxAppLogStruct_t, flushInterval),
+                  sizeof(long long), fill_vxAppLogStruct_info, fill_long_long_data),
+       0, vx::kDayMs),
     BCI(fileBasedKeywordMode, fileBasedKeywordMode, fill_char_data),
     SRV(InstrTraceLevel, setInstrumentTraceLevel, fill_char_data),
 
@@ -199,6 +218,10 @@ void fill_at(char* base, int index, char* value)
 {
     if (!value || index < 0 || index >= _MAX_KW) return;
     const keywordsInfo& row = keywordsMap[index];
+    long long checked = 0;
+    if ((row.min != LLONG_MIN || row.max != LLONG_MAX) &&
+        !vx::number_in(row.name, value, row.min, row.max, &checked))
+        return;
     if (row.fill_data) row.fill_data(base + row.offset, value, row.length);
 }
 

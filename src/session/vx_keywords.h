@@ -29,6 +29,10 @@ struct keywordsInfo {
     KeywordParser parser;
     KeywordSetter setter;
     KeywordFill fill_data;
+    /* A number row's accepted values; a value outside is refused and the
+     * member keeps its value. LLONG_MIN..LLONG_MAX: any. */
+    long long min;
+    long long max;
 };
 
 inline constexpr int _MAX_KW = 136;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "agent/vx_instance.h"
+#include "agent/vx_collector_servers.h"
 #include "agent/vx_settings.h"
 #include "link/vx_collector_failover.h"
 #include "link/vx_control_reply.h"

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <set>
@@ -146,7 +147,9 @@ TEST_F(KeywordTable, EveryDirectRowWritesOnlyWithinItsOwnMember)
         }
         memset(base + begin, 0, end - begin);
         const std::vector<char> before(base, base + size);
-        row.setter(i, S("-1"));
+        /* -1, or for a row of bounded numbers the top of its range. */
+        const std::string value = row.max == LLONG_MAX ? "-1" : std::to_string(row.max);
+        row.setter(i, S(value.c_str()));
         row.setter(i, nullptr); /* nothing to store */
         bool stored = false;
         for (size_t b = 0; b < size; ++b) {
@@ -190,16 +193,14 @@ TEST_F(KeywordMessage, NumbersAndTextsTakeTheWidthOfTheirMembers)
     Server_t& srv = app_->Server;
     apply(modify(
         "captureMethodForAllFP=70000;vxEnableDebugMode=1;fileBasedKeywordMode=1;InstrTraceLevel=4;"
-        "fpVersionID=123456789012;vxcHeartBeatThreshold=8589934592;BCITraceMaxSize=-5000000000;"
-        "VXLQFlushInterval=6000000000;autoInstrPct=12.5;autoDeInstrPct=abc"));
+        "fpVersionID=123456789012;TimeStampDiff=-5000000000;"
+        "autoInstrPct=12.5;autoDeInstrPct=abc"));
     EXPECT_EQ(sys.captureMethodForAllFP, 70000 & 0xFFFF);
     EXPECT_EQ(sys.dumpDebugData, 1);
     EXPECT_EQ(app_->VXBCISetting.fileBasedKeywordMode, '1');
     EXPECT_EQ(srv.setInstrumentTraceLevel, '4');
     EXPECT_STREQ(srv.fpgVID, "123456789");
-    EXPECT_EQ(sys.vxcHeartBeatThreshold, 8589934592LL);
-    EXPECT_EQ(sys.traceMaxSize, -5000000000LL);
-    EXPECT_EQ(vxAppLogStruct.flushInterval, 6000000000LL);
+    EXPECT_EQ(srv.diffTimeFromVXC, -5000000000LL);
     EXPECT_DOUBLE_EQ(app_->vxAutoInstrumentation.autoInstrPct, 12.5);
     EXPECT_DOUBLE_EQ(app_->vxAutoInstrumentation.autoUnInstrPct, 0.0);
     apply(modify("fpVersionID=2.1"));
@@ -311,7 +312,7 @@ TEST_F(KeywordDefaults, SessionStartResetsSessionKeywordsAndKeepsLastingOnes)
     VXSys_t& sys = app_->VXSys;
     Server_t& srv = app_->Server;
     apply(modify(
-        "fpVersionID=9.9;enableForcedFPChain=0;bciInstrSessionPct=40;bciDataBufferMaxSize=4096;"
+        "fpVersionID=9.9;enableForcedFPChain=0;bciInstrSessionPct=40;bciDataBufferMaxSize=65536;"
         "correlationIDHeader=X-Id;maxIPCount=5;klvEpochDiff=10;appID=33"));
     sys.dataConnState = 0;
     appendStartInstrResp("old warning");
@@ -326,7 +327,7 @@ TEST_F(KeywordDefaults, SessionStartResetsSessionKeywordsAndKeepsLastingOnes)
     EXPECT_EQ(srv.startInstrRespBufferCnt, 0);
     EXPECT_EQ(srv.numcriticalFile, 2);
     EXPECT_TRUE(isCriticalFile(S("VXEntryPointsFile")) && isCriticalFile(S("BTRuleConfig")));
-    EXPECT_EQ(sys.bciDataBufferMaxSize, 4096); /* outlives the session */
+    EXPECT_EQ(sys.bciDataBufferMaxSize, 65536); /* outlives the session */
     EXPECT_EQ(app_->VXBCISetting.appID, 33);
 }
 

@@ -2,6 +2,8 @@
  * and its precedence, the collector list, protocol lists, validation of the
  * collector address and sizes, instance naming, processes.conf and the
  * request lines. */
+#include "agent/vx_collector_servers.h"
+#include "agent/vx_request_lines.h"
 #include "agent/vx_settings.h"
 
 #include <gtest/gtest.h>

@@ -291,7 +291,8 @@ void answer_file_request(Server* s, Conn* c, const std::string& keyword)
     if (refusal) {
         ++counts.failed_file_replies;
         s->store.log("conn %u: fetch of %s: %s", c->id, printable(keyword).c_str(), refusal);
-        send_logged(s, c, "refusal", file_refused_line(keyword));
+        const std::string name = it == c->session.files.end() ? keyword : it->second.name;
+        send_logged(s, c, "refusal", file_refused_line(keyword, s->opts.files_dir + "/" + name));
         return;
     }
     ++counts.files_sent;
@@ -319,7 +320,7 @@ void answer_profile_request(Server* s, Conn* c, const std::string& name)
     if (refusal) {
         ++counts.failed_file_replies;
         s->store.log("conn %u: fetch of profile %s: %s", c->id, printable(name).c_str(), refusal);
-        send_logged(s, c, "refusal", profile_refused_line());
+        send_logged(s, c, "refusal", profile_refused_line(s->opts.files_dir + "/" + name));
         return;
     }
     ++counts.files_sent;

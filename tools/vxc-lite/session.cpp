@@ -17,6 +17,7 @@ namespace {
 
 constexpr std::string_view kProfileKey = "instrProfile";
 constexpr std::string_view kProfileCountKey = "numInstrProfile";
+constexpr long long kMicrosPerSecond = 1000000;
 
 std::string_view trim(std::string_view s)
 {
@@ -190,29 +191,32 @@ std::string stop_line()
     return "vx_control_req:action=stop_instrumentation;status=stopping;setthresholdTime=0;\n";
 }
 
+/* The replies are the proxy's file store's, byte for byte: the size right
+ * behind the keyword, and the time in microseconds. */
 std::string file_reply(const std::string& keyword, const ServedFile& file)
 {
-    std::string r = "vx_control_rep:action=file;keyword=" + keyword + ";" + file.name +
-                    "%3Bsize%3D" + std::to_string(file.content.size()) + "%3Blmd%3D" +
-                    std::to_string(file.mtime) + "\n";
+    std::string r = "vx_control_rep:action=file;keyword=" + keyword + "%3Bsize%3D" +
+                    std::to_string(file.content.size()) + "%3Blmd%3D" +
+                    std::to_string(file.mtime * kMicrosPerSecond) + ";\n";
     r += file.content;
     return r;
 }
 
-std::string file_refused_line(const std::string& keyword)
+std::string file_refused_line(const std::string& keyword, const std::string& path)
 {
-    return "vx_control_rep:action=Failed;keyword=" + keyword + ";\n";
+    return "vx_control_rep:action=Failed" + keyword + " - " + path + "\n";
 }
 
 std::string profile_reply(const ServedFile& file)
 {
-    return "vx_control_rep:action=instrumentation_profile;instrProfile=" + file.name + "\n" +
-           file.content;
+    return "vx_control_rep:action=instrumentation_profile;instrProfile=" + file.name +
+           ";size=" + std::to_string(file.content.size()) +
+           ";lmd=" + std::to_string(file.mtime * kMicrosPerSecond) + ";\n" + file.content;
 }
 
-std::string profile_refused_line()
+std::string profile_refused_line(const std::string& path)
 {
-    return "vx_control_rep:action=FailedInstrumentationProfile;\n";
+    return "vx_control_rep:action=FailedInstrumentationProfile - " + path + "\n";
 }
 
 AgentLine classify_agent_line(std::string_view line, std::string* argument)

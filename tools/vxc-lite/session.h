@@ -83,15 +83,20 @@ SessionMessage build_message(std::string_view head, const std::vector<Keyword>& 
 /* The stop line, with its line feed. */
 std::string stop_line();
 
-/* Answer to "send_file" for a file that is present: the header line, then
- * exactly the file's bytes. */
+/* The answers to file and profile requests, as the proxy's file store
+ * writes them (the collector's own are not written down further than the
+ * agent reads them):
+ *   "vx_control_rep:action=file;keyword=<k>%3Bsize%3D<bytes>%3Blmd%3D<us>;\n"
+ *   "vx_control_rep:action=instrumentation_profile;instrProfile=<name>;
+ *    size=<bytes>;lmd=<us>;\n"
+ * each followed by exactly the file's bytes (<us>: mtime in microseconds);
+ * refusals "vx_control_rep:action=Failed<k> - <path>\n" and
+ * "vx_control_rep:action=FailedInstrumentationProfile - <path>\n", where
+ * path is the file the answer would have been read from. */
 std::string file_reply(const std::string& keyword, const ServedFile& file);
-/* Answer to "send_file" that is refused. */
-std::string file_refused_line(const std::string& keyword);
-/* Answer to "send_instrumentation_profile" for a profile that is present. */
+std::string file_refused_line(const std::string& keyword, const std::string& path);
 std::string profile_reply(const ServedFile& file);
-/* Answer to "send_instrumentation_profile" that is refused. */
-std::string profile_refused_line();
+std::string profile_refused_line(const std::string& path);
 
 /* What a line of the agent on the control connection is. */
 enum class AgentLine {

@@ -43,6 +43,14 @@ protected:
         return name + "%3Bsize%3D" + std::to_string(st.st_size) + "%3Blmd%3D" + mtime(name);
     }
 
+    /* What the file store's reply header puts behind the keyword. */
+    std::string stored(const std::string& name)
+    {
+        struct stat st {};
+        EXPECT_EQ(stat((files_ + "/" + name).c_str(), &st), 0) << name;
+        return "%3Bsize%3D" + std::to_string(st.st_size) + "%3Blmd%3D" + mtime(name) + "000000;";
+    }
+
     /* Registers ctrl and reads the reply. */
     void register_agent(Client& ctrl)
     {
@@ -107,7 +115,7 @@ TEST_F(Session, StartFetchAnswerAndStop)
     std::this_thread::sleep_for(300ms);
     std::string header, body;
     fetch(ctrl, "vx_control_req:action=send_file;keyword=BTRuleConfig;\n", &header, &body);
-    EXPECT_EQ(header, "vx_control_rep:action=file;keyword=BTRuleConfig;" + encoded("bt_rules.txt"));
+    EXPECT_EQ(header, "vx_control_rep:action=file;keyword=BTRuleConfig" + stored("bt_rules.txt"));
     EXPECT_EQ(body, rules);
     fetch(ctrl, "vx_control_req:action=send_file;keyword=VXEntryPointsFile;\n", &header, &body);
     EXPECT_EQ(body, "main|1\n");
@@ -116,12 +124,14 @@ TEST_F(Session, StartFetchAnswerAndStop)
         ctrl.send("vx_control_req:action=send_instrumentation_profile;status=running;"
                   "instrProfile=profile.txt\n"));
     ASSERT_TRUE(ctrl.read_line(&header));
-    EXPECT_EQ(header, "vx_control_rep:action=instrumentation_profile;instrProfile=profile.txt");
+    EXPECT_EQ(header, "vx_control_rep:action=instrumentation_profile;instrProfile=profile.txt;size=" +
+                          std::to_string(profile.size()) + ";lmd=" + mtime("profile.txt") +
+                          "000000;");
     ASSERT_TRUE(ctrl.read_bytes(profile.size(), &body));
     EXPECT_TRUE(body == profile) << "the profile's bytes differ";
 
     fetch(ctrl, "vx_control_req:action=send_file;keyword=BTTConfig;\n", &header, &body);
-    EXPECT_EQ(header, "vx_control_rep:action=Failed;keyword=BTTConfig;")
+    EXPECT_EQ(header, "vx_control_rep:action=FailedBTTConfig - " + files_ + "/BTTConfig")
         << "a keyword the session did not name";
 
     ASSERT_TRUE(
@@ -234,8 +244,10 @@ TEST_F(Session, RefusedMissingAndDroppedFetches)
                                 "instrProfile=@nothere.txt\n");
     start(o);
 
-    const std::string refused_rules = "vx_control_rep:action=Failed;keyword=BTRuleConfig;";
-    const std::string refused_profile = "vx_control_rep:action=FailedInstrumentationProfile;";
+    const std::string refused_rules =
+        "vx_control_rep:action=FailedBTRuleConfig - " + files_ + "/bt_rules.txt";
+    const std::string refused_profile =
+        "vx_control_rep:action=FailedInstrumentationProfile - " + files_ + "/";
     std::string line, header, body;
     {
         Client ctrl(port_);
@@ -250,12 +262,12 @@ TEST_F(Session, RefusedMissingAndDroppedFetches)
             EXPECT_EQ(header, refused_rules) << "refused every time, though present";
         }
         fetch(ctrl, "vx_control_req:action=send_file;keyword=vxMethodMonFile;\n", &header, &body);
-        EXPECT_EQ(header, "vx_control_rep:action=Failed;keyword=vxMethodMonFile;");
+        EXPECT_EQ(header, "vx_control_rep:action=FailedvxMethodMonFile - " + files_ + "/missing.txt");
         ASSERT_TRUE(
             ctrl.send("vx_control_req:action=send_instrumentation_profile;"
                       "status=running;instrProfile=profile.txt\n"));
         ASSERT_TRUE(ctrl.read_line(&header));
-        EXPECT_EQ(header, refused_profile);
+        EXPECT_EQ(header, refused_profile + "profile.txt");
         ASSERT_TRUE(ctrl.send("vx_control_req:action=send_file;keyword=VXEntryPointsFile;\n"));
         EXPECT_TRUE(ctrl.closed_by_peer()) << "the fetch named by --drop-during-fetch";
     }
@@ -266,13 +278,13 @@ TEST_F(Session, RefusedMissingAndDroppedFetches)
     EXPECT_EQ(line.rfind("vx_control_req:action=start_instrumentation;", 0), 0u) << line;
     fetch(again, "vx_control_req:action=send_file;keyword=VXEntryPointsFile;\n", &header, &body);
     EXPECT_EQ(header,
-              "vx_control_rep:action=file;keyword=VXEntryPointsFile;" + encoded("entry.txt"));
+              "vx_control_rep:action=file;keyword=VXEntryPointsFile" + stored("entry.txt"));
     EXPECT_EQ(body, "E");
     ASSERT_TRUE(
         again.send("vx_control_req:action=send_instrumentation_profile;"
                    "status=running;instrProfile=nothere.txt\n"));
     ASSERT_TRUE(again.read_line(&header));
-    EXPECT_EQ(header, refused_profile);
+    EXPECT_EQ(header, refused_profile + "nothere.txt");
     stop();
     expect_summary(
         "fetches_dropped=1 file_requests=5 profile_requests=2 failed_file_replies=5 "

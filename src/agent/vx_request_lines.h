@@ -1,0 +1,21 @@
+/*
+ * The request lines every connection opens with: the control connection's
+ * (vx_ctrl_msg_req, or klv_saas_auth_agent_msg_req for a hosted entry point),
+ * the data channel's and the auto-sensor channel's. Each is built into its
+ * buffer of VXBCISetting (cut at 2,047 bytes) from the current settings.
+ *
+ * Called on the thread that opens the connection, before it is opened.
+ */
+#ifndef VX_REQUEST_LINES_H
+#define VX_REQUEST_LINES_H
+
+extern "C" {
+
+void setControlConnectionReqMessage(void);
+void setControlDataReqMessage(void);
+void setControlAutoSensorReqMessage(void);
+/* The control connection's line, owned by the instance; null without one. */
+char* getControlConnectionReqMessage(void);
+}
+
+#endif

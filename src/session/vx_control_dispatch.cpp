@@ -10,6 +10,7 @@
 #include "agent/vx_host_callbacks.h"
 #include "agent/vx_instance.h"
 #include "session/vx_keywords.h"
+#include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
 #include "link/vx_data_dispatcher.h"
 #include "link/vx_control_thread.h"

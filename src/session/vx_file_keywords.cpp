@@ -16,6 +16,7 @@
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
+#include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
 #include "session/vx_control_dispatch.h"
 #include "link/vx_socket.h"

@@ -5,6 +5,7 @@
 #include "agent/vx_instance.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
+#include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "link/vx_data_dispatcher.h"

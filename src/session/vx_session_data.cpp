@@ -5,6 +5,7 @@
 #include "agent/vx_instance.h"
 #include "bt/vx_bt_object.h"
 #include "core/vx_record_door.h"
+#include "flowpath/vx_method_announce.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "link/vx_control_link.h"

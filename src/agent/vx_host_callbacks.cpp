@@ -4,9 +4,10 @@
 #include <cstdio>
 
 #include "agent/vx_instance.h"
-#include "core/vx_platform.h"
 #include "agent/vx_sdk_log.h"
 #include "agent/vx_sys.h"
+#include "core/vx_atomic.h"
+#include "core/vx_platform.h"
 
 callback_func agent_callback_func = nullptr;
 test_status test_status_func = nullptr;
@@ -133,7 +134,7 @@ extern "C" void register_thread_dump_callback(thread_dump_func cb) VX_NOEXCEPT
             f(s.vxSessionCookieName, s.cookieDomainName, s.headerInResponse,
               cookie_method_position(s), s.vxSessionIdleTimeOutSecs);
         if (kp_cookie_func f = kp_cookie_callback_func) f(s.KPCookieName);
-        if (test_status f = test_status_func) f(app->Server.testRunRunning);
+        if (test_status f = test_status_func) f(vx::load_relaxed(app->Server.testRunRunning));
     } catch (...) {
         VX_SDK_LOG(VX_SDK_ERROR, "A host callback threw while the state was pushed");
     }

@@ -8,8 +8,9 @@
 
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_instance.h"
-#include "core/vx_platform.h"
 #include "agent/vx_settings.h"
+#include "core/vx_atomic.h"
+#include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "link/vx_collector_failover.h"
@@ -43,7 +44,7 @@ int drop_invalid(VXProxyInstance_t* app, const char* line)
 /* The collector's heartbeat came ahead of the reply: it counts as one. */
 int heartbeat_first(VXProxyInstance_t* app, const std::string& line)
 {
-    app->Server.lastHeartBeatRcvTime = my_gettimeofday();
+    vx::store_relaxed(app->Server.lastHeartBeatRcvTime, my_gettimeofday());
     std::string copy = line;
     char* fields[kReplyFields];
     if (vxlb_get_tokens_with_multi_delimiter(copy.data(), fields, const_cast<char*>(";"),

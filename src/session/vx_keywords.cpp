@@ -7,12 +7,13 @@
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_feature_settings.h"
 #include "agent/vx_instance.h"
-#include "session/vx_keyword_parsers.h"
+#include "core/vx_atomic.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_method_table.h"
 #include "session/vx_control_dispatch.h"
 #include "session/vx_file_keywords.h"
+#include "session/vx_keyword_parsers.h"
 
 namespace {
 
@@ -295,7 +296,7 @@ extern "C" void findStatusFromClientMsg(char* clientMsg)
         char key[1024];
         char* value = split_key_value(field, key);
         if (!value) return;
-        if (app->VXSys.closeCtrlConFlag) return;
+        if (vx::load_relaxed(app->VXSys.closeCtrlConFlag)) return;
         const int index = NameToIndex(key);
         if (index < 0) continue;
         const keywordsInfo& row = keywordsMap[index];
@@ -318,7 +319,7 @@ extern "C" void vxlb_init_all_keywords(void)
     sys.captureChildFPCPUTime = 0;
     srv.klvEpochDiffTime = 0;
     srv.originalKlvEpochDiffTime = 1388534400000LL;
-    srv.testRunRunning = 0;
+    vx::store_release(srv.testRunRunning, 0);
     srv.noInstrumentProfileMode = 0;
     vx::copy_text(srv.fpgVID, sizeof srv.fpgVID, "1.0");
     app->VXBackendMonitor.vxBackendMonTraceLevel = 0;
@@ -326,18 +327,18 @@ extern "C" void vxlb_init_all_keywords(void)
     app->VXBackendMonitor.backendIDCounter = 0;
     app->VXBTMonitor.doNotDisacrdAnyTransaction = 0;
     app->monitorSettings.isNewMonitorRecordEnabled = 0;
-    sys.retryFlag = 0;
-    sys.closeCtrlConFlag = 0;
+    vx::store_relaxed(sys.retryFlag, 0);
+    vx::store_relaxed(sys.closeCtrlConFlag, 0);
     sys.enableIPResourceURL = 0;
     sys.correlationIdHeader[0] = '\0';
     sys.captureCorrelationEnabled = 0;
     srv.instrProfBytesWritten = 0;
-    srv.gettingstopInstrumenatation = 0;
+    vx::store_relaxed(srv.gettingstopInstrumenatation, 0);
     srv.dumpremainingtstime = 0;
     /* numcriticalFile: setDefaultCriticalFile below frees the list and starts it anew */
     srv.startInstrRespBuffer[0] = '\0';
     srv.startInstrRespBufferCnt = 0;
-    sys.dataConnState = 1;
+    vx::store_relaxed(sys.dataConnState, 1);
     sys.autosensorConnState = 1;
     srv.isTenRecordDump = 0;
     /* STAND-IN (issues: exception capture, thread reports, SQL): their

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_limits.h"
 #include "core/vx_record_door.h"
 #include "core/vx_thread.h"
@@ -15,7 +16,7 @@ namespace {
 bool data_thread_running()
 {
     VXProxyInstance_t* app = vx_app();
-    return app && app->VXBCISetting.data_thread_running == 1;
+    return app && vx::load_relaxed(app->VXBCISetting.data_thread_running) == 1;
 }
 
 }  // namespace
@@ -43,7 +44,7 @@ void vx::announce_new_method(methodPropProperties* m)
         dumpMetadataForSig(m);
     } else {
         vx::announce_method_id(m);
-        m->usedFlag = 1;
+        vx::store_relaxed(m->usedFlag, 1);
     }
 }
 

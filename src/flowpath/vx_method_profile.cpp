@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_encode.h"
 #include "core/vx_limits.h"
 #include "core/vx_platform.h"
@@ -78,7 +79,7 @@ void ensure_default_entries(node_t* node, bool profile)
     VXMethodTable_t* t = vx::method_table();
     if (methodPropProperties* db = vx::find_method(node, kDefaultDBBackendName)) {
         db->type_ = kMethodTypeDatabase;
-        if (profile) db->usedFlag = 1;
+        if (profile) vx::store_relaxed(db->usedFlag, 1);
     } else if ((db = updateMethodHashMap(const_cast<char*>(kDefaultDBBackendName), 0,
                                          kMethodTypeDatabase, node, profile ? 0 : 10)) != nullptr) {
         t->dbBackendId = db->methodId;
@@ -86,12 +87,12 @@ void ensure_default_entries(node_t* node, bool profile)
     }
     methodPropProperties* root = vx::find_method(node, kRootMethodName);
     if (root) {
-        root->usedFlag = 1;
+        vx::store_relaxed(root->usedFlag, 1);
     } else if ((root = updateMethodHashMap(const_cast<char*>(kRootMethodName), 0, kMethodTypePlain,
                                            node, 0)) != nullptr) {
         root->instrumentationProp = 1;
     }
-    t->DefaultMethod = root;
+    vx::store_release(t->DefaultMethod, root);
 }
 
 /* Entry-point file types: kind, sub-kind and the flag they set. */
@@ -205,7 +206,7 @@ extern "C" void readInstrProfFileRTC(char* buffer)
         if (methodPropProperties* m = vx::find_method(node, key)) {
             m->isEntryPoint = entry;
             m->callOutValue = static_cast<char>(callOut);
-            m->usedFlag = 0;
+            vx::store_relaxed(m->usedFlag, 0);
             m->instrumentationProp = 2;
             m->instrumentationStatus = 0;
             return;
@@ -239,7 +240,7 @@ extern "C" void setMethodHashMapNode(char* buffer)
             VX_ERROR("FLOWPATH", "Failed to malloced methodHashMapNode.");
             return;
         }
-        t.methodHashMapNode = node;
+        vx::store_release(t.methodHashMapNode, node);
     } else {
         makeHashmapCopyAndaddToLL(1);
     }
@@ -257,7 +258,11 @@ extern "C" int readInstrProfFile(apr_pool_t* pool, char* buffer)
     if (!app || !buffer) return -1;
     VXMethodTable_t& t = app->methodTable;
     vx::VXLockGuard guard(t.methodEntryLock);
-    if (!t.methodHashMapNode && !(t.methodHashMapNode = vx::new_method_generation())) return -1;
+    if (!t.methodHashMapNode) {
+        node_t* fresh = vx::new_method_generation();
+        if (!fresh) return -1;
+        vx::store_release(t.methodHashMapNode, fresh);
+    }
     node_t* node = t.methodHashMapNode;
     for_each_line(buffer, [&](char* line) {
         /* module|class|method|isProfiled|isEntryPoint|kind-or-callout-name */
@@ -297,10 +302,12 @@ extern "C" void parseEntryFile(char* buffer)
     VXMethodTable_t& t = app->methodTable;
     vx::VXLockGuard guard(t.methodEntryLock);
     if (!t.methodHashMapNode) {
-        if (!(t.methodHashMapNode = vx::new_method_generation())) {
+        node_t* fresh = vx::new_method_generation();
+        if (!fresh) {
             VX_ERROR("FLOWPATH", "Failed to malloced methodHashMapNode.");
             return;
         }
+        vx::store_release(t.methodHashMapNode, fresh);
     } else if (!app->isRunTime) {
         resetmethodHashMapNode(t.methodHashMapNode->ptr, 3);
     } else {
@@ -333,7 +340,7 @@ extern "C" void parseEntryFile(char* buffer)
             /* The id is taken before a custom callout's backend takes the
              * next one, so that the two never share an id. */
             m->methodId = t.methodIDGlobal++;
-            m->usedFlag = 1;
+            vx::store_relaxed(m->usedFlag, 1);
             m->instrumentationProp = 1;
             if (vx::method_metadata_wanted()) vx::announce_new_method(m);
             if (m->isEntryPoint & kEntryPointCustomCallout) {

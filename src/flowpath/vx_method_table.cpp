@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_encode.h"
 #include "core/vx_limits.h"
 #include "core/vx_platform.h"
@@ -32,7 +33,19 @@ char* pool_dup(apr_pool_t* pool, const char* s)
 methodPropProperties* copy_entry(apr_pool_t* pool, const methodPropProperties* in)
 {
     methodPropProperties* m = vx::new_method_entry(pool);
-    *m = *in;
+    /* Field by field: host threads mark usedFlag of the entry being copied
+     * while the copy is made. */
+    m->type_ = in->type_;
+    m->callOutValue = in->callOutValue;
+    m->autoDeInstrFlg = in->autoDeInstrFlg;
+    m->isInBlackListFlg = in->isInBlackListFlg;
+    m->methodId = in->methodId;
+    m->isEntryPoint = in->isEntryPoint;
+    m->usedFlag = vx::load_relaxed(in->usedFlag);
+    m->instrumentationProp = in->instrumentationProp;
+    m->instrumentationStatus = in->instrumentationStatus;
+    m->isAsyncCall = in->isAsyncCall;
+    m->methodArgIndex = in->methodArgIndex;
     m->moduleName = pool_dup(pool, in->moduleName);
     m->methodName = pool_dup(pool, in->methodName);
     m->mon_methodName = pool_dup(pool, in->mon_methodName);
@@ -286,7 +299,7 @@ extern "C" void resetmethodHashMapNode(void* hashMap, int type)
     if (!hash) return;
     for (apr_hash_index_t* hi = apr_hash_first(nullptr, hash); hi; hi = apr_hash_next(hi)) {
         auto* m = static_cast<methodPropProperties*>(apr_hash_this_val(hi));
-        m->usedFlag = 0;
+        vx::store_relaxed(m->usedFlag, 0);
         switch (type) {
             case 1:
                 if (m->isEntryPoint == 0 && m->callOutValue < 1) m->instrumentationProp = 3;
@@ -308,9 +321,10 @@ extern "C" void resetmethodHashMapNode(void* hashMap, int type)
 extern "C" void makeHashmapCopyAndaddToLL(int type)
 {
     VXMethodTable_t* t = vx::method_table();
-    if (!t || !t->methodHashMapNode) return;
+    if (!t || !vx::load_acquire(t->methodHashMapNode)) return;
     vx::VXLockGuard guard(t->methodEntryLock);
     node_t* old = t->methodHashMapNode;
+    if (!old) return; /* retired since the check */
     node_t* fresh = vx::new_method_generation();
     if (!fresh) {
         VX_ERROR("FLOWPATH", "Error in allocating a new generation of the method table");
@@ -330,9 +344,9 @@ extern "C" void makeHashmapCopyAndaddToLL(int type)
     fresh->type = old->type;
     fresh->next = old;
     /* Flowpaths on the old generation keep it; new ones start on this. */
-    __atomic_store_n(&t->methodHashMapNode, fresh, __ATOMIC_RELEASE);
+    vx::store_release(t->methodHashMapNode, fresh);
     t->methodHashMapNodeTemp = nullptr;
-    t->DefaultMethod = vx::find_method(fresh, kRootMethodName);
+    vx::store_release(t->DefaultMethod, vx::find_method(fresh, kRootMethodName));
 }
 
 extern "C" void saveNodeAndIncrementMethodRefCount(VXPerThreadData_t* vxTD)
@@ -342,7 +356,7 @@ extern "C" void saveNodeAndIncrementMethodRefCount(VXPerThreadData_t* vxTD)
     /* Generations are never freed, so reading the current one and counting
      * on it needs no lock: a switch in between only means the flowpath runs
      * on the generation it read, as it would have a moment earlier. */
-    node_t* node = __atomic_load_n(&t->methodHashMapNode, __ATOMIC_ACQUIRE);
+    node_t* node = vx::load_acquire(t->methodHashMapNode);
     vxTD->hasMapNodePtr = node;
     if (!node) return;
     int count = __atomic_add_fetch(&node->ref_count, 1, __ATOMIC_RELAXED);
@@ -370,7 +384,7 @@ extern "C" void free_methodHashMapNode(void)
     VXMethodTable_t* t = vx::method_table();
     if (!t) return;
     vx::VXLockGuard guard(t->methodEntryLock);
-    t->DefaultMethod = nullptr;
+    vx::store_release(t->DefaultMethod, static_cast<methodPropProperties*>(nullptr));
     node_t* current = t->methodHashMapNode;
     if (!current) return;
     /* Retired, not freed: hosts may still hold handles into it. Its chain of
@@ -379,7 +393,7 @@ extern "C" void free_methodHashMapNode(void)
     while (last->next) last = last->next;
     last->next = t->retired;
     t->retired = current;
-    __atomic_store_n(&t->methodHashMapNode, static_cast<node_t*>(nullptr), __ATOMIC_RELEASE);
+    vx::store_release(t->methodHashMapNode, static_cast<node_t*>(nullptr));
 }
 
 void vx::retire_method_table(node_t* expected)
@@ -393,7 +407,8 @@ void vx::retire_method_table(node_t* expected)
 extern "C" int isMethodInHashMap(char* mName) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || !mName || !app->Server.testRunRunning || app->Server.gettingstopInstrumenatation)
+    if (!app || !mName || !vx::load_relaxed(app->Server.testRunRunning) ||
+        vx::load_relaxed(app->Server.gettingstopInstrumenatation))
         return 0;
     VXMethodTable_t& t = app->methodTable;
     vx::VXLockGuard guard(t.methodEntryLock);

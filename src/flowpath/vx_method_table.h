@@ -48,6 +48,9 @@ struct methodPropProperties {
     char isInBlackListFlg;
     int methodId;
     int isEntryPoint; /* flags: 1 service entry, 2 callout, 4 method monitor, 8 custom callout */
+    /* Host threads mark it as they run the method: atomic access only
+     * (vx_atomic.h). copy_entry copies the fields one by one: a new field
+     * is added there too. */
     int usedFlag;
     int instrumentationProp; /* 1 new, 2 kept from the previous profile, 3 no longer listed */
     int instrumentationStatus;

@@ -124,8 +124,9 @@ extern "C" VXPerThreadData_t* get_free_tls_slot(void)
             pool.gBusyTLSHead = rec;
         pool.gBusyTLSTail = rec;
         ++pool.gBusyTLSCnt;
+        /* Under the lock: another host thread may be growing the pool. */
+        pool.size_array = pool.g_tlsidx;
     }
-    pool.size_array = pool.g_tlsidx;
     return rec;
 }
 

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "link/vx_data_buffers.h"
@@ -46,7 +47,9 @@ void dump_text_record(const char* format, int number, const char* text)
 extern "C" void dumpData(char* data, int len)
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || !app->Server.testRunRunning) {
+    /* Acquire: a session start makes the buffers and their locks before it
+     * raises the flag with release, so seeing the flag up means seeing them. */
+    if (!app || !vx::load_acquire(app->Server.testRunRunning)) {
         VX_TRACE(VX_LEVEL(fpTraceLevel), 4, "DATA_THREAD", "test is not running");
         return;
     }
@@ -56,12 +59,12 @@ extern "C" void dumpData(char* data, int len)
     }
     if (g_tap.fn) g_tap.fn(data, len, g_tap.ctx);
     if (!app->dataChannel.bufferWriteLock) { /* no data thread was ever started */
-        __atomic_fetch_add(&app->VXSys.discardCount, 1, __ATOMIC_RELAXED);
+        vx::fetch_add_relaxed(app->VXSys.discardCount, 1);
         return;
     }
     vx::VXLockGuard guard(app->dataChannel.bufferWriteLock);
     const int rv = addDataInSendBuffer(data, len);
-    if (rv < 0 && app->VXSys.discardCount % 1000 == 999)
+    if (rv < 0 && vx::load_relaxed(app->VXSys.discardCount) % 1000 == 999)
         VX_ERROR("DATA_THREAD",
                  "VXDataDispatcher - dumpData(): Warning - No space left in buffer or thread is not "
                  "initialized for sending data to VXCollector. Return = %d, writeListSize = %d "
@@ -86,7 +89,8 @@ extern "C" int processData(void)
             }
             if (len == 0) return 1;
             node->send_len += static_cast<int>(len);
-            if (app->VXSys.retryFlag || app->VXSys.closeCtrlConFlag) {
+            if (vx::load_relaxed(app->VXSys.retryFlag) ||
+                vx::load_relaxed(app->VXSys.closeCtrlConFlag)) {
                 flushCommonData();
                 VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD",
                          "dataConnectionBreak Control connecton already closed. Going to closing "
@@ -129,7 +133,9 @@ extern "C" int dataConnService(void)
 extern "C" void flushCommonData(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || (!app->dataChannel.dataSkt.skt && !app->dataChannel.dataSkt.lws_handler.wsi)) return;
+    if (!app || (!vx::load_relaxed(app->dataChannel.dataSkt.skt) &&
+                 !vx::load_relaxed(app->dataChannel.dataSkt.lws_handler.wsi)))
+        return;
     /* processData calls back here while a stop is under way: one flush at a
      * time per thread is enough, the outer one finishes the job. */
     static thread_local bool flushing = false;
@@ -146,12 +152,13 @@ extern "C" void flushCommonData(void)
 extern "C" void handleHeartBeat(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (app->VXSys.vxcBciDataConnectionHeartBeat <= 0) return;
+    if (vx::load_relaxed(app->VXSys.vxcBciDataConnectionHeartBeat) <= 0) return;
     if (--app->dataChannel.heartBeatExpiryCnt < 1) {
         if (app->lws_active == 1) send_data_via_lws_socket(const_cast<char*>("\n"), 1);
         dumpData(const_cast<char*>("\n"), 1);
         ++app->dataChannel.dumpHeartBeat;
-        app->dataChannel.heartBeatExpiryCnt = app->VXSys.vxcBciDataConnectionHeartBeat;
+        app->dataChannel.heartBeatExpiryCnt =
+            vx::load_relaxed(app->VXSys.vxcBciDataConnectionHeartBeat);
     }
     if (app->dataChannel.dumpHeartBeat >= 5) {
         VX_TRACE(app->VXSys.controlTraceLevel, 2, "DATA_THREAD",
@@ -167,7 +174,7 @@ extern "C" int sendBufferDataCon(char* buf, int len)
         dumpData(buf, len);
         return 0;
     }
-    if (!app->dataChannel.dataSkt.skt || app->VXSys.dataConnState == 0) return 0;
+    if (!app->dataChannel.dataSkt.skt || vx::load_relaxed(app->VXSys.dataConnState) == 0) return 0;
     char err[256] = "";
     const int sent = vxlb_send_n_bytes(app->dataChannel.dataSkt.skt, buf, len, err, sizeof err);
     if (sent != len) {

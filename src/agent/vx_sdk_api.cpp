@@ -383,7 +383,7 @@ extern "C" int getTopoFpStr(VXPerThreadData_t* vxTD, char* str) VX_NOEXCEPT
         return 1;
     }
     const VXBCISetting_t& bci = app->VXBCISetting;
-    const int run = app->Server.TestRunIDValue;
+    const int run = vx::load_relaxed(app->Server.TestRunIDValue);
     snprintf(str, vx::kTopoTextSize, " [TOPO:%d:%s:%s:%s][FP:%d:%lld:%lld:%lld:%lld:%lld] ", run,
              bci.tierName ? bci.tierName : "", bci.appServerName ? bci.appServerName : "",
              bci.appName ? bci.appName : "", run, vxTD->flowpathInstance,

@@ -70,7 +70,7 @@ void control_message_dispatch(char* line)
 extern "C" void closeCurrentControlConnection(void)
 {
     VXProxyInstance_t* app = vx_app();
-    app->Server.controlCommunicationBusyFlag = 0;
+    vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 0);
     app->Server.InstrumentationBusy = 0;
     vx::store_relaxed(app->VXSys.closeCtrlConFlag, 1);
 }

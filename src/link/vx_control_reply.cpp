@@ -62,10 +62,10 @@ int heartbeat_first(VXProxyInstance_t* app, const std::string& line)
 int reply_ok(VXProxyInstance_t* app, const std::string& line)
 {
     if (vx::starts_with(line.c_str(), kReplyNotRunning)) {
-        app->Server.retryForDataConn = 0;
+        vx::store_relaxed(app->Server.retryForDataConn, 0);
         app->Server.retryForAutoSensorConn = 0;
     } else if (vx::starts_with(line.c_str(), kReplyRunning)) {
-        app->Server.retryForDataConn = 1;
+        vx::store_relaxed(app->Server.retryForDataConn, 1);
     } else if (!vx::starts_with(line.c_str(), kReplyOk)) {
         return drop_invalid(app, line.c_str());
     }

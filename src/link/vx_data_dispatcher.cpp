@@ -206,7 +206,7 @@ extern "C" void attr_record(void)
 extern "C" void dumpVxDataOverRecord(void)
 {
     dumpData(const_cast<char*>("10,\n"), 4);
-    vx_app()->Server.isTenRecordDump = 1;
+    vx::store_relaxed(vx_app()->Server.isTenRecordDump, 1);
 }
 
 namespace vx {

@@ -153,7 +153,7 @@ extern "C" int checkAndStopThread(void)
     VXProxyInstance_t* app = vx_app();
     if (!vx::on_data_thread()) return 0;
     const Server_t& srv = app->Server;
-    if (vx::load_relaxed(srv.testRunRunning) && srv.retryForDataConn &&
+    if (vx::load_relaxed(srv.testRunRunning) && vx::load_relaxed(srv.retryForDataConn) &&
         !vx::load_relaxed(app->VXSys.closeCtrlConFlag))
         return 0;
     /* The stop flushes, and the flush sends through processData, which asks
@@ -162,9 +162,9 @@ extern "C" int checkAndStopThread(void)
     if (stopping) return 0;
     stopping = true;
     VX_ERROR("DATA_THREAD", "BCI Data thread is to be stopped. Server.isTenRecordDump = %d.",
-             srv.isTenRecordDump);
+             vx::load_relaxed(srv.isTenRecordDump));
     vx::data_hooks_run(vx::DataHook::kStopping);
-    if (!srv.isTenRecordDump) dumpVxDataOverRecord();
+    if (!vx::load_relaxed(srv.isTenRecordDump)) dumpVxDataOverRecord();
     flushCommonData();
     vx::data_hooks_run(vx::DataHook::kSessionFree);
     stopping = false;
@@ -177,7 +177,7 @@ extern "C" void close_data_connection(void)
     VXProxyInstance_t* app = vx_app();
     void* wsi = app->dataChannel.dataSkt.lws_handler.wsi;
     vx::store_relaxed(app->dataChannel.dataSkt.lws_handler.wsi, static_cast<void*>(nullptr));
-    app->Server.controlCommunicationBusyFlag = 0;
+    vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 0);
     if (apr_socket_t* skt = app->dataChannel.dataSkt.skt) {
         vx::store_relaxed(app->dataChannel.dataSkt.skt, static_cast<apr_socket_t*>(nullptr));
         apr_socket_close(skt);
@@ -246,7 +246,7 @@ extern "C" int check_data_thread(void)
         return 1;
     }
     apr_thread_detach(app->dataChannel.data_thread_id); /* nobody joins it: it ends by itself */
-    app->Server.controlCommunicationBusyFlag = 1;
+    vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 1);
     return 0;
 }
 

@@ -79,7 +79,7 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
     if (!vx::load_acquire(app->methodTable.methodHashMapNode)) setMethodHashMapNode(nullptr);
     synchronise_time(srv);
     ++srv.numberOfTestRunsTillNow;
-    srv.retryForDataConn = 1;
+    vx::store_relaxed(srv.retryForDataConn, 1);
     srv.retryForAutoSensorConn = 1;
     setAllFlagAndCountVars();
     srv.InstrumentationBusy = 1;
@@ -196,9 +196,9 @@ extern "C" void handleStoppingCaseAtStopInstrumentCase(void)
     dumpVxDataOverRecord();
     if (test_status_func) test_status_func(0);
     vx::store_release(app->Server.testRunRunning, 0);
-    app->Server.retryForDataConn = 0;
+    vx::store_relaxed(app->Server.retryForDataConn, 0);
     app->Server.retryForAutoSensorConn = 0;
-    app->Server.controlCommunicationBusyFlag = 0;
+    vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 0);
     app->Server.InstrumentationBusy = 0;
 }
 

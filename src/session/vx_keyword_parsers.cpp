@@ -7,10 +7,11 @@
 #include <cstring>
 #include <string>
 
-#include "bt/vx_bt_object.h"
 #include "agent/vx_feature_settings.h"
 #include "agent/vx_host_callbacks.h"
 #include "agent/vx_instance.h"
+#include "bt/vx_bt_object.h"
+#include "core/vx_atomic.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_per_thread_data.h"
@@ -71,8 +72,8 @@ extern "C" void setCurrentTR(char* value, char* keyword, int)
 {
     const int id = atoi(value);
     Server_t& srv = app()->Server;
-    srv.doNotDumpMetaData = id != srv.TestRunIDValue ? 1 : 0;
-    srv.TestRunIDValue = id;
+    srv.doNotDumpMetaData = id != vx::load_relaxed(srv.TestRunIDValue) ? 1 : 0;
+    vx::store_relaxed(srv.TestRunIDValue, id);
     trace(keyword, value);
 }
 

@@ -279,7 +279,7 @@ extern "C" void findStatusFromClientMsg(char* clientMsg)
     if (!app || !clientMsg || !table_matches_enum()) return;
     const bool applies =
         (vx::starts_with(clientMsg, "vx_control_req:action=start_instrumentation") &&
-         app->Server.controlCommunicationBusyFlag == 0) ||
+         vx::load_relaxed(app->Server.controlCommunicationBusyFlag) == 0) ||
         vx::starts_with(clientMsg, "vx_control_req:action=modify");
     thread_local char* fields[kMaxMessageFields]; /* one control thread per instance */
     const int n = vxlb_get_tokens_with_multi_delimiter(clientMsg, fields, const_cast<char*>(";"),
@@ -340,7 +340,7 @@ extern "C" void vxlb_init_all_keywords(void)
     srv.startInstrRespBufferCnt = 0;
     vx::store_relaxed(sys.dataConnState, 1);
     sys.autosensorConnState = 1;
-    srv.isTenRecordDump = 0;
+    vx::store_relaxed(srv.isTenRecordDump, 0);
     /* STAND-IN (issues: exception capture, thread reports, SQL): their
      * settings start again here once they exist. */
     app->monitorSettings.vxVectorSeperator = '>';

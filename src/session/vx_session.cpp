@@ -28,7 +28,7 @@ void session_start(int testIdx, long long klvEpochDiffTime, SessionData data)
     app->VXBackendMonitor.maxIPCount = kDefaultMaxIPCount;
     app->VXBackendMonitor.backendIDCounter = 0;
     vx::copy_text(app->Server.fpgVID, sizeof app->Server.fpgVID, "1.0");
-    app->Server.isTenRecordDump = 0;
+    vx::store_relaxed(app->Server.isTenRecordDump, 0);
     vx::store_relaxed(app->VXSys.retryFlag, 0); /* a lost connection's marks do not outlive it */
     vx::store_relaxed(app->VXSys.closeCtrlConFlag, 0);
     vx::store_relaxed(app->VXSys.dataConnState, 1);
@@ -44,10 +44,10 @@ void session_start(int testIdx, long long klvEpochDiffTime, SessionData data)
         app->httpHashMapNode = create_hashmap(app->control_pool);
         app->httpEntryLock = vx::mutex_create(app->control_pool);
     }
-    app->Server.TestRunIDValue = testIdx;
+    vx::store_relaxed(app->Server.TestRunIDValue, testIdx);
     app->Server.klvEpochDiffTime = klvEpochDiffTime;
     vx::store_relaxed(app->Server.gettingstopInstrumenatation, 0);
-    app->Server.retryForDataConn = 1;
+    vx::store_relaxed(app->Server.retryForDataConn, 1);
     app->Server.InstrumentationBusy = 1;
     vx::store_release(app->Server.testRunRunning, 1);
     if (data == SessionData::kDataThread) check_data_thread();
@@ -60,16 +60,16 @@ void session_stop()
     if (g_mode == SessionData::kDataThread) {
         dumpVxDataOverRecord();
         vx::store_release(app->Server.testRunRunning, 0);
-        app->Server.retryForDataConn = 0;
+        vx::store_relaxed(app->Server.retryForDataConn, 0);
         app->Server.retryForAutoSensorConn = 0;
-        app->Server.controlCommunicationBusyFlag = 0;
+        vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 0);
         app->Server.InstrumentationBusy = 0;
         return;
     }
     vx::store_relaxed(app->Server.gettingstopInstrumenatation, 1);
     dumpFpFromBusyList();
     vx::store_release(app->Server.testRunRunning, 0);
-    app->Server.retryForDataConn = 0;
+    vx::store_relaxed(app->Server.retryForDataConn, 0);
     app->Server.InstrumentationBusy = 0;
     vx::store_relaxed(app->VXBCISetting.data_thread_running, 0);
     free_methodHashMapNode();

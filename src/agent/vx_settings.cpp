@@ -12,8 +12,9 @@
 
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_instance.h"
-#include "core/vx_platform.h"
 #include "agent/vx_sys.h"
+#include "core/vx_atomic.h"
+#include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "proxy/vx_proxy_state.h"
@@ -832,12 +833,12 @@ extern "C" void setControlConnectionReqMessage(void)
                  "lastConnectionTimeStamp=%lld;connDuration=%lld;connDestination=%s;agentName=%s;"
                  "supportedProtocols=%s;authtoken=%s;tags=%s;attributes=%s;protoVer=%d; \n",
                  text_or(s.appName, "NA"), text_or(s.appServerName, "NA"),
-                 text_or(s.tierName, "NA"), text_or(app->VXSys.vxBuild, "NA"),
+                 text_or(s.tierName, "NA"), text_or(vx::load_acquire(app->VXSys.vxBuild), "NA"),
                  app->VXSys.bciStartUpTime, home_path(app), getPID(), now, type, s.serverIp,
                  text_or(s.appServerName, "NA"), type, s.machineType, srv.requestType,
                  srv.lastConnectionTime, srv.connDuration, srv.connDestination,
-                 text_or(app->agentName, "NA"), app->controlLink.supportedProtocols, text_or(s.authToken, "NA"),
-                 tags, attributes, app->lws_active == 1 ? 1 : 0);
+                 text_or(app->agentName, "NA"), app->controlLink.supportedProtocols,
+                 text_or(s.authToken, "NA"), tags, attributes, app->lws_active == 1 ? 1 : 0);
     }
     s.controlConnectionReqMessage_len = static_cast<int>(strlen(out));
 }

@@ -36,7 +36,7 @@ long long roll_over_size()
 int current_test_run()
 {
     VXProxyInstance_t* app = vx_app();
-    return app ? app->Server.TestRunIDValue : 0;
+    return app ? vx::load_relaxed(app->Server.TestRunIDValue) : 0;
 }
 
 /* Format the line prefix of one message; the number of bytes written. */
@@ -215,7 +215,8 @@ extern "C" void vx_open_log_file(MTTraceLogKey* key, int* log_file_size, char ta
         FILE* fp = fopen(key->log_file[idx], "ae");
         if (fp && key->print_header) {
             VXProxyInstance_t* app = vx_app();
-            const char* build = (app && app->VXSys.vxBuild) ? app->VXSys.vxBuild : "";
+            const char* build = app ? vx::load_acquire(app->VXSys.vxBuild) : nullptr;
+            if (!build) build = "";
             int n = fprintf(fp, "%s%s", kHeaderLine, build);
             if (n > 0) vx::fetch_add_relaxed(*log_file_size, n);
             fflush(fp);

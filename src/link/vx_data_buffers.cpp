@@ -113,6 +113,7 @@ extern "C" int addDataInSendBuffer(char* data, int bytesToWrite)
     nioSettings_t* cur = app->dataChannel.VXBCIAgentBB;
     if (!cur) {
         vx::fetch_add_relaxed(app->VXSys.discardCount, 1);
+        vx::VXLockGuard move(app->dataChannel.bufferMoveLock); /* the sender moves the read head */
         return app->dataChannel.VXCollectorBB ? kBufferNoneFree : kBufferNotReady;
     }
     const int room = cur->buff_size - cur->use_len;

@@ -28,6 +28,15 @@ Tap g_tap;
 constexpr int kFlushPasses = 100;
 constexpr apr_status_t kConnectionReset = 730054;
 
+/* The buffer the sender drains next. Producers move full buffers to the
+ * read list under bufferMoveLock; taking it here also makes their bytes
+ * visible to the data thread. */
+nioSettings_t* next_to_send(VXProxyInstance_t* app)
+{
+    vx::VXLockGuard guard(app->dataChannel.bufferMoveLock);
+    return app->dataChannel.VXCollectorBB;
+}
+
 bool connection_broken(apr_status_t rv)
 {
     return rv == APR_EOF || rv == EPIPE || rv == kConnectionReset || rv == ECONNRESET;
@@ -76,7 +85,7 @@ extern "C" int processData(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app->dataChannel.dataSkt.skt) return -1;
-    while (nioSettings_t* node = app->dataChannel.VXCollectorBB) {
+    while (nioSettings_t* node = next_to_send(app)) {
         while (node->use_len - node->send_len > 0) {
             apr_size_t len = static_cast<apr_size_t>(node->use_len - node->send_len);
             const apr_status_t rv = apr_socket_send(app->dataChannel.dataSkt.skt, node->buff + node->send_len, &len);
@@ -108,7 +117,7 @@ extern "C" int processDataLws(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app->dataChannel.dataSkt.lws_handler.wsi) return -1;
-    while (nioSettings_t* node = app->dataChannel.VXCollectorBB) {
+    while (nioSettings_t* node = next_to_send(app)) {
         int last = 0;
         while (node->use_len - node->send_len > 0) {
             const int len = node->use_len - node->send_len;

@@ -203,7 +203,7 @@ extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue,
 
     if (startTimeFP < 1) startTimeFP = my_gettimeofday();
     vxTD->fpStartTimeforReset = apr_time_now();
-    vxTD->tlFlowPathTimeStampInMS = startTimeFP - app->Server.klvEpochDiffTime;
+    vxTD->tlFlowPathTimeStampInMS = startTimeFP - vx::load_relaxed(app->Server.klvEpochDiffTime);
 
     /* The caller's correlation text: a chain header, an instance number made
      * by an agent, or nothing. Never written into: it is the host's. */
@@ -425,7 +425,8 @@ extern "C" void endFP(VXPerThreadData_t* vxTD, int statusCode, char* TLS, long l
     vxTD->tlFpCPUTime = getThreadCpuTimeNs() - vxTD->tlFpCPUTime;
     long long cpu = vxTD->tlFpCPUTime;
     if (cpu < 0 || app->VXSys.enableCpuTime == 0) cpu = 0;
-    if (endTime < 1) endTime = app->Server.klvEpochDiffTime + vxTD->tlFlowPathTimeStampInMS;
+    if (endTime < 1)
+        endTime = vx::load_relaxed(app->Server.klvEpochDiffTime) + vxTD->tlFlowPathTimeStampInMS;
     vxTD->setEndFPFlag = 1;
 
     if (is_proxy_mode_agent(app)) {
@@ -438,7 +439,8 @@ extern "C" void endFP(VXPerThreadData_t* vxTD, int statusCode, char* TLS, long l
         vxTD = searchvxTDfromHashMap(TLS);
         if (!vxTD) return;
     }
-    vxTD->tlDuration = my_gettimeofday() - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
+    vxTD->tlDuration = my_gettimeofday() - vx::load_relaxed(app->Server.klvEpochDiffTime) -
+                       vxTD->tlFlowPathTimeStampInMS;
     vxMethodExitEx(vx::load_acquire(app->methodTable.DefaultMethod), vxTD,
                    const_cast<char*>(kRootMethodName), cpu, statusCode, nullptr, vxTD->tlDuration,
                    1, 0, 0, TLS, nullptr, endTime, nullptr);
@@ -486,7 +488,8 @@ extern "C" void dumpIncompleteFPAtTestStop(VXPerThreadData_t* vxTD)
     /* A flowpath that endFP already closed is waiting only for its reset:
      * its record 4 is out. */
     if (vxTD->setEndFPFlag) return;
-    vxTD->tlDuration = my_gettimeofday() - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
+    vxTD->tlDuration = my_gettimeofday() - vx::load_relaxed(app->Server.klvEpochDiffTime) -
+                       vxTD->tlFlowPathTimeStampInMS;
     vxTD->setEndFPFlag = 1;
     if (!vxTD->tlBTObj) {
         release_flowpath(app, vxTD);

@@ -152,7 +152,8 @@ extern "C" void* vxMethodEntryEx(void* methodPtr, VXPerThreadData_t* vxTD, char*
     vxTD = working_record(app, vxTD, TLS);
     if (!vxTD) return nullptr;
     if (startTime == 0) startTime = my_gettimeofday();
-    const long long offset = startTime - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
+    const long long offset =
+        startTime - vx::load_relaxed(app->Server.klvEpochDiffTime) - vxTD->tlFlowPathTimeStampInMS;
 
     methodPropProperties* m = resolve(app, methodPtr, vxTD, mName, true);
     if (!m) return nullptr;
@@ -214,7 +215,9 @@ extern "C" void* vxMethodExit(void* methodPtr, VXPerThreadData_t* vxTD, char* mN
     }
     if (is_proxy_mode_agent(app)) {
         /* The host's end time is kept: the frame carries what the host saw. */
-        if (endTime < 1) endTime = app->Server.klvEpochDiffTime + vxTD->tlFlowPathTimeStampInMS;
+        if (endTime < 1)
+            endTime =
+                vx::load_relaxed(app->Server.klvEpochDiffTime) + vxTD->tlFlowPathTimeStampInMS;
         methodPropProperties* m =
             mName ? getMethodPropFromMethodName(
                         mName, vx::load_acquire(app->methodTable.methodHashMapNode))
@@ -322,8 +325,11 @@ extern "C" void* vxMethodExitEx(void* methodPtr, VXPerThreadData_t* vxTD, char* 
     }
     vxTD = working_record(app, vxTD, TLS);
     if (!vxTD) return nullptr;
-    if (endTime < 1) endTime = app->Server.klvEpochDiffTime + vxTD->tlFlowPathTimeStampInMS;
-    const long long entryTimeStamp = (endTime - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS) / 1000;
+    if (endTime < 1)
+        endTime = vx::load_relaxed(app->Server.klvEpochDiffTime) + vxTD->tlFlowPathTimeStampInMS;
+    const long long entryTimeStamp =
+        (endTime - vx::load_relaxed(app->Server.klvEpochDiffTime) - vxTD->tlFlowPathTimeStampInMS) /
+        1000;
     if (statusCode >= 0) vxTD->tlStatusCode = statusCode;
     const int isError = (vxTD->tlStatusCode >= 200 && vxTD->tlStatusCode <= 299) ? 0 : 1;
 
@@ -421,8 +427,9 @@ extern "C" void* vxMethodExitException(void* methodPtr, VXPerThreadData_t* vxTD,
         vxMethodExitExceptionEncode(vxTD->flowpathInstance, mName, backendName, threadId, event_type);
         return nullptr;
     }
-    const long long entryTimeStamp =
-        my_gettimeofday() - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
+    const long long entryTimeStamp = my_gettimeofday() -
+                                     vx::load_relaxed(app->Server.klvEpochDiffTime) -
+                                     vxTD->tlFlowPathTimeStampInMS;
     /* The status only rises on the way out of an exception. */
     if (statusCode >= 0 && statusCode > vxTD->tlStatusCode) vxTD->tlStatusCode = statusCode;
     const int isError = (vxTD->tlStatusCode >= 200 && vxTD->tlStatusCode <= 299) ? 0 : 1;

@@ -7,15 +7,16 @@
 #include <cstring>
 #include <vector>
 
-#include "core/vx_hashmap.h"
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
+#include "core/vx_hashmap.h"
 #include "core/vx_platform.h"
+#include "core/vx_record_door.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_flowpath.h"
 #include "flowpath/vx_method_events.h"
-#include "core/vx_record_door.h"
 #include "monitor/vx_bt_monitor.h"
 
 namespace {
@@ -266,7 +267,8 @@ extern "C" long long generate_flowpath_instance(void)
     VXProxyInstance_t* app = vx_app();
     if (!app) return 0;
     const VXSys_t& sys = app->VXSys;
-    long long ts = (my_gettimeofday() - app->Server.klvEpochDiffTime) & sys.timeStampMask;
+    long long ts =
+        (my_gettimeofday() - vx::load_relaxed(app->Server.klvEpochDiffTime)) & sys.timeStampMask;
     /* The counter advances by 2 per instance and the instance takes the odd
      * value between: 1, 3, 5, ... One atomic step gives the same values as
      * two increments. */

@@ -45,8 +45,9 @@ constexpr long long kDefaultEpochOrigin = 1388534400000LL; /* 2014-01-01 00:00:0
 void synchronise_time(Server_t& srv)
 {
     if (srv.changeOriginalTime) {
-        srv.klvEpochDiffTime -= srv.diffTimeFromVXC;
-        srv.originalKlvEpochDiffTime = srv.klvEpochDiffTime;
+        vx::store_relaxed(srv.klvEpochDiffTime,
+                          vx::load_relaxed(srv.klvEpochDiffTime) - srv.diffTimeFromVXC);
+        srv.originalKlvEpochDiffTime = vx::load_relaxed(srv.klvEpochDiffTime);
     } else {
         srv.originalKlvEpochDiffTime -= srv.diffTimeFromVXC;
     }
@@ -67,7 +68,7 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
                            nullptr);
     srv.changeOriginalTime = 0;
     if (strstr(clientMsg, "klvEpochDiff")) {
-        srv.klvEpochDiffTime = 0;
+        vx::store_relaxed(srv.klvEpochDiffTime, 0);
         srv.originalKlvEpochDiffTime = kDefaultEpochOrigin;
     }
     if (!strstr(clientMsg, "TimeStampDiff")) srv.diffTimeFromVXC = 0;

@@ -85,8 +85,8 @@ extern "C" void setKlvEpochDiff(char* value, char*, int)
         VX_ERROR("CONTROL_THREAD", "Invalid value %s of keyword klvEpochDiff; the time base is kept", value);
         return;
     }
-    srv.klvEpochDiffTime = seconds * 1000;
-    srv.originalKlvEpochDiffTime = srv.klvEpochDiffTime;
+    vx::store_relaxed(srv.klvEpochDiffTime, seconds * 1000);
+    srv.originalKlvEpochDiffTime = vx::load_relaxed(srv.klvEpochDiffTime);
     srv.changeOriginalTime = seconds != 0 ? 1 : 0;
 }
 

@@ -317,7 +317,7 @@ extern "C" void vxlb_init_all_keywords(void)
     sys.enableCpuTime = 0;
     sys.bciInstrSessionPct = 0;
     sys.captureChildFPCPUTime = 0;
-    srv.klvEpochDiffTime = 0;
+    vx::store_relaxed(srv.klvEpochDiffTime, 0);
     srv.originalKlvEpochDiffTime = 1388534400000LL;
     vx::store_release(srv.testRunRunning, 0);
     srv.noInstrumentProfileMode = 0;

@@ -45,7 +45,7 @@ void session_start(int testIdx, long long klvEpochDiffTime, SessionData data)
         app->httpEntryLock = vx::mutex_create(app->control_pool);
     }
     vx::store_relaxed(app->Server.TestRunIDValue, testIdx);
-    app->Server.klvEpochDiffTime = klvEpochDiffTime;
+    vx::store_relaxed(app->Server.klvEpochDiffTime, klvEpochDiffTime);
     vx::store_relaxed(app->Server.gettingstopInstrumenatation, 0);
     vx::store_relaxed(app->Server.retryForDataConn, 1);
     app->Server.InstrumentationBusy = 1;

@@ -88,6 +88,9 @@ extern "C" void moveToReadList(void)
 extern "C" void moveToWriteList(void)
 {
     VXProxyInstance_t* app = vx_app();
+    /* Both locks, in their order: producers read VXBCIAgentBB, which this
+     * may set, under bufferWriteLock only. */
+    vx::VXLockGuard write(app->dataChannel.bufferWriteLock);
     vx::VXLockGuard guard(app->dataChannel.bufferMoveLock);
     nioSettings_t* node = take_head(app->dataChannel.readList, app->dataChannel.readListLast);
     if (!node) return;

@@ -91,7 +91,7 @@ extern "C" void setFPCaptured(VXPerThreadData_t* vxTD, long long fpi)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD) return;
-    const int pct = app->VXSys.bciInstrSessionPct;
+    const int pct = vx::load_relaxed(app->VXSys.bciInstrSessionPct);
     const int level = app->VXSys.fpTraceLevel;
     if ((pct > 0 && (pct > 99 || randomNum() % 100 < pct)) || vxTD->tlIsForceDump) {
         vxTD->tlIsFPCaptured = 1;
@@ -231,7 +231,7 @@ extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue,
 
     char* correlation = correlationIdHeader;
     char headerCopy[vx::kHeaderBufferSize];
-    if (sys.captureCorrelationEnabled && btHeaderValue) {
+    if (vx::load_relaxed(sys.captureCorrelationEnabled) && btHeaderValue) {
         vx::copy_text(headerCopy, sizeof headerCopy, btHeaderValue);
         correlation = getBtBaseOnHeader1(headerCopy, correlationIdHeader);
     }
@@ -319,7 +319,10 @@ extern "C" void dumpFPHeaderRecord(VXPerThreadData_t* vxTD)
         r.put(vxTD->tlThreadId);
     r.write(".1,", vxTD->tlBTObj->bt_id, ',', vxTD->tlURL);
     if (vxTD->tlURLParameters[0]) r.write('?', vxTD->tlURLParameters);
-    r.write(',', app->VXSys.captureCorrelationEnabled ? vxTD->tlCorrelationIdHeader : "", ',', vxTD->vxSessionId, ',');
+    r.write(
+        ',',
+        vx::load_relaxed(app->VXSys.captureCorrelationEnabled) ? vxTD->tlCorrelationIdHeader : "",
+        ',', vxTD->vxSessionId, ',');
     if (vxTD->klvSID > 0)
         r.put_zero_padded(vxTD->klvSID, 21);
     else

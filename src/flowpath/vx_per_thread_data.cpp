@@ -225,7 +225,12 @@ extern "C" void dumpFpFromBusyList(void)
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
     VXTLSPool_t& pool = app->tlsPool;
-    if (!pool.gBusyTLSHead) {
+    bool empty;
+    {
+        vx::VXLockGuard guard(pool.tlsMutex); /* host threads take and free slots */
+        empty = !pool.gBusyTLSHead;
+    }
+    if (empty) {
         VX_TRACE(app->VXSys.fpTraceLevel, 2, "FLOWPATH", "gBusyTLSHead is null. Hence returning.");
         return;
     }

@@ -223,7 +223,7 @@ extern "C" void setCorrelationID(char* value, char*, int)
 {
     VXSys_t& s = app()->VXSys;
     if (none(value)) {
-        s.captureCorrelationEnabled = 0;
+        vx::store_relaxed(s.captureCorrelationEnabled, 0);
         s.correlationIdHeader[0] = '\0';
         return;
     }
@@ -231,7 +231,7 @@ extern "C" void setCorrelationID(char* value, char*, int)
     vx::copy_text(text, sizeof text - 1, value);
     strcat(text, "=");
     vx::copy_text(s.correlationIdHeader, sizeof s.correlationIdHeader, text);
-    s.captureCorrelationEnabled = 1;
+    vx::store_relaxed(s.captureCorrelationEnabled, 1);
 }
 
 extern "C" void setHttpReqRespCaptureSettings(char* value, char* keyword, int)

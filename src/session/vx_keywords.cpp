@@ -1,5 +1,6 @@
 #include "session/vx_keywords.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -239,7 +240,12 @@ extern "C" void fill_vxAppLogStruct_info(int index, char* value)
 extern "C" void fill_int_data(char* target, char* value, int length)
 {
     const int v = atoi(value);
-    memcpy(target, &v, static_cast<size_t>(length < 4 ? length : 4));
+    /* A whole int field is stored atomically: host threads read settings
+     * such as bciInstrSessionPct while a start or modify writes them. */
+    if (length >= 4 && reinterpret_cast<uintptr_t>(target) % alignof(int) == 0)
+        vx::store_relaxed(*reinterpret_cast<int*>(target), v);
+    else
+        memcpy(target, &v, static_cast<size_t>(length < 4 ? length : 4));
 }
 
 extern "C" void fill_long_long_data(char* target, char* value, int length)
@@ -315,7 +321,7 @@ extern "C" void vxlb_init_all_keywords(void)
     Server_t& srv = app->Server;
     sys.enableForcedFlowpathChainMode = 1;
     sys.enableCpuTime = 0;
-    sys.bciInstrSessionPct = 0;
+    vx::store_relaxed(sys.bciInstrSessionPct, 0);
     sys.captureChildFPCPUTime = 0;
     vx::store_relaxed(srv.klvEpochDiffTime, 0);
     srv.originalKlvEpochDiffTime = 1388534400000LL;
@@ -331,7 +337,7 @@ extern "C" void vxlb_init_all_keywords(void)
     vx::store_relaxed(sys.closeCtrlConFlag, 0);
     sys.enableIPResourceURL = 0;
     sys.correlationIdHeader[0] = '\0';
-    sys.captureCorrelationEnabled = 0;
+    vx::store_relaxed(sys.captureCorrelationEnabled, 0);
     srv.instrProfBytesWritten = 0;
     vx::store_relaxed(srv.gettingstopInstrumenatation, 0);
     srv.dumpremainingtstime = 0;

@@ -38,13 +38,21 @@ bool vx::wait_or_shutdown(apr_interval_time_t us)
 
 namespace {
 
+/* Out of line: apr_thread_exit unwinds without returning, and under
+ * AddressSanitizer the atomic accessors' stack slots must not be in the
+ * frame it abandons. */
+[[gnu::noinline]] void mark_ended(VXProxyInstance_t* app)
+{
+    vx::store_relaxed(app->controlLink.control_thread_running, 0);
+    /* Last, with release: agent_shutdown waits for this (see there). */
+    vx::store_release(closeCtrlThread, 0);
+}
+
 [[noreturn]] void end_thread(apr_thread_t* thread)
 {
     VXProxyInstance_t* app = vx_app();
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Control thread ends");
-    vx::store_relaxed(app->controlLink.control_thread_running, 0);
-    /* Last, with release: agent_shutdown waits for this (see there). */
-    vx::store_release(closeCtrlThread, 0);
+    mark_ended(app);
     apr_thread_exit(thread, APR_SUCCESS);
     __builtin_unreachable();
 }

@@ -189,12 +189,22 @@ extern "C" void close_data_connection(void)
     if (wsi) kill_lws_connection(wsi);
 }
 
+namespace {
+/* Out of line: apr_thread_exit unwinds without returning, and under
+ * AddressSanitizer the atomic accessors' stack slots must not be in the
+ * frame it abandons. */
+[[gnu::noinline]] void mark_ended(VXProxyInstance_t* app)
+{
+    vx::store_relaxed(app->VXBCISetting.data_thread_running, 0);
+}
+}  // namespace
+
 extern "C" void clean_data_thread(void)
 {
     VXProxyInstance_t* app = vx_app();
     close_data_connection();
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD", "Data thread ends");
-    vx::store_relaxed(app->VXBCISetting.data_thread_running, 0);
+    mark_ended(app);
     apr_thread_exit(tl_data_thread, APR_SUCCESS);
 }
 

@@ -5,19 +5,20 @@
 #include <apr_signal.h>
 #include <apr_strings.h>
 #include <apr_time.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
-#include "bt/vx_bt_object.h"
 #include "agent/vx_bci_setting.h"
-#include "core/vx_hashmap.h"
 #include "agent/vx_instance.h"
 #include "agent/vx_settings.h"
-#include "core/vx_text.h"
 #include "agent/vx_sys.h"
+#include "bt/vx_bt_object.h"
+#include "core/vx_atomic.h"
+#include "core/vx_hashmap.h"
+#include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "agent/vx_trace_setup.h"
@@ -25,8 +26,8 @@
 #include "flowpath/vx_per_thread_data.h"
 #include "flowpath/vx_thread_id_map.h"
 #include "link/vx_control_thread.h"
-#include "session/vx_session_data.h"
 #include "monitor/vx_bt_monitor.h"
+#include "session/vx_session_data.h"
 
 int startedWithExc = 0;
 
@@ -44,7 +45,7 @@ void run_proxy_process() {}
 void start_control_thread(VXProxyInstance_t* app)
 {
     char err[256] = "";
-    app->controlLink.control_thread_running = 1;
+    vx::store_relaxed(app->controlLink.control_thread_running, 1);
     if (vxlb_thread_create(&app->controlLink.control_thread_id, control_thread_entry_fun, app, err, sizeof err,
                            app->control_pool) == 0) {
         VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
@@ -52,7 +53,7 @@ void start_control_thread(VXProxyInstance_t* app)
                  static_cast<long long>(reinterpret_cast<intptr_t>(app->controlLink.control_thread_id)));
     } else {
         app->controlLink.control_thread_id = nullptr;
-        app->controlLink.control_thread_running = 0;
+        vx::store_relaxed(app->controlLink.control_thread_running, 0);
         VX_ERROR("CONTROL_THREAD", "Error in creating control thread... '%s'", err);
     }
 }
@@ -202,13 +203,16 @@ extern "C" void checkAllConnectionsReadyToClose(void)
 {
     VXProxyInstance_t* app = vx_app();
     /* Without a control thread nobody would clear the flag. */
-    closeCtrlThread = (app && app->controlLink.control_thread_running) ? 1 : 0;
+    vx::store_relaxed(closeCtrlThread,
+                      (app && vx::load_relaxed(app->controlLink.control_thread_running)) ? 1 : 0);
     /* Polled every 50 ms rather than every second: the bound stays six
      * seconds, and a clean stop returns at once. */
     constexpr int kStepMs = 50;
     for (int waited = 0; waited < vx::kShutdownWaitSeconds * 1000; waited += kStepMs) {
         if (app && app->VXBCISetting.autoSensor_thread_running == 0) app->toStopASThread = 0;
-        if (closeCtrlThread == 0 && (!app || app->toStopASThread == 0)) break;
+        /* Acquire: once the thread cleared the flag, all it did before
+         * ending is seen by the caller of agent_shutdown. */
+        if (vx::load_acquire(closeCtrlThread) == 0 && (!app || app->toStopASThread == 0)) break;
         apr_sleep(apr_time_from_msec(kStepMs));
     }
 }
@@ -219,7 +223,7 @@ extern "C" void agent_shutdown(void) VX_NOEXCEPT
     if (!app) return;
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "closing all connections");
     app->toStopASThread = 1;
-    app->VXSys.closeCtrlConFlag = 1;
+    vx::store_relaxed(app->VXSys.closeCtrlConFlag, 1);
     checkAllConnectionsReadyToClose();
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "closing all connections done");
 }

@@ -6,9 +6,10 @@
 #include "core/vx_host_call.h"
 
 #include "agent/vx_instance.h"
-#include "core/vx_platform.h"
 #include "agent/vx_sdk_log.h"
 #include "agent/vx_sys.h"
+#include "core/vx_atomic.h"
+#include "core/vx_platform.h"
 
 callback_func agent_callback_func = nullptr;
 test_status test_status_func = nullptr;
@@ -126,7 +127,7 @@ extern "C" void register_thread_dump_callback(thread_dump_func cb) VX_NOEXCEPT
     vx::call_host("vx_cookie", vx_cookie_callback_func, s.vxSessionCookieName, s.cookieDomainName,
                   s.headerInResponse, cookie_method_position(s), s.vxSessionIdleTimeOutSecs);
     vx::call_host("kp_cookie", kp_cookie_callback_func, s.KPCookieName);
-    vx::call_host("test_status", test_status_func, static_cast<int>(app->Server.testRunRunning));
+    vx::call_host("test_status", test_status_func, static_cast<int>(vx::load_relaxed(app->Server.testRunRunning)));
 }
 
 extern "C" void register_vx_cookie_callback(vx_cookie_func cb) VX_NOEXCEPT

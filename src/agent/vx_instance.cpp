@@ -1,5 +1,7 @@
 #include "agent/vx_instance.h"
 
+#include "core/vx_atomic.h"
+
 VXProxyInstance_t* VXProxyInstance = nullptr;
 VXProxyInstance_t* VXProxyUdpInstance = nullptr;
 VXProxyInstance_t* tlvxApplication = nullptr;
@@ -9,7 +11,7 @@ char* pool_name = nullptr;
 char* proc_name = nullptr;
 apr_pool_t* proxy_pool = nullptr;
 char conf_file[vx::kPathSize];
-volatile int closeCtrlThread = 0;
+int closeCtrlThread = 0;
 int active_vxc_idx = 0;
 
 namespace vx {

@@ -170,7 +170,7 @@ extern apr_pool_t* proxy_pool;
 extern char conf_file[vx::kPathSize];
 
 /* Set to ask the control thread to stop; it clears it as it goes. */
-extern volatile int closeCtrlThread;
+extern int closeCtrlThread;
 /* The position in vxc_server_arr that get_active_vxc returns. */
 extern int active_vxc_idx;
 }

@@ -7,6 +7,7 @@
 #include "agent/vx_instance.h"
 #include "agent/vx_settings.h"
 #include "agent/vx_sys.h"
+#include "core/vx_atomic.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
@@ -79,7 +80,7 @@ extern "C" void setControlConnectionReqMessage(void)
                  "lastConnectionTimeStamp=%lld;connDuration=%lld;connDestination=%s;agentName=%s;"
                  "supportedProtocols=%s;authtoken=%s;tags=%s;attributes=%s;protoVer=%d; \n",
                  text_or(s.appName, "NA"), text_or(s.appServerName, "NA"),
-                 text_or(s.tierName, "NA"), text_or(app->VXSys.vxBuild, "NA"),
+                 text_or(s.tierName, "NA"), text_or(vx::load_acquire(app->VXSys.vxBuild), "NA"),
                  app->VXSys.bciStartUpTime, vx_settings_home_path(), getPID(), now, type,
                  s.serverIp, text_or(s.appServerName, "NA"), type, s.machineType, srv.requestType,
                  srv.lastConnectionTime, srv.connDuration, srv.connDestination,

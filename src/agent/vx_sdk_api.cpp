@@ -10,12 +10,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/vx_hashmap.h"
 #include "agent/vx_instance.h"
-#include "core/vx_platform.h"
 #include "agent/vx_sdk_api_private.h"
 #include "agent/vx_sdk_log.h"
 #include "agent/vx_sys.h"
+#include "core/vx_atomic.h"
+#include "core/vx_hashmap.h"
+#include "core/vx_platform.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "diag/vx_exception_capture.h"
@@ -61,12 +62,13 @@ VXPerThreadData_t* record_of(vxBTHandle h)
 /* Callouts are handed over only while a session runs and is not stopping. */
 bool callouts_accepted(const VXProxyInstance_t* app)
 {
-    return app && app->Server.testRunRunning && !app->Server.gettingstopInstrumenatation;
+    return app && vx::load_relaxed(app->Server.testRunRunning) &&
+           !vx::load_relaxed(app->Server.gettingstopInstrumenatation);
 }
 
 bool session_running(const VXProxyInstance_t* app)
 {
-    return app && app->Server.testRunRunning;
+    return app && vx::load_relaxed(app->Server.testRunRunning);
 }
 
 /* The kernel id of the calling thread, read now: a host thread may be a
@@ -140,7 +142,7 @@ extern "C" void vx_init2(char* agent_type, char* logfile_name, char* agent_Versi
      * right after this call, and the collector needs the time to start a
      * session, whatever the control thread has reached. */
     g_sleep(vx::kSdkStartWaitSeconds);
-    app->Server.lastHeartBeatRcvTime = my_gettimeofday();
+    vx::store_relaxed(app->Server.lastHeartBeatRcvTime, my_gettimeofday());
 }
 
 extern "C" void vx_init(void) VX_NOEXCEPT
@@ -381,7 +383,7 @@ extern "C" int getTopoFpStr(VXPerThreadData_t* vxTD, char* str) VX_NOEXCEPT
         return 1;
     }
     const VXBCISetting_t& bci = app->VXBCISetting;
-    const int run = app->Server.TestRunIDValue;
+    const int run = vx::load_relaxed(app->Server.TestRunIDValue);
     snprintf(str, vx::kTopoTextSize, " [TOPO:%d:%s:%s:%s][FP:%d:%lld:%lld:%lld:%lld:%lld] ", run,
              bci.tierName ? bci.tierName : "", bci.appServerName ? bci.appServerName : "",
              bci.appName ? bci.appName : "", run, vxTD->flowpathInstance,

@@ -6,6 +6,7 @@
 #include <initializer_list>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_platform.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_method_events.h"
@@ -116,17 +117,22 @@ extern "C" int setVxBuild(char** value)
         if (used >= vx::kBuildTextMax) break;
     }
     fclose(fp);
+    /* Read again on every collector line while other threads print it in
+     * the trace log header: an unchanged text keeps its copy, and a changed
+     * one is published whole (release) and the old copy deliberately kept,
+     * since a reader may still hold it. It changes only with the file. */
+    char* current = vx::load_acquire(*value);
+    if (current && strcmp(current, text) == 0) return 0;
     char* copy = strdup(text);
     if (!copy) return 1;
-    free(*value);
-    *value = copy;
+    vx::store_release(*value, copy);
     return 0;
 }
 
 extern "C" char* getVxBuild(void)
 {
     VXProxyInstance_t* app = vx_app();
-    return app ? app->VXSys.vxBuild : nullptr;
+    return app ? vx::load_acquire(app->VXSys.vxBuild) : nullptr;
 }
 
 extern "C" long long getPID(void)

@@ -120,7 +120,10 @@ void setProxyVXHome(char* agent_type);
 char* getVXHome(void);
 void setAgentPath(char* agent_path, char* path, char* agnt_type);
 
-/* Read "<home>/version" into *value (a heap copy). 0, or 1 without the file. */
+/* Read "<home>/version" into *value (a heap copy, kept while the text is
+ * unchanged; a replaced copy is not freed, as other threads may hold it).
+ * 0, or 1 without the file. Thread: the control thread; readers load
+ * *value with vx::load_acquire. */
 int setVxBuild(char** value);
 char* getVxBuild(void);
 long long getPID(void);

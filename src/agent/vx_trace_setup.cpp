@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_platform.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
@@ -66,13 +67,13 @@ long long roll_over_size()
 int test_run()
 {
     VXProxyInstance_t* app = vx_app();
-    return app ? app->Server.TestRunIDValue : 0;
+    return app ? vx::load_relaxed(app->Server.TestRunIDValue) : 0;
 }
 
 const char* build_text()
 {
     VXProxyInstance_t* app = vx_app();
-    return app ? app->VXSys.vxBuild : nullptr;
+    return app ? vx::load_acquire(app->VXSys.vxBuild) : nullptr;
 }
 
 constexpr vx::TraceLogOwner kOwner = {roll_over_size, test_run, build_text, destination, route_to_proxy};

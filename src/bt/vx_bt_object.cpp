@@ -1,16 +1,17 @@
 #include "bt/vx_bt_object.h"
 
+#include <apr_strings.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include <apr_strings.h>
-
-#include "core/vx_hashmap.h"
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
+#include "core/vx_hashmap.h"
+#include "core/vx_record_door.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
-#include "core/vx_record_door.h"
 
 namespace {
 
@@ -98,7 +99,8 @@ extern "C" int findCategoryOfBT(Threshold bt_threshold, long long duration, int 
     if (duration < bt_threshold.slow) {
         /* A flowpath kept only for its method data is dropped when it turns
          * out to be fast. */
-        if (app && vxTD && app->VXSys.bciInstrSessionPct == 0 && app->VXSys.captureMethodForAllFP == 1)
+        if (app && vxTD && vx::load_relaxed(app->VXSys.bciInstrSessionPct) == 0 &&
+            app->VXSys.captureMethodForAllFP == 1)
             vxTD->tlIsFPCaptured = 0;
         return kCategoryNormal;
     }

@@ -32,6 +32,11 @@ inline constexpr int kFlowpathRecordSize = 16384;   /* records 2, 3, 4: cut at 1
 inline constexpr int kMetaRecordSize = 1024;        /* metadata records: cut at 1,023 bytes */
 inline constexpr int kTagRecordSize = 5120;         /* records 110 and 111 */
 
+/* Method table and its profiles. */
+inline constexpr int kMethodKeySize = 2048;         /* a method's key; record 5 with its signature */
+inline constexpr int kProfileLineSize = 1024;       /* profile lines are cut to 1,023 bytes */
+inline constexpr int kProfileArgsMax = 1024;        /* arguments read of one signature */
+
 /* Collector link. */
 inline constexpr int kFileKeywordSlots = 127;       /* kywdInfo: files by keyword index */
 inline constexpr int kFileNameSize = 2048;          /* keywordInfo.fileName, instrProfile.filepath */

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/vx_atomic.h"
 #include "core/vx_platform.h"
 #include "core/vx_thread.h"
 
@@ -98,7 +99,7 @@ void write_line(MTTraceLogKey* key, Route route, const char* thread_name, long l
     FILE* fp = vxlb_open_mt_trace_log(key, &key->log_file_size);
     if (!fp) return;
     size_t w = fwrite(buf, 1, static_cast<size_t>(total), fp);
-    __atomic_add_fetch(&key->log_file_size, static_cast<int>(w), __ATOMIC_RELAXED);
+    vx::fetch_add_relaxed(key->log_file_size, static_cast<int>(w));
     fflush(fp);
 }
 
@@ -152,18 +153,20 @@ extern "C" void vx_open_log_file(MTTraceLogKey* key, int* log_file_size, char ta
     if (takeLock && key->lock) apr_thread_mutex_lock(key->lock);
     int idx = key->cur_index;
     if (!key->fp[idx]) {
-        *log_file_size = 0;
+        vx::store_relaxed(*log_file_size, 0); /* writers add to it without the lock */
         /* "e": the descriptor is not inherited by the host's child processes. */
-        key->fp[idx] = fopen(key->log_file[idx], "ae");
-        if (key->fp[idx] && key->print_header) {
+        FILE* fp = fopen(key->log_file[idx], "ae");
+        if (fp && key->print_header) {
             const vx::TraceLogOwner* o = g_owner.load(std::memory_order_acquire);
             const char* build = (o && o->build_text) ? o->build_text() : nullptr;
             if (!build) build = "";
-            int n = fprintf(key->fp[idx], "%s%s", kHeaderLine, build);
-            if (n > 0) *log_file_size += n;
-            fflush(key->fp[idx]);
+            int n = fprintf(fp, "%s%s", kHeaderLine, build);
+            if (n > 0) vx::fetch_add_relaxed(*log_file_size, n);
+            fflush(fp);
             key->print_header = 0;
         }
+        /* Writers pick the file up without the lock, header written. */
+        vx::store_release(key->fp[idx], fp);
     }
     if (takeLock && key->lock) apr_thread_mutex_unlock(key->lock);
 }
@@ -175,11 +178,11 @@ extern "C" void roll_over_file(MTTraceLogKey* key, int* log_file_size)
     /* The other file is the older one: it goes, so at most two remain. */
     if (key->fp[other]) {
         fclose(key->fp[other]);
-        key->fp[other] = nullptr;
+        vx::store_release(key->fp[other], static_cast<FILE*>(nullptr));
         remove(key->log_file[other]);
     }
     key->print_header = 1;
-    key->cur_index = other;
+    vx::store_release(key->cur_index, other);
     vx_open_log_file(key, log_file_size, 0);
 }
 
@@ -187,12 +190,15 @@ extern "C" FILE* vxlb_open_mt_trace_log(MTTraceLogKey* key, int* log_file_size)
 {
     if (!key) return nullptr;
     long long limit = roll_over_size();
-    if (__atomic_load_n(log_file_size, __ATOMIC_RELAXED) >= limit) {
+    if (vx::load_relaxed(*log_file_size) >= limit) {
         vx::VXLockGuard guard(key->lock);
-        if (*log_file_size >= limit) roll_over_file(key, log_file_size);
+        if (vx::load_relaxed(*log_file_size) >= limit) roll_over_file(key, log_file_size);
     }
-    if (!key->fp[key->cur_index]) vx_open_log_file(key, log_file_size, 1);
-    return key->fp[key->cur_index];
+    /* Without the lock: the file and its index are published whole. */
+    FILE* fp = vx::load_acquire(key->fp[vx::load_acquire(key->cur_index)]);
+    if (fp) return fp;
+    vx_open_log_file(key, log_file_size, 1);
+    return vx::load_acquire(key->fp[vx::load_acquire(key->cur_index)]);
 }
 
 extern "C" char* get_cur_date_time_r(char* cur_date_time, int len)

@@ -2,16 +2,18 @@
 
 #include <apr_time.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstdint>
 #include <cstring>
 
+#include "agent/vx_instance.h"
 #include "bt/vx_bt_object.h"
+#include "core/vx_atomic.h"
 #include "core/vx_encode.h"
 #include "core/vx_hashmap.h"
-#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
+#include "core/vx_record_door.h"
 #include "core/vx_text.h"
 #include "core/vx_text_writer.h"
 #include "core/vx_thread.h"
@@ -22,7 +24,6 @@
 #include "flowpath/vx_session_cookie.h"
 #include "flowpath/vx_td_key_map.h"
 #include "http/vx_trace_context.h"
-#include "core/vx_record_door.h"
 #include "monitor/vx_bt_monitor.h"
 #include "proxy/vx_frame_encoder.h"
 
@@ -48,7 +49,10 @@ bool is_proxy_mode_agent(const VXProxyInstance_t* app)
 int category_of(VXPerThreadData_t* vxTD)
 {
     if (vxTD->tlIsBTExcluded) return kCategoryExcluded;
-    return findCategoryOfBT(vxTD->tlBTObj->bt_threshold, vxTD->tlDuration, vxTD->tlStatusCode, vxTD);
+    /* Other threads running the same BT may refresh its thresholds. */
+    Threshold& shared = vxTD->tlBTObj->bt_threshold;
+    const Threshold t{vx::load_relaxed(shared.slow), vx::load_relaxed(shared.very_slow)};
+    return findCategoryOfBT(t, vxTD->tlDuration, vxTD->tlStatusCode, vxTD);
 }
 
 /* Drop the flowpath's entry in fpiToTLS, if it is still this record's. */
@@ -87,7 +91,7 @@ extern "C" void setFPCaptured(VXPerThreadData_t* vxTD, long long fpi)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD) return;
-    const int pct = app->VXSys.bciInstrSessionPct;
+    const int pct = vx::load_relaxed(app->VXSys.bciInstrSessionPct);
     const int level = app->VXSys.fpTraceLevel;
     if ((pct > 0 && (pct > 99 || randomNum() % 100 < pct)) || vxTD->tlIsForceDump) {
         vxTD->tlIsFPCaptured = 1;
@@ -152,9 +156,14 @@ extern "C" void setBTObjInThreadLocal(VXPerThreadData_t* vxTD, char* httpMethod,
     if (vxTD->tlBTObj) {
         vxTD->tlIsBTExcluded = 0;
         /* Within a run every BT is judged by the instance-wide thresholds. */
-        if (app->Server.testRunRunning == 1 && app->VXBCISetting.data_thread_running == 1) {
-            vxTD->tlBTObj->bt_threshold.slow = app->allSlow;
-            vxTD->tlBTObj->bt_threshold.very_slow = app->allVerySlow;
+        if (vx::load_relaxed(app->Server.testRunRunning) == 1 &&
+            vx::load_relaxed(app->VXBCISetting.data_thread_running) == 1) {
+            /* A BT is shared by every thread that runs it: each writes the
+             * same values, atomically, and only when they differ. */
+            Threshold& t = vxTD->tlBTObj->bt_threshold;
+            if (vx::load_relaxed(t.slow) != app->allSlow) vx::store_relaxed(t.slow, app->allSlow);
+            if (vx::load_relaxed(t.very_slow) != app->allVerySlow)
+                vx::store_relaxed(t.very_slow, app->allVerySlow);
         }
         return;
     }
@@ -179,7 +188,8 @@ extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue,
                          long long qTimeInMS, long long startTimeFP) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || !app->Server.testRunRunning || app->Server.gettingstopInstrumenatation)
+    if (!app || !vx::load_relaxed(app->Server.testRunRunning) ||
+        vx::load_relaxed(app->Server.gettingstopInstrumenatation))
         return nullptr;
     const VXSys_t& sys = app->VXSys;
 
@@ -193,7 +203,7 @@ extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue,
 
     if (startTimeFP < 1) startTimeFP = my_gettimeofday();
     vxTD->fpStartTimeforReset = apr_time_now();
-    vxTD->tlFlowPathTimeStampInMS = startTimeFP - app->Server.klvEpochDiffTime;
+    vxTD->tlFlowPathTimeStampInMS = startTimeFP - vx::load_relaxed(app->Server.klvEpochDiffTime);
 
     /* The caller's correlation text: a chain header, an instance number made
      * by an agent, or nothing. Never written into: it is the host's. */
@@ -221,7 +231,7 @@ extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue,
 
     char* correlation = correlationIdHeader;
     char headerCopy[vx::kHeaderBufferSize];
-    if (sys.captureCorrelationEnabled && btHeaderValue) {
+    if (vx::load_relaxed(sys.captureCorrelationEnabled) && btHeaderValue) {
         vx::copy_text(headerCopy, sizeof headerCopy, btHeaderValue);
         correlation = getBtBaseOnHeader1(headerCopy, correlationIdHeader);
     }
@@ -261,8 +271,9 @@ extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue,
                      vxTD->flowpathInstanceStr);
         saveNodeAndIncrementMethodRefCount(vxTD);
         /* Transaction tags of the BT are resolved here once tags exist. */
-        vxMethodEntryEx(app->methodTable.DefaultMethod, vxTD, const_cast<char*>(kRootMethodName), url,
-                        nullptr, 0, nullptr, 1, TLS, startTimeFP, nullptr);
+        vxMethodEntryEx(vx::load_acquire(app->methodTable.DefaultMethod), vxTD,
+                        const_cast<char*>(kRootMethodName), url, nullptr, 0, nullptr, 1, TLS,
+                        startTimeFP, nullptr);
     } else {
         char plain[vx::kURLSize];
         vx::copy_text(plain, sizeof plain, url);
@@ -308,7 +319,10 @@ extern "C" void dumpFPHeaderRecord(VXPerThreadData_t* vxTD)
         r.put(vxTD->tlThreadId);
     r.write(".1,", vxTD->tlBTObj->bt_id, ',', vxTD->tlURL);
     if (vxTD->tlURLParameters[0]) r.write('?', vxTD->tlURLParameters);
-    r.write(',', app->VXSys.captureCorrelationEnabled ? vxTD->tlCorrelationIdHeader : "", ',', vxTD->vxSessionId, ',');
+    r.write(
+        ',',
+        vx::load_relaxed(app->VXSys.captureCorrelationEnabled) ? vxTD->tlCorrelationIdHeader : "",
+        ',', vxTD->vxSessionId, ',');
     if (vxTD->klvSID > 0)
         r.put_zero_padded(vxTD->klvSID, 21);
     else
@@ -409,12 +423,13 @@ extern "C" void endFP(VXPerThreadData_t* vxTD, int statusCode, char* TLS, long l
 {
     (void)fpCPUTime;
     VXProxyInstance_t* app = vx_app();
-    if (!app || !vxTD || !app->Server.testRunRunning) return;
+    if (!app || !vxTD || !vx::load_relaxed(app->Server.testRunRunning)) return;
 
     vxTD->tlFpCPUTime = getThreadCpuTimeNs() - vxTD->tlFpCPUTime;
     long long cpu = vxTD->tlFpCPUTime;
     if (cpu < 0 || app->VXSys.enableCpuTime == 0) cpu = 0;
-    if (endTime < 1) endTime = app->Server.klvEpochDiffTime + vxTD->tlFlowPathTimeStampInMS;
+    if (endTime < 1)
+        endTime = vx::load_relaxed(app->Server.klvEpochDiffTime) + vxTD->tlFlowPathTimeStampInMS;
     vxTD->setEndFPFlag = 1;
 
     if (is_proxy_mode_agent(app)) {
@@ -427,9 +442,11 @@ extern "C" void endFP(VXPerThreadData_t* vxTD, int statusCode, char* TLS, long l
         vxTD = searchvxTDfromHashMap(TLS);
         if (!vxTD) return;
     }
-    vxTD->tlDuration = my_gettimeofday() - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
-    vxMethodExitEx(app->methodTable.DefaultMethod, vxTD, const_cast<char*>(kRootMethodName), cpu,
-                   statusCode, nullptr, vxTD->tlDuration, 1, 0, 0, TLS, nullptr, endTime, nullptr);
+    vxTD->tlDuration = my_gettimeofday() - vx::load_relaxed(app->Server.klvEpochDiffTime) -
+                       vxTD->tlFlowPathTimeStampInMS;
+    vxMethodExitEx(vx::load_acquire(app->methodTable.DefaultMethod), vxTD,
+                   const_cast<char*>(kRootMethodName), cpu, statusCode, nullptr, vxTD->tlDuration,
+                   1, 0, 0, TLS, nullptr, endTime, nullptr);
     if (!vxTD->tlBTObj) {
         /* Nothing to report; release what the flowpath holds so that the
          * record is clean for reuse. */
@@ -452,7 +469,7 @@ extern "C" void endFP(VXPerThreadData_t* vxTD, int statusCode, char* TLS, long l
 extern "C" void reset(VXPerThreadData_t* vxTD) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || !vxTD || !app->Server.testRunRunning) return;
+    if (!app || !vxTD || !vx::load_relaxed(app->Server.testRunRunning)) return;
     if (is_proxy_mode_agent(app)) transactionResetEncode(vxTD->flowpathInstance);
     if (app->VXAgentSetting.enableProxyServer == 1) vx::td_key_map_forget(vxTD);
     /* A host may reset without ending: what the flowpath still holds goes
@@ -474,7 +491,8 @@ extern "C" void dumpIncompleteFPAtTestStop(VXPerThreadData_t* vxTD)
     /* A flowpath that endFP already closed is waiting only for its reset:
      * its record 4 is out. */
     if (vxTD->setEndFPFlag) return;
-    vxTD->tlDuration = my_gettimeofday() - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
+    vxTD->tlDuration = my_gettimeofday() - vx::load_relaxed(app->Server.klvEpochDiffTime) -
+                       vxTD->tlFlowPathTimeStampInMS;
     vxTD->setEndFPFlag = 1;
     if (!vxTD->tlBTObj) {
         release_flowpath(app, vxTD);

@@ -1,17 +1,19 @@
 #include "flowpath/vx_method_events.h"
 
 #include <apr_hash.h>
+#include <strings.h>
 
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <strings.h>
 
+#include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_encode.h"
 #include "core/vx_hashmap.h"
-#include "agent/vx_instance.h"
 #include "core/vx_platform.h"
+#include "core/vx_record_door.h"
 #include "core/vx_text.h"
 #include "core/vx_text_writer.h"
 #include "core/vx_thread.h"
@@ -22,7 +24,6 @@
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_td_key_map.h"
 #include "http/vx_header_ids.h"
-#include "core/vx_record_door.h"
 #include "monitor/vx_backend_monitor.h"
 #include "proxy/vx_frame_encoder.h"
 
@@ -63,7 +64,7 @@ methodPropProperties* resolve(VXProxyInstance_t* app, void* methodPtr, VXPerThre
                               char* mName, bool create)
 {
     VXMethodTable_t& t = app->methodTable;
-    node_t* current = __atomic_load_n(&t.methodHashMapNode, __ATOMIC_ACQUIRE);
+    node_t* current = vx::load_acquire(t.methodHashMapNode);
     auto* m = static_cast<methodPropProperties*>(methodPtr);
     if (m && vxTD->hasMapNodePtr == current && m->generation == current &&
         app->VXAgentSetting.enableProxyServer == 0)
@@ -112,11 +113,13 @@ extern "C" void* vxMethodEntry(void* methodPtr, VXPerThreadData_t* vxTD, char* m
                                long long startTime, char* DBQueryParam) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || !vxTD || !app->Server.testRunRunning) return nullptr;
+    if (!app || !vxTD || !vx::load_relaxed(app->Server.testRunRunning)) return nullptr;
     if (is_proxy_mode_agent(app)) {
         /* Only what the host needs stays here; the proxy does the rest. */
-        methodPropProperties* m = mName ? getMethodPropFromMethodName(mName, app->methodTable.methodHashMapNode)
-                                        : nullptr;
+        methodPropProperties* m =
+            mName ? getMethodPropFromMethodName(
+                        mName, vx::load_acquire(app->methodTable.methodHashMapNode))
+                  : nullptr;
         if (m) {
             CreateMdata(m->methodId, startTime ? startTime : my_gettimeofday(), getThreadCpuTimeNs(), vxTD);
         } else {
@@ -139,7 +142,7 @@ extern "C" void* vxMethodEntryEx(void* methodPtr, VXPerThreadData_t* vxTD, char*
 {
     (void)pName;
     VXProxyInstance_t* app = vx_app();
-    if (!app || !vxTD || !app->Server.testRunRunning) return nullptr;
+    if (!app || !vxTD || !vx::load_relaxed(app->Server.testRunRunning)) return nullptr;
     if (!mName || !*mName) {
         VX_TRACE(app->VXSys.fpTraceLevel, 1, "FLOWPATH", "Method Name for %lld is : '%s'.",
                  vxTD->flowpathInstance, mName ? mName : "");
@@ -149,13 +152,14 @@ extern "C" void* vxMethodEntryEx(void* methodPtr, VXPerThreadData_t* vxTD, char*
     vxTD = working_record(app, vxTD, TLS);
     if (!vxTD) return nullptr;
     if (startTime == 0) startTime = my_gettimeofday();
-    const long long offset = startTime - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
+    const long long offset =
+        startTime - vx::load_relaxed(app->Server.klvEpochDiffTime) - vxTD->tlFlowPathTimeStampInMS;
 
     methodPropProperties* m = resolve(app, methodPtr, vxTD, mName, true);
     if (!m) return nullptr;
     /* Written only when it changes: every thread's entries of a method read
      * this line, and a store on each would bounce it between cores. */
-    if (!m->usedFlag) m->usedFlag = 1;
+    if (!vx::load_relaxed(m->usedFlag)) vx::store_relaxed(m->usedFlag, 1);
     if (skipped_by_host(app, m)) return nullptr;
 
     if (!(m->isEntryPoint & kEntryPointService)) ++vxTD->tlNonServiceMethodCount;
@@ -205,15 +209,19 @@ extern "C" void* vxMethodExit(void* methodPtr, VXPerThreadData_t* vxTD, char* mN
                               char** strSpan) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || !vxTD || !app->Server.testRunRunning) {
+    if (!app || !vxTD || !vx::load_relaxed(app->Server.testRunRunning)) {
         VX_TRACE(VX_LEVEL(fpTraceLevel), 4, "FLOWPATH", "vxTD is null, returning");
         return nullptr;
     }
     if (is_proxy_mode_agent(app)) {
         /* The host's end time is kept: the frame carries what the host saw. */
-        if (endTime < 1) endTime = app->Server.klvEpochDiffTime + vxTD->tlFlowPathTimeStampInMS;
-        methodPropProperties* m = mName ? getMethodPropFromMethodName(mName, app->methodTable.methodHashMapNode)
-                                        : nullptr;
+        if (endTime < 1)
+            endTime =
+                vx::load_relaxed(app->Server.klvEpochDiffTime) + vxTD->tlFlowPathTimeStampInMS;
+        methodPropProperties* m =
+            mName ? getMethodPropFromMethodName(
+                        mName, vx::load_acquire(app->methodTable.methodHashMapNode))
+                  : nullptr;
         if (m) {
             UpdateMData(endTime, m->methodId, vxTD, &fpCPUTime, &methodWallTime);
         } else {
@@ -309,7 +317,7 @@ extern "C" void* vxMethodExitEx(void* methodPtr, VXPerThreadData_t* vxTD, char* 
 {
     (void)strSpan; /* STAND-IN(spans): callout spans are returned here */
     VXProxyInstance_t* app = vx_app();
-    if (!app || !vxTD || !app->Server.testRunRunning) return nullptr;
+    if (!app || !vxTD || !vx::load_relaxed(app->Server.testRunRunning)) return nullptr;
     if (!mName || !*mName) {
         VX_TRACE(app->VXSys.fpTraceLevel, 1, "FLOWPATH", "Method name for '%lld' is : '%s'.",
                  vxTD->flowpathInstance, mName ? mName : "");
@@ -317,14 +325,18 @@ extern "C" void* vxMethodExitEx(void* methodPtr, VXPerThreadData_t* vxTD, char* 
     }
     vxTD = working_record(app, vxTD, TLS);
     if (!vxTD) return nullptr;
-    if (endTime < 1) endTime = app->Server.klvEpochDiffTime + vxTD->tlFlowPathTimeStampInMS;
-    const long long entryTimeStamp = (endTime - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS) / 1000;
+    if (endTime < 1)
+        endTime = vx::load_relaxed(app->Server.klvEpochDiffTime) + vxTD->tlFlowPathTimeStampInMS;
+    const long long entryTimeStamp =
+        (endTime - vx::load_relaxed(app->Server.klvEpochDiffTime) - vxTD->tlFlowPathTimeStampInMS) /
+        1000;
     if (statusCode >= 0) vxTD->tlStatusCode = statusCode;
     const int isError = (vxTD->tlStatusCode >= 200 && vxTD->tlStatusCode <= 299) ? 0 : 1;
 
     methodPropProperties* m = resolve(app, methodPtr, vxTD, mName, false);
     if (!m) return nullptr;
-    if ((!methodPtr || m != methodPtr) && !m->usedFlag) m->usedFlag = 1;
+    if ((!methodPtr || m != methodPtr) && !vx::load_relaxed(m->usedFlag))
+        vx::store_relaxed(m->usedFlag, 1);
     const int mid = m->methodId;
     if (mid < vx::kMethodCounterSize) {
         if (vxTD->methodEntryExitCounter[mid] < 1) {
@@ -408,15 +420,16 @@ extern "C" void* vxMethodExitException(void* methodPtr, VXPerThreadData_t* vxTD,
 {
     (void)isCalOutDone;
     VXProxyInstance_t* app = vx_app();
-    if (!app || !vxTD || !app->Server.testRunRunning) return nullptr;
+    if (!app || !vxTD || !vx::load_relaxed(app->Server.testRunRunning)) return nullptr;
     vxTD = working_record(app, vxTD, TLS);
     if (!vxTD) return nullptr;
     if (is_proxy_mode_agent(app)) {
         vxMethodExitExceptionEncode(vxTD->flowpathInstance, mName, backendName, threadId, event_type);
         return nullptr;
     }
-    const long long entryTimeStamp =
-        my_gettimeofday() - app->Server.klvEpochDiffTime - vxTD->tlFlowPathTimeStampInMS;
+    const long long entryTimeStamp = my_gettimeofday() -
+                                     vx::load_relaxed(app->Server.klvEpochDiffTime) -
+                                     vxTD->tlFlowPathTimeStampInMS;
     /* The status only rises on the way out of an exception. */
     if (statusCode >= 0 && statusCode > vxTD->tlStatusCode) vxTD->tlStatusCode = statusCode;
     const int isError = (vxTD->tlStatusCode >= 200 && vxTD->tlStatusCode <= 299) ? 0 : 1;

@@ -1,7 +1,8 @@
 /*
  * The method table: every name that enters a flowpath (instrumented methods,
  * backends, the root method) as a small integer id, announced to the
- * collector in record 5.
+ * collector in record 5 (vx_method_announce.h). The profiles that fill it
+ * are read by vx_method_profile.h.
  *
  * The table changes at run time by making a new generation (node_t): the
  * previous one is left as it was, so flowpaths started on it finish on it.
@@ -21,6 +22,9 @@
 #include <apr_hash.h>
 #include <apr_pools.h>
 #include <apr_thread_mutex.h>
+
+/* The profile readers: callers of the table apply profiles through it too. */
+#include "flowpath/vx_method_profile.h"
 
 struct VXPerThreadData_t;
 struct node_t;
@@ -44,6 +48,9 @@ struct methodPropProperties {
     char isInBlackListFlg;
     int methodId;
     int isEntryPoint; /* flags: 1 service entry, 2 callout, 4 method monitor, 8 custom callout */
+    /* Host threads mark it as they run the method: atomic access only
+     * (vx_atomic.h). copy_entry copies the fields one by one: a new field
+     * is added there too. */
     int usedFlag;
     int instrumentationProp; /* 1 new, 2 kept from the previous profile, 3 no longer listed */
     int instrumentationStatus;
@@ -81,12 +88,12 @@ enum : int {
 
 /* One generation of the table. */
 struct node_t {
-    apr_hash_t* ptr; /* methodName -> methodPropProperties */
-    int ref_count;   /* flowpaths started on this generation and not ended */
-    char type;       /* 1 once an instrumentation profile was applied */
+    apr_hash_t* ptr;     /* methodName -> methodPropProperties */
+    int ref_count;       /* flowpaths started on this generation and not ended */
+    char type;           /* 1 once an instrumentation profile was applied */
     long long timeStamp; /* ms when superseded */
-    node_t* next;    /* the generation this one superseded */
-    apr_pool_t* pool; /* the hash's memory */
+    node_t* next;        /* the generation this one superseded */
+    apr_pool_t* pool;    /* the hash's memory */
 };
 
 struct VXMethodTable_t {
@@ -124,18 +131,6 @@ methodPropProperties* updateMethodHashMap(char* backendName, int isEntryPointPtr
 /* Find without creating, under the method lock. */
 methodPropProperties* getMethodPropFromMethodName(char* mName, node_t* methodHashMapNodeLocal);
 
-/* Apply an instrumentation profile (null: none was sent): a new generation
- * when a table exists. */
-void setMethodHashMapNode(char* buffer);
-void readInstrProfFileRTC(char* buffer);
-int readInstrProfFile(apr_pool_t* pool, char* buffer);
-
-/* Apply an entry-point file. */
-void parseEntryFile(char* buffer);
-
-/* Record 5 with the signature: "5,<name>(<args;>)<ret>,<id>". */
-void dumpMetadataForSig(methodPropProperties* mPP);
-
 methodPropProperties* make_node_copy(methodPropProperties* in);
 void make_argument_copy(methodPropProperties* dst, methodPropProperties* src);
 void make_hash_copy(apr_hash_t* dst, apr_hash_t* src);
@@ -152,18 +147,29 @@ void free_node(node_t* node);
 /* Session end: the current generation is retired and the table emptied. */
 void free_methodHashMapNode(void);
 
-void dumpFileforGoAgent(char* fileName, char* fileData);
-char* get_proces_name(void);
 void hashMapForAgent(void);
-/* Record 5 for every method of the current table (a new connection of a new
- * session announces them all). */
-void dumpMethodTableMetaData(void);
 }
 
 namespace vx {
 /* free_methodHashMapNode, only while `expected` is still the current
  * generation: a table that a newer session made stays. */
 void retire_method_table(node_t* expected);
-}
+
+/* The current instance's table; null before the agent has one. */
+VXMethodTable_t* method_table();
+
+/* For the units that fill the table (profiles); callers hold the method
+ * lock for all but method_table. */
+/* A new, empty generation in its own pool; null when out of memory. */
+node_t* new_method_generation();
+/* The entry of `name` in `node`; null when absent or either is null. */
+methodPropProperties* find_method(node_t* node, const char* name);
+/* Put `m` in `node` under its methodName; `m` belongs to `node` from then. */
+void insert_method(node_t* node, methodPropProperties* m);
+/* A zeroed entry in `pool` (a generation's). */
+methodPropProperties* new_method_entry(apr_pool_t* pool);
+/* A copy of `s` in `pool`; null for a null or empty text. */
+char* pool_dup_or_null(apr_pool_t* pool, const char* s);
+}  // namespace vx
 
 #endif

@@ -7,15 +7,16 @@
 #include <cstring>
 #include <vector>
 
-#include "core/vx_hashmap.h"
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
+#include "core/vx_hashmap.h"
 #include "core/vx_platform.h"
+#include "core/vx_record_door.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_flowpath.h"
 #include "flowpath/vx_method_events.h"
-#include "core/vx_record_door.h"
 #include "monitor/vx_bt_monitor.h"
 
 namespace {
@@ -124,8 +125,9 @@ extern "C" VXPerThreadData_t* get_free_tls_slot(void)
             pool.gBusyTLSHead = rec;
         pool.gBusyTLSTail = rec;
         ++pool.gBusyTLSCnt;
+        /* Under the lock: another host thread may be growing the pool. */
+        pool.size_array = pool.g_tlsidx;
     }
-    pool.size_array = pool.g_tlsidx;
     return rec;
 }
 
@@ -223,7 +225,12 @@ extern "C" void dumpFpFromBusyList(void)
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
     VXTLSPool_t& pool = app->tlsPool;
-    if (!pool.gBusyTLSHead) {
+    bool empty;
+    {
+        vx::VXLockGuard guard(pool.tlsMutex); /* host threads take and free slots */
+        empty = !pool.gBusyTLSHead;
+    }
+    if (empty) {
         VX_TRACE(app->VXSys.fpTraceLevel, 2, "FLOWPATH", "gBusyTLSHead is null. Hence returning.");
         return;
     }
@@ -265,7 +272,8 @@ extern "C" long long generate_flowpath_instance(void)
     VXProxyInstance_t* app = vx_app();
     if (!app) return 0;
     const VXSys_t& sys = app->VXSys;
-    long long ts = (my_gettimeofday() - app->Server.klvEpochDiffTime) & sys.timeStampMask;
+    long long ts =
+        (my_gettimeofday() - vx::load_relaxed(app->Server.klvEpochDiffTime)) & sys.timeStampMask;
     /* The counter advances by 2 per instance and the instance takes the odd
      * value between: 1, 3, 5, ... One atomic step gives the same values as
      * two increments. */

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 
@@ -58,7 +59,7 @@ extern "C" void setValue(char* VXCokieStr, VXPerThreadData_t* vxTD)
     VXProxyInstance_t* app = vx_app();
     if (!vxTD || !app) return;
     vxTD->vxSessionId = vxTD->flowpathInstance;
-    vxTD->tlTestRunNumber = app->Server.TestRunIDValue;
+    vxTD->tlTestRunNumber = vx::load_relaxed(app->Server.TestRunIDValue);
     vxTD->prev_fp_start_time = vxTD->tlFlowPathTimeStampInMS;
     vxTD->instrumented = vxTD->tlIsFPCaptured;
     vxTD->btCategory = 9;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
@@ -34,8 +35,8 @@ extern "C" void handleCollectorHeartBeat(char* clientMsg)
         char* value = split_key_value(fields[i], key);
         if (!value) continue;
         if (strcmp(key, "dataConnState") == 0) {
-            sys.dataConnState = atoi(value);
-            if (sys.dataConnState == 0)
+            vx::store_relaxed(sys.dataConnState, atoi(value));
+            if (vx::load_relaxed(sys.dataConnState) == 0)
                 VX_TRACE(sys.controlTraceLevel, 1, "CONTROL_THREAD",
                          "Data connection is closed from VXC.");
         } else if (strcmp(key, "AutosensorConnState") == 0) {
@@ -47,8 +48,8 @@ extern "C" void handleCollectorHeartBeat(char* clientMsg)
         }
     }
     VX_TRACE(sys.controlTraceLevel, 2, "CONTROL_THREAD",
-             "Value of dataConnState = %d, autosensorConnState = %d.", sys.dataConnState,
-             sys.autosensorConnState);
+             "Value of dataConnState = %d, autosensorConnState = %d.",
+             vx::load_relaxed(sys.dataConnState), sys.autosensorConnState);
 }
 
 namespace {
@@ -69,9 +70,9 @@ void control_message_dispatch(char* line)
 extern "C" void closeCurrentControlConnection(void)
 {
     VXProxyInstance_t* app = vx_app();
-    app->Server.controlCommunicationBusyFlag = 0;
+    vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 0);
     app->Server.InstrumentationBusy = 0;
-    app->VXSys.closeCtrlConFlag = 1;
+    vx::store_relaxed(app->VXSys.closeCtrlConFlag, 1);
 }
 
 extern "C" int controlConnectionSendText(const char* text)

@@ -22,7 +22,7 @@
 struct VXControlLink_t {
     socketInfo_t control;
     controlSocketBuffer_t ctrlBufInfo;
-    volatile int ctrlServing; /* the reply was taken: the connection is being served */
+    int ctrlServing;     /* the reply was taken: the connection is being served */
     int heartbeat_count; /* our heartbeats since the collector's last line */
     retryPolicy_t retry_policy;
     int connectionStatus; /* 1: the last target failed; cluster mode goes to the master */
@@ -43,7 +43,7 @@ struct VXControlLink_t {
     char supportedProtocolsVXC[vx::kProtocolListSize];
 
     apr_thread_t* control_thread_id;
-    volatile int control_thread_running; /* cleared by the thread as it ends */
+    int control_thread_running; /* cleared by the thread as it ends */
     apr_thread_mutex_t* controlThreadTmpLock;
 };
 

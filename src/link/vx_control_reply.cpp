@@ -8,8 +8,10 @@
 
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_instance.h"
-#include "core/vx_platform.h"
 #include "agent/vx_collector_servers.h"
+#include "agent/vx_settings.h"
+#include "core/vx_atomic.h"
+#include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "link/vx_collector_failover.h"
@@ -43,7 +45,7 @@ int drop_invalid(VXProxyInstance_t* app, const char* line)
 /* The collector's heartbeat came ahead of the reply: it counts as one. */
 int heartbeat_first(VXProxyInstance_t* app, const std::string& line)
 {
-    app->Server.lastHeartBeatRcvTime = my_gettimeofday();
+    vx::store_relaxed(app->Server.lastHeartBeatRcvTime, my_gettimeofday());
     std::string copy = line;
     char* fields[kReplyFields];
     if (vxlb_get_tokens_with_multi_delimiter(copy.data(), fields, const_cast<char*>(";"),
@@ -61,10 +63,10 @@ int heartbeat_first(VXProxyInstance_t* app, const std::string& line)
 int reply_ok(VXProxyInstance_t* app, const std::string& line)
 {
     if (vx::starts_with(line.c_str(), kReplyNotRunning)) {
-        app->Server.retryForDataConn = 0;
+        vx::store_relaxed(app->Server.retryForDataConn, 0);
         app->Server.retryForAutoSensorConn = 0;
     } else if (vx::starts_with(line.c_str(), kReplyRunning)) {
-        app->Server.retryForDataConn = 1;
+        vx::store_relaxed(app->Server.retryForDataConn, 1);
     } else if (!vx::starts_with(line.c_str(), kReplyOk)) {
         return drop_invalid(app, line.c_str());
     }

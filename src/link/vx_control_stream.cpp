@@ -8,8 +8,9 @@
 #include <cstring>
 
 #include "agent/vx_instance.h"
-#include "core/vx_platform.h"
 #include "agent/vx_sys.h"
+#include "core/vx_atomic.h"
+#include "core/vx_platform.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "link/vx_control_link.h"
@@ -111,7 +112,8 @@ extern "C" void processControlConnectionMessage(controlSocketBuffer_t* buf)
             }
             *lf = '\0';
             vx::control_message_dispatch(start);
-            if (!VXProxy.proxyServerFlag && (app->VXSys.closeCtrlConFlag == 1 || closeCtrlThread))
+            if (!VXProxy.proxyServerFlag && (vx::load_relaxed(app->VXSys.closeCtrlConFlag) == 1 ||
+                                             vx::load_relaxed(closeCtrlThread)))
                 return;
             consumed = static_cast<int>(lf - start) + 1;
         }
@@ -130,7 +132,7 @@ extern "C" int read_msg_from_vxc(controlSocketBuffer_t* buf)
         VX_ERROR("CONTROL_THREAD",
                  "Control line longer than %d bytes received. Closing connection.",
                  static_cast<int>(buf->read_len));
-        app->VXSys.retryFlag = 1;
+        vx::store_relaxed(app->VXSys.retryFlag, 1);
         return 1;
     }
     char err[256] = "";
@@ -140,16 +142,16 @@ extern "C" int read_msg_from_vxc(controlSocketBuffer_t* buf)
         buf->readBytes += n;
         buf->writeOffset += n;
         processControlConnectionMessage(buf);
-        if (app->VXSys.closeCtrlConFlag) {
+        if (vx::load_relaxed(app->VXSys.closeCtrlConFlag)) {
             VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                      "Close ctrl conn flag is enabled. Closing connection.");
-            app->VXSys.retryFlag = 1;
+            vx::store_relaxed(app->VXSys.retryFlag, 1);
             return 1;
         }
         return 0;
     }
     if (n == -2) {
-        app->VXSys.retryFlag = 1;
+        vx::store_relaxed(app->VXSys.retryFlag, 1);
         VX_ERROR("CONTROL_THREAD",
                  "Control connection closed while reading data from VXC. Error Buffer = %s", err);
         return 1;
@@ -168,9 +170,9 @@ extern "C" int handle_msg_from_vxc(controlSocketBuffer_t* buf)
         VXProxy.proxyServerFlag ? vx::kProxyControlPollSeconds : vx::kControlPollSeconds);
     int ticks = 0;
     for (;;) {
-        if (closeCtrlThread) return 1;
+        if (vx::load_relaxed(closeCtrlThread)) return 1;
         if (app->close_udp_thread) return 0;
-        if (app->VXSys.closeCtrlConFlag == 1) return 1;
+        if (vx::load_relaxed(app->VXSys.closeCtrlConFlag) == 1) return 1;
         if (app->VXSys.proxyMode == 0 &&
             app->controlLink.heartbeat_count >= app->controlLink.retry_policy.reply_unsuccessful_count) {
             VX_ERROR("CONTROL_THREAD", "heartbeat count reaches to the threshold = %d",
@@ -190,7 +192,7 @@ extern "C" int handle_msg_from_vxc(controlSocketBuffer_t* buf)
             }
             ++ticks;
         } else if (rv == APR_SUCCESS) {
-            app->Server.lastHeartBeatRcvTime = my_gettimeofday();
+            vx::store_relaxed(app->Server.lastHeartBeatRcvTime, my_gettimeofday());
             if (read_msg_from_vxc(buf) != 0) return 1;
         } else if (app->VXSys.controlTraceLevel >= 2) {
             char err[256];
@@ -206,7 +208,8 @@ extern "C" int handle_msg_from_vxc_wrapper(controlSocketBuffer_t* buf)
     if (app->lws_active != 1) return handle_msg_from_vxc(buf);
     setVxBuild(&app->VXSys.vxBuild);
     processControlConnectionMessage(buf);
-    if (app->VXSys.closeCtrlConFlag == 1 || closeCtrlThread) return 1;
+    if (vx::load_relaxed(app->VXSys.closeCtrlConFlag) == 1 || vx::load_relaxed(closeCtrlThread))
+        return 1;
     return start_control_connection_service();
 }
 
@@ -235,7 +238,8 @@ extern "C" void send_control_conn_heartbeat_to_vxc(void)
 extern "C" int checkVXCAlive(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (my_gettimeofday() - app->Server.lastHeartBeatRcvTime < app->VXSys.vxcHeartBeatThreshold)
+    if (my_gettimeofday() - vx::load_relaxed(app->Server.lastHeartBeatRcvTime) <
+        app->VXSys.vxcHeartBeatThreshold)
         return 0;
     VX_ERROR("CONTROL_THREAD",
              "Last Received heartbeat msg time is greater than vxcHeartBeatThreshold.Hence going to "

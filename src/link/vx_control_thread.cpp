@@ -8,10 +8,11 @@
 
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_instance.h"
-#include "core/vx_platform.h"
 #include "agent/vx_collector_servers.h"
 #include "agent/vx_request_lines.h"
 #include "agent/vx_settings.h"
+#include "core/vx_atomic.h"
+#include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "link/vx_collector_failover.h"
@@ -31,20 +32,29 @@ constexpr apr_interval_time_t kWaitSlice = 100000; /* 100 ms */
 bool vx::wait_or_shutdown(apr_interval_time_t us)
 {
     for (apr_interval_time_t waited = 0; waited < us; waited += kWaitSlice) {
-        if (closeCtrlThread) return true;
+        if (vx::load_relaxed(closeCtrlThread)) return true;
         apr_sleep(us - waited < kWaitSlice ? us - waited : kWaitSlice);
     }
-    return closeCtrlThread != 0;
+    return vx::load_relaxed(closeCtrlThread) != 0;
 }
 
 namespace {
+
+/* Out of line: apr_thread_exit unwinds without returning, and under
+ * AddressSanitizer the atomic accessors' stack slots must not be in the
+ * frame it abandons. */
+[[gnu::noinline]] void mark_ended(VXProxyInstance_t* app)
+{
+    vx::store_relaxed(app->controlLink.control_thread_running, 0);
+    /* Last, with release: agent_shutdown waits for this (see there). */
+    vx::store_release(closeCtrlThread, 0);
+}
 
 [[noreturn]] void end_thread(apr_thread_t* thread)
 {
     VXProxyInstance_t* app = vx_app();
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Control thread ends");
-    closeCtrlThread = 0;
-    app->controlLink.control_thread_running = 0;
+    mark_ended(app);
     apr_thread_exit(thread, APR_SUCCESS);
     __builtin_unreachable();
 }
@@ -97,7 +107,7 @@ bool prepare(VXProxyInstance_t* app)
         app->controlLink.ActiveAgentProtocolIndex = 3;
         app->lws_active = 1;
     }
-    app->Server.lastHeartBeatRcvTime = my_gettimeofday();
+    vx::store_relaxed(app->Server.lastHeartBeatRcvTime, my_gettimeofday());
     init_vxc_server_config();
     app->controlLink.isMasterVxc = 0;
     app->controlLink.connectionStatus = 0;
@@ -149,7 +159,7 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
     ConnectionScope conn(app);
     char err[256] = "";
     if (create_control_conn(app, host, port, err, sizeof err, conn.pool()) != 0) {
-        app->VXSys.closeCtrlConFlag = 1;
+        vx::store_relaxed(app->VXSys.closeCtrlConFlag, 1);
         if (vx_agent_behind_proxy(app))
             VX_ERROR("CONTROL_THREAD",
                      "Socket was not created and retry after 60seconds with server(Proxy) %s:%d.",
@@ -168,7 +178,7 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
     if (app->lws_active != 1) get_ip_and_port();
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Control connection open %s:%d -> %s:%d",
              app->controlLink.control.sourceIp, app->controlLink.control.srcPort, app->controlLink.control.dstIp, app->controlLink.control.dstPort);
-    if (closeCtrlThread) {
+    if (vx::load_relaxed(closeCtrlThread)) {
         conn.close();
         end_thread(thread);
     }
@@ -182,7 +192,7 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
     if (app->lws_active == 1) get_ip_and_port();
     snprintf(app->Server.connDestination, sizeof app->Server.connDestination, "%s:%d",
              getVXHost() ? getVXHost() : "", getVXCPort());
-    app->Server.lastConnectionTime = my_gettimeofday();
+    vx::store_relaxed(app->Server.lastConnectionTime, my_gettimeofday());
     controlSockBufReset(buf);
 
     switch (rec_control_con_rep_msg_from_vxc_wrapper(buf)) {
@@ -195,7 +205,7 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
                      "from Master VX Collector %s:%d and the source %s:%d",
                      app->controlLink.control.dstIp, app->controlLink.control.dstPort, app->controlLink.control.sourceIp,
                      app->controlLink.control.srcPort);
-            app->VXSys.closeCtrlConFlag = 1;
+            vx::store_relaxed(app->VXSys.closeCtrlConFlag, 1);
             return Next::kRestart;
         case kReplySwitchProtocol:
             setConnectionChannel();
@@ -205,31 +215,31 @@ Next serve_target(VXProxyInstance_t* app, apr_thread_t* thread, char* host, int 
             break;
     }
 
-    app->Server.lastHeartBeatRcvTime = my_gettimeofday();
-    app->controlLink.ctrlServing = 1;
+    vx::store_relaxed(app->Server.lastHeartBeatRcvTime, my_gettimeofday());
+    vx::store_relaxed(app->controlLink.ctrlServing, 1);
     if (handle_msg_from_vxc_wrapper(buf) == 1) {
         VX_ERROR("CONTROL_THREAD",
                  "[VX DR Feature]; Exit from select call and going to close the control connection "
                  "from VX Collector %s:%d and the source %s:%d",
                  app->controlLink.control.dstIp, app->controlLink.control.dstPort, app->controlLink.control.sourceIp,
                  app->controlLink.control.srcPort);
-        app->VXSys.closeCtrlConFlag = 1;
+        vx::store_relaxed(app->VXSys.closeCtrlConFlag, 1);
         conn.close();
         /* STAND-IN(udp): close_udp_thread also ends the
          * proxy's UDP side here once it exists. */
-        if (app->close_udp_thread || closeCtrlThread) end_thread(thread);
+        if (app->close_udp_thread || vx::load_relaxed(closeCtrlThread)) end_thread(thread);
         if (vx::wait_or_shutdown(policy.time_interval)) end_thread(thread);
         return Next::kRestart;
     }
     if (app->close_udp_thread) {
-        app->VXSys.closeCtrlConFlag = 1;
+        vx::store_relaxed(app->VXSys.closeCtrlConFlag, 1);
         conn.close();
         VX_ERROR("CONTROL_THREAD",
                  "controlBreak Control Socket was cleaned with %s:%d server due to  UDP timeout ",
                  app->controlLink.control.dstIp, app->controlLink.control.dstPort);
         end_thread(thread);
     }
-    if (closeCtrlThread) {
+    if (vx::load_relaxed(closeCtrlThread)) {
         conn.close();
         end_thread(thread);
     }
@@ -304,12 +314,12 @@ extern "C" int rec_control_con_rep_msg_from_vxc_wrapper(controlSocketBuffer_t* b
 extern "C" void control_connection_cleanup(void)
 {
     VXProxyInstance_t* app = vx_app();
-    app->controlLink.ctrlServing = 0;
+    vx::store_relaxed(app->controlLink.ctrlServing, 0);
     if (apr_socket_t* skt = app->controlLink.control.skt) {
         app->controlLink.control.skt = nullptr;
         apr_socket_close(skt);
     }
-    app->Server.testRunRunning = 0;
+    vx::store_release(app->Server.testRunRunning, 0);
     if (app->controlLink.control.lws_handler.wsi) clean_control_conn(0);
 }
 
@@ -344,7 +354,7 @@ extern "C" void* APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t* thread, 
         app->controlLink.check_for_lmd = 0;
         app->controlLink.isMasterVxc = 0;
         for (;;) {
-            app->VXSys.closeCtrlConFlag = 0;
+            vx::store_relaxed(app->VXSys.closeCtrlConFlag, 0);
             char* host = nullptr;
             int port = 0;
             pick_target(app, &host, &port);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 
@@ -47,7 +48,10 @@ extern "C" int buff_list_init(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return 1;
-    if (app->dataChannel.writeList) return 0;
+    /* Producers move nodes under this lock once the session runs; a second
+     * call made then only looks. */
+    vx::VXLockGuard guard(app->dataChannel.bufferMoveLock);
+    if (app->dataChannel.writeList || app->dataChannel.readList) return 0;
     const int count = buffer_count(app);
     const int size = app->VXSys.bciDataBufferMaxSize;
     for (int i = 0; i < count; ++i) {
@@ -84,6 +88,9 @@ extern "C" void moveToReadList(void)
 extern "C" void moveToWriteList(void)
 {
     VXProxyInstance_t* app = vx_app();
+    /* Both locks, in their order: producers read VXBCIAgentBB, which this
+     * may set, under bufferWriteLock only. */
+    vx::VXLockGuard write(app->dataChannel.bufferWriteLock);
     vx::VXLockGuard guard(app->dataChannel.bufferMoveLock);
     nioSettings_t* node = take_head(app->dataChannel.readList, app->dataChannel.readListLast);
     if (!node) return;
@@ -108,7 +115,8 @@ extern "C" int addDataInSendBuffer(char* data, int bytesToWrite)
     VXProxyInstance_t* app = vx_app();
     nioSettings_t* cur = app->dataChannel.VXBCIAgentBB;
     if (!cur) {
-        ++app->VXSys.discardCount;
+        vx::fetch_add_relaxed(app->VXSys.discardCount, 1);
+        vx::VXLockGuard move(app->dataChannel.bufferMoveLock); /* the sender moves the read head */
         return app->dataChannel.VXCollectorBB ? kBufferNoneFree : kBufferNotReady;
     }
     const int room = cur->buff_size - cur->use_len;
@@ -120,7 +128,7 @@ extern "C" int addDataInSendBuffer(char* data, int bytesToWrite)
     }
     /* The last free buffer is never spilled into: the record goes whole. */
     if (!cur->next) {
-        ++app->VXSys.discardCount;
+        vx::fetch_add_relaxed(app->VXSys.discardCount, 1);
         return kBufferNoRoom;
     }
     memcpy(cur->buff + cur->use_len, data, static_cast<size_t>(room));
@@ -130,7 +138,7 @@ extern "C" int addDataInSendBuffer(char* data, int bytesToWrite)
     nioSettings_t* spill = app->dataChannel.VXBCIAgentBB;
     const int rest = bytesToWrite - room;
     if (rest > spill->buff_size) {
-        ++app->VXSys.discardCount;
+        vx::fetch_add_relaxed(app->VXSys.discardCount, 1);
         spill->buff[spill->use_len++] = '\n'; /* the cut record still ends its line */
         if (spill->use_len >= spill->buff_size) moveToReadList();
         return kBufferRecordCut;

@@ -9,7 +9,10 @@
  * counted in discardCount.
  *
  * Locks: producers hold bufferWriteLock around addDataInSendBuffer; every
- * transfer of a node takes bufferMoveLock inside it (both nested).
+ * transfer of a node takes bufferMoveLock inside it (both nested). The
+ * order is bufferWriteLock, then bufferMoveLock: the sender's return of a
+ * buffer (moveToWriteList) takes both, since it may set VXBCIAgentBB, and
+ * it reads VXCollectorBB under bufferMoveLock.
  */
 #ifndef VX_DATA_BUFFERS_H
 #define VX_DATA_BUFFERS_H

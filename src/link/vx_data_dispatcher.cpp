@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "link/vx_data_buffers.h"
@@ -25,6 +26,15 @@ struct Tap {
 Tap g_tap;
 
 constexpr int kFlushPasses = 100;
+/* The buffer the sender drains next. Producers move full buffers to the
+ * read list under bufferMoveLock; taking it here also makes their bytes
+ * visible to the data thread. */
+nioSettings_t* next_to_send(VXProxyInstance_t* app)
+{
+    vx::VXLockGuard guard(app->dataChannel.bufferMoveLock);
+    return app->dataChannel.VXCollectorBB;
+}
+
 bool connection_broken(apr_status_t rv)
 {
     return APR_STATUS_IS_EOF(rv) || APR_STATUS_IS_EPIPE(rv) || APR_STATUS_IS_ECONNRESET(rv);
@@ -44,7 +54,9 @@ void dump_text_record(const char* format, int number, const char* text)
 extern "C" void dumpData(char* data, int len)
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || !app->Server.testRunRunning) {
+    /* Acquire: a session start makes the buffers and their locks before it
+     * raises the flag with release, so seeing the flag up means seeing them. */
+    if (!app || !vx::load_acquire(app->Server.testRunRunning)) {
         VX_TRACE(VX_LEVEL(fpTraceLevel), 4, "DATA_THREAD", "test is not running");
         return;
     }
@@ -54,12 +66,12 @@ extern "C" void dumpData(char* data, int len)
     }
     if (g_tap.fn) g_tap.fn(data, len, g_tap.ctx);
     if (!app->dataChannel.bufferWriteLock) { /* no data thread was ever started */
-        __atomic_fetch_add(&app->VXSys.discardCount, 1, __ATOMIC_RELAXED);
+        vx::fetch_add_relaxed(app->VXSys.discardCount, 1);
         return;
     }
     vx::VXBusyLockGuard guard(app->dataChannel.bufferWriteLock);
     const int rv = addDataInSendBuffer(data, len);
-    if (rv < 0 && app->VXSys.discardCount % 1000 == 999)
+    if (rv < 0 && vx::load_relaxed(app->VXSys.discardCount) % 1000 == 999)
         VX_ERROR("DATA_THREAD",
                  "VXDataDispatcher - dumpData(): Warning - No space left in buffer or thread is not "
                  "initialized for sending data to VXCollector. Return = %d, writeListSize = %d "
@@ -71,7 +83,7 @@ extern "C" int processData(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app->dataChannel.dataSkt.skt) return -1;
-    while (nioSettings_t* node = app->dataChannel.VXCollectorBB) {
+    while (nioSettings_t* node = next_to_send(app)) {
         while (node->use_len - node->send_len > 0) {
             apr_size_t len = static_cast<apr_size_t>(node->use_len - node->send_len);
             const apr_status_t rv = apr_socket_send(app->dataChannel.dataSkt.skt, node->buff + node->send_len, &len);
@@ -84,7 +96,8 @@ extern "C" int processData(void)
             }
             if (len == 0) return 1;
             node->send_len += static_cast<int>(len);
-            if (app->VXSys.retryFlag || app->VXSys.closeCtrlConFlag) {
+            if (vx::load_relaxed(app->VXSys.retryFlag) ||
+                vx::load_relaxed(app->VXSys.closeCtrlConFlag)) {
                 flushCommonData();
                 VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD",
                          "dataConnectionBreak Control connecton already closed. Going to closing "
@@ -102,7 +115,7 @@ extern "C" int processDataLws(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app->dataChannel.dataSkt.lws_handler.wsi) return -1;
-    while (nioSettings_t* node = app->dataChannel.VXCollectorBB) {
+    while (nioSettings_t* node = next_to_send(app)) {
         int last = 0;
         while (node->use_len - node->send_len > 0) {
             const int len = node->use_len - node->send_len;
@@ -127,7 +140,9 @@ extern "C" int dataConnService(void)
 extern "C" void flushCommonData(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || (!app->dataChannel.dataSkt.skt && !app->dataChannel.dataSkt.lws_handler.wsi)) return;
+    if (!app || (!vx::load_relaxed(app->dataChannel.dataSkt.skt) &&
+                 !vx::load_relaxed(app->dataChannel.dataSkt.lws_handler.wsi)))
+        return;
     /* processData calls back here while a stop is under way: one flush at a
      * time per thread is enough, the outer one finishes the job. */
     static thread_local bool flushing = false;
@@ -144,12 +159,13 @@ extern "C" void flushCommonData(void)
 extern "C" void handleHeartBeat(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (app->VXSys.vxcBciDataConnectionHeartBeat <= 0) return;
+    if (vx::load_relaxed(app->VXSys.vxcBciDataConnectionHeartBeat) <= 0) return;
     if (--app->dataChannel.heartBeatExpiryCnt < 1) {
         if (app->lws_active == 1) send_data_via_lws_socket(const_cast<char*>("\n"), 1);
         dumpData(const_cast<char*>("\n"), 1);
         ++app->dataChannel.dumpHeartBeat;
-        app->dataChannel.heartBeatExpiryCnt = app->VXSys.vxcBciDataConnectionHeartBeat;
+        app->dataChannel.heartBeatExpiryCnt =
+            vx::load_relaxed(app->VXSys.vxcBciDataConnectionHeartBeat);
     }
     if (app->dataChannel.dumpHeartBeat >= 5) {
         VX_TRACE(app->VXSys.controlTraceLevel, 2, "DATA_THREAD",
@@ -165,7 +181,7 @@ extern "C" int sendBufferDataCon(char* buf, int len)
         dumpData(buf, len);
         return 0;
     }
-    if (!app->dataChannel.dataSkt.skt || app->VXSys.dataConnState == 0) return 0;
+    if (!app->dataChannel.dataSkt.skt || vx::load_relaxed(app->VXSys.dataConnState) == 0) return 0;
     char err[256] = "";
     const int sent = vxlb_send_n_bytes(app->dataChannel.dataSkt.skt, buf, len, err, sizeof err);
     if (sent != len) {
@@ -197,7 +213,7 @@ extern "C" void attr_record(void)
 extern "C" void dumpVxDataOverRecord(void)
 {
     dumpData(const_cast<char*>("10,\n"), 4);
-    vx_app()->Server.isTenRecordDump = 1;
+    vx::store_relaxed(vx_app()->Server.isTenRecordDump, 1);
 }
 
 namespace vx {

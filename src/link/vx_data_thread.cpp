@@ -6,8 +6,10 @@
 #include <cstring>
 
 #include "agent/vx_instance.h"
-#include "core/vx_record_door.h"
 #include "agent/vx_request_lines.h"
+#include "agent/vx_settings.h"
+#include "core/vx_atomic.h"
+#include "core/vx_record_door.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
@@ -28,7 +30,8 @@ constexpr int kDataSendTimeoutSeconds = 5;
 /* Whether the control side is closing, which ends the data thread too. */
 bool control_closing(const VXProxyInstance_t* app)
 {
-    return !VXProxy.proxyServerFlag && (app->VXSys.closeCtrlConFlag || closeCtrlThread);
+    return !VXProxy.proxyServerFlag &&
+           (vx::load_relaxed(app->VXSys.closeCtrlConFlag) || vx::load_relaxed(closeCtrlThread));
 }
 
 /* The peer of the data connection: the proxy, or the active collector. */
@@ -65,18 +68,19 @@ void run_connection(VXProxyInstance_t* app)
     for (;;) {
         checkAndStopThread();
         int rv;
-        while ((rv = dataConnService()) == 1 && app->VXSys.dataConnState) {
+        while ((rv = dataConnService()) == 1 && vx::load_relaxed(app->VXSys.dataConnState)) {
             sleep_ms(vx::kDataLoopTickMs);
             handleHeartBeat();
         }
-        if (rv == -1 || app->VXSys.dataConnState == 0) {
+        if (rv == -1 || vx::load_relaxed(app->VXSys.dataConnState) == 0) {
             VX_ERROR("DATA_THREAD",
                      "dataConnectionBreak Data due to vxApplication->VXSys.dataConnState == 0 ");
             close_data_connection();
             return;
         }
         sleep_ms(vx::kDataLoopTickMs);
-        if (app->VXSys.retryFlag || app->VXSys.closeCtrlConFlag) {
+        if (vx::load_relaxed(app->VXSys.retryFlag) ||
+            vx::load_relaxed(app->VXSys.closeCtrlConFlag)) {
             VX_ERROR("DATA_THREAD",
                      "dataConnectionBreak Going to close data connection and stop Data thread.");
             clean_data_thread();
@@ -104,7 +108,10 @@ extern "C" int create_data_conn(char* error_buf, int error_buf_len)
         vx::copy_text(error_buf, static_cast<size_t>(error_buf_len), "no memory pool");
         return -1;
     }
-    app->dataChannel.dataSkt.skt = vxlb_create_client_con(host, port, error_buf, error_buf_len, app->dataChannel.dataConnPool);
+    /* Other threads look at the socket (flushCommonData): atomic stores. */
+    vx::store_relaxed(app->dataChannel.dataSkt.skt,
+                      vxlb_create_client_con(host, port, error_buf, error_buf_len,
+                                             app->dataChannel.dataConnPool));
     return app->dataChannel.dataSkt.skt ? 0 : -1;
 }
 
@@ -147,16 +154,18 @@ extern "C" int checkAndStopThread(void)
     VXProxyInstance_t* app = vx_app();
     if (!vx::on_data_thread()) return 0;
     const Server_t& srv = app->Server;
-    if (srv.testRunRunning && srv.retryForDataConn && !app->VXSys.closeCtrlConFlag) return 0;
+    if (vx::load_relaxed(srv.testRunRunning) && vx::load_relaxed(srv.retryForDataConn) &&
+        !vx::load_relaxed(app->VXSys.closeCtrlConFlag))
+        return 0;
     /* The stop flushes, and the flush sends through processData, which asks
      * here again: the first caller finishes the stop. */
     static thread_local bool stopping = false;
     if (stopping) return 0;
     stopping = true;
     VX_ERROR("DATA_THREAD", "BCI Data thread is to be stopped. Server.isTenRecordDump = %d.",
-             srv.isTenRecordDump);
+             vx::load_relaxed(srv.isTenRecordDump));
     vx::data_hooks_run(vx::DataHook::kStopping);
-    if (!srv.isTenRecordDump) dumpVxDataOverRecord();
+    if (!vx::load_relaxed(srv.isTenRecordDump)) dumpVxDataOverRecord();
     flushCommonData();
     vx::data_hooks_run(vx::DataHook::kSessionFree);
     stopping = false;
@@ -168,10 +177,10 @@ extern "C" void close_data_connection(void)
 {
     VXProxyInstance_t* app = vx_app();
     void* wsi = app->dataChannel.dataSkt.lws_handler.wsi;
-    app->dataChannel.dataSkt.lws_handler.wsi = nullptr;
-    app->Server.controlCommunicationBusyFlag = 0;
+    vx::store_relaxed(app->dataChannel.dataSkt.lws_handler.wsi, static_cast<void*>(nullptr));
+    vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 0);
     if (apr_socket_t* skt = app->dataChannel.dataSkt.skt) {
-        app->dataChannel.dataSkt.skt = nullptr;
+        vx::store_relaxed(app->dataChannel.dataSkt.skt, static_cast<apr_socket_t*>(nullptr));
         apr_socket_close(skt);
     }
     if (app->dataChannel.dataConnPool) {
@@ -181,42 +190,74 @@ extern "C" void close_data_connection(void)
     if (wsi) kill_lws_connection(wsi);
 }
 
+namespace {
+/* Out of line: apr_thread_exit unwinds without returning, and under
+ * AddressSanitizer the atomic accessors' stack slots must not be in the
+ * frame it abandons. */
+[[gnu::noinline]] void mark_ended(VXProxyInstance_t* app)
+{
+    vx::store_relaxed(app->VXBCISetting.data_thread_running, 0);
+}
+}  // namespace
+
 extern "C" void clean_data_thread(void)
 {
     VXProxyInstance_t* app = vx_app();
     close_data_connection();
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD", "Data thread ends");
-    app->VXBCISetting.data_thread_running = 0;
+    mark_ended(app);
     apr_thread_exit(tl_data_thread, APR_SUCCESS);
+}
+
+int vx::prepare_data_channel()
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app) return 1;
+    if (!app->dataChannel.data_pool &&
+        apr_pool_create(&app->dataChannel.data_pool, app->control_pool) != APR_SUCCESS) {
+        VX_ERROR("DATA_THREAD", "Error while preparing the data channel. Error = %s",
+                 "no memory pool");
+        return 1;
+    }
+    if (!app->dataChannel.bufferWriteLock)
+        app->dataChannel.bufferWriteLock = vx::mutex_create(app->dataChannel.data_pool);
+    if (!app->dataChannel.bufferMoveLock)
+        app->dataChannel.bufferMoveLock = vx::mutex_create(app->dataChannel.data_pool);
+    if (!read_raw_file) read_raw_file = vx::mutex_create(app->control_pool);
+    if (buff_list_init() != 0) {
+        VX_ERROR("DATA_THREAD", "Error in buff_list_init");
+        return 1;
+    }
+    return 0;
 }
 
 extern "C" int check_data_thread(void)
 {
     VXProxyInstance_t* app = vx_app();
+    /* At once when the session start made it; without buffers no thread
+     * starts, and the next session start tries again. */
+    if (vx::prepare_data_channel() != 0) return 1;
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD", "Creating Data thread for  '%s'",
              app->agentName ? app->agentName : "");
-    if (app->VXBCISetting.data_thread_running) {
+    if (vx::load_relaxed(app->VXBCISetting.data_thread_running)) {
         VX_ERROR("DATA_THREAD", "Data thread already exist.");
         return 1;
     }
-    if (!app->dataChannel.data_pool && apr_pool_create(&app->dataChannel.data_pool, app->control_pool) != APR_SUCCESS) {
+    if (!app->dataChannel.data_pool) {
         VX_ERROR("DATA_THREAD", "Error while creating data thread. Error = %s", "no memory pool");
         return 1;
     }
-    if (!app->dataChannel.bufferWriteLock) app->dataChannel.bufferWriteLock = vx::mutex_create(app->dataChannel.data_pool);
-    if (!app->dataChannel.bufferMoveLock) app->dataChannel.bufferMoveLock = vx::mutex_create(app->dataChannel.data_pool);
-    if (!read_raw_file) read_raw_file = vx::mutex_create(app->control_pool);
     /* Raised before the thread runs: a thread that ends at once clears it. */
-    app->VXBCISetting.data_thread_running = 1;
+    vx::store_relaxed(app->VXBCISetting.data_thread_running, 1);
     char err[256] = "";
     if (vxlb_thread_create(&app->dataChannel.data_thread_id, start_data_thread, app, err, sizeof err,
                            app->dataChannel.data_pool) != 0) {
-        app->VXBCISetting.data_thread_running = 0;
+        vx::store_relaxed(app->VXBCISetting.data_thread_running, 0);
         VX_ERROR("DATA_THREAD", "Error while creating data thread. Error = %s", err);
         return 1;
     }
     apr_thread_detach(app->dataChannel.data_thread_id); /* nobody joins it: it ends by itself */
-    app->Server.controlCommunicationBusyFlag = 1;
+    vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 1);
     return 0;
 }
 
@@ -226,7 +267,7 @@ extern "C" void* APR_THREAD_FUNC start_data_thread(apr_thread_t* thread, void* d
     vx_set_thread_instance(app);
     tl_data_thread = thread;
     for (;;) {
-        app->VXSys.dataConnState = 0;
+        vx::store_relaxed(app->VXSys.dataConnState, 0);
         if (app->dataChannel.dataSkt.skt || app->dataChannel.dataSkt.lws_handler.wsi) close_data_connection();
         if (control_closing(app)) clean_data_thread();
 
@@ -240,19 +281,13 @@ extern "C" void* APR_THREAD_FUNC start_data_thread(apr_thread_t* thread, void* d
                  * the thread: a send gives up after a while, nothing sent. */
                 apr_socket_timeout_set(app->dataChannel.dataSkt.skt, apr_time_from_sec(kDataSendTimeoutSeconds));
             }
-            if (buff_list_init() != 0) {
-                /* data_thread_running stays up: no other thread is tried. */
-                VX_ERROR("DATA_THREAD", "Error in buff_list_init");
-                close_data_connection();
-                apr_thread_exit(thread, APR_SUCCESS);
-            }
             if (send_data_con_req_msg_to_vxc()) {
                 VX_ERROR("DATA_THREAD",
                          "dataConnectionBreak due to send_data_con_req_msg_to_vxc() == FAIL ");
                 close_data_connection();
                 continue;
             }
-            app->VXSys.dataConnState = 1;
+            vx::store_relaxed(app->VXSys.dataConnState, 1);
             VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD",
                      "Data connection open %s:%d -> %s:%d", app->dataChannel.dataSkt.sourceIp,
                      app->dataChannel.dataSkt.srcPort, app->dataChannel.dataSkt.dstIp, app->dataChannel.dataSkt.dstPort);

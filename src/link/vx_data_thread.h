@@ -41,6 +41,14 @@ int create_data_conn(char* error_buf, int error_buf_len);
 namespace vx {
 /* True on a data thread: only it sends, and only it may end itself. */
 bool on_data_thread();
+
+/* Make what records need the moment a session raises testRunRunning: the
+ * data pool, bufferWriteLock, bufferMoveLock and the buffer lists. They are
+ * kept for the life of the instance; at once when they exist. Called before
+ * the flag is raised (with release), so that a host thread that sees the flag
+ * up (with acquire) finds them whole. 0, or 1 when memory ran out.
+ * Thread: the one that raises the flag (the control thread). */
+int prepare_data_channel();
 }
 
 #endif

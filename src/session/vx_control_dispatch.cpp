@@ -10,18 +10,20 @@
 #include "agent/vx_host_callbacks.h"
 #include "core/vx_host_call.h"
 #include "agent/vx_instance.h"
-#include "session/vx_keywords.h"
-#include "flowpath/vx_method_table.h"
-#include "link/vx_data_dispatcher.h"
-#include "link/vx_control_thread.h"
-#include "link/vx_data_thread.h"
-#include "session/vx_session_data.h"
-#include "session/vx_file_keywords.h"
+#include "core/vx_atomic.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
+#include "flowpath/vx_method_profile.h"
+#include "flowpath/vx_method_table.h"
+#include "link/vx_control_thread.h"
+#include "link/vx_data_dispatcher.h"
+#include "link/vx_data_thread.h"
 #include "link/vx_lws_transport.h"
 #include "link/vx_socket.h"
+#include "session/vx_file_keywords.h"
+#include "session/vx_keywords.h"
+#include "session/vx_session_data.h"
 
 namespace {
 
@@ -44,8 +46,9 @@ constexpr long long kDefaultEpochOrigin = 1388534400000LL; /* 2014-01-01 00:00:0
 void synchronise_time(Server_t& srv)
 {
     if (srv.changeOriginalTime) {
-        srv.klvEpochDiffTime -= srv.diffTimeFromVXC;
-        srv.originalKlvEpochDiffTime = srv.klvEpochDiffTime;
+        vx::store_relaxed(srv.klvEpochDiffTime,
+                          vx::load_relaxed(srv.klvEpochDiffTime) - srv.diffTimeFromVXC);
+        srv.originalKlvEpochDiffTime = vx::load_relaxed(srv.klvEpochDiffTime);
     } else {
         srv.originalKlvEpochDiffTime -= srv.diffTimeFromVXC;
     }
@@ -56,7 +59,7 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
     Server_t& srv = app->Server;
     free(app->startInstMsg);
     app->startInstMsg = strdup(clientMsg);
-    srv.testRunRunning = 0;
+    vx::store_release(srv.testRunRunning, 0);
     free_agent_data();
     makeInstrProfTableFree();
     vxlb_init_all_keywords();
@@ -66,18 +69,19 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
                            nullptr);
     srv.changeOriginalTime = 0;
     if (strstr(clientMsg, "klvEpochDiff")) {
-        srv.klvEpochDiffTime = 0;
+        vx::store_relaxed(srv.klvEpochDiffTime, 0);
         srv.originalKlvEpochDiffTime = kDefaultEpochOrigin;
     }
     if (!strstr(clientMsg, "TimeStampDiff")) srv.diffTimeFromVXC = 0;
     findStatusFromClientMsg(clientMsg);
-    if (app->VXSys.closeCtrlConFlag) return; /* a critical file is missing: no answer */
+    if (vx::load_relaxed(app->VXSys.closeCtrlConFlag))
+        return; /* a critical file is missing: no answer */
     hashMapForAgent();
     /* A session without a profile still has a table: its root method. */
-    if (!app->methodTable.methodHashMapNode) setMethodHashMapNode(nullptr);
+    if (!vx::load_acquire(app->methodTable.methodHashMapNode)) setMethodHashMapNode(nullptr);
     synchronise_time(srv);
     ++srv.numberOfTestRunsTillNow;
-    srv.retryForDataConn = 1;
+    vx::store_relaxed(srv.retryForDataConn, 1);
     srv.retryForAutoSensorConn = 1;
     setAllFlagAndCountVars();
     srv.InstrumentationBusy = 1;
@@ -93,11 +97,11 @@ void handle_stop(VXProxyInstance_t* app, char* clientMsg)
         free(app->startInstMsg);
         app->startInstMsg = nullptr;
     }
-    srv.gettingstopInstrumenatation = 1;
+    vx::store_relaxed(srv.gettingstopInstrumenatation, 1);
     /* Minutes in 32 bits of microseconds, as the collector expects. */
     const unsigned int wait_us = static_cast<unsigned int>(srv.dumpremainingtstime) * 60u * 1000000u;
     if (wait_us) vx::wait_or_shutdown(wait_us);
-    srv.gettingstopInstrumenatation = 0;
+    vx::store_relaxed(srv.gettingstopInstrumenatation, 0);
     findStatusFromClientMsg(clientMsg);
     --srv.numberOfTestRunsTillNow;
     handleStopInstrumentationCase(clientMsg);
@@ -124,7 +128,7 @@ void handle_modify(VXProxyInstance_t* app, char* clientMsg)
 
 void handle_meta_data(VXProxyInstance_t* app)
 {
-    if (!app->Server.testRunRunning) {
+    if (!vx::load_relaxed(app->Server.testRunRunning)) {
         controlConnectionSendText("vx_meta_data_rep:action=send_meta_data;result=Error :<No test running.>\n");
         return;
     }
@@ -139,7 +143,7 @@ extern "C" void handleReceivedClientMessageFromVXCollector(char* clientMsg)
     VXProxyInstance_t* app = vx_app();
     if (!app || !clientMsg) return;
     app->controlLink.heartbeat_count = 0;
-    app->Server.lastHeartBeatRcvTime = my_gettimeofday();
+    vx::store_relaxed(app->Server.lastHeartBeatRcvTime, my_gettimeofday());
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Message from VXC: %.300s", clientMsg);
     if (vx::starts_with(clientMsg, kStart)) {
         handle_start(app, clientMsg);
@@ -165,8 +169,8 @@ extern "C" void handleReceivedClientMessageFromVXCollector(char* clientMsg)
 extern "C" void setAllFlagAndCountVars(void)
 {
     VXProxyInstance_t* app = vx_app();
-    app->VXSys.discardCount = 0;
-    app->VXSys.vxcBciDataConnectionHeartBeat = vx::kDataHeartBeatTicks;
+    vx::store_relaxed(app->VXSys.discardCount, 0);
+    vx::store_relaxed(app->VXSys.vxcBciDataConnectionHeartBeat, vx::kDataHeartBeatTicks);
     app->Server.InstrumentationBusy = 0;
     app->Server.instrProfBytesWritten = 0;
 }
@@ -175,8 +179,13 @@ extern "C" void handleStartInstrumentationCase(char*)
 {
     VXProxyInstance_t* app = vx_app();
     app->Server.isRuntimeApplied = 0;
-    if (!VXProxy.proxyServerFlag && (app->VXSys.closeCtrlConFlag == 1 || closeCtrlThread)) return;
-    app->Server.testRunRunning = 1;
+    if (!VXProxy.proxyServerFlag &&
+        (vx::load_relaxed(app->VXSys.closeCtrlConFlag) == 1 || vx::load_relaxed(closeCtrlThread)))
+        return;
+    /* Host threads write records the moment the flag is up: the buffers
+     * and their locks are made first, and the release publishes them. */
+    vx::prepare_data_channel();
+    vx::store_release(app->Server.testRunRunning, 1);
     check_data_thread();
     /* STAND-IN(thread-reports, log-forwarder): the auto-sensor and
      * log threads start here once they exist. */
@@ -187,10 +196,10 @@ extern "C" void handleStoppingCaseAtStopInstrumentCase(void)
     VXProxyInstance_t* app = vx_app();
     dumpVxDataOverRecord();
     vx::call_host("test_status", test_status_func, 0);
-    app->Server.testRunRunning = 0;
-    app->Server.retryForDataConn = 0;
+    vx::store_release(app->Server.testRunRunning, 0);
+    vx::store_relaxed(app->Server.retryForDataConn, 0);
     app->Server.retryForAutoSensorConn = 0;
-    app->Server.controlCommunicationBusyFlag = 0;
+    vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 0);
     app->Server.InstrumentationBusy = 0;
 }
 

@@ -11,14 +11,16 @@
 #include <string>
 
 #include "agent/vx_instance.h"
-#include "session/vx_keywords.h"
+#include "core/vx_atomic.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
+#include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
-#include "session/vx_control_dispatch.h"
 #include "link/vx_socket.h"
+#include "session/vx_control_dispatch.h"
+#include "session/vx_keywords.h"
 
 namespace {
 
@@ -70,8 +72,8 @@ public:
             vxlb_read_line(app()->controlLink.control.skt, buf, kLineSize, carry_, &carry_len_, err_, sizeof err_);
         if (r == -2 || r == -4) {
             VX_ERROR("CONTROL_THREAD", "Control connection lost while reading a file: %s", err_);
-            app()->VXSys.retryFlag = 1;
-            app()->VXSys.closeCtrlConFlag = 1;
+            vx::store_relaxed(app()->VXSys.retryFlag, 1);
+            vx::store_relaxed(app()->VXSys.closeCtrlConFlag, 1);
         }
         return r;
     }
@@ -133,7 +135,7 @@ void give_up_on(const char* keyword, const char* got)
                      "VXC. Closing control connection.\n",
                      keyword);
         controlConnectionSendText(text);
-        app()->VXSys.closeCtrlConFlag = 1;
+        vx::store_relaxed(app()->VXSys.closeCtrlConFlag, 1);
     } else if (got) {
         VX_ERROR("CONTROL_THREAD",
                  "Expecting response for '%s' but get message from VXC is '%s'. Not critical file "

@@ -8,11 +8,12 @@
 #include <cstring>
 #include <string>
 
-#include "bt/vx_bt_object.h"
 #include "agent/vx_feature_settings.h"
 #include "agent/vx_host_callbacks.h"
 #include "core/vx_host_call.h"
 #include "agent/vx_instance.h"
+#include "bt/vx_bt_object.h"
+#include "core/vx_atomic.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_per_thread_data.h"
@@ -93,8 +94,8 @@ extern "C" void setCurrentTR(char* value, char* keyword, int)
 {
     const int id = atoi(value);
     Server_t& srv = app()->Server;
-    srv.doNotDumpMetaData = id != srv.TestRunIDValue ? 1 : 0;
-    srv.TestRunIDValue = id;
+    srv.doNotDumpMetaData = id != vx::load_relaxed(srv.TestRunIDValue) ? 1 : 0;
+    vx::store_relaxed(srv.TestRunIDValue, id);
     trace(keyword, value);
 }
 
@@ -106,8 +107,8 @@ extern "C" void setKlvEpochDiff(char* value, char*, int)
         VX_ERROR("CONTROL_THREAD", "Invalid value %s of keyword klvEpochDiff; the time base is kept", value);
         return;
     }
-    srv.klvEpochDiffTime = seconds * 1000;
-    srv.originalKlvEpochDiffTime = srv.klvEpochDiffTime;
+    vx::store_relaxed(srv.klvEpochDiffTime, seconds * 1000);
+    srv.originalKlvEpochDiffTime = vx::load_relaxed(srv.klvEpochDiffTime);
     srv.changeOriginalTime = seconds != 0 ? 1 : 0;
 }
 
@@ -256,7 +257,7 @@ extern "C" void setCorrelationID(char* value, char*, int)
 {
     VXSys_t& s = app()->VXSys;
     if (none(value)) {
-        s.captureCorrelationEnabled = 0;
+        vx::store_relaxed(s.captureCorrelationEnabled, 0);
         s.correlationIdHeader[0] = '\0';
         return;
     }
@@ -264,7 +265,7 @@ extern "C" void setCorrelationID(char* value, char*, int)
     vx::copy_text(text, sizeof text - 1, value);
     strcat(text, "=");
     vx::copy_text(s.correlationIdHeader, sizeof s.correlationIdHeader, text);
-    s.captureCorrelationEnabled = 1;
+    vx::store_relaxed(s.captureCorrelationEnabled, 1);
 }
 
 extern "C" void setHttpReqRespCaptureSettings(char* value, char* keyword, int)

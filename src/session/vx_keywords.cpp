@@ -1,6 +1,7 @@
 #include "session/vx_keywords.h"
 
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -8,12 +9,13 @@
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_feature_settings.h"
 #include "agent/vx_instance.h"
-#include "session/vx_keyword_parsers.h"
+#include "core/vx_atomic.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_method_table.h"
 #include "session/vx_control_dispatch.h"
 #include "session/vx_file_keywords.h"
+#include "session/vx_keyword_parsers.h"
 
 namespace {
 
@@ -261,7 +263,12 @@ extern "C" void fill_vxAppLogStruct_info(int index, char* value)
 extern "C" void fill_int_data(char* target, char* value, int length)
 {
     const int v = atoi(value);
-    memcpy(target, &v, static_cast<size_t>(length < 4 ? length : 4));
+    /* A whole int field is stored atomically: host threads read settings
+     * such as bciInstrSessionPct while a start or modify writes them. */
+    if (length >= 4 && reinterpret_cast<uintptr_t>(target) % alignof(int) == 0)
+        vx::store_relaxed(*reinterpret_cast<int*>(target), v);
+    else
+        memcpy(target, &v, static_cast<size_t>(length < 4 ? length : 4));
 }
 
 extern "C" void fill_long_long_data(char* target, char* value, int length)
@@ -301,7 +308,7 @@ extern "C" void findStatusFromClientMsg(char* clientMsg)
     if (!app || !clientMsg || !table_matches_enum()) return;
     const bool applies =
         (vx::starts_with(clientMsg, "vx_control_req:action=start_instrumentation") &&
-         app->Server.controlCommunicationBusyFlag == 0) ||
+         vx::load_relaxed(app->Server.controlCommunicationBusyFlag) == 0) ||
         vx::starts_with(clientMsg, "vx_control_req:action=modify");
     thread_local char* fields[kMaxMessageFields]; /* one control thread per instance */
     const int n = vxlb_get_tokens_with_multi_delimiter(clientMsg, fields, const_cast<char*>(";"),
@@ -318,7 +325,7 @@ extern "C" void findStatusFromClientMsg(char* clientMsg)
         char key[1024];
         char* value = split_key_value(field, key);
         if (!value) return;
-        if (app->VXSys.closeCtrlConFlag) return;
+        if (vx::load_relaxed(app->VXSys.closeCtrlConFlag)) return;
         const int index = NameToIndex(key);
         if (index < 0) continue;
         const keywordsInfo& row = keywordsMap[index];
@@ -337,11 +344,11 @@ extern "C" void vxlb_init_all_keywords(void)
     Server_t& srv = app->Server;
     sys.enableForcedFlowpathChainMode = 1;
     sys.enableCpuTime = 0;
-    sys.bciInstrSessionPct = 0;
+    vx::store_relaxed(sys.bciInstrSessionPct, 0);
     sys.captureChildFPCPUTime = 0;
-    srv.klvEpochDiffTime = 0;
+    vx::store_relaxed(srv.klvEpochDiffTime, 0);
     srv.originalKlvEpochDiffTime = 1388534400000LL;
-    srv.testRunRunning = 0;
+    vx::store_release(srv.testRunRunning, 0);
     srv.noInstrumentProfileMode = 0;
     vx::copy_text(srv.fpgVID, sizeof srv.fpgVID, "1.0");
     app->VXBackendMonitor.vxBackendMonTraceLevel = 0;
@@ -349,20 +356,20 @@ extern "C" void vxlb_init_all_keywords(void)
     app->VXBackendMonitor.backendIDCounter = 0;
     app->VXBTMonitor.doNotDisacrdAnyTransaction = 0;
     app->monitorSettings.isNewMonitorRecordEnabled = 0;
-    sys.retryFlag = 0;
-    sys.closeCtrlConFlag = 0;
+    vx::store_relaxed(sys.retryFlag, 0);
+    vx::store_relaxed(sys.closeCtrlConFlag, 0);
     sys.enableIPResourceURL = 0;
     sys.correlationIdHeader[0] = '\0';
-    sys.captureCorrelationEnabled = 0;
+    vx::store_relaxed(sys.captureCorrelationEnabled, 0);
     srv.instrProfBytesWritten = 0;
-    srv.gettingstopInstrumenatation = 0;
+    vx::store_relaxed(srv.gettingstopInstrumenatation, 0);
     srv.dumpremainingtstime = 0;
     /* numcriticalFile: setDefaultCriticalFile below frees the list and starts it anew */
     srv.startInstrRespBuffer[0] = '\0';
     srv.startInstrRespBufferCnt = 0;
-    sys.dataConnState = 1;
+    vx::store_relaxed(sys.dataConnState, 1);
     sys.autosensorConnState = 1;
-    srv.isTenRecordDump = 0;
+    vx::store_relaxed(srv.isTenRecordDump, 0);
     /* STAND-IN(exceptions, thread-reports, sql): their
      * settings start again here once they exist. */
     app->monitorSettings.vxVectorSeperator = '>';

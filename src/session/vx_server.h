@@ -2,6 +2,11 @@
  * Server: the session with the collector. testRunRunning is the master
  * switch: producers write only while it is 1, and no new flowpath starts while
  * gettingstopInstrumenatation is set.
+ *
+ * Host threads read both flags while the control thread writes them: every
+ * access goes through vx_atomic.h. testRunRunning is raised with release
+ * once what producers need (data buffers, their locks, the method table) is
+ * made, and dumpData reads it with acquire.
  */
 #ifndef VX_SERVER_H
 #define VX_SERVER_H

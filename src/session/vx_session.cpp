@@ -1,14 +1,16 @@
 #include "session/vx_session.h"
-#include "session/vx_session_data.h"
 
-#include "core/vx_hashmap.h"
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
+#include "core/vx_hashmap.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
+#include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "link/vx_data_dispatcher.h"
 #include "link/vx_data_thread.h"
+#include "session/vx_session_data.h"
 
 namespace vx {
 
@@ -26,25 +28,28 @@ void session_start(int testIdx, long long klvEpochDiffTime, SessionData data)
     app->VXBackendMonitor.maxIPCount = kDefaultMaxIPCount;
     app->VXBackendMonitor.backendIDCounter = 0;
     vx::copy_text(app->Server.fpgVID, sizeof app->Server.fpgVID, "1.0");
-    app->Server.isTenRecordDump = 0;
-    app->VXSys.retryFlag = 0; /* a lost connection's marks do not outlive it */
-    app->VXSys.closeCtrlConFlag = 0;
-    app->VXSys.dataConnState = 1;
-    app->VXSys.discardCount = 0;
-    app->VXSys.vxcBciDataConnectionHeartBeat = kDataHeartBeatTicks;
-    if (data == SessionData::kTapOnly) app->VXBCISetting.data_thread_running = 1;
-    app->Server.testRunRunning = 1; /* so that the table's record 5 goes out */
-    if (!app->methodTable.methodHashMapNode) setMethodHashMapNode(nullptr);
+    vx::store_relaxed(app->Server.isTenRecordDump, 0);
+    vx::store_relaxed(app->VXSys.retryFlag, 0); /* a lost connection's marks do not outlive it */
+    vx::store_relaxed(app->VXSys.closeCtrlConFlag, 0);
+    vx::store_relaxed(app->VXSys.dataConnState, 1);
+    vx::store_relaxed(app->VXSys.discardCount, 0);
+    vx::store_relaxed(app->VXSys.vxcBciDataConnectionHeartBeat, kDataHeartBeatTicks);
+    if (data == SessionData::kTapOnly) vx::store_relaxed(app->VXBCISetting.data_thread_running, 1);
+    /* What records need is made before the flag rises (see
+     * prepare_data_channel). */
+    if (data == SessionData::kDataThread) vx::prepare_data_channel();
+    vx::store_release(app->Server.testRunRunning, 1); /* so that the table's record 5 goes out */
+    if (!vx::load_acquire(app->methodTable.methodHashMapNode)) setMethodHashMapNode(nullptr);
     if (!app->httpHashMapNode) {
         app->httpHashMapNode = create_hashmap(app->control_pool);
         app->httpEntryLock = vx::mutex_create(app->control_pool);
     }
-    app->Server.TestRunIDValue = testIdx;
-    app->Server.klvEpochDiffTime = klvEpochDiffTime;
-    app->Server.gettingstopInstrumenatation = 0;
-    app->Server.retryForDataConn = 1;
+    vx::store_relaxed(app->Server.TestRunIDValue, testIdx);
+    vx::store_relaxed(app->Server.klvEpochDiffTime, klvEpochDiffTime);
+    vx::store_relaxed(app->Server.gettingstopInstrumenatation, 0);
+    vx::store_relaxed(app->Server.retryForDataConn, 1);
     app->Server.InstrumentationBusy = 1;
-    app->Server.testRunRunning = 1;
+    vx::store_release(app->Server.testRunRunning, 1);
     if (data == SessionData::kDataThread) check_data_thread();
 }
 
@@ -54,21 +59,21 @@ void session_stop()
     if (!app) return;
     if (g_mode == SessionData::kDataThread) {
         dumpVxDataOverRecord();
-        app->Server.testRunRunning = 0;
-        app->Server.retryForDataConn = 0;
+        vx::store_release(app->Server.testRunRunning, 0);
+        vx::store_relaxed(app->Server.retryForDataConn, 0);
         app->Server.retryForAutoSensorConn = 0;
-        app->Server.controlCommunicationBusyFlag = 0;
+        vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 0);
         app->Server.InstrumentationBusy = 0;
         return;
     }
-    app->Server.gettingstopInstrumenatation = 1;
+    vx::store_relaxed(app->Server.gettingstopInstrumenatation, 1);
     dumpFpFromBusyList();
-    app->Server.testRunRunning = 0;
-    app->Server.retryForDataConn = 0;
+    vx::store_release(app->Server.testRunRunning, 0);
+    vx::store_relaxed(app->Server.retryForDataConn, 0);
     app->Server.InstrumentationBusy = 0;
-    app->VXBCISetting.data_thread_running = 0;
+    vx::store_relaxed(app->VXBCISetting.data_thread_running, 0);
     free_methodHashMapNode();
-    app->Server.gettingstopInstrumenatation = 0;
+    vx::store_relaxed(app->Server.gettingstopInstrumenatation, 0);
 }
 
 }  // namespace vx

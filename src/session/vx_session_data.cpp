@@ -4,7 +4,9 @@
 
 #include "agent/vx_instance.h"
 #include "bt/vx_bt_object.h"
+#include "core/vx_atomic.h"
 #include "core/vx_record_door.h"
+#include "flowpath/vx_method_announce.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "link/vx_control_link.h"
@@ -18,7 +20,7 @@ extern "C" void free_agent_data(void)
     /* STAND-IN(monitors, sql, tags): their per-session tables are freed here
      * once they exist. */
     VXBTManagerReset();
-    node_t* table = __atomic_load_n(&app->methodTable.methodHashMapNode, __ATOMIC_ACQUIRE);
+    node_t* table = vx::load_acquire(app->methodTable.methodHashMapNode);
     if (!table) return;
     /* Method events already inside the table when the session's flag fell
      * finish on it; the wait gives them time. */

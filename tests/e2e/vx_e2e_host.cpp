@@ -36,11 +36,12 @@
 #include <thread>
 #include <vector>
 
-#include "vx_sdk.h"
-
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
+#include "core/vx_thread.h"
 #include "link/vx_data_dispatcher.h"
 #include "session/vx_session.h"
+#include "vx_sdk.h"
 
 namespace {
 
@@ -61,13 +62,20 @@ bool wait_for(Pred done, long long timeout_ms)
 
 bool registered(VXProxyInstance_t* app, long long since)
 {
-    return app->controlLink.ctrlServing && app->Server.lastConnectionTime >= since;
+    return vx::load_relaxed(app->controlLink.ctrlServing) &&
+           vx::load_relaxed(app->Server.lastConnectionTime) >= since;
 }
 
-bool data_open(VXProxyInstance_t* app) { return app->VXSys.dataConnState == 1 && app->dataChannel.dataSkt.skt; }
+bool data_open(VXProxyInstance_t* app)
+{
+    return vx::load_relaxed(app->VXSys.dataConnState) == 1 &&
+           vx::load_relaxed(app->dataChannel.dataSkt.skt);
+}
 
 bool ring_drained(VXProxyInstance_t* app)
 {
+    vx::VXLockGuard write(app->dataChannel.bufferWriteLock);
+    vx::VXLockGuard move(app->dataChannel.bufferMoveLock);
     return app->dataChannel.readListSize == 0 && (!app->dataChannel.VXBCIAgentBB || app->dataChannel.VXBCIAgentBB->use_len == 0);
 }
 
@@ -94,15 +102,20 @@ int run_stream(VXProxyInstance_t* app, int seconds)
     int sessions = 0;
     long long since = 0;
     while (now_ms() < end) {
-        if (!app->Server.testRunRunning) {
+        if (!vx::load_relaxed(app->Server.testRunRunning)) {
             /* A new session once the agent has registered (again) and the
              * last data thread has ended. */
-            if (registered(app, since) && !app->VXBCISetting.data_thread_running) {
+            if (registered(app, since) &&
+                !vx::load_relaxed(app->VXBCISetting.data_thread_running)) {
                 vx::session_start(++sessions, 1388534400000LL, vx::SessionData::kDataThread);
-                since = app->Server.lastConnectionTime + 1;
+                since = vx::load_relaxed(app->Server.lastConnectionTime) + 1;
                 printf("session=%d\nsession_from=%lld\n", sessions, seq);
                 fflush(stdout);
-                wait_for([app] { return data_open(app) || !app->Server.testRunRunning; }, 5000);
+                wait_for(
+                    [app] {
+                        return data_open(app) || !vx::load_relaxed(app->Server.testRunRunning);
+                    },
+                    5000);
             }
             sleep_ms(10);
             continue;
@@ -111,8 +124,9 @@ int run_stream(VXProxyInstance_t* app, int seconds)
         sleep_ms(10);
     }
     vx::session_stop();
-    wait_for([app] { return !app->VXBCISetting.data_thread_running; }, 20000);
-    printf("offered=%lld\nsessions=%d\ndiscard=%d\n", seq, sessions, app->VXSys.discardCount);
+    wait_for([app] { return !vx::load_relaxed(app->VXBCISetting.data_thread_running); }, 20000);
+    printf("offered=%lld\nsessions=%d\ndiscard=%d\n", seq, sessions,
+           vx::load_relaxed(app->VXSys.discardCount));
     return sessions > 0 ? 0 : 1;
 }
 
@@ -123,7 +137,7 @@ int run_load(VXProxyInstance_t* app, int seconds, int threads)
     if (!wait_for([app] { return data_open(app); }, 10000)) return 3;
     /* The data heartbeat goes through the same door: off, so that every
      * discard counted is one of the records offered here. */
-    app->VXSys.vxcBciDataConnectionHeartBeat = 0;
+    vx::store_relaxed(app->VXSys.vxcBciDataConnectionHeartBeat, 0);
     const long long base_rss = peak_rss_kb();
     std::atomic<bool> stop{false};
     std::vector<long long> offered(static_cast<size_t>(threads), 0);
@@ -151,16 +165,20 @@ int run_load(VXProxyInstance_t* app, int seconds, int threads)
     stop = true;
     for (auto& p : producers) p.join();
     const bool drained = wait_for([app] { return ring_drained(app); }, 120000);
-    const int discard = app->VXSys.discardCount;
+    const int discard = vx::load_relaxed(app->VXSys.discardCount);
     long long total = 0, slowest = 0;
     for (int t = 0; t < threads; ++t) {
         total += offered[static_cast<size_t>(t)];
         if (slowest_us[static_cast<size_t>(t)] > slowest) slowest = slowest_us[static_cast<size_t>(t)];
     }
-    const long long buffers = app->dataChannel.writeListSize + app->dataChannel.readListSize;
+    long long buffers = 0;
+    {
+        vx::VXLockGuard move(app->dataChannel.bufferMoveLock);
+        buffers = app->dataChannel.writeListSize + app->dataChannel.readListSize;
+    }
     const long long ring_bytes = buffers * app->VXSys.bciDataBufferMaxSize;
     vx::session_stop();
-    wait_for([app] { return !app->VXBCISetting.data_thread_running; }, 20000);
+    wait_for([app] { return !vx::load_relaxed(app->VXBCISetting.data_thread_running); }, 20000);
     printf("offered=%lld\ndiscard=%d\ndrained=%d\nbuffers=%lld\nring_bytes=%lld\n", total, discard,
            drained ? 1 : 0, buffers, ring_bytes);
     printf("base_rss_kb=%lld\npeak_rss_kb=%lld\nslowest_call_us=%lld\n", base_rss, peak_rss_kb(),

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "agent/vx_sdk_api.h"
 #include "agent/vx_sdk_api_private.h"
 #include "agent/vx_sdk_log.h"
@@ -118,7 +119,7 @@ TEST(SdkInit, Init2OpensTheSdkLogStartsTheAgentAndReturnsAfterItsWait)
         CHILD_CHECK(strcmp(app->VXBCISetting.agentVersion, "v2") == 0);
         CHILD_CHECK(app->controlLink.control_thread_id != nullptr);
         /* Stamped once the wait is over. */
-        CHILD_CHECK(app->Server.lastHeartBeatRcvTime == kNow + 30000);
+        CHILD_CHECK(vx::load_relaxed(app->Server.lastHeartBeatRcvTime) == kNow + 30000);
         CHILD_CHECK(sdk_pool && bt_lock && g_bt_hash);
 
         /* "<home>/<type>/logs/vx_sdk_<14 digits>_<pid>.log_0", alone. */

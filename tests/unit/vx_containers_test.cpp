@@ -8,7 +8,6 @@
 
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <string>
 
 #include "agent/vx_instance.h"

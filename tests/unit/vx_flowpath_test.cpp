@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <ostream>
 #include <string>
@@ -18,6 +17,7 @@
 
 namespace {
 
+using vx_test::field;
 using vx_test::FrozenClock;
 using vx_test::RecordSink;
 using vx_test::SessionScope;
@@ -141,14 +141,6 @@ std::vector<std::string> run_transaction(int pct, long long ms, int status, cons
     for (const std::string& l : sink.lines())
         if (l[0] != '7') out.push_back(l); /* BT metadata is not the subject here */
     return out;
-}
-
-/* Field `n` (0-based) of a record line. */
-std::string field(const std::string& line, int n)
-{
-    size_t at = 0;
-    for (int i = 0; i < n; ++i) at = line.find(',', at) + 1;
-    return line.substr(at, line.find_first_of(",\n", at) - at);
 }
 
 TEST(FlowpathCapture, FastUncapturedSendsNothingSlowAndErrorsGoOutAndOddStatusIsNoError)

@@ -3,9 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 
@@ -79,6 +78,14 @@ std::string fill(std::string golden, const std::vector<std::pair<std::string, st
             golden.replace(at, key.size(), value);
     }
     return golden;
+}
+
+std::string field(const std::string& line, size_t n)
+{
+    size_t at = 0;
+    for (size_t i = 0; i < n; ++i, ++at)
+        if ((at = line.find(',', at)) == std::string::npos) return "<missing>";
+    return line.substr(at, line.find_first_of(",\n", at) - at);
 }
 
 RecordSink::RecordSink() { vx::data_tap_set(&RecordSink::on_record, this); }

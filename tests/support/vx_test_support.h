@@ -8,7 +8,6 @@
 
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -86,6 +85,10 @@ std::string trace_log_text();
 /* Replace "{name}" placeholders in a golden line by values read from the
  * record under test (identity numbers the test cannot choose). */
 std::string fill(std::string golden, const std::vector<std::pair<std::string, std::string>>& values);
+
+/* Field `n` (0-based) of a record line, without its line feed; "<missing>"
+ * when the line has fewer fields. */
+std::string field(const std::string& line, size_t n);
 
 /* Collects every record line dumpData accepts while it is alive. */
 class RecordSink {

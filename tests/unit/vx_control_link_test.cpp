@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "agent/vx_instance.h"
@@ -86,11 +87,12 @@ private:
 TEST_F(ControlLink, ReplyPolicyFieldsSetRetriesAndKeepFailoverOnOnlyWhenAllComeFirst)
 {
     app_->controlLink.retry_policy = retryPolicy_t{};
+    const retryPolicy_t& rp = app_->controlLink.retry_policy;
     EXPECT_EQ(policy(kOk + kPolicy), 0);
-    EXPECT_EQ(app_->controlLink.retry_policy.num_retry, 3);
-    EXPECT_EQ(app_->controlLink.retry_policy.time_interval, 60LL * 1000000);
-    EXPECT_EQ(app_->controlLink.retry_policy.reply_unsuccessful_count, 10);
-    EXPECT_EQ(app_->controlLink.retry_policy.heartbeat_reply_timeout_check, 3);
+    /* Retries, interval in microseconds, failed replies, heartbeat ticks. */
+    EXPECT_EQ(std::tuple(int{rp.num_retry}, rp.time_interval, rp.reply_unsuccessful_count,
+                         rp.heartbeat_reply_timeout_check),
+              std::tuple(3, apr_interval_time_t{60000000}, 10, 3));
     EXPECT_EQ(app_->controlLink.vx_dr_state, 1);
     EXPECT_EQ(policy(kOk + "state=1;retryPolicy=2%5%4%9;ProtoVersion=1;"), 0);
     EXPECT_EQ(app_->controlLink.retry_policy.heartbeat_reply_timeout_check, 0); /* under 10 s: no ticks */
@@ -224,9 +226,7 @@ TEST_F(ControlLinkStream, AnIncompleteLineMovesToTheFrontAndCompletesWithTheNext
     feed(first + second + third.substr(0, 30));
     EXPECT_EQ(app_->VXSys.autosensorConnState, 5);
     EXPECT_EQ(app_->VXSys.dataConnState, 2);
-    EXPECT_EQ(buf_.readOffset, 0);
-    EXPECT_EQ(buf_.readBytes, 30);
-    EXPECT_EQ(buf_.writeOffset, 30);
+    EXPECT_EQ(std::tuple(buf_.readOffset, buf_.readBytes, buf_.writeOffset), std::tuple(0, 30, 30));
     EXPECT_EQ(std::string(buf_.read_socket_buf, 30), third.substr(0, 30));
 
     feed(third.substr(30, 10)); /* still no line feed: it waits where it is */
@@ -235,8 +235,7 @@ TEST_F(ControlLinkStream, AnIncompleteLineMovesToTheFrontAndCompletesWithTheNext
     feed(third.substr(40));
     EXPECT_EQ(app_->VXSys.dataConnState, 3);
     EXPECT_EQ(app_->VXSys.autosensorConnState, 6);
-    EXPECT_EQ(buf_.readBytes, 0);
-    EXPECT_EQ(buf_.writeOffset, 0);
+    EXPECT_EQ(std::tuple(buf_.readBytes, buf_.writeOffset), std::tuple(0, 0));
 }
 
 TEST_F(ControlLinkStream, NulBytesBetweenLinesAreSkippedAndEveryLineIsASignOfLife)
@@ -248,8 +247,7 @@ TEST_F(ControlLinkStream, NulBytesBetweenLinesAreSkippedAndEveryLineIsASignOfLif
     EXPECT_EQ(app_->controlLink.heartbeat_count, 0);
     EXPECT_EQ(app_->Server.lastHeartBeatRcvTime, 9000);
     EXPECT_EQ(app_->VXSys.dataConnState, 0);
-    EXPECT_EQ(buf_.readBytes, 0);
-    EXPECT_EQ(buf_.readOffset, 0);
+    EXPECT_EQ(std::tuple(buf_.readBytes, buf_.readOffset), std::tuple(0, 0));
 
     /* A collector heartbeat of fewer than three fields leaves the states. */
     app_->VXSys.dataConnState = 1;

@@ -6,10 +6,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "agent/vx_instance.h"
 #include "http/vx_trace_context.h"
@@ -18,9 +18,12 @@
 
 namespace {
 
+using vx_test::field;
 using vx_test::FrozenClock;
 using vx_test::RecordSink;
 using vx_test::SessionScope;
+
+using Lines = std::vector<std::string>;
 
 constexpr long long kEpoch = 1388534400000LL;  /* the session's time origin */
 constexpr long long kStart = kEpoch + 5000123; /* 5000.123 s into the session */
@@ -111,12 +114,8 @@ TEST_P(FlowpathRecords, HeaderAndCompletionMatchGoldenLines)
     FrozenClock::set(kStart + 40, 251000);
     endFP(td, 200, nullptr, 0, 0, 0, nullptr);
 
-    auto r2 = sink.of_type(2);
-    auto r4 = sink.of_type(4);
-    ASSERT_EQ(r2.size(), 1u);
-    ASSERT_EQ(r4.size(), 1u);
-    EXPECT_EQ(r2[0], vx_test::fill(c.record2, ids(td)));
-    EXPECT_EQ(r4[0], vx_test::fill(c.record4, ids(td)));
+    EXPECT_EQ(sink.of_type(2), Lines{vx_test::fill(c.record2, ids(td))});
+    EXPECT_EQ(sink.of_type(4), Lines{vx_test::fill(c.record4, ids(td))});
     reset(td);
     arrPropagationHeaders[0] = 0;
 }
@@ -141,14 +140,6 @@ std::vector<std::string> run_transaction(int pct, long long ms, int status, cons
     for (const std::string& l : sink.lines())
         if (l[0] != '7') out.push_back(l); /* BT metadata is not the subject here */
     return out;
-}
-
-/* Field `n` (0-based) of a record line. */
-std::string field(const std::string& line, int n)
-{
-    size_t at = 0;
-    for (int i = 0; i < n; ++i) at = line.find(',', at) + 1;
-    return line.substr(at, line.find_first_of(",\n", at) - at);
 }
 
 TEST(FlowpathCapture, FastUncapturedSendsNothingSlowAndErrorsGoOutAndOddStatusIsNoError)
@@ -227,15 +218,11 @@ TEST(FlowpathBlob, FullBlobLeavesAsRecordThreeAndUncapturedNormalEndIsMarked)
      * one already fills the blob. */
     auto* td = start("99", "/flush");
     ASSERT_EQ(sink.of_type(2).size(), 1u);
-    auto r3 = sink.of_type(3);
-    ASSERT_EQ(r3.size(), 1u);
-    EXPECT_EQ(r3[0], vx_test::fill("3,99,{mid}:0_0_0__\n", ids(td)));
+    EXPECT_EQ(sink.of_type(3), Lines{vx_test::fill("3,99,{mid}:0_0_0__\n", ids(td))});
     EXPECT_EQ(td->sequenceBlobLen, 0);
 
     endFP(td, 200, nullptr, 0, 0, 0, nullptr);
-    auto r4 = sink.of_type(4);
-    ASSERT_EQ(r4.size(), 1u);
-    EXPECT_EQ(r4[0], vx_test::fill("4,99,-99,10,0,0,{bt},0,,0,-1,\n", ids(td)));
+    EXPECT_EQ(sink.of_type(4), Lines{vx_test::fill("4,99,-99,10,0,0,{bt},0,,0,-1,\n", ids(td))});
     EXPECT_EQ(sink.of_type(2).size(), 1u) << "record 2 goes out once";
     reset(td);
 }

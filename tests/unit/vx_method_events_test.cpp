@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_instance.h"
@@ -48,12 +49,9 @@ protected:
     void SetUp() override
     {
         app_ = vx_test::agent();
-        char profile[sizeof kProfile];
-        memcpy(profile, kProfile, sizeof kProfile);
-        setMethodHashMapNode(profile);
-        char entries[sizeof kEntryPoints];
-        memcpy(entries, kEntryPoints, sizeof kEntryPoints);
-        parseEntryFile(entries);
+        std::string profile = kProfile, entries = kEntryPoints;
+        setMethodHashMapNode(profile.data());
+        parseEntryFile(entries.data());
         app_->VXSys.bciInstrSessionPct = 100;
         sink_.clear();
     }
@@ -95,8 +93,11 @@ protected:
         for (int i = 0; i < 11; ++i) at = line.find(',', at) + 1;
         return line.substr(at, line.size() - at - 1);
     }
-    std::string golden(const char* text)
+    /* A golden blob with the profile's ids, and `more`, filled in. */
+    std::string golden(std::string text,
+                       const std::vector<std::pair<std::string, std::string>>& more = {})
     {
+        text = vx_test::fill(text, more);
         return vx_test::fill(text, {{"r", std::to_string(id(kRootMethodName))},
                                     {"co", std::to_string(id("Shop.checkout"))},
                                     {"hp", std::to_string(id("Shop.helper"))},
@@ -146,9 +147,8 @@ TEST_F(MethodEvents, ArgumentAndExceptionExitsHaveTheirOwnForms)
     httpHashMapNode_t* header =
         searchAndUpdatehttpHashMapNode(S("Custom_Header"), app_->httpHashMapNode, 0);
     ASSERT_NE(header, nullptr);
-    EXPECT_EQ(r19[0], vx_test::fill("19,4242,2:{co}:4:{h}:1:<order-17>|\n",
-                                    {{"co", std::to_string(id("Shop.checkout"))},
-                                     {"h", std::to_string(header->id)}}));
+    EXPECT_EQ(r19[0],
+              golden("19,4242,2:{co}:4:{h}:1:<order-17>|\n", {{"h", std::to_string(header->id)}}));
     EXPECT_EQ(finish(td, -1), golden("{r}:0_0_0__{co}:0_0_5__{co}:0_1:4_7_300___{hp}:0_0_13__{hp}:0_3_9_250___"
                                      "{r}:0_1_0_1300___"));
 }
@@ -166,10 +166,8 @@ TEST_F(MethodEvents, IdsBeyondTheCountersAreNeverRefusedAndKeepTheHostsWallTime)
     EXPECT_GE(big->methodId, vx::kMethodCounterSize);
     vxMethodExit(big, td, S("Big.method"), -1, -1, nullptr, 42, 0, 0, nullptr, 1, nullptr, 0, nullptr);
     vxMethodExit(big, td, S("Big.method"), -1, -1, nullptr, 43, 0, 0, nullptr, 1, nullptr, 0, nullptr);
-    EXPECT_EQ(
-        finish(td),
-        vx_test::fill(golden("{r}:0_0_0__{b}:0_0_0__{b}:0_1_42____{b}:0_1_43____{r}:0_1_0_0___"),
-                      {{"b", std::to_string(big->methodId)}}));
+    EXPECT_EQ(finish(td), golden("{r}:0_0_0__{b}:0_0_0__{b}:0_1_42____{b}:0_1_43____{r}:0_1_0_0___",
+                                 {{"b", std::to_string(big->methodId)}}));
 }
 
 TEST_F(MethodEvents, DatabaseCalloutWritesOnlyTheOutermostCallAndErrorsUseE)
@@ -183,18 +181,18 @@ TEST_F(MethodEvents, DatabaseCalloutWritesOnlyTheOutermostCallAndErrorsUseE)
     leave(td, "Db.query", 0, -1, "mysql|dbhost|3306");
     std::string ok = finish(td);
     const std::string backend = std::to_string(id("DB_mysql|dbhost|3306"));
-    EXPECT_EQ(ok, vx_test::fill(golden("{r}:0_0_0__{q}:0_0_5__{q}:0_0_5__{q}:0_1_7_300___{q}:0_1_7_300___"
-                                       "T7:{db}:7:10:0:0::::200:_{r}:0_1_0_1300___"),
-                                {{"db", backend}}));
+    EXPECT_EQ(ok, golden("{r}:0_0_0__{q}:0_0_5__{q}:0_0_5__{q}:0_1_7_300___{q}:0_1_7_300___"
+                         "T7:{db}:7:10:0:0::::200:_{r}:0_1_0_1300___",
+                         {{"db", backend}}));
 
     td = begin();
     at(5, 2000);
     enter(td, "Db.query", 0, "select 3");
     at(12, 2300);
     leave(td, "Db.query", 0, 500, "mysql|dbhost|3306");
-    EXPECT_EQ(finish(td, -1), vx_test::fill(golden("{r}:0_0_0__{q}:0_0_5__{q}:0_1_7_300___"
-                                                   "E4:{db}:7:10:0:0::::500:_{r}:0_1_0_1300___"),
-                                            {{"db", backend}}));
+    EXPECT_EQ(finish(td, -1), golden("{r}:0_0_0__{q}:0_0_5__{q}:0_1_7_300___"
+                                     "E4:{db}:7:10:0:0::::500:_{r}:0_1_0_1300___",
+                                     {{"db", backend}}));
 }
 
 TEST_F(MethodEvents, CustomCalloutNamesItsOwnBackend)
@@ -255,10 +253,9 @@ TEST_F(MethodEvents, UncapturedFlowpathStillWritesForcedTokensAndCallouts)
     enter(td, "Db.query", 0, "select 1");
     leave(td, "Db.query", 0, -1, "pg|h|5432");
     at(3500, 1000); /* slow, so it is reported */
-    std::string blob = finish(td);
-    EXPECT_EQ(blob, vx_test::fill(golden("{r}:0_0_0__{fe}:0_0_5__{tx}:0_1_0_0___T7:{db}:0:10:0:0::::200:_"
-                                         "{r}:0_1_0_0___"),
-                                  {{"db", std::to_string(id("DB_pg|h|5432"))}}));
+    EXPECT_EQ(finish(td), golden("{r}:0_0_0__{fe}:0_0_5__{tx}:0_1_0_0___T7:{db}:0:10:0:0::::200:_"
+                                 "{r}:0_1_0_0___",
+                                 {{"db", std::to_string(id("DB_pg|h|5432"))}}));
 }
 
 TEST_F(MethodEvents, GoHostsReportNoCpuBelowTheFullCpuMode)

@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -27,6 +26,7 @@
 
 namespace {
 
+using vx_test::field;
 using vx_test::FrozenClock;
 using vx_test::RecordSink;
 using vx_test::SessionScope;
@@ -38,19 +38,6 @@ using vx_test::S;
 VXPerThreadData_t* record(vxBTHandle h)
 {
     return static_cast<VXPerThreadData_t*>(h);
-}
-
-/* Field `i` of a record line (its trailing newline dropped). */
-std::string field(std::string line, size_t i)
-{
-    if (!line.empty() && line.back() == '\n') line.pop_back();
-    size_t start = 0;
-    for (size_t k = 0; k < i; ++k) {
-        start = line.find(',', start);
-        if (start == std::string::npos) return "<missing>";
-        ++start;
-    }
-    return line.substr(start, line.find(',', start) - start);
 }
 
 vxBTHandle begin(const char* name, const char* kpcookie = nullptr)

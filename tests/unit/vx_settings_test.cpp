@@ -10,11 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -424,11 +422,9 @@ TEST_F(Settings, ProcessesFileMapsNamesToValues)
     readProcessConfFile();
     EXPECT_EQ(total_process_entries, 62); /* the table grew past 50 */
     EXPECT_STREQ(processInfoStruct[0].process_name, "php-fpm");
-    EXPECT_EQ(checkProcessNameInfo(S("PHP-FPM")), 1);
-    EXPECT_EQ(checkProcessNameInfo(S("work")), 2);
-    EXPECT_EQ(checkProcessNameInfo(S("p59")), 159);
-    EXPECT_EQ(checkProcessNameInfo(S("indented")), 0);
-    EXPECT_EQ(checkProcessNameInfo(S("absent")), 0);
+    const std::pair<const char*, int> names[] = {
+        {"PHP-FPM", 1}, {"work", 2}, {"p59", 159}, {"indented", 0}, {"absent", 0}};
+    for (const auto& [name, value] : names) EXPECT_EQ(checkProcessNameInfo(S(name)), value) << name;
     EXPECT_EQ(checkProcessNameInfo(nullptr), 0);
     /* A second read replaces the table. */
     write_conf("only|5\n", "processes.conf");

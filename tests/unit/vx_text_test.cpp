@@ -105,13 +105,9 @@ TEST(VxText, RemoveWhitespacesRejectsNullInputAndMissingMode)
 
 TEST(VxText, IndexOfGivesOneBasedLastPositionAndCountsTerminator)
 {
-    char s[] = "a/b/c";
-    EXPECT_EQ(vxlb_indexOf(s, '/'), 4);
-    EXPECT_EQ(vxlb_indexOf(s, 'a'), 1);
-    EXPECT_EQ(vxlb_indexOf(s, 'c'), 5);
-    EXPECT_EQ(vxlb_indexOf(s, 'x'), -1);
-    EXPECT_EQ(vxlb_indexOf(s, 0), 6);
-    char empty[] = "";
+    char s[] = "a/b/c", empty[] = "";
+    const std::pair<char, int> cases[] = {{'/', 4}, {'a', 1}, {'c', 5}, {'x', -1}, {0, 6}};
+    for (const auto& [c, at] : cases) EXPECT_EQ(vxlb_indexOf(s, c), at) << int(c);
     EXPECT_EQ(vxlb_indexOf(empty, 0), 1);
     EXPECT_EQ(vxlb_indexOf(nullptr, '/'), -1);
 }
@@ -151,13 +147,11 @@ TEST(VxText, StrRevGivesNewReversedCopy)
 
 TEST(VxText, SetOperationCodeIgnoresCaseAndRefusesNearMisses)
 {
-    EXPECT_EQ(setOperationCode(S("EQUALS")), 0);
-    EXPECT_EQ(setOperationCode(S("contains")), 1);
-    EXPECT_EQ(setOperationCode(S("Not_Equals")), 13);
-    EXPECT_EQ(setOperationCode(S("eXtRaCt_SuBpArT")), 15);
-    EXPECT_EQ(setOperationCode(S("OCCURS")), 18);
-    for (const char* bad : {"", "EQUAL", "EQUALS ", "STARTSWITH", "IN"})
-        EXPECT_EQ(setOperationCode(S(bad)), -1) << "\"" << bad << "\"";
+    const std::pair<const char*, int> cases[] = {
+        {"EQUALS", 0}, {"contains", 1}, {"Not_Equals", 13}, {"eXtRaCt_SuBpArT", 15}, {"OCCURS", 18},
+        {"", -1},      {"EQUAL", -1},   {"EQUALS ", -1},    {"STARTSWITH", -1},      {"IN", -1}};
+    for (const auto& [name, code] : cases)
+        EXPECT_EQ(setOperationCode(S(name)), code) << '"' << name << '"';
     EXPECT_EQ(setOperationCode(nullptr), -1);
 }
 

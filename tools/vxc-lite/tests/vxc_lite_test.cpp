@@ -14,17 +14,12 @@ int parse(std::vector<const char*> args, vxc::Options* opts, std::string* error 
     return vxc::parse_args(static_cast<int>(args.size()), args.data(), opts, &out, error);
 }
 
-TEST(Reply, DefaultReplyKeepsTheAgentOnTcpAtTheListeningPort)
+TEST(Reply, DefaultKeepsTheAgentOnTcpAtTheListeningPortAndTheCommandLineSetsEachField)
 {
     vxc::Options o;
     EXPECT_EQ(vxc::reply_line(o, 7892),
               "vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;retryPolicy=3%60%10%30;"
               "ProtoVersion=1;supportedProtocols=TCP:7892;\n");
-}
-
-TEST(Reply, CommandLineSetsEveryFieldOrTheWholeLine)
-{
-    vxc::Options o;
     ASSERT_EQ(parse({"--status", "RUNNING", "--state", "0", "--retry-policy", "1%5%2%10",
                      "--proto-version", "2", "--protocols", "TCP:1,WS:2,WSS:3"},
                     &o),
@@ -34,10 +29,7 @@ TEST(Reply, CommandLineSetsEveryFieldOrTheWholeLine)
               "ProtoVersion=2;supportedProtocols=TCP:1,WS:2,WSS:3;\n");
     ASSERT_EQ(parse({"--reply", "vx_ctrl_msg_rep:result=Error;"}, &o), 0);
     EXPECT_EQ(vxc::reply_line(o, 7892), "vx_ctrl_msg_rep:result=Error;\n");
-}
-
-TEST(Reply, HeartbeatIsTheLineTheAgentRecognises)
-{
+    /* The heartbeat is the line the agent recognises. */
     EXPECT_EQ(
         vxc::heartbeat_line(0),
         "vx_control_req:action=reconnect;heartBeat 0;dataConnState=1;AutosensorConnState=1;\n");

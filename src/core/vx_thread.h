@@ -15,8 +15,9 @@
 extern "C" {
 
 /*
- * Start a thread running `start_function(thread, data)` behind a catch-all:
- * an exception that escapes the body is logged and ends only that thread.
+ * Start a thread running `start_function(thread, data)`: an exception
+ * derived from std::exception that escapes the body is logged and ends only
+ * that thread.
  * The stack is vx_thread_stack_kib() KiB, or 512 KiB when that is 0. Returns 0 on success; 1 on failure, with APR's error text in
  * `error_buf` when `error_buf_len` is non-zero.
  */

@@ -55,6 +55,7 @@ struct VXDataChannel_t {
     int writeListSize;
     int readListSize;
     apr_thread_mutex_t* bufferWriteLock; /* producers, and the partial move */
+    int doorTurn;                        /* producers' turnstile before bufferWriteLock */
     apr_thread_mutex_t* bufferMoveLock;  /* each transfer of a node between lists */
     apr_thread_t* data_thread_id;
     apr_pool_t* data_pool;               /* made on first use and kept */

@@ -69,7 +69,7 @@ extern "C" void dumpData(char* data, int len)
         vx::fetch_add_relaxed(app->VXSys.discardCount, 1);
         return;
     }
-    vx::VXBusyLockGuard guard(app->dataChannel.bufferWriteLock);
+    vx::VXTurnstileGuard guard(app->dataChannel.doorTurn, app->dataChannel.bufferWriteLock);
     const int rv = addDataInSendBuffer(data, len);
     if (rv < 0 && vx::load_relaxed(app->VXSys.discardCount) % 1000 == 999)
         VX_ERROR("DATA_THREAD",

@@ -578,8 +578,9 @@ extern "C" void parseBtError(char* text)
             VX_ERROR("CONTROL_THREAD", "Content '%s' is not in proper format.", lines[i]);
             return;
         }
-        const int lower = atoi(f[4]);
-        const int upper = atoi(f[5]);
+        /* Fields 3 and 4 bound the range; 2 and 5 are the collector's. */
+        const int lower = atoi(f[3]);
+        const int upper = atoi(f[4]);
         if (lower < 0 || upper > 599) {
             VX_ERROR("CONTROL_THREAD", "out of range, Range should be in between 0-599");
             return;

@@ -397,20 +397,20 @@ TEST_F(KeywordFiles, ErrorRulesMarkStatusCodesUntilAMalformedLineOrABoundOutOfRa
         return std::string(marks, vx::kStatusCodeCount);
     };
     std::string m =
-        run("0|1|a|b|400|402\r\n0|0|a|b|500|501\n7|1|a|b|300|300\n0|1|a|b|599|599\n0|1|a|b|0|0\n"
-            "bad|line\n0|1|a|b|200|200\n");
+        run("0|1|a|400|402|b\r\n0|0|a|500|501|b\n7|1|a|300|300|b\n0|1|a|599|599|b\n0|1|a|0|0|b\n"
+            "bad|line\n0|1|a|200|200|b\n");
     EXPECT_EQ(m.substr(399, 5), ".FFF.");
     EXPECT_EQ(m.substr(499, 4), ".TT.");
     EXPECT_EQ(m[300], '.'); /* first field not "0" */
     EXPECT_EQ(m[599], 'F');
     EXPECT_EQ(m[0], 'F');
     EXPECT_EQ(m[200], '.'); /* behind the malformed line */
-    m = run("0|1|a|b|100|101\n0|1|a|b|590|600\n0|1|a|b|102|102\n");
+    m = run("0|1|a|100|101|b\n0|1|a|590|600|b\n0|1|a|102|102|b\n");
     EXPECT_EQ(m.substr(100, 3), "FF.");
     EXPECT_EQ(m[590], '.');
     const std::string untouched(vx::kStatusCodeCount, '.');
-    EXPECT_EQ(run("0|1|a|b|-1|3\n0|1|a|b|4|4\n"), untouched);
-    EXPECT_EQ(run("0|1|a|b|1|2|x\n"), untouched); /* seven fields */
+    EXPECT_EQ(run("0|1|a|-1|3|b\n0|1|a|4|4|b\n"), untouched);
+    EXPECT_EQ(run("0|1|a|1|2|b|x\n"), untouched); /* seven fields */
 }
 
 TEST_F(KeywordFiles, CriticalListIsReplacedWholeAndHoldsAtMostItsCapacity)

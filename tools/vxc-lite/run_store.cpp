@@ -128,7 +128,10 @@ int RunStore::write_summary()
             c.starts_sent, c.modifies_sent, c.stops_sent, c.start_answers, c.modify_answers,
             c.stop_answers, c.error_answers, c.file_requests, c.profile_requests, c.files_sent,
             c.failed_file_replies, c.fetches_dropped);
+    fprintf(f, "bt_declarations=%llu\nundeclared_bt=%llu\n", c.bt_declarations, c.undeclared_bt);
     for (const auto& [number, n] : c.per_record) fprintf(f, "record.%d=%llu\n", number, n);
+    for (const auto& [id, name] : c.bts.names())
+        fprintf(f, "bt.%lld=%.*s\n", id, static_cast<int>(name.size()), name.data());
     for (const auto& [id, k] : c.seen)
         fprintf(f,
                 "conn.%u=%s peer=%s appName=%s agentName=%s pid=%s lines=%llu records=%llu "

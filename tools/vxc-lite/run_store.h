@@ -4,8 +4,9 @@
  *
  *   conn-<n>-<kind>.lines  every line a connection sent, NUL bytes removed
  *   malformed.txt          "<conn> <reason> | <line, cut to 200 bytes>"
- *   summary.txt            key=value counts, then one line a connection
- *                          ("conn.<n>=..."); rewritten at most once a second
+ *   summary.txt            key=value counts, one line a declared business
+ *                          transaction ("bt.<id>=<name>"), then one line a
+ *                          connection ("conn.<n>=..."); rewritten at most once a second
  *                          while something changed, and at the end
  *   vxc-lite.log           the log
  *
@@ -19,6 +20,8 @@
 #include <map>
 #include <string>
 #include <string_view>
+
+#include "bt_registry.h"
 
 namespace vxc {
 
@@ -69,6 +72,11 @@ struct Counts {
     unsigned long long files_sent = 0;          /* file and profile replies with content */
     unsigned long long failed_file_replies = 0; /* file and profile refusals */
     unsigned long long fetches_dropped = 0;     /* connections closed instead of answering */
+    /* Business transactions: records 7 received, and records 2 and 4 whose
+     * id neither a record 7 nor the served rules declared before them. */
+    unsigned long long bt_declarations = 0;
+    unsigned long long undeclared_bt = 0;
+    BtRegistry bts;
     std::map<int, unsigned long long> per_record;
     std::map<unsigned, ConnectionSeen> seen;
 

@@ -15,6 +15,7 @@
 #include <memory>
 #include <vector>
 
+#include "bt_registry.h"
 #include "record_parser.h"
 #include "session.h"
 
@@ -26,7 +27,7 @@ constexpr apr_interval_time_t kPollStep = 100 * 1000; /* 100 ms */
 constexpr size_t kReadChunk = 65536;
 constexpr int kReadsPerWake = 16; /* fairness among connections */
 constexpr int kAcceptsPerWake = 64;
-constexpr size_t kMaxPendingSend = 1024 * 1024;            /* a peer that never reads */
+constexpr size_t kMaxPendingSend = 1024 * 1024; /* a peer that never reads */
 /* File contents queued on top of kMaxPendingSend, all requests together. */
 constexpr size_t kMaxPendingFiles = 4 * kMaxServedFile;
 constexpr size_t kCompactOutAt = 1024 * 1024; /* sent bytes dropped from the queue's front */
@@ -266,6 +267,18 @@ void run_session(Server* s, Conn* c, apr_time_t now)
     }
 }
 
+/* The ids of the rule file just served are known to the collector from now
+ * on, for every connection of the run. */
+void declare_served_rules(Server* s, Conn* c, std::string_view rules)
+{
+    const std::vector<BtDeclaration> found = rule_file_declarations(rules);
+    size_t kept = 0;
+    for (const BtDeclaration& d : found) kept += s->store.counts.bts.declare(d.id, d.name);
+    s->store.log("conn %u: the served rules declare %zu business transactions%s", c->id,
+                 found.size(), kept < found.size() ? ", not all kept: the table is full" : "");
+    s->summary_dirty = true;
+}
+
 /* Closes the connection instead of answering the first fetch of the keyword
  * named by --drop-during-fetch. True when it did. */
 bool drop_fetch(Server* s, Conn* c, const std::string& keyword)
@@ -300,6 +313,7 @@ void answer_file_request(Server* s, Conn* c, const std::string& keyword)
     char what[96];
     snprintf(what, sizeof what, "file (%zu bytes behind the header)", f.content.size());
     send_logged(s, c, what, file_reply(keyword, f), f.content.size());
+    if (keyword == kBtRulesKeyword) declare_served_rules(s, c, f.content);
 }
 
 void answer_profile_request(Server* s, Conn* c, const std::string& name)
@@ -435,6 +449,31 @@ void first_line(Server* s, Conn* c, std::string_view line)
     }
 }
 
+/* A record 7 declares its id; a record 2 or 4 must name a declared one.
+ * Either way the record stays counted as a record. */
+void check_business_transaction(Server* s, Conn* c, const Record& r, std::string_view line)
+{
+    Counts& counts = s->store.counts;
+    if (r.number == 7) {
+        ++counts.bt_declarations;
+        long long id = 0;
+        std::string name;
+        for (size_t i = 1; i < r.fields.size(); ++i) name += (i > 1 ? "," : "") + r.fields[i];
+        if (!parse_bt_id(r.fields[0], &id) || !counts.bts.declare(id, std::move(name)))
+            s->store.log("conn %u: record 7 for id %s not kept", c->id,
+                         printable(r.fields[0]).c_str());
+        return;
+    }
+    const std::string* id = record_bt_id(r);
+    if (!id || counts.bts.declared(*id)) return;
+    ++counts.undeclared_bt;
+    if (c->seen) ++c->seen->malformed;
+    s->store.malformed(c->id,
+                       "record " + std::to_string(r.number) + ": business transaction id " +
+                           printable(*id) + " not declared by a record 7 or the served rules",
+                       line);
+}
+
 void on_line(Server* s, Conn* c, std::string_view line)
 {
     if (c->closing) return;
@@ -466,6 +505,7 @@ void on_line(Server* s, Conn* c, std::string_view line)
             ++counts.records;
             ++counts.per_record[r.number];
             if (c->seen) ++c->seen->records;
+            check_business_transaction(s, c, r, line);
             if (s->opts.verbose) s->store.log("conn %u: record %d", c->id, r.number);
             return;
         }
@@ -521,8 +561,7 @@ void on_readable(Server* s, Conn* c)
 void read_throttled(Server* s, Conn* c, apr_time_t now)
 {
     const long long elapsed_us = now - c->last_read;
-    const size_t budget =
-        static_cast<size_t>(s->opts.data_read_rate * elapsed_us / 1000000);
+    const size_t budget = static_cast<size_t>(s->opts.data_read_rate * elapsed_us / 1000000);
     if (budget == 0) return;
     c->last_read = now;
     read_some(s, c, budget);

@@ -65,6 +65,10 @@ constexpr std::string_view kStartHead =
     "vx_control_req:action=start_instrumentation;status=running;";
 constexpr std::string_view kModifyHead = "vx_control_req:action=modify;";
 
+/* The file keyword of the business transaction rules: the ids its pattern
+ * lines carry are declared once the file is served. */
+constexpr std::string_view kBtRulesKeyword = "BTRuleConfig";
+
 /*
  * Builds head + "<key>=<value>;" for each keyword in order, then the line
  * feed. Values are sent as given, except:

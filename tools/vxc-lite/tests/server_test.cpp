@@ -88,6 +88,40 @@ TEST_F(Loopback, ControlAndDataConnectionsAreAnsweredStoredAndCounted)
         << conn2;
 }
 
+TEST_F(Loopback, BusinessTransactionIdsAreDeclaredForTheWholeRunBeforeUse)
+{
+    start(vxc::Options{});
+    const std::string record4 = ",5000,200,10,250000,40,";
+    const std::string tail = ",0,,0,-1,1:0_0_0__\n";
+    {
+        Client data(port_);
+        ASSERT_TRUE(data.send(std::string(kOpening) + "7,3,/shop/cart\n4" + record4 + "3" + tail +
+                              "4" + record4 + "9" + tail +
+                              "2,77,5000,77,77.1,9,/x,,77,000000000000000000077,55,,0,15,,,\n"));
+        data.shut();
+        ASSERT_TRUE(wait_for_text(dir_, "0001-data.lines", "/x,,77"));
+    }
+    /* A reconnected agent does not announce again; a later record 7 renames. */
+    Client again(port_);
+    ASSERT_TRUE(again.send(std::string(kOpening) + "4" + record4 + "3" + tail +
+                           "7,3,/shop/basket,v2\n7,9,/x\n4" + record4 + "9" + tail + "10,\n"));
+    again.shut();
+    ASSERT_TRUE(wait_for_text(dir_, "0002-data.lines", "\n10,\n"));
+    stop();
+
+    const std::vector<std::string> malformed = read_lines(dir_ + "/malformed.txt");
+    ASSERT_EQ(malformed.size(), 2u) << slurp(dir_ + "/malformed.txt");
+    EXPECT_EQ(malformed[0],
+              "1 record 4: business transaction id 9 not declared by a record 7 or the served "
+              "rules | 4" +
+                  record4 + "9" + tail.substr(0, tail.size() - 1));
+    EXPECT_EQ(malformed[1].rfind("1 record 2: business transaction id 9 not declared", 0), 0u);
+    expect_summary(
+        "records=9 record.4=4 record.2=1 record.7=3 malformed=2 undeclared_bt=2 "
+        "bt_declarations=3 bt.3=/shop/basket,v2 bt.9=/x");
+    EXPECT_NE(summary_value("conn.1").find(" records=4 malformed=2 "), std::string::npos);
+}
+
 TEST_F(Loopback, StrangersSilentPeersAndOverflowAreClosed)
 {
     vxc::Options o;

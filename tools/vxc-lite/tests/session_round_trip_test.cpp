@@ -124,9 +124,9 @@ TEST_F(Session, StartFetchAnswerAndStop)
         ctrl.send("vx_control_req:action=send_instrumentation_profile;status=running;"
                   "instrProfile=profile.txt\n"));
     ASSERT_TRUE(ctrl.read_line(&header));
-    EXPECT_EQ(header, "vx_control_rep:action=instrumentation_profile;instrProfile=profile.txt;size=" +
-                          std::to_string(profile.size()) + ";lmd=" + mtime("profile.txt") +
-                          "000000;");
+    EXPECT_EQ(header,
+              "vx_control_rep:action=instrumentation_profile;instrProfile=profile.txt;size=" +
+                  std::to_string(profile.size()) + ";lmd=" + mtime("profile.txt") + "000000;");
     ASSERT_TRUE(ctrl.read_bytes(profile.size(), &body));
     EXPECT_TRUE(body == profile) << "the profile's bytes differ";
 
@@ -205,6 +205,44 @@ TEST_F(Session, ModifyRenamesFilesAndEveryRegistrationStartsAgain)
     expect_summary("starts_sent=2 modifies_sent=2 modify_answers=2 stops_sent=0");
 }
 
+TEST_F(Session, ServedPatternRulesDeclareTheirIdsAndOthers)
+{
+    put("bt_rules.txt",
+        "# 7|Commented|5|0|/c|0\n5|64\n7|/shop|4|0|/shop*|0\n7|Gone|6|1|/gone|1\n"
+        "7|Few|5|0|/few\n");
+    vxc::Options o;
+    o.heartbeat_ms = 0;
+    o.start_after_ms = 0;
+    o.files_dir = files_;
+    o.session_file = write_file("session.txt", "BTRuleConfig=@bt_rules.txt\n");
+    start(o);
+    Client ctrl(port_);
+    register_agent(ctrl);
+    std::string line, header, body;
+    ASSERT_TRUE(ctrl.read_line(&line));
+
+    auto record4 = [](int id) {
+        return "4,5000,200,10,250000,40," + std::to_string(id) + ",0,,0,-1,1:0_0_0__\n";
+    };
+    Client data(port_);
+    ASSERT_TRUE(data.send(std::string(kOpening) + record4(4)));
+    ASSERT_TRUE(wait_for_text(dir_, "-data.lines", "250000,40,4,"));
+    /* The start announced the file; its ids count once it is served. */
+    fetch(ctrl, "vx_control_req:action=send_file;keyword=BTRuleConfig;\n", &header, &body);
+    ASSERT_TRUE(data.send(record4(4) + record4(1) + record4(6) + record4(5) + "10,\n"));
+    data.shut();
+    ASSERT_TRUE(wait_for_text(dir_, "-data.lines", "\n10,\n"));
+    stop();
+
+    const std::string malformed = slurp(dir_ + "/malformed.txt");
+    EXPECT_EQ(read_lines(dir_ + "/malformed.txt").size(), 2u) << malformed;
+    EXPECT_NE(malformed.find("id 4 not declared"), std::string::npos) << malformed;
+    EXPECT_NE(malformed.find("id 5 not declared"), std::string::npos)
+        << "a commented or refused line declares nothing\n"
+        << malformed;
+    expect_summary("records=6 undeclared_bt=2 bt_declarations=0 bt.1=Others bt.4=/shop bt.6=Gone");
+}
+
 TEST_F(Session, StartOnceGivesLaterRegistrationsNoStart)
 {
     vxc::Options o;
@@ -262,7 +300,8 @@ TEST_F(Session, RefusedMissingAndDroppedFetches)
             EXPECT_EQ(header, refused_rules) << "refused every time, though present";
         }
         fetch(ctrl, "vx_control_req:action=send_file;keyword=vxMethodMonFile;\n", &header, &body);
-        EXPECT_EQ(header, "vx_control_rep:action=FailedvxMethodMonFile - " + files_ + "/missing.txt");
+        EXPECT_EQ(header,
+                  "vx_control_rep:action=FailedvxMethodMonFile - " + files_ + "/missing.txt");
         ASSERT_TRUE(
             ctrl.send("vx_control_req:action=send_instrumentation_profile;"
                       "status=running;instrProfile=profile.txt\n"));
@@ -277,8 +316,7 @@ TEST_F(Session, RefusedMissingAndDroppedFetches)
     ASSERT_TRUE(again.read_line(&line));
     EXPECT_EQ(line.rfind("vx_control_req:action=start_instrumentation;", 0), 0u) << line;
     fetch(again, "vx_control_req:action=send_file;keyword=VXEntryPointsFile;\n", &header, &body);
-    EXPECT_EQ(header,
-              "vx_control_rep:action=file;keyword=VXEntryPointsFile" + stored("entry.txt"));
+    EXPECT_EQ(header, "vx_control_rep:action=file;keyword=VXEntryPointsFile" + stored("entry.txt"));
     EXPECT_EQ(body, "E");
     ASSERT_TRUE(
         again.send("vx_control_req:action=send_instrumentation_profile;"

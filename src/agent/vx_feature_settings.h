@@ -58,6 +58,7 @@ struct VXInterfaceProcessor_t {
 /* STAND-IN(dynamic-diagnostics): up to five sub-values of enableDDAI. */
 struct VXDynamicSettings_t {
     int enableDDAI[5];
+    long long ddAIInterval; /* seconds of a BT's auto-instrumentation window */
 };
 
 /* STAND-IN(exceptions) */

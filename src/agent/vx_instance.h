@@ -22,7 +22,10 @@
 #include <apr_thread_mutex.h>
 #include <apr_thread_proc.h>
 
+#include "bt/vx_bt_data_rules.h"
 #include "bt/vx_bt_object.h"
+#include "bt/vx_bt_rule_file.h"
+#include "core/vx_retire_list.h"
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_feature_settings.h"
 #include "core/vx_limits.h"
@@ -84,9 +87,22 @@ struct VXProxyInstance_t {
 
     VXMethodTable_t methodTable;   /* method table and its lock */
 
-    /* Business transactions. */
-    int bt_rule;
+    /* Business transactions: objects, maps, rules. */
+    int bt_rule;                            /* 0 none read, 1 global, 7 pattern; atomic */
     VXBTManager manager;
+    VXBTConfigModel config;
+    VXBTTagManager tagManager;
+    VXBTObjectStore btStore;
+    VXBTGlobalRule* global_rule;            /* published; replaced whole */
+    VXBTHeaderBasedRule* header_rule;       /* published; set by hosts */
+    VXBTCustomRule custom_rule;
+    VXBTPatternMachines* patternMachines;   /* stateMachine and stateMachineHeader, published */
+    VXBTPatternMachines* btPendingMachines; /* being built by a rule file read */
+    int btPatternReadAtRunTime;             /* pattern lines of a run-time read are being applied */
+    void* vx_trie_node;                     /* custom rules' automaton */
+    VXBTDataRules_t btDataRules;
+    apr_thread_mutex_t* btMapLock;          /* one branch of the global rule */
+    vx::RetireList btRetired;               /* under bt_obj_map_lock */
 
     VXFlowpathGenerator_t VXFlowpathGenerator;
 
@@ -110,8 +126,8 @@ struct VXProxyInstance_t {
     int vxProxyMode;
 
     /* Global classification thresholds and state-machine sizes. */
-    long long allSlow;
-    long long allVerySlow;
+    int allSlow;
+    int allVerySlow;
     int maxStates;
     int skipCount;
 

@@ -147,6 +147,26 @@ inline constexpr int kAutoScalingModeMax = 3;
 inline constexpr int kProcessTableInitial = 50; /* processInfoStruct */
 inline constexpr int kProcessTableStep = 10;
 
+/* Business transactions. */
+inline constexpr int kBTNameSize = 257;             /* BTObject.bt_name: 256 characters */
+inline constexpr int kBTDefaultMaxCount = 256;      /* max_bt_count at set-up */
+inline constexpr int kBTRuleLineSize = 1024;        /* rule and threshold lines: 1,023 characters */
+inline constexpr int kBTRuleTextSize = 256;         /* text fields of a pattern rule */
+inline constexpr int kBTGlobalParamSize = 257;      /* VXBTGlobalRule.parameter, header */
+inline constexpr int kBTGlobalParamKeySize = 261;   /* parameter_at_start, parameter_at_end */
+inline constexpr int kBTGlobalFieldsMax = 10;       /* fields read of a global rule line */
+inline constexpr int kBTPatternFieldsMax = 64;      /* fields read of a pattern rule line */
+inline constexpr int kBTUriSegMax = 32;             /* uri_seg_no_list, URL parts split */
+inline constexpr int kBTParamValueSize = 256;       /* get_param_value: 255 characters */
+inline constexpr int kBTHeaderTokensMax = 2048;     /* header tokens tried by getBTHeader */
+inline constexpr int kBTCustomParamObjects = 256;   /* VXBTCustomRule.matchingURIParamObj */
+inline constexpr int kBTCustomItemsMax = 10;        /* criteria items of a custom rule */
+inline constexpr int kBTCustomPairsMax = 64;        /* key=value pairs of one item */
+inline constexpr int kBTTagKeySize = 255;           /* tag key and inline value: 254 characters */
+inline constexpr int kBTTagItemsMax = 256;          /* items of one tag list */
+inline constexpr int kBTAggArrayInitial = 128;      /* aggBTDataArr, btTagArray at set-up */
+inline constexpr int kBTRetireGraceSeconds = 60;    /* a retired rule set outlives its readers */
+
 /* Containers. */
 inline constexpr int kStackGrowStep = 64;           /* HB_STACK grows by this many slots */
 inline constexpr int kIntHashMapCount = 10;         /* hashArray */

@@ -9,6 +9,7 @@
 
 #include "agent/vx_instance.h"
 #include "bt/vx_bt_object.h"
+#include "bt/vx_bt_rule_exec.h"
 #include "core/vx_atomic.h"
 #include "core/vx_encode.h"
 #include "core/vx_hashmap.h"
@@ -50,9 +51,7 @@ int category_of(VXPerThreadData_t* vxTD)
 {
     if (vxTD->tlIsBTExcluded) return kCategoryExcluded;
     /* Other threads running the same BT may refresh its thresholds. */
-    Threshold& shared = vxTD->tlBTObj->bt_threshold;
-    const Threshold t{vx::load_relaxed(shared.slow), vx::load_relaxed(shared.very_slow)};
-    return findCategoryOfBT(t, vxTD->tlDuration, vxTD->tlStatusCode, vxTD);
+    return findCategoryOfBT(vx::bt_threshold_of(vxTD->tlBTObj), vxTD->tlDuration, vxTD->tlStatusCode, vxTD);
 }
 
 /* Drop the flowpath's entry in fpiToTLS, if it is still this record's. */
@@ -74,18 +73,6 @@ void release_flowpath(VXProxyInstance_t* app, VXPerThreadData_t* vxTD)
 }
 
 }  // namespace
-
-extern "C" char* getBtBaseOnHeader1(char* btHeaderValue, char* name)
-{
-    if (!btHeaderValue || !name || !*name) return nullptr;
-    char* at = strstr(btHeaderValue, name);
-    if (!at) return nullptr;
-    char* amp = strchr(at, '&');
-    if (!amp) return nullptr;
-    *amp = '\0';
-    char* eq = strchr(at, '=');
-    return eq ? eq + 1 : nullptr;
-}
 
 extern "C" void setFPCaptured(VXPerThreadData_t* vxTD, long long fpi)
 {
@@ -161,9 +148,9 @@ extern "C" void setBTObjInThreadLocal(VXPerThreadData_t* vxTD, char* httpMethod,
             /* A BT is shared by every thread that runs it: each writes the
              * same values, atomically, and only when they differ. */
             Threshold& t = vxTD->tlBTObj->bt_threshold;
-            if (vx::load_relaxed(t.slow) != app->allSlow) vx::store_relaxed(t.slow, app->allSlow);
-            if (vx::load_relaxed(t.very_slow) != app->allVerySlow)
-                vx::store_relaxed(t.very_slow, app->allVerySlow);
+            const int slow = vx::load_relaxed(app->allSlow), verySlow = vx::load_relaxed(app->allVerySlow);
+            if (vx::load_relaxed(t.slow) != slow) vx::store_relaxed(t.slow, slow);
+            if (vx::load_relaxed(t.very_slow) != verySlow) vx::store_relaxed(t.very_slow, verySlow);
         }
         return;
     }
@@ -178,8 +165,8 @@ extern "C" void setFPHeaderValues(VXPerThreadData_t* vxTD, char* httpMethod, cha
 {
     (void)requestLength;
     (void)BTHeader;
-    /* STAND-IN(bt-rules): request-header BT rules are tried first here; until then
-     * the URL decides. */
+    /* STAND-IN(bt-data-rules): request-header BT rules (kind 10) are tried
+     * first here once their matching exists; until then the URL decides. */
     setBTObjInThreadLocal(vxTD, httpMethod, btHeaderValue);
 }
 
@@ -317,7 +304,7 @@ extern "C" void dumpFPHeaderRecord(VXPerThreadData_t* vxTD)
         r.put(vxTD->prevTierSeq);
     else
         r.put(vxTD->tlThreadId);
-    r.write(".1,", vxTD->tlBTObj->bt_id, ',', vxTD->tlURL);
+    r.write(".1,", vx::load_relaxed(vxTD->tlBTObj->bt_id), ',', vxTD->tlURL);
     if (vxTD->tlURLParameters[0]) r.write('?', vxTD->tlURLParameters);
     r.write(
         ',',
@@ -398,7 +385,7 @@ extern "C" void dumpCompleteFlowpathSeqBlock(VXPerThreadData_t* vxTD, int catego
     RecordBuffer r;
     r.put("4,");
     add_instance(r, fpi, vxTD->tlIsForceDump != 0);
-    r.write(',', vxTD->tlStatusCode, ',', category, ',', fpCPUTime, ',', respTime, ',', vxTD->tlBTObj->bt_id, ',',
+    r.write(',', vxTD->tlStatusCode, ',', category, ',', fpCPUTime, ',', respTime, ',', vx::load_relaxed(vxTD->tlBTObj->bt_id), ',',
             vxTD->tlFlowpathType, ",,", tracerequest, ',');
     if (app->VXSys.enableTagsSupport) r.write(getTagIdPerThread(vxTD), ',');
     r.put(vxTD->sequenceBlob);

@@ -35,10 +35,6 @@ void dumpCompleteFlowpathSeqBlock(VXPerThreadData_t* vxTD, int category, long lo
 
 /* The flowpath's tag id, -1 when none. */
 int getTagIdPerThread(VXPerThreadData_t* vxTD);
-
-/* The value of header `name` in a "k=v&k=v" text, cut in place; null when the
- * name or the "&" after it is absent. */
-char* getBtBaseOnHeader1(char* btHeaderValue, char* name);
 }
 
 #endif

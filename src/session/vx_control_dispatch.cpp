@@ -10,6 +10,7 @@
 #include "agent/vx_host_callbacks.h"
 #include "core/vx_host_call.h"
 #include "agent/vx_instance.h"
+#include "bt/vx_bt_object.h"
 #include "core/vx_atomic.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
@@ -63,8 +64,9 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
     free_agent_data();
     makeInstrProfTableFree();
     vxlb_init_all_keywords();
-    /* STAND-IN(bt-rules, http-capture, monitors, exceptions): their
-     * tables are made again here once they exist. */
+    VXBTConfigModelInit();
+    /* STAND-IN(http-capture, monitors, exceptions): their tables are made
+     * again here once they exist. */
     transfer_data_callback(const_cast<char*>("AgentTraceLevel"), app->VXSys.agentTraceLevel, nullptr,
                            nullptr);
     srv.changeOriginalTime = 0;

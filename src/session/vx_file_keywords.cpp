@@ -11,6 +11,7 @@
 #include <string>
 
 #include "agent/vx_instance.h"
+#include "bt/vx_bt_rule_file.h"
 #include "core/vx_atomic.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
@@ -394,6 +395,12 @@ extern "C" void useFileBasedKeyword(char* text, char* keyword, int kwIdx)
         dumpDataInFile(keyword, text);
     }
     switch (kwIdx) {
+        case kw::BTRuleConfig:
+            vxbt_read_rule_file(text);
+            break;
+        case kw::BTTConfig:
+            vxbt_read_threshold_file(text);
+            break;
         case kw::BTErrorRules:
             parseBtError(text);
             break;
@@ -411,7 +418,7 @@ extern "C" void useFileBasedKeyword(char* text, char* keyword, int kwIdx)
             setvxCriticalFileList(text);
             break;
         default:
-            /* STAND-IN(bt-rules, monitors, callouts, http-capture, filter-lists, dynamic-diagnostics): their parsers take the text
+            /* STAND-IN(monitors, callouts, http-capture, filter-lists, dynamic-diagnostics): their parsers take the text
              * here once they exist; the file is kept in its slot. */
             VX_TRACE(a->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                      "File of keyword %s received (%zu bytes); no reader for it yet", keyword,

@@ -12,6 +12,7 @@
 #include "agent/vx_host_callbacks.h"
 #include "core/vx_host_call.h"
 #include "agent/vx_instance.h"
+#include "monitor/vx_bt_monitor.h"
 #include "bt/vx_bt_object.h"
 #include "core/vx_atomic.h"
 #include "core/vx_text.h"
@@ -165,13 +166,27 @@ extern "C" void setVXMonitorInterval(char* value, char* keyword, int)
 extern "C" void parseBTMonitorKeyword(char* value, char*, int) { app()->monitorSettings.enableBTMonitor = atoi(value); }
 extern "C" void parseMaxBTCount(char* value, char* keyword, int)
 {
-    if (const int n = count_in(keyword, value, vx::kBTCountMax)) app()->manager.max_bt_count = n;
+    if (const int n = count_in(keyword, value, vx::kBTCountMax)) {
+        app()->config.max_bt_count = n;
+        app()->VXBTMonitor.maxBTCount = n;
+    }
 }
 extern "C" void parseDoNotDiscardVal(char* value, char*, int) { app()->VXBTMonitor.doNotDisacrdAnyTransaction = atoi(value); }
 extern "C" void parseBTMonitorErrorLevel(char* value, char*, int) { app()->monitorSettings.enableBTMonitorError = atoi(value); }
 extern "C" void parseBTAggDataArraySize(char* value, char* keyword, int)
 {
-    set_in(keyword, value, 0, vx::kBTCountMax, &app()->monitorSettings.BTAggDataArraySize);
+    int size = app()->monitorSettings.BTAggDataArraySize;
+    set_in(keyword, value, 0, vx::kBTCountMax, &size);
+    const int current = vx::load_acquire(app()->VXBTMonitor.aggDataArraySize);
+    if (size <= current) {
+        VX_ERROR("CONTROL_THREAD",
+                 "parseBTAggDataArraySize - Could not decrease size of array, as targeted size is less or equal "
+                 "than current size.Where current size : %d,  specified size : %d",
+                 current, size);
+        return;
+    }
+    app()->monitorSettings.BTAggDataArraySize = size;
+    vx::bt_monitor_resize(size); /* the array grows with its size */
 }
 extern "C" void parseMaxIPCount(char* value, char* keyword, int)
 {

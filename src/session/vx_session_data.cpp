@@ -19,7 +19,7 @@ extern "C" void free_agent_data(void)
     if (!app) return;
     /* STAND-IN(monitors, sql, tags): their per-session tables are freed here
      * once they exist. */
-    VXBTManagerReset();
+    vx::bt_session_free();
     node_t* table = vx::load_acquire(app->methodTable.methodHashMapNode);
     if (!table) return;
     /* Method events already inside the table when the session's flag fell

@@ -45,7 +45,7 @@ protected:
         app_->asSettings = saved_->asSettings;
         app_->controlLink.retry_policy = saved_->controlLink.retry_policy;
         app_->controlLink.vx_dr_state = saved_->controlLink.vx_dr_state;
-        app_->manager.max_bt_count = saved_->manager.max_bt_count;
+        app_->config.max_bt_count = saved_->config.max_bt_count;
         app_->init_flag = saved_->init_flag;
         app_->isRunTime = saved_->isRunTime;
     }
@@ -89,7 +89,7 @@ TEST_F(HostileNumbers, OutOfRangeIsRefusedAndTheTopOfEachRangeTaken)
          [](I* a) -> long long { return a->VXSys.vxcHeartBeatThreshold; }, kKept},
         {"BCITraceMaxSize=-5000000000", [](I* a) -> long long { return a->VXSys.traceMaxSize; },
          kKept},
-        {"maxBTCount=100000", [](I* a) -> long long { return a->manager.max_bt_count; }, kKept},
+        {"maxBTCount=100000", [](I* a) -> long long { return a->config.max_bt_count; }, kKept},
         {"ASSampleInterval=-1", [](I* a) -> long long { return a->asSettings.sampleInterval; },
          kKept},
         {"enableVXSession=1%2099999%200",

@@ -96,7 +96,7 @@ private:
                            app_->InstrFileData_flag,
                            app_->isRunTime,
                            app_->isModifiedHashmap,
-                           app_->manager.max_bt_count,
+                           app_->config.max_bt_count,
                            app_->kywdInfo[kw::BTTConfig],
                            vxAppLogStruct,
                            arrPropagationHeaders,
@@ -259,15 +259,15 @@ TEST_F(KeywordParsers, TestRunTimeBaseIntervalAndCaps)
         EXPECT_EQ(m.vxMonitorIntervalInSecs, c.ms / 1000) << c.value;
     }
     app_->VXBackendMonitor.maxIPCount = 32;
-    app_->manager.max_bt_count = 100;
+    app_->config.max_bt_count = 100;
     apply(modify("vxMonitorInterval=-5;maxIPCount=0;maxBTCount=0"));
     apply(modify("maxIPCount=-3;maxBTCount=-1"));
     EXPECT_EQ(m.vxMonitorInterval, 30000);
     EXPECT_EQ(app_->VXBackendMonitor.maxIPCount, 32);
-    EXPECT_EQ(app_->manager.max_bt_count, 100);
+    EXPECT_EQ(app_->config.max_bt_count, 100);
     apply(modify("maxIPCount=64;maxBTCount=250"));
     EXPECT_EQ(app_->VXBackendMonitor.maxIPCount, 64);
-    EXPECT_EQ(app_->manager.max_bt_count, 250);
+    EXPECT_EQ(app_->config.max_bt_count, 250);
 }
 
 TEST_F(KeywordParsers, CorrelationHeaderCpuTimeAndTraceContextSwitches)

@@ -167,6 +167,14 @@ inline constexpr int kBTTagItemsMax = 256;          /* items of one tag list */
 inline constexpr int kBTAggArrayInitial = 128;      /* aggBTDataArr, btTagArray at set-up */
 inline constexpr int kBTRetireGraceSeconds = 60;    /* a retired rule set outlives its readers */
 
+/* URL pattern state machine: a row per state, a column per character 32 to
+ * 127 and per mark; rows are added delta by delta (delta_state). A header
+ * rule's key is its decimal id and its token, cut at 1,023 characters. */
+inline constexpr int kStateMachineColumns = 131;
+inline constexpr int kStateMachineDefaultRows = 128; /* max_state when set up with size <= 0 */
+inline constexpr int kStateMachineDelta = 128;
+inline constexpr int kStateMachineHeaderKeyMax = 1023;
+
 /* Containers. */
 inline constexpr int kStackGrowStep = 64;           /* HB_STACK grows by this many slots */
 inline constexpr int kIntHashMapCount = 10;         /* hashArray */

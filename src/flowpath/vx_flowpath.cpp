@@ -185,7 +185,7 @@ extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue,
         VX_ERROR("FLOWPATH", "No free record for a new flowpath, url = %s", url ? url : "");
         return nullptr;
     }
-    resetAllThreadLocals(vxTD, app->tlsPool.tlsdatastruct);
+    resetAllThreadLocals(vxTD, vx::load_acquire(app->tlsPool.tlsdatastruct));
     vxTD->tlFpCPUTime = getThreadCpuTimeNs();
 
     if (startTimeFP < 1) startTimeFP = my_gettimeofday();
@@ -463,7 +463,7 @@ extern "C" void reset(VXPerThreadData_t* vxTD) VX_NOEXCEPT
      * back (its method-table reference, its open-method records, and its map
      * entry, whose key is the instance text about to be cleared). */
     release_flowpath(app, vxTD);
-    resetAllThreadLocals(vxTD, app->tlsPool.tlsdatastruct);
+    resetAllThreadLocals(vxTD, vx::load_acquire(app->tlsPool.tlsdatastruct));
     free_tls_slot(vxTD);
 }
 

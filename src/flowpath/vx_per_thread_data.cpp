@@ -44,8 +44,14 @@ void grow_hotspot_table(VXTLSPool_t& pool, int entries)
             return;
         }
     }
-    if (pool.tlsdatastruct)
-        memcpy(table, pool.tlsdatastruct, sizeof(TLSDataStruct) * static_cast<size_t>(pool.tlsdatastructCap));
+    /* Owners write their entries without the pool's lock: copy field by
+     * field, atomically. A write that lands in the old table after its
+     * entry was copied is lost; entries are hints for the sampler. */
+    for (int i = 0; pool.tlsdatastruct && i < pool.tlsdatastructCap; ++i) {
+        const TLSDataStruct& from = pool.tlsdatastruct[i];
+        table[i] = TLSDataStruct{vx::load_relaxed(from.Tlsdata), vx::load_relaxed(from.threadId),
+                                 vx::load_relaxed(from.timestamp)};
+    }
     __atomic_store_n(&pool.tlsdatastruct, table, __ATOMIC_RELEASE);
     pool.tlsdatastructCap = entries;
 }
@@ -209,9 +215,9 @@ extern "C" void resetAllThreadLocals(VXPerThreadData_t* vxTD, TLSDataStruct* tls
     vxTD->qTimeInMS = -1;
     if (tlsdatastruct && vxTD->tlsIdx >= 0) {
         TLSDataStruct& e = tlsdatastruct[vxTD->tlsIdx];
-        e.Tlsdata = nullptr;
-        e.threadId = 0;
-        e.timestamp = 0;
+        vx::store_relaxed(e.Tlsdata, static_cast<VXPerThreadData_t*>(nullptr));
+        vx::store_relaxed(e.threadId, 0);
+        vx::store_relaxed(e.timestamp, 0);
     }
     /* Counters above the highest id used are still zero. */
     const int used = vxTD->maxCountedMethodId + 1;

@@ -140,8 +140,8 @@ extern "C" void VXBTConfigModelInit(void)
         if (!a->tagManager.bt_tag_obj_map) a->tagManager.bt_tag_obj_map = apr_hash_make(a->btStore.pool);
     }
     vx::bt_rules_reset();
+    vx::bt_tags_clear(-1); /* the monitor's set-up forgets the global list */
     VXBTMonitorInit();
-    vx::bt_tags_clear(-1);
 
     const char* home = a->VXSys.vxHomePath ? a->VXSys.vxHomePath : ".";
     char path[vx::kPathSize];

@@ -199,6 +199,9 @@ extern "C" BTObject* updateBTObject(char* bt_name)
         open_ai_window(a, bt);
         return bt;
     }
+    /* An empty name makes no object and takes no id: a rule that names
+     * nothing would otherwise use up the ids one request at a time. */
+    if (!*bt_name) return nullptr;
     int id = ++a->config.total_bt_count;
     if (id > a->config.max_bt_count) {
         vx::copy_text(bt_name, vx::kBTNameSize, kOthersBTName);
@@ -208,7 +211,6 @@ extern "C" BTObject* updateBTObject(char* bt_name)
                  a->config.max_bt_count, id);
     }
     if (BTObject* bt = find_bt_obj_in_manager_map(bt_name)) return bt; /* "Others" made earlier */
-    if (!*bt_name) return nullptr; /* no name: the transaction is excluded */
     BTObject* bt = make_new_bt_obj(bt_name, id, a->allSlow, a->allVerySlow);
     if (!bt) return nullptr;
     insert_in_hasmap(bt_name, bt, a->manager.bt_obj_map.hash);

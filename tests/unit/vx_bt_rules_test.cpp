@@ -108,9 +108,12 @@ TEST_F(BTRules, PastMaxBTCountNewNamesFoldIntoOthersAnnouncedOnceAndIdsAreNeverR
     EXPECT_EQ(sink.of_type(7), (std::vector<std::string>{"7,2,/a\n", "7,3,/b\n", "7,1,Others\n"}));
     /* An empty name makes no object: the transaction is excluded. */
     EXPECT_EQ(name_of("/a", ""), "2:/a");
-    app_->config.max_bt_count = 256;
+    app_->config.max_bt_count = 4;
     rules("1|2|n|t|FromFirst|0|-|-|-");
     EXPECT_EQ(name_of("/q/r"), "excluded");
+    EXPECT_EQ(name_of("/q/s"), "excluded"); /* and takes no id */
+    rules("1|1|n|t|-|-|-|-|-");
+    EXPECT_EQ(name_of("/e"), "4:/e");
 }
 
 TEST_F(BTRules, EveryGlobalRuleVariantBuildsItsName)

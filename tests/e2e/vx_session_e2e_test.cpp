@@ -523,17 +523,20 @@ TEST(Session, OutOfRangeValuesNeverReachTheWireOrItsArithmetic)
 namespace {
 
 /* Business transactions on a data connection under pattern rules, read as a
- * collector reads them. `declared` holds the ids the served rule files give;
- * a record 7 adds its own. Failures: a record 2 or 4 whose id was declared
- * neither way before it arrived, a record 7 with an (id, name) sent before. */
+ * collector reads them. `declared` holds the ids and names the served rule
+ * files give; a record 7 adds or renames its own. Failures: a record 2 or 4
+ * whose id was declared neither way before it arrived, a record 7 with an
+ * (id, name) sent before. */
 struct BtTraffic {
-    std::vector<std::pair<int, std::string>> announced; /* records 7, in order */
-    std::map<std::string, std::set<int>> ids_of_path;   /* record 2: path -> ids */
-    std::set<std::string> categories;                   /* records 4 that ended */
+    std::vector<std::pair<int, std::string>> announced;         /* records 7, in order */
+    std::map<std::string, std::set<int>> ids_of_path;           /* record 2: path -> ids */
+    std::map<std::string, std::set<std::string>> names_of_path; /* the names then */
+    std::set<std::string> categories;                           /* records 4 that ended */
     int ends = 0;
 };
 
-BtTraffic read_bt_traffic(const std::vector<std::string>& lines, std::set<int> declared)
+BtTraffic read_bt_traffic(const std::vector<std::string>& lines,
+                          std::map<int, std::string> declared)
 {
     BtTraffic t;
     std::set<std::pair<int, std::string>> seen;
@@ -549,11 +552,15 @@ BtTraffic read_bt_traffic(const std::vector<std::string>& lines, std::set<int> d
             const std::pair<int, std::string> bt(atoi(f[1].c_str()), f.back());
             if (!seen.insert(bt).second) problems.push_back("announced twice: " + l);
             t.announced.push_back(bt);
-            declared.insert(bt.first);
+            declared[bt.first] = bt.second;
         } else if (is_record(l, 2)) {
             const auto f = fields(l, 17);
-            if (check(f, 5, l))
-                t.ids_of_path[f[6].substr(0, f[6].find('?'))].insert(atoi(f[5].c_str()));
+            if (check(f, 5, l)) {
+                const std::string path = f[6].substr(0, f[6].find('?'));
+                const int id = atoi(f[5].c_str());
+                t.ids_of_path[path].insert(id);
+                t.names_of_path[path].insert(declared[id]);
+            }
         } else if (is_record(l, 4)) {
             const auto f = fields(l, 11);
             ++t.ends;
@@ -608,7 +615,8 @@ TEST(Session, PatternRulesOfTheStartNameTransactionsByTheIdsOfTheServedFile)
     vxc.expect_counts(
         "start_answers=1 stop_answers=1 failed_file_replies=0 malformed=0 undeclared_bt=0 "
         "bt_declarations=0 bt.1=Others bt.5=ItemPage bt.6=Cart");
-    const BtTraffic t = read_bt_traffic(session_data(vxc, 71), {1, 5, 6});
+    const BtTraffic t =
+        read_bt_traffic(session_data(vxc, 71), {{1, "Others"}, {5, "ItemPage"}, {6, "Cart"}});
     EXPECT_TRUE(t.announced.empty()) << "the collector knows the rules' names from the file";
     using Ids = std::set<int>;
     const std::map<std::string, Ids> want = {
@@ -623,35 +631,64 @@ TEST(Session, PatternRulesOfTheStartNameTransactionsByTheIdsOfTheServedFile)
 
 TEST(Session, ARuleFileModifiedUnderLoadAnnouncesItsNewIdsBeforeTheirUse)
 {
-    /* The modify keeps ItemPage, moves Cart to a new id and adds Search,
-     * while four host threads run transactions on all of them. */
-    vxc::Options opts = pattern_session(72, kPatternRules, "ALL|1000|3000\n");
-    write_file(opts.files_dir + "/rules2.txt",
-               "7|ItemPage|5|1|/shop/item/|0|-\n7|Cart|16|0|/shop/cart|0|-\n"
-               "7|Search|17|1|/shop/search|0|-\n");
-    opts.modify_file = opts.files_dir + "/modify.kw";
-    write_file(opts.modify_file, "BTRuleConfig=@rules2.txt\n");
-    opts.modify_after_ms = 1500;
-    opts.stop_after_ms = 3300;
-    e2e::Collector vxc(opts);
-    ASSERT_EQ(vxc.start(), 0);
-    e2e::Host host({"urls", "4", "4", "0", "/shop/item/3|GET", "/shop/cart|GET",
-                    "/shop/search?q=a|GET", "/elsewhere|GET"},
-                   vxc.port());
-    ASSERT_EQ(host.wait(60), 0);
-    vxc.stop();
+    /* While four host threads run transactions, the modify replaces the
+     * rules of the start: pattern rules (it keeps ItemPage, moves Cart to a
+     * new id and adds Search), or the default rule, under which each path
+     * was discovered and announced. */
+    using Names = std::set<std::string>;
+    using Announced = std::set<std::pair<int, std::string>>;
+    struct Case {
+        const char* start_rules;
+        std::map<int, std::string> served;  /* what the start's rules declare */
+        Announced by_modify;                /* records 7 of rule names */
+        std::map<std::string, Names> names; /* names a path had, before and after */
+    };
+    const Case cases[] = {
+        {kPatternRules,
+         {{1, "Others"}, {5, "ItemPage"}, {6, "Cart"}},
+         {{16, "Cart"}, {17, "Search"}},
+         {{"/shop/item/3", {"ItemPage"}},
+          {"/shop/cart", {"Cart"}},
+          {"/shop/search", {"Others", "Search"}},
+          {"/elsewhere", {"Others"}}}},
+        {"# one business transaction per URL path\n",
+         {},
+         {{1, "Others"}, {5, "ItemPage"}, {16, "Cart"}, {17, "Search"}},
+         {{"/shop/item/3", {"/shop/item", "ItemPage"}},
+          {"/shop/cart", {"/shop/cart", "Cart"}},
+          {"/shop/search", {"/shop/search", "Search"}},
+          {"/elsewhere", {"/elsewhere", "Others"}}}},
+    };
+    int test_idx = 72;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.start_rules);
+        vxc::Options opts = pattern_session(test_idx, c.start_rules, "ALL|1000|3000\n");
+        write_file(opts.files_dir + "/rules2.txt",
+                   "7|ItemPage|5|1|/shop/item/|0|-\n7|Cart|16|0|/shop/cart|0|-\n"
+                   "7|Search|17|1|/shop/search|0|-\n");
+        opts.modify_file = opts.files_dir + "/modify.kw";
+        write_file(opts.modify_file, "BTRuleConfig=@rules2.txt\n");
+        opts.modify_after_ms = 1500;
+        opts.stop_after_ms = 3300;
+        e2e::Collector vxc(opts);
+        ASSERT_EQ(vxc.start(), 0);
+        e2e::Host host({"urls", "4", "4", "0", "/shop/item/3|GET", "/shop/cart|GET",
+                        "/shop/search?q=a|GET", "/elsewhere|GET"},
+                       vxc.port());
+        ASSERT_EQ(host.wait(60), 0);
+        vxc.stop();
 
-    vxc.expect_counts(
-        "start_answers=1 modify_answers=1 stop_answers=1 failed_file_replies=0 malformed=0 "
-        "undeclared_bt=0 bt.16=Cart bt.17=Search");
-    const BtTraffic t = read_bt_traffic(session_data(vxc, 72), {1, 5, 6});
-    const std::vector<std::pair<int, std::string>> announced = {{16, "Cart"}, {17, "Search"}};
-    EXPECT_EQ(std::set(t.announced.begin(), t.announced.end()),
-              std::set(announced.begin(), announced.end()))
-        << "only what changed is announced";
-    /* The session kept serving across the modify: both rule sets classified. */
-    EXPECT_EQ(t.ids_of_path.at("/shop/search"), (std::set<int>{1, 17}));
-    EXPECT_EQ(t.ids_of_path.at("/shop/cart"), (std::set<int>{6, 16}));
-    EXPECT_EQ(t.ids_of_path.at("/shop/item/3"), (std::set<int>{5}));
-    EXPECT_EQ(t.categories, std::set<std::string>{"10"});
+        vxc.expect_counts(
+            "start_answers=1 modify_answers=1 stop_answers=1 failed_file_replies=0 malformed=0 "
+            "undeclared_bt=0 bt.16=Cart bt.17=Search");
+        const BtTraffic t = read_bt_traffic(session_data(vxc, test_idx++), c.served);
+        Announced by_rules;
+        for (const auto& bt : t.announced)
+            if (bt.second[0] != '/') by_rules.insert(bt);
+        EXPECT_EQ(by_rules, c.by_modify) << "what the modify made new or moved, once";
+        /* The session kept serving across the modify: both rule sets named
+         * transactions. */
+        EXPECT_EQ(t.names_of_path, c.names);
+        EXPECT_EQ(t.categories, std::set<std::string>{"10"});
+    }
 }

@@ -7,13 +7,16 @@
  * which starts a session with a profile of the example's methods, and
  * streams its records there; the host waits for the collector's stop.
  *
- * "--report FILE" prints a readable account of the records in FILE, the data
- * lines vxc-lite stored.
+ * "--report FILE [SUMMARY]" prints a readable account of the records in FILE,
+ * the data lines vxc-lite stored. Business transactions are named by the
+ * records 7 in FILE and, when given, by the "bt.<id>=<name>" lines of
+ * vxc-lite's summary.txt: under pattern rules the names come from the rule
+ * file the collector served, and the agent sends no record 7 for them.
  */
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -56,9 +59,11 @@ void print_blob(const std::string& blob, const std::map<std::string, std::string
                 /* <seq>:<mid>:<duration>:... */
                 size_t a = tok.find(':'), b = tok.find(':', a + 1), d = tok.find(':', b + 1);
                 printf("      %s call to %s, %s ms\n", c == 'T' ? "ok" : "failed",
-                       name_of(tok.substr(a + 1, b - a - 1)).c_str(), tok.substr(b + 1, d - b - 1).c_str());
+                       name_of(tok.substr(a + 1, b - a - 1)).c_str(),
+                       tok.substr(b + 1, d - b - 1).c_str());
             } else {
-                printf("      %s at event %s\n", c == 'e' ? "exception" : "thread", tok.substr(1).c_str());
+                printf("      %s at event %s\n", c == 'e' ? "exception" : "thread",
+                       tok.substr(1).c_str());
             }
             i = end == std::string::npos ? blob.size() : end + 1;
             continue;
@@ -67,7 +72,8 @@ void print_blob(const std::string& blob, const std::map<std::string, std::string
         size_t colon = blob.find(':', i);
         size_t us = blob.find('_', colon);
         size_t us2 = blob.find('_', us + 1);
-        if (colon == std::string::npos || us == std::string::npos || us2 == std::string::npos) break;
+        if (colon == std::string::npos || us == std::string::npos || us2 == std::string::npos)
+            break;
         std::string mid = blob.substr(i, colon - i);
         std::string event = blob.substr(us + 1, us2 - us - 1);
         size_t value_end = blob.find('_', us2 + 1);
@@ -99,7 +105,22 @@ bool load_records(const char* path)
     if (!in) return false;
     std::string line;
     while (std::getline(in, line))
-        if (!line.empty() && line.rfind("vx_data_msg_req:", 0) != 0) g_records.push_back(line + "\n");
+        if (!line.empty() && line.rfind("vx_data_msg_req:", 0) != 0)
+            g_records.push_back(line + "\n");
+    return true;
+}
+
+/* "bt.<id>=<name>" lines of a vxc-lite summary into `bt_names`. */
+bool load_bt_names(const char* path, std::map<std::string, std::string>* bt_names)
+{
+    std::ifstream in(path);
+    if (!in) return false;
+    std::string line;
+    while (std::getline(in, line)) {
+        const size_t eq = line.find('=');
+        if (line.rfind("bt.", 0) == 0 && eq != std::string::npos)
+            (*bt_names)[line.substr(3, eq - 3)] = line.substr(eq + 1);
+    }
     return true;
 }
 
@@ -112,12 +133,11 @@ const char* category_name(const std::string& c)
     return "other";
 }
 
-void print_report()
+void print_report(std::map<std::string, std::string> bt_names /* BT id -> name */)
 {
-    std::map<std::string, std::string> names;    /* method id -> name (record 5) */
-    std::map<std::string, std::string> bt_names; /* BT id -> name (record 7) */
-    std::map<std::string, std::string> bt_of;    /* flowpath -> BT id (record 2) */
-    std::map<std::string, std::string> url_of;   /* flowpath -> URL (record 2) */
+    std::map<std::string, std::string> names;                 /* method id -> name (record 5) */
+    std::map<std::string, std::string> bt_of;                 /* flowpath -> BT id (record 2) */
+    std::map<std::string, std::string> url_of;                /* flowpath -> URL (record 2) */
     std::map<std::string, std::map<std::string, int>> per_bt; /* BT -> category -> count */
     std::map<int, int> per_type;
     for (const std::string& r : g_records) {
@@ -130,7 +150,8 @@ void print_report()
             bt_names[f[1]] = f[2];
         } else if (r.rfind("2,", 0) == 0) {
             auto f = fields(r, 8);
-            const std::string own = f[1].substr(0, f[1].find(':')); /* a callee names its callers too */
+            const std::string own =
+                f[1].substr(0, f[1].find(':')); /* a callee names its callers too */
             bt_of[own] = f[5];
             url_of[own] = f[6];
         } else if (r.rfind("4,", 0) == 0) {
@@ -163,17 +184,21 @@ void print_report()
 
 int main(int argc, char** argv)
 {
-    if (argc == 3 && strcmp(argv[1], "--report") == 0) {
+    if ((argc == 3 || argc == 4) && strcmp(argv[1], "--report") == 0) {
         if (!load_records(argv[2])) {
             fprintf(stderr, "cannot read %s\n", argv[2]);
             return 1;
         }
-        print_report();
+        std::map<std::string, std::string> bt_names;
+        if (argc == 4 && !load_bt_names(argv[3], &bt_names))
+            fprintf(stderr, "cannot read %s; names from records 7 only\n", argv[3]);
+        print_report(bt_names);
         return 0;
     }
     if (example_host_start() != 0) {
-        fprintf(stderr, "no session from the collector (is VXHOME an existing directory? see the "
-                        "agent's trace log)\n");
+        fprintf(stderr,
+                "no session from the collector (is VXHOME an existing directory? see the "
+                "agent's trace log)\n");
         example_host_stop();
         return 1;
     }

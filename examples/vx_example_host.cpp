@@ -23,7 +23,10 @@
 
 namespace {
 
-char* S(const char* s) { return const_cast<char*>(s); }
+char* S(const char* s)
+{
+    return const_cast<char*>(s);
+}
 
 /* The agent tells the host on its control thread when a session starts and
  * stops. */
@@ -58,7 +61,8 @@ struct Request {
 /* One request from arrival to response. */
 bool serve(const Request& req)
 {
-    vxBTHandle h = vx_bt_begin(S(req.url), nullptr, nullptr, S("7301-1-1-12"), S(req.headers), S(req.caller));
+    vxBTHandle h =
+        vx_bt_begin(S(req.url), nullptr, nullptr, S("7301-1-1-12"), S(req.headers), S(req.caller));
     if (!h) return false; /* no session: nothing to report */
     sdk_httpReqRespWrapper(h, S(req.headers), S("req"), 0);
 
@@ -112,21 +116,28 @@ int example_host_wait_stop(void)
 
 int example_host_serve(void)
 {
-    /* Fast pages, a database call, a payment, errors, one slow payment and
-     * a call from another tier. */
+    /* Fast pages, a database call, a payment, errors, one slow payment, a
+     * call from another tier, a health check and a page no rule names. */
     static const Request kRequests[] = {
         {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
+        {"/api/stock/17|GET", "User-Agent: demo", "4611686018427387905_4611686018427387903_1.2_NA",
+         true, false, 200, 0},
         {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200, 0},
+        {"/health|GET", "User-Agent: probe", nullptr, false, false, 200, 0},
         {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
+        {"/api/stock/42|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
         {"/checkout?step=3|POST", "User-Agent: demo", nullptr, false, true, 502, 0},
-        {"/api/stock|GET", "User-Agent: demo", "4611686018427387905_4611686018427387903_1.2_NA", true, false, 200, 0},
+        {"/about|GET", "User-Agent: demo", nullptr, false, false, 200, 0},
         {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200, 3200},
         {"/cart|GET", "User-Agent: demo", nullptr, true, false, 500, 0},
-        {"/api/stock|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
+        {"/api/stock/17|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
     };
     int served = 0;
     for (const Request& r : kRequests) served += serve(r) ? 1 : 0;
     return served;
 }
 
-void example_host_stop(void) { vx_free(); }
+void example_host_stop(void)
+{
+    vx_free();
+}

@@ -21,6 +21,12 @@
  *                    only once the data connection has been open for 200 ms,
  *                    or, eager, from the first moment the agent takes one;
  *                    report how many transactions the agent took
+ *   urls SECONDS THREADS HOLD_MS URL...
+ *                    once the data connection has been open for 200 ms,
+ *                    THREADS threads run transactions on the URLs in turn
+ *                    ("path?query|METHOD"), each lasting HOLD_MS and ending
+ *                    with status 200, 5 ms apart; report how many the agent
+ *                    took
  *
  * Until the collector starts sessions itself, the session is opened here by
  * raising its flags and starting the data thread.
@@ -45,9 +51,15 @@
 
 namespace {
 
-long long now_ms() { return apr_time_now() / 1000; }
+long long now_ms()
+{
+    return apr_time_now() / 1000;
+}
 
-void sleep_ms(int ms) { apr_sleep(apr_time_from_msec(ms)); }
+void sleep_ms(int ms)
+{
+    apr_sleep(apr_time_from_msec(ms));
+}
 
 template <typename Pred>
 bool wait_for(Pred done, long long timeout_ms)
@@ -76,7 +88,8 @@ bool ring_drained(VXProxyInstance_t* app)
 {
     vx::VXLockGuard write(app->dataChannel.bufferWriteLock);
     vx::VXLockGuard move(app->dataChannel.bufferMoveLock);
-    return app->dataChannel.readListSize == 0 && (!app->dataChannel.VXBCIAgentBB || app->dataChannel.VXBCIAgentBB->use_len == 0);
+    return app->dataChannel.readListSize == 0 &&
+           (!app->dataChannel.VXBCIAgentBB || app->dataChannel.VXBCIAgentBB->use_len == 0);
 }
 
 long long peak_rss_kb()
@@ -155,7 +168,8 @@ int run_load(VXProxyInstance_t* app, int seconds, int threads)
                 const long long t0 = apr_time_now();
                 dumpData(rec, sizeof rec);
                 const long long took = apr_time_now() - t0;
-                if (took > slowest_us[static_cast<size_t>(t)]) slowest_us[static_cast<size_t>(t)] = took;
+                if (took > slowest_us[static_cast<size_t>(t)])
+                    slowest_us[static_cast<size_t>(t)] = took;
                 ++n;
             }
             offered[static_cast<size_t>(t)] = n;
@@ -169,7 +183,8 @@ int run_load(VXProxyInstance_t* app, int seconds, int threads)
     long long total = 0, slowest = 0;
     for (int t = 0; t < threads; ++t) {
         total += offered[static_cast<size_t>(t)];
-        if (slowest_us[static_cast<size_t>(t)] > slowest) slowest = slowest_us[static_cast<size_t>(t)];
+        if (slowest_us[static_cast<size_t>(t)] > slowest)
+            slowest = slowest_us[static_cast<size_t>(t)];
     }
     long long buffers = 0;
     {
@@ -252,6 +267,36 @@ int run_methods(VXProxyInstance_t* app, int seconds, bool eager)
     return 0;
 }
 
+int run_urls(VXProxyInstance_t* app, int seconds, int threads, int hold_ms,
+             const std::vector<std::string>& urls)
+{
+    if (urls.empty() || threads < 1) return 64;
+    if (!wait_for([app] { return data_open(app); }, 30000)) return 3;
+    sleep_ms(200);
+    const long long end = now_ms() + seconds * 1000LL;
+    std::atomic<long long> taken{0};
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            for (size_t i = static_cast<size_t>(t); now_ms() < end; ++i) {
+                std::string url = urls[i % urls.size()];
+                auto* fp = static_cast<VXPerThreadData_t*>(startFP(
+                    nullptr, url.data(), nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
+                if (fp) {
+                    ++taken;
+                    if (hold_ms > 0) sleep_ms(hold_ms);
+                    endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
+                    reset(fp);
+                }
+                sleep_ms(5);
+            }
+        });
+    }
+    for (auto& w : workers) w.join();
+    printf("transactions=%lld\n", taken.load());
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -259,7 +304,7 @@ int main(int argc, char** argv)
     if (argc < 3) {
         fprintf(stderr,
                 "usage: %s stream SECONDS | load SECONDS THREADS | idle SECONDS | methods SECONDS "
-                "[eager]\n",
+                "[eager] | urls SECONDS THREADS HOLD_MS URL...\n",
                 argv[0]);
         return 64;
     }
@@ -276,6 +321,9 @@ int main(int argc, char** argv)
     if (mode == "idle") rc = run_idle(app, seconds);
     if (mode == "methods")
         rc = run_methods(app, seconds, argc > 3 && strcmp(argv[3], "eager") == 0);
+    if (mode == "urls" && argc > 5)
+        rc = run_urls(app, seconds, atoi(argv[3]), atoi(argv[4]),
+                      std::vector<std::string>(argv + 5, argv + argc));
     fflush(stdout);
     agent_shutdown();
     return rc;

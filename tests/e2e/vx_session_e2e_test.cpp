@@ -14,6 +14,7 @@
 #include <fstream>
 #include <map>
 #include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -41,7 +42,10 @@ const std::map<std::string, std::string> kFiles = {
     {"profile.txt", "e2e|Shop|handle|0|1\ne2e|Shop|loadCart|0|0\n"},
 };
 
-void write_file(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+void write_file(const std::string& path, const std::string& text)
+{
+    std::ofstream(path) << text;
+}
 
 /* Collector options for a session from `keywords` with `files` to serve. */
 vxc::Options session_options(const std::string& keywords,
@@ -123,8 +127,8 @@ std::vector<std::string> session_data(const e2e::Collector& vxc, int test_idx,
                                       const std::string& version = "1.0")
 {
     for (const auto& lines : vxc.data_connections()) {
-        if (lines.empty() || lines[0].find(";testIdx=" + std::to_string(test_idx) + ";") ==
-                                 std::string::npos)
+        if (lines.empty() ||
+            lines[0].find(";testIdx=" + std::to_string(test_idx) + ";") == std::string::npos)
             continue;
         EXPECT_EQ(lines[0].rfind("vx_data_msg_req:", 0), 0u) << lines[0];
         EXPECT_TRUE(lines.size() > 4 && lines[1].empty() && lines[2].empty() &&
@@ -158,8 +162,8 @@ struct Stream {
     struct Flowpath {
         std::vector<std::string> header; /* record 2 */
         std::vector<std::pair<int, int>> events;
-        int partials = 0;                /* records 3 */
-        std::vector<std::string> end;    /* record 4 */
+        int partials = 0;             /* records 3 */
+        std::vector<std::string> end; /* record 4 */
     };
     std::map<std::string, Flowpath> flowpaths;
 };
@@ -218,9 +222,9 @@ int check_whole_transactions(const Stream& s, int partials = -1)
     const int root = id["Profiler.Kelvane.BeginRequest"], handle = id["Shop.handle"],
               load = id["Shop.loadCart"];
     EXPECT_TRUE(root && handle && load && handle != load) << "methods of the profile";
-    const std::vector<std::pair<int, int>> whole = {
-        {root, 0}, {handle, 0}, {load, 0}, {load, 1}, {load, 0},
-        {load, 1}, {load, 0}, {load, 1}, {handle, 1}, {root, 1}};
+    const std::vector<std::pair<int, int>> whole = {{root, 0},   {handle, 0}, {load, 0}, {load, 1},
+                                                    {load, 0},   {load, 1},   {load, 0}, {load, 1},
+                                                    {handle, 1}, {root, 1}};
     int finished = 0;
     for (const auto& [fpi, fp] : s.flowpaths) {
         if (fp.end.empty() || fp.end[7] == "7") continue; /* open when the session stopped */
@@ -257,17 +261,16 @@ TEST(Session, ATransactionOnTheWireFromTheStartLineToRecord10)
      * answer, then stop and its answer. */
     const auto talk = control_talk(vxc);
     size_t at = 0;
-    for (const char* step : {
-             "> start: vx_control_req:action=start_instrumentation;status=running;testIdx=7;"
-             "bciInstrSessionPct=100;maxCharInSeqBlob=100;",
-             "< vx_control_req:action=send_file;keyword=VXEntryPointsFile;", "> file",
-             "< vx_control_req:action=send_file;keyword=BTRuleConfig;", "> file",
-             "< vx_control_req:action=send_instrumentation_profile;status=running;"
-             "instrProfile=profile.txt",
-             "> profile",
-             "< vx_control_rep:action=start_instrumentation;status=starting;result=Ok;",
-             "> stop: vx_control_req:action=stop_instrumentation;",
-             "< vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;"}) {
+    for (const char* step :
+         {"> start: vx_control_req:action=start_instrumentation;status=running;testIdx=7;"
+          "bciInstrSessionPct=100;maxCharInSeqBlob=100;",
+          "< vx_control_req:action=send_file;keyword=VXEntryPointsFile;", "> file",
+          "< vx_control_req:action=send_file;keyword=BTRuleConfig;", "> file",
+          "< vx_control_req:action=send_instrumentation_profile;status=running;"
+          "instrProfile=profile.txt",
+          "> profile", "< vx_control_rep:action=start_instrumentation;status=starting;result=Ok;",
+          "> stop: vx_control_req:action=stop_instrumentation;",
+          "< vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;"}) {
         at = find_from(talk, at, step);
         ASSERT_LT(at, talk.size()) << "missing, or out of order: " << step;
     }
@@ -515,4 +518,177 @@ TEST(Session, OutOfRangeValuesNeverReachTheWireOrItsArithmetic)
     const vxc::Counts& counts = vxc.stop();
     EXPECT_EQ(counts.start_answers, 1u);
     EXPECT_EQ(counts.malformed, 0u) << "no record 5 without a name";
+}
+
+namespace {
+
+/* Business transactions on a data connection under pattern rules, read as a
+ * collector reads them. `declared` holds the ids and names the served rule
+ * files give; a record 7 adds or renames its own. Failures: a record 2 or 4
+ * whose id was declared neither way before it arrived, a record 7 with an
+ * (id, name) sent before. */
+struct BtTraffic {
+    std::vector<std::pair<int, std::string>> announced;         /* records 7, in order */
+    std::map<std::string, std::set<int>> ids_of_path;           /* record 2: path -> ids */
+    std::map<std::string, std::set<std::string>> names_of_path; /* the names then */
+    std::set<std::string> categories;                           /* records 4 that ended */
+    int ends = 0;
+};
+
+BtTraffic read_bt_traffic(const std::vector<std::string>& lines,
+                          std::map<int, std::string> declared)
+{
+    BtTraffic t;
+    std::set<std::pair<int, std::string>> seen;
+    std::vector<std::string> problems;
+    auto check = [&](const std::vector<std::string>& f, size_t id_at, const std::string& line) {
+        if (f.size() <= id_at || !declared.count(atoi(f[id_at].c_str())))
+            problems.push_back("business transaction undeclared: " + line);
+        return f.size() > id_at + 1;
+    };
+    for (const std::string& l : lines) {
+        if (is_record(l, 7)) {
+            const auto f = fields(l, 3);
+            const std::pair<int, std::string> bt(atoi(f[1].c_str()), f.back());
+            if (!seen.insert(bt).second) problems.push_back("announced twice: " + l);
+            t.announced.push_back(bt);
+            declared[bt.first] = bt.second;
+        } else if (is_record(l, 2)) {
+            const auto f = fields(l, 17);
+            if (check(f, 5, l)) {
+                const std::string path = f[6].substr(0, f[6].find('?'));
+                const int id = atoi(f[5].c_str());
+                t.ids_of_path[path].insert(id);
+                t.names_of_path[path].insert(declared[id]);
+            }
+        } else if (is_record(l, 4)) {
+            const auto f = fields(l, 11);
+            ++t.ends;
+            if (check(f, 6, l) && f[7] != "7") t.categories.insert(f[3]); /* not open at the stop */
+        }
+    }
+    for (size_t i = 0; i < problems.size() && i < 5; ++i) ADD_FAILURE() << problems[i];
+    if (problems.size() > 5) ADD_FAILURE() << problems.size() - 5 << " more like these";
+    return t;
+}
+
+const char kPatternRules[] =
+    "# shop pages\n"
+    "7|ItemPage|5|1|/shop/item/|0|-\n"
+    "7|Cart|6|0|/shop/cart|0|-\n"
+    "7|Private|9|0|/shop/private|1|-\n";
+
+/* Options for a session whose rule and threshold files are `rules` and
+ * `thresholds`, and the ids the collector learns from the rules. */
+vxc::Options pattern_session(int test_idx, const std::string& rules, const std::string& thresholds)
+{
+    std::map<std::string, std::string> files = kFiles;
+    files["rules.txt"] = rules;
+    files["thresholds.txt"] = thresholds;
+    return session_options(
+        "testIdx=" + std::to_string(test_idx) +
+            "\nbciInstrSessionPct=100\nklvEpochDiff=" + std::to_string(kEpochSeconds) +
+            "\nVXEntryPointsFile=@entry.txt\nBTRuleConfig=@rules.txt\n"
+            "BTTConfig=@thresholds.txt\ninstrProfile=@profile.txt\n",
+        files);
+}
+
+}  // namespace
+
+TEST(Session, PatternRulesOfTheStartNameTransactionsByTheIdsOfTheServedFile)
+{
+    /* Thresholds of 1 and 2 ms: a transaction held 5 ms is very slow only if
+     * the served threshold file was read; the per-BT line is read before the
+     * rules and must not disturb them. */
+    vxc::Options opts =
+        pattern_session(71, kPatternRules, "# thresholds\nALL|1|2\nItemPage|100|200\n");
+    opts.stop_after_ms = 2000;
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    e2e::Host host(
+        {"urls", "3", "2", "5", "/shop/item/42|GET", "/shop/item/7?x=1|GET", "/shop/cart|POST",
+         "/shop/private/a|GET", "/shop/private|GET", "/elsewhere|GET"},
+        vxc.port());
+    ASSERT_EQ(host.wait(60), 0);
+    vxc.stop();
+
+    vxc.expect_counts(
+        "start_answers=1 stop_answers=1 failed_file_replies=0 malformed=0 undeclared_bt=0 "
+        "bt_declarations=0 bt.1=Others bt.5=ItemPage bt.6=Cart");
+    const BtTraffic t =
+        read_bt_traffic(session_data(vxc, 71), {{1, "Others"}, {5, "ItemPage"}, {6, "Cart"}});
+    EXPECT_TRUE(t.announced.empty()) << "the collector knows the rules' names from the file";
+    using Ids = std::set<int>;
+    const std::map<std::string, Ids> want = {
+        {"/shop/item/42", {5}},   {"/shop/item/7", {5}}, {"/shop/cart", {6}},
+        {"/shop/private/a", {1}}, {"/elsewhere", {1}},
+    };
+    EXPECT_EQ(t.ids_of_path, want) << "an exact rule holds for its URL alone; /shop/private is "
+                                      "excluded";
+    EXPECT_EQ(t.categories, std::set<std::string>{"12"}) << "judged by the served ALL line";
+    EXPECT_GT(t.ends, 100);
+}
+
+TEST(Session, ARuleFileModifiedUnderLoadAnnouncesItsNewIdsBeforeTheirUse)
+{
+    /* While four host threads run transactions, the modify replaces the
+     * rules of the start: pattern rules (it keeps ItemPage, moves Cart to a
+     * new id and adds Search), or the default rule, under which each path
+     * was discovered and announced. */
+    using Names = std::set<std::string>;
+    using Announced = std::set<std::pair<int, std::string>>;
+    struct Case {
+        const char* start_rules;
+        std::map<int, std::string> served;  /* what the start's rules declare */
+        Announced by_modify;                /* records 7 of rule names */
+        std::map<std::string, Names> names; /* names a path had, before and after */
+    };
+    const Case cases[] = {
+        {kPatternRules,
+         {{1, "Others"}, {5, "ItemPage"}, {6, "Cart"}},
+         {{16, "Cart"}, {17, "Search"}},
+         {{"/shop/item/3", {"ItemPage"}},
+          {"/shop/cart", {"Cart"}},
+          {"/shop/search", {"Others", "Search"}},
+          {"/elsewhere", {"Others"}}}},
+        {"# one business transaction per URL path\n",
+         {},
+         {{1, "Others"}, {5, "ItemPage"}, {16, "Cart"}, {17, "Search"}},
+         {{"/shop/item/3", {"/shop/item", "ItemPage"}},
+          {"/shop/cart", {"/shop/cart", "Cart"}},
+          {"/shop/search", {"/shop/search", "Search"}},
+          {"/elsewhere", {"/elsewhere", "Others"}}}},
+    };
+    int test_idx = 72;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.start_rules);
+        vxc::Options opts = pattern_session(test_idx, c.start_rules, "ALL|1000|3000\n");
+        write_file(opts.files_dir + "/rules2.txt",
+                   "7|ItemPage|5|1|/shop/item/|0|-\n7|Cart|16|0|/shop/cart|0|-\n"
+                   "7|Search|17|1|/shop/search|0|-\n");
+        opts.modify_file = opts.files_dir + "/modify.kw";
+        write_file(opts.modify_file, "BTRuleConfig=@rules2.txt\n");
+        opts.modify_after_ms = 1500;
+        opts.stop_after_ms = 3300;
+        e2e::Collector vxc(opts);
+        ASSERT_EQ(vxc.start(), 0);
+        e2e::Host host({"urls", "4", "4", "0", "/shop/item/3|GET", "/shop/cart|GET",
+                        "/shop/search?q=a|GET", "/elsewhere|GET"},
+                       vxc.port());
+        ASSERT_EQ(host.wait(60), 0);
+        vxc.stop();
+
+        vxc.expect_counts(
+            "start_answers=1 modify_answers=1 stop_answers=1 failed_file_replies=0 malformed=0 "
+            "undeclared_bt=0 bt.16=Cart bt.17=Search");
+        const BtTraffic t = read_bt_traffic(session_data(vxc, test_idx++), c.served);
+        Announced by_rules;
+        for (const auto& bt : t.announced)
+            if (bt.second[0] != '/') by_rules.insert(bt);
+        EXPECT_EQ(by_rules, c.by_modify) << "what the modify made new or moved, once";
+        /* The session kept serving across the modify: both rule sets named
+         * transactions. */
+        EXPECT_EQ(t.names_of_path, c.names);
+        EXPECT_EQ(t.categories, std::set<std::string>{"10"});
+    }
 }

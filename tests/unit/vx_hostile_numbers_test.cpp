@@ -54,6 +54,9 @@ protected:
     int savedProxySession_ = 0;
 };
 
+/* The member a case reads, as a number. */
+#define AT(member) [](I* a) -> long long { return a->member; }
+
 long long profile_size(I* a)
 {
     return a->Server.InstrProfileTable ? a->Server.InstrProfileTable[0].size : -1;
@@ -66,34 +69,21 @@ TEST_F(HostileNumbers, OutOfRangeIsRefusedAndTheTopOfEachRangeTaken)
         long long (*member)(I*);
         long long after;
     } cases[] = {
-        {"numInstrProfile=2147483647", [](I* a) -> long long { return a->Server.numInstrProfile; },
-         kKept},
-        {"numInstrProfile=256", [](I* a) -> long long { return a->Server.numInstrProfile; }, 256},
-        {"bciDataBufferMaxSize=-1", [](I* a) -> long long { return a->VXSys.bciDataBufferMaxSize; },
-         kKept},
-        {"bciDataBufferMaxSize=1048576",
-         [](I* a) -> long long { return a->VXSys.bciDataBufferMaxSize; }, 1048576},
-        {"bciDataBufferMaxCount=4294967296",
-         [](I* a) -> long long { return a->VXSys.dataBuffMaxCount; }, kKept},
-        {"ASDataBufferSize=-262144",
-         [](I* a) -> long long { return a->VXSys.bciASDataBufferMaxSize; }, kKept},
-        {"maxCharInSeqBlob=16384",
-         [](I* a) -> long long { return a->VXFlowpathGenerator.maxCharactersInSeqBlob; }, kKept},
-        {"maxCharInSeqBlob=15360",
-         [](I* a) -> long long { return a->VXFlowpathGenerator.maxCharactersInSeqBlob; }, 15360},
-        {"setthresholdTime=72", [](I* a) -> long long { return a->Server.dumpremainingtstime; },
-         kKept},
-        {"TimeStampDiff=-9223372036854775808",
-         [](I* a) -> long long { return a->Server.diffTimeFromVXC; }, kKept},
-        {"vxcHeartBeatThreshold=0",
-         [](I* a) -> long long { return a->VXSys.vxcHeartBeatThreshold; }, kKept},
-        {"BCITraceMaxSize=-5000000000", [](I* a) -> long long { return a->VXSys.traceMaxSize; },
-         kKept},
-        {"maxBTCount=100000", [](I* a) -> long long { return a->config.max_bt_count; }, kKept},
-        {"ASSampleInterval=-1", [](I* a) -> long long { return a->asSettings.sampleInterval; },
-         kKept},
-        {"enableVXSession=1%2099999%200",
-         [](I* a) -> long long { return a->VXSys.methodExitDepth2SetCookie; }, kKept},
+        {"numInstrProfile=2147483647", AT(Server.numInstrProfile), kKept},
+        {"numInstrProfile=256", AT(Server.numInstrProfile), 256},
+        {"bciDataBufferMaxSize=-1", AT(VXSys.bciDataBufferMaxSize), kKept},
+        {"bciDataBufferMaxSize=1048576", AT(VXSys.bciDataBufferMaxSize), 1048576},
+        {"bciDataBufferMaxCount=4294967296", AT(VXSys.dataBuffMaxCount), kKept},
+        {"ASDataBufferSize=-262144", AT(VXSys.bciASDataBufferMaxSize), kKept},
+        {"maxCharInSeqBlob=16384", AT(VXFlowpathGenerator.maxCharactersInSeqBlob), kKept},
+        {"maxCharInSeqBlob=15360", AT(VXFlowpathGenerator.maxCharactersInSeqBlob), 15360},
+        {"setthresholdTime=72", AT(Server.dumpremainingtstime), kKept},
+        {"TimeStampDiff=-9223372036854775808", AT(Server.diffTimeFromVXC), kKept},
+        {"vxcHeartBeatThreshold=0", AT(VXSys.vxcHeartBeatThreshold), kKept},
+        {"BCITraceMaxSize=-5000000000", AT(VXSys.traceMaxSize), kKept},
+        {"maxBTCount=100000", AT(config.max_bt_count), kKept},
+        {"ASSampleInterval=-1", AT(asSettings.sampleInterval), kKept},
+        {"enableVXSession=1%2099999%200", AT(VXSys.methodExitDepth2SetCookie), kKept},
         {"enableVXSession=1%201%200%200%20c%20d%20-5000%20-3",
          [](I* a) -> long long {
              return a->VXSys.vxSessionIdleTimeOutSecs + a->VXSys.maxFPCountInSession;

@@ -67,7 +67,7 @@ TEST(VxText, TokenizeOnWholeStringKeepsEmptyFieldsAndLeavesRestInLastField)
     }
 }
 
-TEST(VxText, RemoveWhitespacesByOperation)
+TEST(VxText, RemoveWhitespacesByOperationAndRefusesNullInputOrMissingMode)
 {
     struct Case {
         char operation;
@@ -91,10 +91,7 @@ TEST(VxText, RemoveWhitespacesByOperation)
         EXPECT_EQ(r, in_place.data());
         EXPECT_STREQ(in_place.c_str(), c.want) << "in place, operation " << int(c.operation);
     }
-}
-
-TEST(VxText, RemoveWhitespacesRejectsNullInputAndMissingMode)
-{
+    /* Null input, and a mode with neither bit, are refused untouched. */
     char s[] = " a ";
     char out[8] = "x";
     EXPECT_EQ(vxlb_remove_whitespaces(nullptr, out, 3, 1), nullptr);

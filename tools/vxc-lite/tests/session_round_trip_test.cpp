@@ -28,27 +28,24 @@ protected:
         write_file("files/" + name, content);
     }
 
-    /* A file of the files dir: its modification time in seconds, and the
-     * value the start line gives it as a file keyword. */
-    std::string mtime(const std::string& name)
+    /* A file of the files dir: its modification time in seconds, the value
+     * the start line gives it as a file keyword, and what the file store's
+     * reply header puts behind the keyword. */
+    struct stat stat_of(const std::string& name)
     {
         struct stat st {};
         EXPECT_EQ(stat((files_ + "/" + name).c_str(), &st), 0) << name;
-        return std::to_string(st.st_mtime);
+        return st;
     }
+    std::string mtime(const std::string& name) { return std::to_string(stat_of(name).st_mtime); }
+    std::string size(const std::string& name) { return std::to_string(stat_of(name).st_size); }
     std::string encoded(const std::string& name)
     {
-        struct stat st {};
-        EXPECT_EQ(stat((files_ + "/" + name).c_str(), &st), 0) << name;
-        return name + "%3Bsize%3D" + std::to_string(st.st_size) + "%3Blmd%3D" + mtime(name);
+        return name + "%3Bsize%3D" + size(name) + "%3Blmd%3D" + mtime(name);
     }
-
-    /* What the file store's reply header puts behind the keyword. */
     std::string stored(const std::string& name)
     {
-        struct stat st {};
-        EXPECT_EQ(stat((files_ + "/" + name).c_str(), &st), 0) << name;
-        return "%3Bsize%3D" + std::to_string(st.st_size) + "%3Blmd%3D" + mtime(name) + "000000;";
+        return "%3Bsize%3D" + size(name) + "%3Blmd%3D" + mtime(name) + "000000;";
     }
 
     /* Registers ctrl and reads the reply. */

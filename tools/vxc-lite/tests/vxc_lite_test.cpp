@@ -29,13 +29,6 @@ TEST(Reply, DefaultKeepsTheAgentOnTcpAtTheListeningPortAndTheCommandLineSetsEach
               "ProtoVersion=2;supportedProtocols=TCP:1,WS:2,WSS:3;\n");
     ASSERT_EQ(parse({"--reply", "vx_ctrl_msg_rep:result=Error;"}, &o), 0);
     EXPECT_EQ(vxc::reply_line(o, 7892), "vx_ctrl_msg_rep:result=Error;\n");
-    /* The heartbeat is the line the agent recognises. */
-    EXPECT_EQ(
-        vxc::heartbeat_line(0),
-        "vx_control_req:action=reconnect;heartBeat 0;dataConnState=1;AutosensorConnState=1;\n");
-    EXPECT_EQ(
-        vxc::heartbeat_line(12),
-        "vx_control_req:action=reconnect;heartBeat 12;dataConnState=1;AutosensorConnState=1;\n");
 }
 
 TEST(Arguments, HelpIsAnsweredAndBadValuesAreRefused)

@@ -170,13 +170,21 @@ std::string rule_file(int count)
 {
     std::string text = "5|4096\n";
     for (int k = 0; k < count - 1; ++k) {
-        const std::string res = kResources[k % 8], n = std::to_string(k), id = std::to_string(100 + k);
+        const std::string res = kResources[k % 8], n = std::to_string(k),
+                          id = std::to_string(100 + k);
         const std::string version = "/api/v" + std::to_string(k % 3 + 1) + "/";
-        if (k == count / 2) text += "7|OrderItems|7777|1|/api/v2/orders*/items|0|1|sort=asc|-|-|-|-|-|-|-\n";
+        if (k == count / 2)
+            text += "7|OrderItems|7777|1|/api/v2/orders*/items|0|1|sort=asc|-|-|-|-|-|-|-\n";
         switch (k % 4) {
-            case 0: text += "7|B" + n + "|" + id + "|0|" + version + res + n + "/list|0|-\n"; break;
-            case 1: text += "7|B" + n + "|" + id + "|1|/shop/" + res + n + "/item|0|-\n"; break;
-            case 2: text += "7|B" + n + "|" + id + "|0|/svc" + n + "/*/status|0|-\n"; break;
+            case 0:
+                text += "7|B" + n + "|" + id + "|0|" + version + res + n + "/list|0|-\n";
+                break;
+            case 1:
+                text += "7|B" + n + "|" + id + "|1|/shop/" + res + n + "/item|0|-\n";
+                break;
+            case 2:
+                text += "7|B" + n + "|" + id + "|0|/svc" + n + "/*/status|0|-\n";
+                break;
             default:
                 text += "7|B" + n + "|" + id + "|0|/user" + n + "/profile|0|2|-|PUT|-|-|-|-|-|-\n";
                 break;
@@ -210,8 +218,10 @@ void classify_loop(benchmark::State& state)
         return;
     }
     const long long before = g_mallocs.load();
-    for (auto _ : state) benchmark::DoNotOptimize(get_obj_from_bt_name(url, params, header, nullptr, method));
-    state.counters["allocs"] = static_cast<double>(g_mallocs.load() - before) / static_cast<double>(state.iterations());
+    for (auto _ : state)
+        benchmark::DoNotOptimize(get_obj_from_bt_name(url, params, header, nullptr, method));
+    state.counters["allocs"] =
+        static_cast<double>(g_mallocs.load() - before) / static_cast<double>(state.iterations());
     state.SetItemsProcessed(state.iterations());
 }
 
@@ -239,8 +249,10 @@ void BM_ClassifyGlobalExisting(benchmark::State& state)
     apr_thread_mutex_t* lock = nullptr;
     get_obj_from_bt_name(url, params, header, lock, method);
     const long long before = g_mallocs.load();
-    for (auto _ : state) benchmark::DoNotOptimize(get_obj_from_bt_name(url, params, header, lock, method));
-    state.counters["allocs"] = static_cast<double>(g_mallocs.load() - before) / static_cast<double>(state.iterations());
+    for (auto _ : state)
+        benchmark::DoNotOptimize(get_obj_from_bt_name(url, params, header, lock, method));
+    state.counters["allocs"] =
+        static_cast<double>(g_mallocs.load() - before) / static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_ClassifyGlobalExisting);
 
@@ -254,7 +266,8 @@ void BM_FindCategory(benchmark::State& state)
         benchmark::DoNotOptimize(findCategoryOfBT(t, d, d & 1 ? 200 : 500, nullptr));
         d = (d + 977) % 7000;
     }
-    state.counters["allocs"] = static_cast<double>(g_mallocs.load() - before) / static_cast<double>(state.iterations());
+    state.counters["allocs"] =
+        static_cast<double>(g_mallocs.load() - before) / static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_FindCategory);
 

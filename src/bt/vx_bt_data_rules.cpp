@@ -42,7 +42,8 @@ void parse_conditions(VXBTDataRule* r, const char* text, const char* end, const 
 VXBTDataRule* add_rule(VXBTDataRule** list, int kind, char** f, int count, int least)
 {
     if (count < least) {
-        VX_ERROR("BT_MON", "Rule %d line has %d fields, needs at least %d; ignored", kind, count, least);
+        VX_ERROR("BT_MON", "Rule %d line has %d fields, needs at least %d; ignored", kind, count,
+                 least);
         return nullptr;
     }
     auto* r = static_cast<VXBTDataRule*>(calloc(1, sizeof(VXBTDataRule)));
@@ -55,7 +56,10 @@ VXBTDataRule* add_rule(VXBTDataRule** list, int kind, char** f, int count, int l
     return r;
 }
 
-VXBTDataRules_t& rules() { return vx_app()->btDataRules; }
+VXBTDataRules_t& rules()
+{
+    return vx_app()->btDataRules;
+}
 
 constexpr int kValueOpName[3] = {0, 1, 2}; /* kinds 8 and 11: value, operation, BT name */
 constexpr int kOpNameValue[3] = {2, 0, 1}; /* kinds 9 and 10: operation, BT name, value */
@@ -109,7 +113,8 @@ extern "C" int parseHttpBodyBtName(char** f, int count)
 void vx::bt_data_rules_clear()
 {
     VXBTDataRules_t& r = rules();
-    for (VXBTDataRule** list : {&r.methodDataRules, &r.httpRespBtRule, &r.httpReqBtRule, &r.httpBodyBtRule}) {
+    for (VXBTDataRule** list :
+         {&r.methodDataRules, &r.httpRespBtRule, &r.httpReqBtRule, &r.httpBodyBtRule}) {
         free_list(*list);
         *list = nullptr;
     }

@@ -25,16 +25,16 @@ struct VXBTDataCondition {
 inline constexpr int kBTDataConditionsMax = 32;
 
 struct VXBTDataRule {
-    int kind;                          /* 8, 9, 10 or 11 */
-    char name[vx::kBTRuleTextSize];    /* method, header name, or body type */
-    int tagId;                         /* id whose tag list the line fills */
-    int argIndex;                      /* kind 8 */
+    int kind;                       /* 8, 9, 10 or 11 */
+    char name[vx::kBTRuleTextSize]; /* method, header name, or body type */
+    int tagId;                      /* id whose tag list the line fills */
+    int argIndex;                   /* kind 8 */
     char type[64];
-    char xPath[vx::kBTRuleTextSize];   /* kind 11 */
-    int opcode_type;                   /* kind 11 */
-    int enableBodyCapture;             /* kind 11 */
-    int maxBodySize;                   /* kind 11 */
-    int selfRuleId;                    /* kind 8 */
+    char xPath[vx::kBTRuleTextSize]; /* kind 11 */
+    int opcode_type;                 /* kind 11 */
+    int enableBodyCapture;           /* kind 11 */
+    int maxBodySize;                 /* kind 11 */
+    int selfRuleId;                  /* kind 8 */
     int parentRuleId;
     int conditionCount;
     VXBTDataCondition conditions[kBTDataConditionsMax];
@@ -60,6 +60,6 @@ int parseHttpBodyBtName(char** fields, int count);
 namespace vx {
 /* Drops every stored line: a rule file read anew starts its lists afresh. */
 void bt_data_rules_clear();
-}
+}  // namespace vx
 
 #endif

@@ -14,7 +14,8 @@ constexpr unsigned kLexiconStep = 20;
 extern "C" void vxlb_build_lexicon(VXBTCustomRule* rule)
 {
     if (!rule || rule->dictionary) return;
-    rule->dictionary = static_cast<VXLBKeywordLexicon*>(calloc(kLexiconStep, sizeof(VXLBKeywordLexicon)));
+    rule->dictionary =
+        static_cast<VXLBKeywordLexicon*>(calloc(kLexiconStep, sizeof(VXLBKeywordLexicon)));
     rule->keyword_count = 0;
 }
 
@@ -25,8 +26,8 @@ extern "C" int add_to_lexicon(VXBTCustomRule* rule, char* keyword, unsigned prio
     if (!rule->dictionary) vxlb_build_lexicon(rule);
     if (!rule->dictionary) return -1;
     if (rule->keyword_count > 0 && rule->keyword_count % kLexiconStep == 0) {
-        auto* grown = static_cast<VXLBKeywordLexicon*>(
-            realloc(rule->dictionary, sizeof(VXLBKeywordLexicon) * (rule->keyword_count + kLexiconStep)));
+        auto* grown = static_cast<VXLBKeywordLexicon*>(realloc(
+            rule->dictionary, sizeof(VXLBKeywordLexicon) * (rule->keyword_count + kLexiconStep)));
         if (!grown) return -1;
         rule->dictionary = grown;
     }

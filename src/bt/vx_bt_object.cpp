@@ -20,11 +20,18 @@
 
 namespace {
 
-constexpr const char* kDefaultTags[] = {"Host=localhost", "OS=Linux", "application=Common", "Technology=Php"};
+constexpr const char* kDefaultTags[] = {"Host=localhost", "OS=Linux", "application=Common",
+                                        "Technology=Php"};
 
-VXProxyInstance_t* app() { return vx_app(); }
+VXProxyInstance_t* app()
+{
+    return vx_app();
+}
 
-int trace_level() { return app()->VXSys.btMonitorTraceLevel; }
+int trace_level()
+{
+    return app()->VXSys.btMonitorTraceLevel;
+}
 
 bool run_active(const VXProxyInstance_t* a)
 {
@@ -90,7 +97,8 @@ void recycle_session_objects(VXProxyInstance_t* a)
     BTObject* bt = s.sessionObjects;
     while (bt) {
         BTObject* next = bt->recycleNext;
-        bt->recycleNext = static_cast<BTObject*>(apr_hash_get(s.recycled, bt->bt_name, APR_HASH_KEY_STRING));
+        bt->recycleNext =
+            static_cast<BTObject*>(apr_hash_get(s.recycled, bt->bt_name, APR_HASH_KEY_STRING));
         apr_hash_set(s.recycled, bt->bt_name, APR_HASH_KEY_STRING, bt);
         bt = next;
     }
@@ -122,10 +130,13 @@ extern "C" void VXBTConfigModelInit(void)
     if (!a) return;
     /* Locks and the object pool are made once and live with the instance:
      * request threads may hold BT objects across sessions. */
-    if (!a->btStore.pool && apr_pool_create(&a->btStore.pool, a->control_pool) != APR_SUCCESS) return;
+    if (!a->btStore.pool && apr_pool_create(&a->btStore.pool, a->control_pool) != APR_SUCCESS)
+        return;
     if (!a->manager.bt_obj_map_lock) a->manager.bt_obj_map_lock = vx::mutex_create(a->control_pool);
-    if (!a->tagManager.tag_obj_map_lock) a->tagManager.tag_obj_map_lock = vx::mutex_create(a->control_pool);
-    if (!a->tagManager.bt_tag_obj_map_lock) a->tagManager.bt_tag_obj_map_lock = vx::mutex_create(a->control_pool);
+    if (!a->tagManager.tag_obj_map_lock)
+        a->tagManager.tag_obj_map_lock = vx::mutex_create(a->control_pool);
+    if (!a->tagManager.bt_tag_obj_map_lock)
+        a->tagManager.bt_tag_obj_map_lock = vx::mutex_create(a->control_pool);
     {
         vx::VXLockGuard guard(a->manager.bt_obj_map_lock);
         if (a->manager.bt_obj_map.hash) free_BTObjMap();
@@ -137,7 +148,8 @@ extern "C" void VXBTConfigModelInit(void)
     add_default_tags(a);
     {
         vx::VXLockGuard guard(a->tagManager.bt_tag_obj_map_lock);
-        if (!a->tagManager.bt_tag_obj_map) a->tagManager.bt_tag_obj_map = apr_hash_make(a->btStore.pool);
+        if (!a->tagManager.bt_tag_obj_map)
+            a->tagManager.bt_tag_obj_map = apr_hash_make(a->btStore.pool);
     }
     vx::bt_rules_reset();
     vx::bt_tags_clear(-1); /* the monitor's set-up forgets the global list */
@@ -187,7 +199,8 @@ extern "C" BTObject* find_bt_obj_in_manager_map(char* bt_name)
 {
     VXProxyInstance_t* a = app();
     if (!a || !bt_name || !a->manager.bt_obj_map.hash) return nullptr;
-    return static_cast<BTObject*>(apr_hash_get(a->manager.bt_obj_map.hash, bt_name, APR_HASH_KEY_STRING));
+    return static_cast<BTObject*>(
+        apr_hash_get(a->manager.bt_obj_map.hash, bt_name, APR_HASH_KEY_STRING));
 }
 
 extern "C" BTObject* updateBTObject(char* bt_name)
@@ -207,8 +220,9 @@ extern "C" BTObject* updateBTObject(char* bt_name)
         vx::copy_text(bt_name, vx::kBTNameSize, kOthersBTName);
         --a->config.total_bt_count;
         id = kOthersBTId;
-        VX_TRACE(trace_level(), 2, "BT_MON", "max_bt_count '%d' reached, assiging id '%d' to Others",
-                 a->config.max_bt_count, id);
+        VX_TRACE(trace_level(), 2, "BT_MON",
+                 "max_bt_count '%d' reached, assiging id '%d' to Others", a->config.max_bt_count,
+                 id);
     }
     if (BTObject* bt = find_bt_obj_in_manager_map(bt_name)) return bt; /* "Others" made earlier */
     BTObject* bt = make_new_bt_obj(bt_name, id, a->allSlow, a->allVerySlow);
@@ -221,8 +235,8 @@ extern "C" BTObject* updateBTObject(char* bt_name)
     return bt;
 }
 
-extern "C" BTObject* find_bt_obj_in_config_map(char* bt_name, int bt_id, int slow, int verySlow, int selfID,
-                                               int parentID)
+extern "C" BTObject* find_bt_obj_in_config_map(char* bt_name, int bt_id, int slow, int verySlow,
+                                               int selfID, int parentID)
 {
     VXProxyInstance_t* a = app();
     if (!a || !bt_name || !a->config.bt_obj_map.hash) return nullptr;
@@ -280,13 +294,15 @@ void vx::bt_session_free()
     vx::retire_collect(a->btRetired, apr_time_now(), apr_time_from_sec(vx::kBTRetireGraceSeconds));
 }
 
-extern "C" int getBTCategoryBasedOnThresold(VXPerThreadData_t* vxTD, Threshold bt_threshold, long long duration)
+extern "C" int getBTCategoryBasedOnThresold(VXPerThreadData_t* vxTD, Threshold bt_threshold,
+                                            long long duration)
 {
     VXProxyInstance_t* a = app();
     if (duration < bt_threshold.slow) {
         /* A flowpath kept only for its method data is dropped when it turns
          * out to be fast. */
-        if (a && vxTD && vx::load_relaxed(a->VXSys.bciInstrSessionPct) == 0 && a->VXSys.captureMethodForAllFP == 1)
+        if (a && vxTD && vx::load_relaxed(a->VXSys.bciInstrSessionPct) == 0 &&
+            a->VXSys.captureMethodForAllFP == 1)
             vxTD->tlIsFPCaptured = 0;
         return kCategoryNormal;
     }

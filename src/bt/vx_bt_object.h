@@ -38,22 +38,22 @@ struct Threshold {
 
 struct BTObject {
     char bt_name[vx::kBTNameSize];
-    char bt_category;           /* reserved */
-    int is_meta_data_dumped;    /* record 7 went out from discovery */
-    int bt_id;                  /* 0: not assigned yet */
-    long long bt_startTime;     /* auto-instrumentation window, seconds */
+    char bt_category;        /* reserved */
+    int is_meta_data_dumped; /* record 7 went out from discovery */
+    int bt_id;               /* 0: not assigned yet */
+    long long bt_startTime;  /* auto-instrumentation window, seconds */
     long long bt_endTime;
     long long dd_IntervalTime;
     char AIFlag;
     Threshold bt_threshold;
     int enableBodyCapture;
     int maxBodySize;
-    int selfID;                 /* rule id of the pattern rule that made it, -1 none */
+    int selfID; /* rule id of the pattern rule that made it, -1 none */
     int parentID;
     int prevPID;
     int isBTOverride;
     int btCounter;
-    BTObject* recycleNext;      /* the session's objects, then the recycling chain */
+    BTObject* recycleNext; /* the session's objects, then the recycling chain */
 };
 
 struct BTObjectMap {
@@ -75,9 +75,9 @@ struct VXBTManager {
 
 struct VXBTTagManager {
     apr_thread_mutex_t* tag_obj_map_lock;
-    apr_hash_t* tag_obj_map;     /* tag sequence text -> tag id and "sent" */
+    apr_hash_t* tag_obj_map; /* tag sequence text -> tag id and "sent" */
     apr_thread_mutex_t* bt_tag_obj_map_lock;
-    apr_hash_t* bt_tag_obj_map;  /* "<bt id>" or "<bt id>-<tag id>" -> counter slot */
+    apr_hash_t* bt_tag_obj_map; /* "<bt id>" or "<bt id>-<tag id>" -> counter slot */
 };
 
 /* A tag sequence and whether its record went out. */
@@ -88,9 +88,9 @@ struct VXBTTagObject {
 
 /* Where BT objects come from and go to; owned by the BT model. */
 struct VXBTObjectStore {
-    apr_pool_t* pool;          /* long-lived: objects and the maps' keys */
-    BTObject* sessionObjects;  /* made in this session, chained by recycleNext */
-    apr_hash_t* recycled;      /* name -> chain of objects of ended sessions */
+    apr_pool_t* pool;         /* long-lived: objects and the maps' keys */
+    BTObject* sessionObjects; /* made in this session, chained by recycleNext */
+    apr_hash_t* recycled;     /* name -> chain of objects of ended sessions */
 };
 
 /* Categories of record 4. */
@@ -142,7 +142,8 @@ void free_BTObjMap(void);
  * 10 normal, 11 slow, 12 very slow. A status outside 0..599 is not an error. */
 int findCategoryOfBT(Threshold bt_threshold, long long duration, int statusCode,
                      VXPerThreadData_t* vxTD);
-int getBTCategoryBasedOnThresold(VXPerThreadData_t* vxTD, Threshold bt_threshold, long long duration);
+int getBTCategoryBasedOnThresold(VXPerThreadData_t* vxTD, Threshold bt_threshold,
+                                 long long duration);
 
 /* The value of the item "<key>=" in a BT header text "k=v&k=v&", cut in
  * place; null when the item is absent or no '&' follows it. */
@@ -166,7 +167,8 @@ void bt_session_free();
 
 inline Threshold vx::bt_threshold_of(const BTObject* bt)
 {
-    return Threshold{vx::load_relaxed(bt->bt_threshold.slow), vx::load_relaxed(bt->bt_threshold.very_slow)};
+    return Threshold{vx::load_relaxed(bt->bt_threshold.slow),
+                     vx::load_relaxed(bt->bt_threshold.very_slow)};
 }
 
 #endif

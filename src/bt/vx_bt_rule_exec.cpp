@@ -19,7 +19,10 @@ namespace {
 
 constexpr char kCustomOthers[] = "others"; /* a BT of its own, not "Others" */
 
-int trace_level() { return vx_app()->VXSys.btMonitorTraceLevel; }
+int trace_level()
+{
+    return vx_app()->VXSys.btMonitorTraceLevel;
+}
 
 /* The value of the rule's parameter in `query` into out (kBTParamValueSize
  * bytes); false when the parameter is absent. */
@@ -59,7 +62,8 @@ void append_chosen_segments(const VXBTGlobalRule& rule, const char* uri, char* n
     char copy[vx::kURLSize];
     vx::copy_text(copy, sizeof copy, uri);
     char* parts[vx::kBTUriSegMax];
-    const int n = vxlb_get_tokens_with_multi_delimiter(copy, parts, const_cast<char*>("/"), vx::kBTUriSegMax);
+    const int n =
+        vxlb_get_tokens_with_multi_delimiter(copy, parts, const_cast<char*>("/"), vx::kBTUriSegMax);
     for (int i = 0; i < rule.uri_seg_no_list_length; ++i) {
         const int k = rule.uri_seg_no_list[i];
         if (n < k) break;
@@ -76,7 +80,8 @@ void decode_header(const char* in, char* out, size_t cap)
     size_t o = 0;
     for (size_t i = 0; in[i] && o + 1 < cap;) {
         if (in[i] == '%' && in[i + 1] && in[i + 2]) {
-            if (const char c = escapeURLDecoding(const_cast<char*>(in), nullptr, static_cast<int>(i + 1))) {
+            if (const char c =
+                    escapeURLDecoding(const_cast<char*>(in), nullptr, static_cast<int>(i + 1))) {
                 out[o++] = c;
                 i += c == '|' ? 4 : 3;
                 continue;
@@ -87,32 +92,37 @@ void decode_header(const char* in, char* out, size_t cap)
     out[o] = '\0';
 }
 
-BTObject* by_pattern(VXProxyInstance_t* app, char* url, char* parameters, char* btHeaderValue, char* httpMethod)
+BTObject* by_pattern(VXProxyInstance_t* app, char* url, char* parameters, char* btHeaderValue,
+                     char* httpMethod)
 {
     const VXBTPatternMachines* m = vx::bt_pattern_machines();
     int id = 1; /* machines not set up: "Others" */
     if (m && url && *url) {
-        id = vxlb_state_machine_get(&m->stateMachine, url, static_cast<int>(strlen(url)), parameters,
-                                    parameters ? static_cast<int>(strlen(parameters)) : 0, httpMethod,
-                                    httpMethod ? static_cast<int>(strlen(httpMethod)) : 0, app->skipCount);
+        id = vxlb_state_machine_get(
+            &m->stateMachine, url, static_cast<int>(strlen(url)), parameters,
+            parameters ? static_cast<int>(strlen(parameters)) : 0, httpMethod,
+            httpMethod ? static_cast<int>(strlen(httpMethod)) : 0, app->skipCount);
         if (id > 1)
             id = getBTHeader(&m->stateMachineHeader, btHeaderValue,
                              btHeaderValue ? static_cast<int>(strlen(btHeaderValue)) : 0, id);
     }
     if (id == -2) {
-        VX_TRACE(trace_level(), 3, "BT_MON", "Pattern rule : Got id = '%d', excluding for complete_url = '%s'", id,
+        VX_TRACE(trace_level(), 3, "BT_MON",
+                 "Pattern rule : Got id = '%d', excluding for complete_url = '%s'", id,
                  url ? url : "");
         return nullptr;
     }
     if (id < 1) {
-        VX_TRACE(trace_level(), 3, "BT_MON", "Pattern rule : Got id = '%d', setting to 1 for complete_url = '%s'",
-                 id, url ? url : "");
+        VX_TRACE(trace_level(), 3, "BT_MON",
+                 "Pattern rule : Got id = '%d', setting to 1 for complete_url = '%s'", id,
+                 url ? url : "");
         id = 1;
     }
     int size = 0;
     BTObject* bt = vx::bt_bound_to(id, &size);
     if (id >= size)
-        VX_TRACE(trace_level(), 1, "BT_MON", "aggDataArraySize(%d) <= id(%d), hence no btobj found", size, id);
+        VX_TRACE(trace_level(), 1, "BT_MON", "aggDataArraySize(%d) <= id(%d), hence no btobj found",
+                 size, id);
     return bt;
 }
 
@@ -160,8 +170,8 @@ extern "C" void get_bt_name_from_url(char* url, char* btName, int len)
     vx::copy_text(btName, static_cast<size_t>(len), copy);
 }
 
-extern "C" char* vxbt_execute_global_rule(char* uri, char* param, char* method, char* header, char* btName,
-                                          int size)
+extern "C" char* vxbt_execute_global_rule(char* uri, char* param, char* method, char* header,
+                                          char* btName, int size)
 {
     if (!btName || size < 1) return nullptr;
     btName[0] = '\0';
@@ -179,30 +189,45 @@ extern "C" char* vxbt_execute_global_rule(char* uri, char* param, char* method, 
         rule->seg_type != kSegTypeHeader)
         mode = 4;
     switch (mode) {
-        case 1: vx::copy_text(btName, static_cast<size_t>(size), url); return btName;
-        case 2: get_bt_name_from_url(uri, btName, size); return btName;
-        case 3: vx::copy_text(base, sizeof base, url); break;
-        case 4: get_bt_name_from_url(uri, base, sizeof base); break;
-        default: return nullptr;
+        case 1:
+            vx::copy_text(btName, static_cast<size_t>(size), url);
+            return btName;
+        case 2:
+            get_bt_name_from_url(uri, btName, size);
+            return btName;
+        case 3:
+            vx::copy_text(base, sizeof base, url);
+            break;
+        case 4:
+            get_bt_name_from_url(uri, base, sizeof base);
+            break;
+        default:
+            return nullptr;
     }
     switch (rule->seg_type) {
-        case kSegTypeMethod: join_dot(btName, size, base, method); break;
+        case kSegTypeMethod:
+            join_dot(btName, size, base, method);
+            break;
         case kSegTypeParameter: {
             vx::VXLockGuard guard(mode == 4 ? vx_app()->btMapLock : nullptr);
             join_dot(btName, size, base, param_value(*rule, param, value) ? value : nullptr);
             break;
         }
-        case kSegTypeHeader: join_dot(btName, size, base, header); break;
+        case kSegTypeHeader:
+            join_dot(btName, size, base, header);
+            break;
         case kSegTypeSegments:
             vx::copy_text(btName, static_cast<size_t>(size), base);
             append_chosen_segments(*rule, url, btName, size);
             break;
-        default: return nullptr;
+        default:
+            return nullptr;
     }
     return btName;
 }
 
-extern "C" char* vxbt_execute_custom_rule(char* uri, char* parameter, char* httpMethod, char* btName, int size)
+extern "C" char* vxbt_execute_custom_rule(char* uri, char* parameter, char* httpMethod,
+                                          char* btName, int size)
 {
     if (!uri && !parameter && !httpMethod) {
         VX_TRACE(trace_level(), 1, "BT_MON", "All argument passed is NULL");
@@ -219,7 +244,8 @@ extern "C" void vxbt_execute_header_rule(char* url, char* bt_name, int len)
     (void)url;
     const VXBTHeaderBasedRule* rule = vx::bt_header_rule();
     if (!rule || !rule->headerValue[0] || !bt_name) return;
-    VX_TRACE(trace_level(), 3, "BT_MON", "Applying header rule, header value = '%s'", rule->headerValue);
+    VX_TRACE(trace_level(), 3, "BT_MON", "Applying header rule, header value = '%s'",
+             rule->headerValue);
     vx::copy_text(bt_name, static_cast<size_t>(len), rule->headerValue);
 }
 
@@ -229,7 +255,8 @@ extern "C" char* getBTHeaderName(void)
     return rule ? const_cast<char*>(rule->headerName) : nullptr;
 }
 
-extern "C" int getBTHeader(const vxlbStateMachineforHeader* state_machine, char* header, int len, int BT_id)
+extern "C" int getBTHeader(const vxlbStateMachineforHeader* state_machine, char* header, int len,
+                           int BT_id)
 {
     (void)len;
     if (!state_machine || state_machine->max_state == 0) return BT_id;
@@ -237,10 +264,11 @@ extern "C" int getBTHeader(const vxlbStateMachineforHeader* state_machine, char*
     char work[vx::kHeaderBufferSize];
     decode_header(header, work, sizeof work);
     char* tokens[vx::kBTHeaderTokensMax];
-    const int n = vxlb_get_tokens_with_multi_delimiter(work, tokens, const_cast<char*>("&"), vx::kBTHeaderTokensMax);
+    const int n = vxlb_get_tokens_with_multi_delimiter(work, tokens, const_cast<char*>("&"),
+                                                       vx::kBTHeaderTokensMax);
     for (int i = 0; i < n; ++i) {
-        const int id = vxlb_state_machine_get_for_header(state_machine, tokens[i],
-                                                         static_cast<int>(strlen(tokens[i])), 0, BT_id);
+        const int id = vxlb_state_machine_get_for_header(
+            state_machine, tokens[i], static_cast<int>(strlen(tokens[i])), 0, BT_id);
         if (id > 0) return id;
     }
     return 0;

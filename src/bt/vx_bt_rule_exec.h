@@ -26,10 +26,12 @@ BTObject* get_obj_from_bt_name(char* url, char* parameters, char* btHeaderValue,
 
 /* The name by the global rule into btName (size bytes), or null when the
  * rule yields nothing. */
-char* vxbt_execute_global_rule(char* uri, char* param, char* method, char* header, char* btName, int size);
+char* vxbt_execute_global_rule(char* uri, char* param, char* method, char* header, char* btName,
+                               int size);
 /* The name of the best custom keyword, or "others"; null when all three
  * inputs are null. */
-char* vxbt_execute_custom_rule(char* uri, char* parameter, char* httpMethod, char* btName, int size);
+char* vxbt_execute_custom_rule(char* uri, char* parameter, char* httpMethod, char* btName,
+                               int size);
 void vxbt_execute_header_rule(char* url, char* bt_name, int len);
 void get_bt_name_from_url(char* url, char* btName, int len);
 /* The value of the global rule's parameter in a query text (malloc'd, the

@@ -26,9 +26,15 @@ namespace {
 
 constexpr int kThresholdFields = 3;
 
-VXProxyInstance_t* app() { return vx_app(); }
+VXProxyInstance_t* app()
+{
+    return vx_app();
+}
 
-int trace_level() { return app() ? app()->VXSys.btMonitorTraceLevel : 0; }
+int trace_level()
+{
+    return app() ? app()->VXSys.btMonitorTraceLevel : 0;
+}
 
 /* An agent that sends through a local proxy leaves tags to the proxy. */
 bool is_proxy_mode_agent()
@@ -42,7 +48,10 @@ int split_fields(char* line, char** fields, int max)
     return vxlb_get_tokens_with_multi_delimiter(line, fields, const_cast<char*>("|"), max);
 }
 
-bool is_dash(const char* s) { return strcmp(s, "-") == 0; }
+bool is_dash(const char* s)
+{
+    return strcmp(s, "-") == 0;
+}
 
 void release_machines(void* p)
 {
@@ -97,11 +106,20 @@ void parse_data_rule(int kind, const char* line)
     const int n = split_fields(copy, f, vx::kBTPatternFieldsMax);
     int rc = -1;
     switch (kind) {
-        case 8: rc = parseMethodDataBtRule(f, n); break;
-        case 9: rc = parseRespHeaderDataBtRule(f, n); break;
-        case 10: rc = parseReqHeaderDataBtRule(f, n); break;
-        case 11: rc = parseHttpBodyBtName(f, n); break;
-        default: break;
+        case 8:
+            rc = parseMethodDataBtRule(f, n);
+            break;
+        case 9:
+            rc = parseRespHeaderDataBtRule(f, n);
+            break;
+        case 10:
+            rc = parseReqHeaderDataBtRule(f, n);
+            break;
+        case 11:
+            rc = parseHttpBodyBtName(f, n);
+            break;
+        default:
+            break;
     }
     if (rc == 0 && kind != 10) data_rule_tags(f, n);
 }
@@ -126,7 +144,8 @@ int read_file(const char* path, char** out)
     apr_file_t* f = nullptr;
     apr_finfo_t info;
     int rc = -1;
-    if (apr_file_open(&f, path, APR_FOPEN_READ | APR_FOPEN_BINARY, APR_OS_DEFAULT, pool) != APR_SUCCESS) {
+    if (apr_file_open(&f, path, APR_FOPEN_READ | APR_FOPEN_BINARY, APR_OS_DEFAULT, pool) !=
+        APR_SUCCESS) {
         /* Absent home-directory files are the usual case: traced, not an error. */
         VX_TRACE(trace_level(), 1, "BT_MON", "Error in opening file %s\n", path);
     } else if (apr_file_info_get(&info, APR_FINFO_SIZE, f) == APR_SUCCESS && info.size >= 0 &&
@@ -177,7 +196,7 @@ extern "C" int getOperationType(char* text)
     static constexpr struct {
         const char* name;
         int value;
-    } kOps[] = {{"EQUALS", 4},       {"startswith", 1}, {"endswith", 2}, {"contains", 3},
+    } kOps[] = {{"EQUALS", 4},        {"startswith", 1}, {"endswith", 2}, {"contains", 3},
                 {"matchesRegExp", 5}, {"notEmpty", 6},   {"inList", 7}};
     if (!text) return 255;
     for (const auto& op : kOps)
@@ -215,7 +234,8 @@ extern "C" int parse_global_rule(char* data)
     }
     if (n < 9) {
         VX_ERROR("BT_MON",
-                 "Number of fields in BTRule File for Global rule is less than 8, Hence applying Default rule");
+                 "Number of fields in BTRule File for Global rule is less than 8, Hence applying "
+                 "Default rule");
         vx::copy_text(copy, sizeof copy, kDefaultGlobalRule);
         n = split_fields(copy, f, vx::kBTGlobalFieldsMax);
     }
@@ -244,8 +264,10 @@ extern "C" int parse_global_rule(char* data)
         rule->seg_type = kSegTypeSegments;
         std::string list = is_dash(key) ? "1%2C2" : key;
         char* nums[vx::kBTUriSegMax];
-        rule->uri_seg_no_list_length = tokenize(list.data(), nums, const_cast<char*>("%2C"), vx::kBTUriSegMax);
-        for (int i = 0; i < rule->uri_seg_no_list_length; ++i) rule->uri_seg_no_list[i] = atoi(nums[i]);
+        rule->uri_seg_no_list_length =
+            tokenize(list.data(), nums, const_cast<char*>("%2C"), vx::kBTUriSegMax);
+        for (int i = 0; i < rule->uri_seg_no_list_length; ++i)
+            rule->uri_seg_no_list[i] = atoi(nums[i]);
     }
     publish(a->global_rule, rule, nullptr);
     return 0;
@@ -257,7 +279,10 @@ namespace {
 
 /* The header field names a header when it is there, not empty, not "-..."
  * and not "NA". */
-bool names_header(const char* s) { return *s && s[0] != '-' && strcmp(s, "NA") != 0; }
+bool names_header(const char* s)
+{
+    return *s && s[0] != '-' && strcmp(s, "NA") != 0;
+}
 
 int field_id(char** f, int n, int i)
 {
@@ -270,14 +295,17 @@ bool start_machines(const VXBTPatternBasedRule& r)
 {
     VXProxyInstance_t* a = app();
     if (a->btPendingMachines) release_machines(a->btPendingMachines);
-    a->btPendingMachines = static_cast<VXBTPatternMachines*>(calloc(1, sizeof(VXBTPatternMachines)));
-    if (!a->btPendingMachines || vxlb_state_machine_init(&a->btPendingMachines->stateMachine, a->maxStates) != 0) {
+    a->btPendingMachines =
+        static_cast<VXBTPatternMachines*>(calloc(1, sizeof(VXBTPatternMachines)));
+    if (!a->btPendingMachines ||
+        vxlb_state_machine_init(&a->btPendingMachines->stateMachine, a->maxStates) != 0) {
         VX_ERROR("BT_MON", "Could not set up the URL state machine of %d states", a->maxStates);
         free(a->btPendingMachines);
         a->btPendingMachines = nullptr;
         return false;
     }
-    if (names_header(r.BTHeaderName)) vxlb_state_machine_init_for_header(&a->btPendingMachines->stateMachineHeader, a->maxStates);
+    if (names_header(r.BTHeaderName))
+        vxlb_state_machine_init_for_header(&a->btPendingMachines->stateMachineHeader, a->maxStates);
     char others[vx::kBTNameSize];
     vx::copy_text(others, sizeof others, kOthersBTName);
     vx::VXLockGuard guard(a->manager.bt_obj_map_lock);
@@ -301,7 +329,9 @@ extern "C" int parse_pattern_rule(char* line, int* init_state_machine)
     char* f[vx::kBTPatternFieldsMax];
     const int n = split_fields(copy, f, vx::kBTPatternFieldsMax);
     if (n < 6) {
-        VX_ERROR("BT_MON", "Number of fields in BTRule File for pattern based is  < 6, hence BTname = others");
+        VX_ERROR(
+            "BT_MON",
+            "Number of fields in BTRule File for pattern based is  < 6, hence BTname = others");
         return -1;
     }
     if (!is_proxy_mode_agent()) {
@@ -323,7 +353,9 @@ extern "C" int parse_pattern_rule(char* line, int* init_state_machine)
         if (n > 8) vx::copy_text(r.httpMethod, sizeof r.httpMethod, f[8]);
         if (n > 9 && names_header(f[9])) vx::copy_text(r.BTHeaderName, sizeof r.BTHeaderName, f[9]);
         switch (r.patternMode) {
-            case 1: snprintf(r.pattern, sizeof r.pattern, "%s*%s*", f[4], f[7]); break;
+            case 1:
+                snprintf(r.pattern, sizeof r.pattern, "%s*%s*", f[4], f[7]);
+                break;
             case 2:
                 snprintf(r.pattern, sizeof r.pattern, "%s*", f[4]);
                 break;
@@ -334,7 +366,8 @@ extern "C" int parse_pattern_rule(char* line, int* init_state_machine)
                 }
                 snprintf(r.pattern, sizeof r.pattern, "%s*%s*", f[4], f[7]);
                 break;
-            default: break;
+            default:
+                break;
         }
         if (r.patternMode != 2 && r.patternMode != 3) r.httpMethod[0] = '\0';
     }
@@ -346,18 +379,20 @@ extern "C" int parse_pattern_rule(char* line, int* init_state_machine)
         *init_state_machine = 0;
     }
     if (!a->btPendingMachines) return -1;
-    vxlb_state_machine_add(&a->btPendingMachines->stateMachine, r.pattern, static_cast<int>(strlen(r.pattern)),
-                           r.httpMethod, static_cast<int>(strlen(r.httpMethod)), r.transactionId, r.matchType,
+    vxlb_state_machine_add(&a->btPendingMachines->stateMachine, r.pattern,
+                           static_cast<int>(strlen(r.pattern)), r.httpMethod,
+                           static_cast<int>(strlen(r.httpMethod)), r.transactionId, r.matchType,
                            r.patternMode, a->skipCount);
     if (*r.BTHeaderName) {
         vxlbStateMachineforHeader& h = a->btPendingMachines->stateMachineHeader;
         if (h.max_state == 0) vxlb_state_machine_init_for_header(&h, a->maxStates);
-        vxlb_state_machine_add_for_header(&h, r.BTHeaderName, static_cast<int>(strlen(r.BTHeaderName)),
-                                          r.transactionId, r.matchType, a->skipCount);
+        vxlb_state_machine_add_for_header(&h, r.BTHeaderName,
+                                          static_cast<int>(strlen(r.BTHeaderName)), r.transactionId,
+                                          r.matchType, a->skipCount);
     }
     vx::VXLockGuard guard(a->manager.bt_obj_map_lock);
-    BTObject* bt = find_bt_obj_in_config_map(r.transactionName, r.transactionId, a->allSlow, a->allVerySlow,
-                                             r.selfRuleId, r.parentRuleId);
+    BTObject* bt = find_bt_obj_in_config_map(r.transactionName, r.transactionId, a->allSlow,
+                                             a->allVerySlow, r.selfRuleId, r.parentRuleId);
     if (bt && vx::load_relaxed(bt->bt_id) >= 1) checkAndIncrementAggrBTDataArray(bt);
     return 0;
 }
@@ -373,8 +408,9 @@ bool split_pairs(const char* item, std::string* keys, std::string* values, int m
     const char* close = open ? strchr(open, ']') : nullptr;
     std::string inner = open && close ? std::string(open + 1, close) : std::string(item);
     char* pairs[vx::kBTCustomPairsMax];
-    const int n = vxlb_get_tokens_with_multi_delimiter(inner.data(), pairs, const_cast<char*>("&"),
-                                                       max < vx::kBTCustomPairsMax ? max : vx::kBTCustomPairsMax);
+    const int n = vxlb_get_tokens_with_multi_delimiter(
+        inner.data(), pairs, const_cast<char*>("&"),
+        max < vx::kBTCustomPairsMax ? max : vx::kBTCustomPairsMax);
     *count = 0;
     for (int i = 0; i < n; ++i) {
         std::string p;
@@ -458,7 +494,9 @@ extern "C" int parse_custom_rule(char* data)
     vx::copy_text(copy, sizeof copy, data);
     char* f[10];
     if (split_fields(copy, f, 10) != 9) {
-        VX_ERROR("BT_MON", "Number of fields in BTRule File for custom rule is != 9, Hence applying Default rule");
+        VX_ERROR(
+            "BT_MON",
+            "Number of fields in BTRule File for custom rule is != 9, Hence applying Default rule");
         return -1;
     }
     if (!*f[7] || is_dash(f[7])) return -1;
@@ -476,9 +514,15 @@ extern "C" int parse_custom_rule(char* data)
             if (static_cast<unsigned char>(c.matchHttpMethod) != 255)
                 rc = add_to_lexicon(&c, c.HTTPMethod, c.priority, c.setRuleName, 0);
             break;
-        case 2: rc = custom_by_uri(c, f[7]); break;
-        case 3: rc = custom_by_parameters(c, f[7]); break;
-        default: VX_ERROR("BT_MON", "Invalid rule mode given in field 1 = %d", mode); return -1;
+        case 2:
+            rc = custom_by_uri(c, f[7]);
+            break;
+        case 3:
+            rc = custom_by_parameters(c, f[7]);
+            break;
+        default:
+            VX_ERROR("BT_MON", "Invalid rule mode given in field 1 = %d", mode);
+            return -1;
     }
     if (rc == 0) vx::store_relaxed(c.rule_mode, mode);
     return rc;
@@ -490,9 +534,15 @@ extern "C" int parse_exclusion_rule(char* data)
     return 0;
 }
 
-extern "C" int parse_skip_character(char* line) { return number_behind_bar(line); }
+extern "C" int parse_skip_character(char* line)
+{
+    return number_behind_bar(line);
+}
 
-extern "C" int parse_max_state(char* line) { return number_behind_bar(line); }
+extern "C" int parse_max_state(char* line)
+{
+    return number_behind_bar(line);
+}
 
 extern "C" int parse_header_rule(char* data)
 {
@@ -505,7 +555,8 @@ extern "C" int parse_header_rule(char* data)
     auto* rule = static_cast<VXBTHeaderBasedRule*>(calloc(1, sizeof(VXBTHeaderBasedRule)));
     if (!rule) return -1;
     vx::copy_text(rule->headerName, sizeof rule->headerName, bar + 1);
-    VX_TRACE(trace_level(), 1, "BT_MON", "Header rules has been parsed and header name = %s", rule->headerName);
+    VX_TRACE(trace_level(), 1, "BT_MON", "Header rules has been parsed and header name = %s",
+             rule->headerName);
     publish(a->header_rule, rule, nullptr);
     return 0;
 }
@@ -520,24 +571,35 @@ extern "C" int vxbt_read_rule_file(char* filedata)
     vx::bt_data_rules_clear();
     each_line(filedata, [&](char* line) {
         switch (atoi(line)) {
-            case 1: globalSeen = true; break;
+            case 1:
+                globalSeen = true;
+                break;
             case 2:
                 customSeen = true;
                 parse_custom_rule(line);
                 break;
-            case 3: parse_exclusion_rule(line); break;
-            case 4: a->skipCount = parse_skip_character(line); break;
+            case 3:
+                parse_exclusion_rule(line);
+                break;
+            case 4:
+                a->skipCount = parse_skip_character(line);
+                break;
             case 5: {
                 const int states = parse_max_state(line);
                 a->maxStates = states > 0 && states <= vx::kBTCountMax ? states : a->maxStates;
                 break;
             }
-            case 7: patternSeen = true; break;
+            case 7:
+                patternSeen = true;
+                break;
             case 8:
             case 9:
             case 10:
-            case 11: parse_data_rule(atoi(line), line); break;
-            default: break;
+            case 11:
+                parse_data_rule(atoi(line), line);
+                break;
+            default:
+                break;
         }
         return true;
     });
@@ -548,7 +610,8 @@ extern "C" int vxbt_read_rule_file(char* filedata)
         int init = 1;
         vx::store_relaxed(a->btPatternReadAtRunTime, a->isRunTime ? 1 : 0);
         each_line(filedata, [&](char* line) {
-            if (vx::starts_with(line, "7|") && parse_pattern_rule(line, &init) == 0) patternApplied = true;
+            if (vx::starts_with(line, "7|") && parse_pattern_rule(line, &init) == 0)
+                patternApplied = true;
             return true;
         });
         if (patternApplied && a->btPendingMachines) {
@@ -561,7 +624,8 @@ extern "C" int vxbt_read_rule_file(char* filedata)
     if (customSeen && !patternApplied) vxlb_init_automaton(a->vx_trie_node, &a->custom_rule);
     bool globalApplied = false;
     if (globalSeen && !patternApplied) {
-        VX_TRACE(trace_level(), 1, "BT_MON", "Rule 7 and rule 9 was not found, but rule 1 found, now parsing it.");
+        VX_TRACE(trace_level(), 1, "BT_MON",
+                 "Rule 7 and rule 9 was not found, but rule 1 found, now parsing it.");
         each_line(filedata, [&](char* line) {
             if (!vx::starts_with(line, "1|")) return true;
             char buf[vx::kBTRuleLineSize];
@@ -574,7 +638,8 @@ extern "C" int vxbt_read_rule_file(char* filedata)
     const int rule = patternApplied ? kBTRulePattern : globalApplied ? kBTRuleGlobal : kBTRuleNone;
     vx::store_release(a->bt_rule, rule);
     vx::store_relaxed(a->btPatternReadAtRunTime, 0);
-    VX_TRACE(trace_level(), 1, "BT_MON", "After btrule file parsing, applicable bt rule = %d.", rule);
+    VX_TRACE(trace_level(), 1, "BT_MON", "After btrule file parsing, applicable bt rule = %d.",
+             rule);
     return 0;
 }
 
@@ -606,8 +671,9 @@ extern "C" int vxbt_read_threshold_file(char* filedata)
             return true;
         }
         if (strcasecmp(f[0], "ALL") == 0) {
-            VX_TRACE(trace_level(), 1, "BT_MON", "Overwriting default values for all: slow '%d', very slow '%d'",
-                     slow, verySlow);
+            VX_TRACE(trace_level(), 1, "BT_MON",
+                     "Overwriting default values for all: slow '%d', very slow '%d'", slow,
+                     verySlow);
             vx::store_relaxed(a->allSlow, slow);
             vx::store_relaxed(a->allVerySlow, verySlow);
             return true;
@@ -642,11 +708,20 @@ int vx::bt_read_threshold_path(const char* path)
     return rc;
 }
 
-const VXBTPatternMachines* vx::bt_pattern_machines() { return vx::load_acquire(app()->patternMachines); }
+const VXBTPatternMachines* vx::bt_pattern_machines()
+{
+    return vx::load_acquire(app()->patternMachines);
+}
 
-const VXBTGlobalRule* vx::bt_global_rule() { return vx::load_acquire(app()->global_rule); }
+const VXBTGlobalRule* vx::bt_global_rule()
+{
+    return vx::load_acquire(app()->global_rule);
+}
 
-const VXBTHeaderBasedRule* vx::bt_header_rule() { return vx::load_acquire(app()->header_rule); }
+const VXBTHeaderBasedRule* vx::bt_header_rule()
+{
+    return vx::load_acquire(app()->header_rule);
+}
 
 void vx::bt_rules_reset()
 {

@@ -38,7 +38,8 @@ inline constexpr int kSegTypeParameter = 5;
 inline constexpr int kSegTypeHeader = 6;
 
 inline constexpr char kDefaultGlobalRule[] =
-    "1|2|Default|Segments-Of-URI-With-Dynamic-Part-Of-Request|FromFirst|2|Request-Header|CustomeHeader|-";
+    "1|2|Default|Segments-Of-URI-With-Dynamic-Part-Of-Request|FromFirst|2|Request-Header|"
+    "CustomeHeader|-";
 
 struct VXBTGlobalRule {
     int rule_mode; /* 1 URL, 2 segments, 3 URL + dynamic part, 4 segments + dynamic part */

@@ -15,7 +15,10 @@ namespace {
 
 constexpr char kTagPartSeparator[] = "%20";
 
-VXBTMonitor_t& monitor() { return vx_app()->VXBTMonitor; }
+VXBTMonitor_t& monitor()
+{
+    return vx_app()->VXBTMonitor;
+}
 
 BTTagArray** list_of(int bt_id)
 {
@@ -107,7 +110,10 @@ void parse_into(char* text, int bt_id)
 
 }  // namespace
 
-apr_thread_mutex_t* vx::bt_tags_mutex() { return vx_app() ? monitor().btGlobalTag_lock : nullptr; }
+apr_thread_mutex_t* vx::bt_tags_mutex()
+{
+    return vx_app() ? monitor().btGlobalTag_lock : nullptr;
+}
 
 BTTagArray* vx::bt_tags_head_locked(int bt_id)
 {
@@ -127,7 +133,8 @@ extern "C" int insert_tag_per_bt(int bt_id)
         VX_ERROR("BT_MON", "Could not grow the BT tag array to %d entries", size);
         return -1;
     }
-    memset(grown + m.currentSizeOfBTTagArray, 0, sizeof(BTTagArray*) * (size - m.currentSizeOfBTTagArray));
+    memset(grown + m.currentSizeOfBTTagArray, 0,
+           sizeof(BTTagArray*) * (size - m.currentSizeOfBTTagArray));
     m.btTagArray = grown;
     m.currentSizeOfBTTagArray = size;
     return 0;
@@ -143,6 +150,12 @@ void vx::bt_tags_clear(int bt_id)
     }
 }
 
-extern "C" void parse_tags(char* ptr, int bt_id) { parse_into(ptr, bt_id < 1 ? 1 : bt_id); }
+extern "C" void parse_tags(char* ptr, int bt_id)
+{
+    parse_into(ptr, bt_id < 1 ? 1 : bt_id);
+}
 
-extern "C" void parse_global_tags(char* ptr) { parse_into(ptr, -1); }
+extern "C" void parse_global_tags(char* ptr)
+{
+    parse_into(ptr, -1);
+}

@@ -17,8 +17,8 @@ bool grow_to(VXBTMonitor_t& m, int length)
 {
     const int old = m.aggDataArraySize;
     if (length <= old && m.aggBTDataArr) return true;
-    auto* fresh = static_cast<VXBTMonitorDataCounters*>(calloc(static_cast<size_t>(length),
-                                                               sizeof(VXBTMonitorDataCounters)));
+    auto* fresh = static_cast<VXBTMonitorDataCounters*>(
+        calloc(static_cast<size_t>(length), sizeof(VXBTMonitorDataCounters)));
     if (!fresh) {
         VX_ERROR("BT_MON", "Could not grow the BT array from %d to %d elements", old, length);
         return false;
@@ -68,7 +68,8 @@ extern "C" void VXBTMonitorInit(void)
         }
     }
     if (!m.btTagArray) {
-        m.btTagArray = static_cast<BTTagArray**>(calloc(vx::kBTAggArrayInitial, sizeof(BTTagArray*)));
+        m.btTagArray =
+            static_cast<BTTagArray**>(calloc(vx::kBTAggArrayInitial, sizeof(BTTagArray*)));
         m.currentSizeOfBTTagArray = m.btTagArray ? vx::kBTAggArrayInitial : 0;
     }
     m.btGlobalTag = nullptr;
@@ -129,6 +130,12 @@ void vx::bt_monitor_unbind_all()
  * These keep the flowpath engine's call sites in place. */
 extern "C" void initThreadBasedModelMap(void) {}
 
-extern "C" void initVXMonitorDataModel(VXPerThreadData_t* tlData) { (void)tlData; }
+extern "C" void initVXMonitorDataModel(VXPerThreadData_t* tlData)
+{
+    (void)tlData;
+}
 
-extern "C" void updateCounterAndDurationForBT(VXPerThreadData_t* vxTD) { (void)vxTD; }
+extern "C" void updateCounterAndDurationForBT(VXPerThreadData_t* vxTD)
+{
+    (void)vxTD;
+}

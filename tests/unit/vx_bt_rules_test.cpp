@@ -4,8 +4,6 @@
  * rule and threshold files (also hostile ones), categories and tags. A rule
  * file replaced while host threads run is tested end to end.
  */
-#include "bt/vx_bt_rule_exec.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
@@ -13,6 +11,7 @@
 
 #include "agent/vx_instance.h"
 #include "bt/vx_bt_object.h"
+#include "bt/vx_bt_rule_exec.h"
 #include "bt/vx_bt_rule_file.h"
 #include "bt/vx_bt_tags.h"
 #include "core/vx_atomic.h"
@@ -59,7 +58,8 @@ protected:
             query = url.substr(q + 1);
             url.resize(q);
         }
-        return get_obj_from_bt_name(url.data(), query.data(), header.empty() ? nullptr : header.data(), nullptr,
+        return get_obj_from_bt_name(url.data(), query.data(),
+                                    header.empty() ? nullptr : header.data(), nullptr,
                                     method.data());
     }
     std::string name_of(std::string url, std::string header = "")
@@ -67,12 +67,13 @@ protected:
         BTObject* bt = classify(std::move(url), std::move(header));
         return bt ? std::to_string(bt->bt_id) + ":" + bt->bt_name : "excluded";
     }
-    std::string global_name(std::string rule, const char* url, const char* query = "", const char* method = "",
-                            const char* header = nullptr)
+    std::string global_name(std::string rule, const char* url, const char* query = "",
+                            const char* method = "", const char* header = nullptr)
     {
         rules(rule);
         char name[vx::kBTNameSize];
-        char* r = vxbt_execute_global_rule(S(url), S(query), S(method), S(header), name, sizeof name);
+        char* r =
+            vxbt_execute_global_rule(S(url), S(query), S(method), S(header), name, sizeof name);
         return r ? r : "<null>";
     }
 
@@ -88,7 +89,8 @@ TEST_F(BTRules, DefaultRuleNamesByTwoSegmentsAndTheHeaderItemAndAnnouncesEachNew
     EXPECT_EQ(name_of("/x"), "3:/x");
     EXPECT_EQ(name_of("/a/b/c", "CustomeHeader=v&k=1"), "4:/a/b.v");
     EXPECT_EQ(name_of("/a/b/c", "k=1&CustomeHeader=v"), "2:/a/b"); /* no '&' behind it */
-    EXPECT_EQ(sink.of_type(7), (std::vector<std::string>{"7,2,/a/b\n", "7,3,/x\n", "7,4,/a/b.v\n"}));
+    EXPECT_EQ(sink.of_type(7),
+              (std::vector<std::string>{"7,2,/a/b\n", "7,3,/x\n", "7,4,/a/b.v\n"}));
 }
 
 TEST_F(BTRules, PastMaxBTCountNewNamesFoldIntoOthersAnnouncedOnceAndIdsAreNeverReused)
@@ -130,18 +132,24 @@ TEST_F(BTRules, EveryGlobalRuleVariantBuildsItsName)
         {"1|1|n|t|-|-|Request-Method|-|-", "/a/b", "", "", nullptr, "/a/b"},
         {"1|1|n|t|-|-|Request-Method|-|-", "/a/b", "", "GET", nullptr, "/a/b.GET"},
         {"1|2|n|t|FromFirst|1|Request-Method|-|-", "/a/b", "", "PUT", nullptr, "/a.PUT"},
-        {"1|2|n|t|FromFirst|1|Request-Parameter-Value|id|-", "/a/b", "x=1&id=7&y=2", "", nullptr, "/a.7"},
+        {"1|2|n|t|FromFirst|1|Request-Parameter-Value|id|-", "/a/b", "x=1&id=7&y=2", "", nullptr,
+         "/a.7"},
         {"1|2|n|t|FromFirst|1|Request-Parameter-Value|id|-", "/a/b", "id=9", "", nullptr, "/a.9"},
         {"1|2|n|t|FromFirst|1|Request-Parameter-Value|id|-", "/a/b", "xid=9", "", nullptr, "/a"},
         {"1|1|n|t|-|-|Request-Parameter-Value|id|-", "/a/b", "id=", "", nullptr, "/a/b"},
         {"1|2|n|t|FromFirst|1|Request-Header|tenant|-", "/a/b", "", "", "gold", "/a.gold"},
-        {"1|2|n|t|FromFirst|1|Request-URI-Segments-Numbers|3%2C1|-", "/a/b/c", "", "", nullptr, "/a/c/a"},
-        {"1|2|n|t|FromFirst|1|Request-URI-Segments-Numbers|2%2C5%2C1|-", "/a/b", "", "", nullptr, "/a/b"},
-        {"1|2|n|t|FromFirst|1|Request-URI-Segments-Numbers|-|-", "/a/b/c", "", "", nullptr, "/a/a/b"},
-        {"1|2|n|t|FromFirst|1|-|-", "/a/b/c", "", "", "v", "/a/b.v"}, /* 8 fields: the default rule */
+        {"1|2|n|t|FromFirst|1|Request-URI-Segments-Numbers|3%2C1|-", "/a/b/c", "", "", nullptr,
+         "/a/c/a"},
+        {"1|2|n|t|FromFirst|1|Request-URI-Segments-Numbers|2%2C5%2C1|-", "/a/b", "", "", nullptr,
+         "/a/b"},
+        {"1|2|n|t|FromFirst|1|Request-URI-Segments-Numbers|-|-", "/a/b/c", "", "", nullptr,
+         "/a/a/b"},
+        {"1|2|n|t|FromFirst|1|-|-", "/a/b/c", "", "", "v",
+         "/a/b.v"}, /* 8 fields: the default rule */
     };
     for (const Case& c : cases)
-        EXPECT_EQ(global_name(c.rule, c.url, c.query, c.method, c.header), c.name) << c.rule << " " << c.url;
+        EXPECT_EQ(global_name(c.rule, c.url, c.query, c.method, c.header), c.name)
+            << c.rule << " " << c.url;
     /* Segments are chosen on a copy: the caller's URL stays whole. */
     rules("1|2|n|t|FromFirst|1|Request-URI-Segments-Numbers|2|-");
     char url[] = "/a/b/c";
@@ -152,12 +160,13 @@ TEST_F(BTRules, EveryGlobalRuleVariantBuildsItsName)
 
 TEST_F(BTRules, PatternRulesClassifyWithoutNamesAndHeaderTokensRefineThem)
 {
-    rules("# shop\n"
-          "7|Cart|5|0|/cart|0|-\n"
-          "7|Item|6|1|/item/|0|-\n"
-          "7|Admin|7|0|/admin|1|-\n"
-          "7|Search|9|0|/search|0|1|q=shoes|-|-|-|-|-|-|-\n"
-          "7|Huge|70000|0|/huge|0|-\n");
+    rules(
+        "# shop\n"
+        "7|Cart|5|0|/cart|0|-\n"
+        "7|Item|6|1|/item/|0|-\n"
+        "7|Admin|7|0|/admin|1|-\n"
+        "7|Search|9|0|/search|0|1|q=shoes|-|-|-|-|-|-|-\n"
+        "7|Huge|70000|0|/huge|0|-\n");
     EXPECT_EQ(vx::load_relaxed(app_->bt_rule), kBTRulePattern);
     EXPECT_EQ(name_of("/cart"), "5:Cart");
     EXPECT_EQ(name_of("/item/42"), "6:Item");
@@ -203,15 +212,18 @@ TEST_F(BTRules, HostileRuleAndThresholdFilesAreLoggedAndTheAgentKeepsServing)
     std::string binary = "7|Bin|6|0|/b\x01\xff\x80|0|-\n\x01|\n";
     std::string many;
     for (int i = 0; i < 3000; ++i)
-        many += "7|Page" + std::to_string(i) + "|" + std::to_string(i + 10) + "|0|/p/" + std::to_string(i) + "|0|-\n";
-    rules(huge + binary + "7|\n7||||\n1|\n2|\n8|\n9|x\n11|\n|||||\n" + many + "7|Cart|5|0|/cart|0|-\n");
+        many += "7|Page" + std::to_string(i) + "|" + std::to_string(i + 10) + "|0|/p/" +
+                std::to_string(i) + "|0|-\n";
+    rules(huge + binary + "7|\n7||||\n1|\n2|\n8|\n9|x\n11|\n|||||\n" + many +
+          "7|Cart|5|0|/cart|0|-\n");
     EXPECT_EQ(name_of("/cart"), "5:Cart");
     EXPECT_EQ(name_of("/p/2999"), "3009:Page2999");
     EXPECT_EQ(name_of("/b\x01"), "1:Others");
 
     app_->allSlow = 3000;
     app_->allVerySlow = 5000;
-    std::string t = "ALL|100|100\nALL|0|5\nx|1\n" + std::string(5000, '|') + "\nall|100|200\n\x01|\xff|2\n";
+    std::string t =
+        "ALL|100|100\nALL|0|5\nx|1\n" + std::string(5000, '|') + "\nall|100|200\n\x01|\xff|2\n";
     EXPECT_EQ(vxbt_read_threshold_file(t.data()), 0);
     EXPECT_EQ(app_->allSlow, 100);
     EXPECT_EQ(app_->allVerySlow, 200);
@@ -236,11 +248,13 @@ TEST_F(BTRules, CategoriesComeFromTheErrorTableFirstThenTheThresholdsInclusive)
 
 TEST_F(BTRules, TagListsTakeNewKeysOnlyAndResolveInlineValuesAtOnce)
 {
-    rules("1|2|n|t|FromFirst|2|-|-|g1%200%20one&Technology%200%20x\n"
-          "7|Cart|5|0|/cart|0|0|-|-|-|-|-|-|-|k1%200%20v1&g1%200%20dup&k2%202%20hdr&k3%20x%20\n");
+    rules(
+        "1|2|n|t|FromFirst|2|-|-|g1%200%20one&Technology%200%20x\n"
+        "7|Cart|5|0|/cart|0|0|-|-|-|-|-|-|-|k1%200%20v1&g1%200%20dup&k2%202%20hdr&k3%20x%20\n");
     std::vector<std::string> got;
     vx::bt_tags_each(5, [&](const BTTagArray& t) {
-        got.push_back(std::string(t.key) + "/" + std::to_string(t.type) + "/" + (t.resolvedValue ? t.resolvedValue : "-"));
+        got.push_back(std::string(t.key) + "/" + std::to_string(t.type) + "/" +
+                      (t.resolvedValue ? t.resolvedValue : "-"));
     });
     /* The global line is not applied (a pattern line was), but pattern tags
      * meet an empty global list. */
@@ -248,7 +262,9 @@ TEST_F(BTRules, TagListsTakeNewKeysOnlyAndResolveInlineValuesAtOnce)
     VXBTConfigModelInit();
     rules("1|2|n|t|FromFirst|2|-|-|k1%200%20bt&g2%200%20one&Technology%200%20x&g2%200%20two");
     got.clear();
-    vx::bt_tags_each(-1, [&](const BTTagArray& t) { got.push_back(std::string(t.key) + "=" + t.resolvedValue); });
+    vx::bt_tags_each(-1, [&](const BTTagArray& t) {
+        got.push_back(std::string(t.key) + "=" + t.resolvedValue);
+    });
     EXPECT_EQ(got, (std::vector<std::string>{"g2=one"})); /* k1 is a BT's key */
 }
 

@@ -142,7 +142,7 @@ extern "C" void VXBTConfigModelInit(void)
         if (a->manager.bt_obj_map.hash) free_BTObjMap();
         a->manager.bt_obj_map.hash = apr_hash_make(a->btStore.pool);
         a->config.bt_obj_map.hash = apr_hash_make(a->btStore.pool);
-        a->config.max_bt_count = vx::kBTDefaultMaxCount;
+        vx::store_relaxed(a->config.max_bt_count, vx::kBTDefaultMaxCount);
         a->config.total_bt_count = 1;
     }
     add_default_tags(a);
@@ -216,16 +216,17 @@ extern "C" BTObject* updateBTObject(char* bt_name)
      * nothing would otherwise use up the ids one request at a time. */
     if (!*bt_name) return nullptr;
     int id = ++a->config.total_bt_count;
-    if (id > a->config.max_bt_count) {
+    const int maxCount = vx::load_relaxed(a->config.max_bt_count); /* a keyword may change it */
+    if (id > maxCount) {
         vx::copy_text(bt_name, vx::kBTNameSize, kOthersBTName);
         --a->config.total_bt_count;
         id = kOthersBTId;
         VX_TRACE(trace_level(), 2, "BT_MON",
-                 "max_bt_count '%d' reached, assiging id '%d' to Others", a->config.max_bt_count,
-                 id);
+                 "max_bt_count '%d' reached, assiging id '%d' to Others", maxCount, id);
     }
     if (BTObject* bt = find_bt_obj_in_manager_map(bt_name)) return bt; /* "Others" made earlier */
-    BTObject* bt = make_new_bt_obj(bt_name, id, a->allSlow, a->allVerySlow);
+    BTObject* bt = make_new_bt_obj(bt_name, id, vx::load_relaxed(a->allSlow),
+                                   vx::load_relaxed(a->allVerySlow));
     if (!bt) return nullptr;
     insert_in_hasmap(bt_name, bt, a->manager.bt_obj_map.hash);
     dumpBtMetaData(bt->bt_name, id);

@@ -101,7 +101,8 @@ BTObject* by_pattern(VXProxyInstance_t* app, char* url, char* parameters, char* 
         id = vxlb_state_machine_get(
             &m->stateMachine, url, static_cast<int>(strlen(url)), parameters,
             parameters ? static_cast<int>(strlen(parameters)) : 0, httpMethod,
-            httpMethod ? static_cast<int>(strlen(httpMethod)) : 0, app->skipCount);
+            httpMethod ? static_cast<int>(strlen(httpMethod)) : 0,
+            vx::load_relaxed(app->skipCount));
         if (id > 1)
             id = getBTHeader(&m->stateMachineHeader, btHeaderValue,
                              btHeaderValue ? static_cast<int>(strlen(btHeaderValue)) : 0, id);

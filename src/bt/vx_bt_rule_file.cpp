@@ -582,7 +582,7 @@ extern "C" int vxbt_read_rule_file(char* filedata)
                 parse_exclusion_rule(line);
                 break;
             case 4:
-                a->skipCount = parse_skip_character(line);
+                vx::store_relaxed(a->skipCount, parse_skip_character(line));
                 break;
             case 5: {
                 const int states = parse_max_state(line);

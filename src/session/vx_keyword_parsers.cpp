@@ -167,7 +167,7 @@ extern "C" void parseBTMonitorKeyword(char* value, char*, int) { app()->monitorS
 extern "C" void parseMaxBTCount(char* value, char* keyword, int)
 {
     if (const int n = count_in(keyword, value, vx::kBTCountMax)) {
-        app()->config.max_bt_count = n;
+        vx::store_relaxed(app()->config.max_bt_count, n);
         app()->VXBTMonitor.maxBTCount = n;
     }
 }

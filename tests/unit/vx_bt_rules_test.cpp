@@ -229,6 +229,10 @@ TEST_F(BTRules, HostileRuleAndThresholdFilesAreLoggedAndTheAgentKeepsServing)
     EXPECT_EQ(app_->allVerySlow, 200);
     EXPECT_EQ(vxbt_read_threshold_file(nullptr), -1);
     const std::string log = vx_test::trace_log_text();
+    EXPECT_NE(
+        log.find(
+            "Number of fields in BTRule File for pattern based is  < 6, hence BTname = others"),
+        std::string::npos);
     EXPECT_NE(log.find("Invalid values: slow '100' >= very slow '100'"), std::string::npos);
     EXPECT_NE(log.find("Invalid value(s): slow '0', very slow '5'"), std::string::npos);
     EXPECT_NE(log.find("Invalid threshold line = 'x|1', num_fields = 2"), std::string::npos);

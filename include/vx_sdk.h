@@ -74,6 +74,12 @@ VX_API void* startFP(char* flowpathinstance, char* url, char* btHeaderValue, cha
  * printed in decimal into `buf` (at least 32 bytes). */
 VX_API void startFPTemp(char* flowpathinstance, char* url, char* buf) VX_NOEXCEPT;
 
+/* The BT header rule: a host that names its transactions by a request header
+ * gives the rule as "<anything>|<header name>" (0, or -1 without a '|'), and
+ * asks which header to pass to startFP (NULL when no rule is set). */
+VX_API int parse_header_rule(char* data) VX_NOEXCEPT;
+VX_API char* getBTHeaderName(void) VX_NOEXCEPT;
+
 /*
  * Close a transaction: writes its completion record. `statusCode` is the HTTP
  * status (or -1 to keep what the methods reported), `endTime` the end in ms

@@ -14,6 +14,7 @@
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "monitor/vx_bt_monitor.h"
+#include "vx_sdk.h"
 
 namespace {
 
@@ -250,7 +251,7 @@ extern "C" void vxbt_execute_header_rule(char* url, char* bt_name, int len)
     vx::copy_text(bt_name, static_cast<size_t>(len), rule->headerValue);
 }
 
-extern "C" char* getBTHeaderName(void)
+extern "C" char* getBTHeaderName(void) VX_NOEXCEPT
 {
     const VXBTHeaderBasedRule* rule = vx_app() ? vx::bt_header_rule() : nullptr;
     return rule ? const_cast<char*>(rule->headerName) : nullptr;

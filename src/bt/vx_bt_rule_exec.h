@@ -39,8 +39,6 @@ void get_bt_name_from_url(char* url, char* btName, int len);
 char* get_param_value(char* param);
 /* Refines a pattern id by the request's header tokens. */
 int getBTHeader(const vxlbStateMachineforHeader* state_machine, char* header, int len, int BT_id);
-/* The header name of the header rule, or null. */
-char* getBTHeaderName(void);
 }
 
 #endif

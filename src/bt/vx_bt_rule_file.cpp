@@ -21,6 +21,7 @@
 #include "core/vx_trace_log.h"
 #include "monitor/vx_bt_monitor.h"
 #include "proxy/vx_proxy_state.h"
+#include "vx_sdk.h"
 
 namespace {
 
@@ -544,7 +545,7 @@ extern "C" int parse_max_state(char* line)
     return number_behind_bar(line);
 }
 
-extern "C" int parse_header_rule(char* data)
+extern "C" int parse_header_rule(char* data) VX_NOEXCEPT
 {
     VXProxyInstance_t* a = app();
     const char* bar = data ? strchr(data, '|') : nullptr;

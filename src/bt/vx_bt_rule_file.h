@@ -123,7 +123,6 @@ int parse_custom_rule(char* data);
 int parse_exclusion_rule(char* data);
 int parse_skip_character(char* line);
 int parse_max_state(char* line);
-int parse_header_rule(char* data);
 
 /* Takes the next line (cut to kBTRuleLineSize - 1 characters, the rest of
  * it skipped) out of *buffer and advances it; null when it has run out. */

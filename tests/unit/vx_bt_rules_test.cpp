@@ -17,6 +17,7 @@
 #include "core/vx_atomic.h"
 #include "flowpath/vx_flowpath.h"
 #include "monitor/vx_bt_monitor.h"
+#include "vx_sdk.h"
 #include "vx_test_support.h"
 
 namespace {
@@ -184,6 +185,12 @@ TEST_F(BTRules, PatternRulesClassifyWithoutNamesAndHeaderTokensRefineThem)
     EXPECT_EQ(name_of("/api", "tenant=silver"), "1:Others");
     EXPECT_EQ(name_of("/cart", "tenant=silver"), "5:Cart");
     EXPECT_EQ(name_of("/cart"), "1:Others");
+
+    /* A host names the header it passes through the exported header rule. */
+    EXPECT_EQ(getBTHeaderName(), nullptr);
+    EXPECT_EQ(parse_header_rule(S("no bar")), -1);
+    EXPECT_EQ(parse_header_rule(S("rule|X-Tenant")), 0);
+    EXPECT_STREQ(getBTHeaderName(), "X-Tenant");
 }
 
 TEST_F(BTRules, TheRuleFileAppliesPatternOverCustomOverGlobalAndKindsWhereverTheyStand)

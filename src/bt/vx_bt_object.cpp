@@ -139,9 +139,12 @@ extern "C" void VXBTConfigModelInit(void)
         a->tagManager.bt_tag_obj_map_lock = vx::mutex_create(a->control_pool);
     {
         vx::VXLockGuard guard(a->manager.bt_obj_map_lock);
-        if (a->manager.bt_obj_map.hash) free_BTObjMap();
-        a->manager.bt_obj_map.hash = apr_hash_make(a->btStore.pool);
-        a->config.bt_obj_map.hash = apr_hash_make(a->btStore.pool);
+        /* The maps are made once and emptied for each session: the pool
+         * they live in lasts as long as the instance. */
+        free_BTObjMap();
+        if (!a->manager.bt_obj_map.hash)
+            a->manager.bt_obj_map.hash = apr_hash_make(a->btStore.pool);
+        if (!a->config.bt_obj_map.hash) a->config.bt_obj_map.hash = apr_hash_make(a->btStore.pool);
         vx::store_relaxed(a->config.max_bt_count, vx::kBTDefaultMaxCount);
         a->config.total_bt_count = 1;
     }
@@ -186,7 +189,12 @@ extern "C" BTObject* make_new_bt_obj(char* bt_name, int bt_id, int slow, int ver
 extern "C" void insert_in_hasmap(char* key, BTObject* bt_obj, apr_hash_t* hash)
 {
     if (!key || !hash) return;
-    apr_hash_set(hash, apr_pstrdup(app()->btStore.pool, key), APR_HASH_KEY_STRING, bt_obj);
+    /* An object's own name outlives the entry (objects are never freed), so
+     * it serves as the key; a copy would grow the pool with every session. */
+    const char* k = bt_obj && strcmp(bt_obj->bt_name, key) == 0
+                        ? bt_obj->bt_name
+                        : apr_pstrdup(app()->btStore.pool, key);
+    apr_hash_set(hash, k, APR_HASH_KEY_STRING, bt_obj);
 }
 
 extern "C" void dumpBtMetaData(char* BtName, int BtId)
@@ -206,8 +214,9 @@ extern "C" BTObject* find_bt_obj_in_manager_map(char* bt_name)
 extern "C" BTObject* updateBTObject(char* bt_name)
 {
     VXProxyInstance_t* a = app();
-    if (!a || !bt_name || !a->manager.bt_obj_map.hash) return nullptr;
+    if (!a || !bt_name) return nullptr;
     vx::VXLockGuard guard(a->manager.bt_obj_map_lock);
+    if (!a->manager.bt_obj_map.hash) return nullptr;
     if (BTObject* bt = find_bt_obj_in_manager_map(bt_name)) {
         open_ai_window(a, bt);
         return bt;

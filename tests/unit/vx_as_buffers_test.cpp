@@ -92,33 +92,17 @@ TEST_F(ASBuffers, AddCases)
         int published;
         int current; /* use_len of the current buffer, -1 for none */
     };
+    // clang-format off
     const Case cases[] = {
         {"fits", true, {"abc"}, {0}, "abc", 0, 3},
         {"exact fill publishes", true, {"abcdefgh"}, {0}, "abcdefgh", 1, 0},
         {"spills into the next", true, {"abcde", "vwxyz"}, {0, 0}, "abcdevwxyz", 1, 2},
-        {"longer than a buffer: head kept, no line feed",
-         true,
-         {"abcde", "0123456789AB"},
-         {0, -3},
-         "abcde012",
-         1,
-         0},
-        {"last free buffer is not spilled into",
-         true,
-         {"abcdefgh", "abcde", "vwxyz"},
-         {0, 0, -1},
-         "abcdefghabcde",
-         1,
-         5},
-        {"both full, none free",
-         true,
-         {"abcdefgh", "ijklmnop", "q"},
-         {0, 0, -2},
-         "abcdefghijklmnop",
-         2,
-         -1},
+        {"longer than a buffer: head kept, no line feed", true, {"abcde", "0123456789AB"}, {0, -3}, "abcde012", 1, 0},
+        {"last free buffer is not spilled into", true, {"abcdefgh", "abcde", "vwxyz"}, {0, 0, -1}, "abcdefghabcde", 1, 5},
+        {"both full, none free", true, {"abcdefgh", "ijklmnop", "q"}, {0, 0, -2}, "abcdefghijklmnop", 2, -1},
         {"no buffers at all", false, {"abc"}, {-99}, "", 0, -1},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         TearDown();

@@ -66,8 +66,8 @@ extern "C" void initializeVXApplicationGlobal(void)
     if (!app) return;
     app->VXSys.proxyMode = 0;
     app->VXSys.proxyConType = 0;
-    app->maxBuffersAS = 8;
-    app->dataBufferSizeAS = 262144;
+    app->asChannel.maxBuffersAS = 8;
+    app->asChannel.dataBufferSizeAS = 262144;
     app->methodTable.methodIDGlobal = 1;
     app->httpid = 1;
     app->controlLink.vx_dr_state = 0;

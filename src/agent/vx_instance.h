@@ -34,6 +34,7 @@
 #include "flowpath/vx_per_thread_data.h"
 #include "link/vx_collector_list.h"
 #include "link/vx_control_link.h"
+#include "link/vx_as_buffers.h"
 #include "link/vx_data_buffers.h"
 #include "session/vx_file_keywords.h"
 #include "session/vx_server.h"
@@ -72,6 +73,7 @@ struct VXProxyInstance_t {
     Server_t Server;               /* session with the collector */
     VXControlLink_t controlLink;   /* control connection, collector list, failover */
     VXDataChannel_t dataChannel;   /* data connection and its buffer lists */
+    VXAutoSensorChannel_t asChannel; /* auto-sensor buffer lists */
     VXBCISetting_t VXBCISetting;   /* identity, collector address, request lines */
     VXSys_t VXSys;                 /* tunables and trace levels */
 
@@ -147,8 +149,6 @@ struct VXProxyInstance_t {
     int httpid;
     int resourceMetaID;
     int enable_DD_AI;
-    int maxBuffersAS;
-    int dataBufferSizeAS;
     int reqCount;
     int xPathCount;
 

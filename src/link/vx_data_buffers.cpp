@@ -2,37 +2,12 @@
 
 #include <strings.h>
 
-#include <cstdlib>
-#include <cstring>
-
 #include "agent/vx_instance.h"
-#include "core/vx_atomic.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
+#include "link/vx_buffer_ring.h"
 
 namespace {
-
-/* Append `node` to the list given by its head and tail. */
-void append(nioSettings_t*& head, nioSettings_t*& tail, nioSettings_t* node)
-{
-    node->next = nullptr;
-    if (!head)
-        head = node;
-    else
-        tail->next = node;
-    tail = node;
-}
-
-/* Unlink and return the head of a list (null when empty). */
-nioSettings_t* take_head(nioSettings_t*& head, nioSettings_t*& tail)
-{
-    nioSettings_t* node = head;
-    if (!node) return nullptr;
-    head = node->next;
-    if (!head) tail = nullptr;
-    node->next = nullptr;
-    return node;
-}
 
 int buffer_count(const VXProxyInstance_t* app)
 {
@@ -40,6 +15,12 @@ int buffer_count(const VXProxyInstance_t* app)
     const char* type = app->VXBCISetting.agentType;
     if (!app->VXSys.proxyServerFlag && type && strcasecmp(type, "php") == 0) count /= 32;
     return count;
+}
+
+VXRingLists_t lists(VXDataChannel_t& c)
+{
+    return {c.writeList,    c.writeListLast, c.writeListSize, c.VXBCIAgentBB, c.readList,
+            c.readListLast, c.readListSize,  c.VXCollectorBB, c.bufferMoveLock};
 }
 
 }  // namespace
@@ -54,19 +35,7 @@ extern "C" int buff_list_init(void)
     if (app->dataChannel.writeList || app->dataChannel.readList) return 0;
     const int count = buffer_count(app);
     const int size = app->VXSys.bciDataBufferMaxSize;
-    for (int i = 0; i < count; ++i) {
-        auto* node = static_cast<nioSettings_t*>(calloc(1, sizeof(nioSettings_t)));
-        if (!node) return 1;
-        node->buff = static_cast<char*>(malloc(static_cast<size_t>(size)));
-        if (!node->buff) {
-            free(node);
-            return 1;
-        }
-        node->buff_size = size;
-        append(app->dataChannel.writeList, app->dataChannel.writeListLast, node);
-        ++app->dataChannel.writeListSize;
-        if (!app->dataChannel.VXBCIAgentBB) app->dataChannel.VXBCIAgentBB = node;
-    }
+    if (vx::ring_grow(lists(app->dataChannel), count, size) < count) return 1;
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "DATA_THREAD",
              "Data buffers ready: %d of %d bytes", app->dataChannel.writeListSize, size);
     return 0;
@@ -76,13 +45,7 @@ extern "C" void moveToReadList(void)
 {
     VXProxyInstance_t* app = vx_app();
     vx::VXLockGuard guard(app->dataChannel.bufferMoveLock);
-    nioSettings_t* node = take_head(app->dataChannel.writeList, app->dataChannel.writeListLast);
-    if (!node) return;
-    app->dataChannel.VXBCIAgentBB = app->dataChannel.writeList;
-    append(app->dataChannel.readList, app->dataChannel.readListLast, node);
-    if (!app->dataChannel.VXCollectorBB) app->dataChannel.VXCollectorBB = app->dataChannel.readList;
-    ++app->dataChannel.readListSize;
-    --app->dataChannel.writeListSize;
+    vx::ring_to_read(lists(app->dataChannel));
 }
 
 extern "C" void moveToWriteList(void)
@@ -92,14 +55,7 @@ extern "C" void moveToWriteList(void)
      * may set, under bufferWriteLock only. */
     vx::VXLockGuard write(app->dataChannel.bufferWriteLock);
     vx::VXLockGuard guard(app->dataChannel.bufferMoveLock);
-    nioSettings_t* node = take_head(app->dataChannel.readList, app->dataChannel.readListLast);
-    if (!node) return;
-    app->dataChannel.VXCollectorBB = app->dataChannel.readList;
-    append(app->dataChannel.writeList, app->dataChannel.writeListLast, node);
-    /* Producers recover here after the free list ran empty. */
-    if (!app->dataChannel.VXBCIAgentBB) app->dataChannel.VXBCIAgentBB = app->dataChannel.writeList;
-    ++app->dataChannel.writeListSize;
-    --app->dataChannel.readListSize;
+    vx::ring_to_write(lists(app->dataChannel));
 }
 
 extern "C" void movePartialToReadList(void)
@@ -113,38 +69,6 @@ extern "C" void movePartialToReadList(void)
 extern "C" int addDataInSendBuffer(char* data, int bytesToWrite)
 {
     VXProxyInstance_t* app = vx_app();
-    nioSettings_t* cur = app->dataChannel.VXBCIAgentBB;
-    if (!cur) {
-        vx::fetch_add_relaxed(app->VXSys.discardCount, 1);
-        vx::VXLockGuard move(app->dataChannel.bufferMoveLock); /* the sender moves the read head */
-        return app->dataChannel.VXCollectorBB ? kBufferNoneFree : kBufferNotReady;
-    }
-    const int room = cur->buff_size - cur->use_len;
-    if (bytesToWrite <= room) {
-        memcpy(cur->buff + cur->use_len, data, static_cast<size_t>(bytesToWrite));
-        cur->use_len += bytesToWrite;
-        if (cur->use_len >= cur->buff_size) moveToReadList();
-        return kBufferStored;
-    }
-    /* The last free buffer is never spilled into: the record goes whole. */
-    if (!cur->next) {
-        vx::fetch_add_relaxed(app->VXSys.discardCount, 1);
-        return kBufferNoRoom;
-    }
-    memcpy(cur->buff + cur->use_len, data, static_cast<size_t>(room));
-    cur->use_len += room;
-    moveToReadList();
-
-    nioSettings_t* spill = app->dataChannel.VXBCIAgentBB;
-    const int rest = bytesToWrite - room;
-    if (rest > spill->buff_size) {
-        vx::fetch_add_relaxed(app->VXSys.discardCount, 1);
-        spill->buff[spill->use_len++] = '\n'; /* the cut record still ends its line */
-        if (spill->use_len >= spill->buff_size) moveToReadList();
-        return kBufferRecordCut;
-    }
-    memcpy(spill->buff + spill->use_len, data + room, static_cast<size_t>(rest));
-    spill->use_len += rest;
-    if (spill->use_len >= spill->buff_size) moveToReadList();
-    return kBufferStored;
+    return vx::ring_add(lists(app->dataChannel), app->VXSys.discardCount, data, bytesToWrite,
+                        vx::CutRecord::kCloseLine);
 }

@@ -159,7 +159,7 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
     if (read_env_var() != 0) read_conf_file();
 
     vx_check_log_file();
-    app->VXSys.proxyServerFlag = VXProxy.proxyServerFlag;
+    app->VXSys.proxyServerFlag = vx_in_proxy_process();
 
     /* The pool lock exists in every role, so that a pool grown on demand by
      * the first transactions is never created twice. */
@@ -181,7 +181,7 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
         app->fpiToTLS = create_hashmap(app->control_pool);
         initThreadBasedModelMap();
     }
-    if (!VXProxy.proxyServerFlag) app->tlsPool.gFreeTLSHead = create_tls_pool(app->tlsPool.gBusyTLSCnt);
+    if (!vx_in_proxy_process()) app->tlsPool.gFreeTLSHead = create_tls_pool(app->tlsPool.gBusyTLSCnt);
     app->controlLink.control_thread_id = nullptr;
     if (app->VXSys.proxyMode == 0) initVXManageTIdToTLocal();
     apr_atomic_init(app->control_pool);
@@ -193,7 +193,7 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
     app->lws_active = 0;
     app->proxy_lws_active = 0;
 
-    if (VXProxy.proxyServerFlag)
+    if (vx_in_proxy_process())
         run_proxy_process();
     else
         start_control_thread(app);

@@ -205,10 +205,16 @@ inline VXProxyInstance_t* vx_app()
 /* Bind the calling (library) thread to `app`. */
 inline void vx_set_thread_instance(VXProxyInstance_t* app) { vx::tl_instance = app; }
 
-/* An agent that talks to a local proxy rather than to the collector. */
+/* The process's role. "Proxy mode" has two senses: an agent that talks to
+ * a local proxy rather than to the collector (it leaves monitors, tags and
+ * most flowpath work to the proxy), and the proxy process itself, whose
+ * thread records stand for remote flowpaths. Every role test goes through
+ * one of these two. */
+inline bool vx_in_proxy_process() { return VXProxy.proxyServerFlag != 0; }
+
 inline bool vx_agent_behind_proxy(const VXProxyInstance_t* app)
 {
-    return app->VXSys.proxyMode && !VXProxy.proxyServerFlag;
+    return app->VXSys.proxyMode == 1 && !vx_in_proxy_process();
 }
 
 /* A VXSys trace level of the current instance, 0 without one. */

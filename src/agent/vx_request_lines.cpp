@@ -54,7 +54,7 @@ extern "C" void setControlConnectionReqMessage(void)
     vxc_servers_t* primary =
         app->controlLink.vxc_server_arr ? &app->controlLink.vxc_server_arr[0] : nullptr;
     const bool hosted = s.saasMode && primary && primary->saasServer == 1 &&
-                        (app->VXSys.proxyMode == 0 || (VXProxy.proxyServerFlag != 0));
+                        (app->VXSys.proxyMode == 0 || vx_in_proxy_process());
     const long long now = my_gettimeofday();
     char* out = s.controlConnectionReqMessage;
     if (hosted) {

@@ -102,11 +102,6 @@ struct ConfPass {
     char tier[vx::kConfLineSize] = ""; /* the last tier line, for KLV_INSTANCE_AS_TIER=0 */
 };
 
-bool in_proxy_process()
-{
-    return VXProxy.proxyServerFlag != 0;
-}
-
 const char* text_or(const char* text, const char* none)
 {
     return text ? text : none;
@@ -222,7 +217,7 @@ void set_proxy_ip(VXProxyInstance_t* app, const char* value)
 void apply_conf_line(VXProxyInstance_t* app, ConfPass& pass, char* line)
 {
     VXBCISetting_t& s = app->VXBCISetting;
-    const bool proxyProcess = in_proxy_process();
+    const bool proxyProcess = vx_in_proxy_process();
     for (const ConfKeyDef& def : kConfKeys) {
         if (def.agentOnly && proxyProcess) continue;
         char* value = search_keyword(line, const_cast<char*>(def.name));
@@ -335,7 +330,7 @@ void apply_conf_line(VXProxyInstance_t* app, ConfPass& pass, char* line)
 void name_instance(VXProxyInstance_t* app)
 {
     VXBCISetting_t& s = app->VXBCISetting;
-    if (s.appName || in_proxy_process()) return;
+    if (s.appName || vx_in_proxy_process()) return;
     char name[vx::kNameSize + 32];
     if (!pool_name) {
         if (proc_name) setAppName(proc_name, nullptr, 0);
@@ -369,7 +364,7 @@ char kOsRelease[] = "/etc/os-release";
 
 extern "C" const char* vx_settings_home_path(void)
 {
-    if (in_proxy_process() && VXProxy.vxHomePath) return VXProxy.vxHomePath;
+    if (vx_in_proxy_process() && VXProxy.vxHomePath) return VXProxy.vxHomePath;
     VXProxyInstance_t* app = vx_app();
     return app && app->VXSys.vxHomePath ? app->VXSys.vxHomePath : "";
 }
@@ -514,7 +509,7 @@ extern "C" int read_conf_file(void)
         activate_first_protocol(app);
     else
         updateANYAgentSupportedProtocolData(3);
-    if (in_proxy_process() && app->vxProxyMode && !s.vxcHost) {
+    if (vx_in_proxy_process() && app->vxProxyMode && !s.vxcHost) {
         VX_ERROR("CONTROL_THREAD",
                  "Error in content of file %s.\n vxchost field is mandatory.Please check...",
                  conf_file);
@@ -526,7 +521,7 @@ extern "C" int read_conf_file(void)
         app->controlLink.vxc_server_arr[1].vxc_port)
         app->controlLink.vx_dr_state = 1;
     name_instance(app);
-    if (in_proxy_process() && app->vxProxyMode && !s.saasMode && !s.vxcHost) {
+    if (vx_in_proxy_process() && app->vxProxyMode && !s.saasMode && !s.vxcHost) {
         VX_ERROR("CONTROL_THREAD",
                  "Error in content of file %s.\nEither vxchost or vxSaasURL field is "
                  "mandatory.Please check...",

@@ -74,7 +74,7 @@ extern "C" void setProxyVXHome(char* agent_type)
 {
     const char* env = getenv("VXHOME");
     const char* base = (env && *env) ? env : kDefaultProxyHome;
-    const char* type = VXProxy.proxyServerFlag ? "proxy" : agent_type;
+    const char* type = vx_in_proxy_process() ? "proxy" : agent_type;
     free(VXProxy.vxHomePath);
     VXProxy.vxHomePath = home_with_type(base, type);
 }
@@ -193,7 +193,7 @@ extern "C" void VXSysInit(char* agent_type)
     s.btRuleOverriedPolicy = 1;
     s.enableExceptionInSeqBlob = 0;
     s.proxyMode = 0;
-    s.proxyServerFlag = VXProxy.proxyServerFlag;
+    s.proxyServerFlag = vx_in_proxy_process();
     s.proxyConType = 0;
     s.proxyIP = kDefaultProxyIP;
     s.proxyPort = 443;

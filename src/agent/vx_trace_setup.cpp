@@ -53,7 +53,7 @@ void route_to_proxy(const char* date, int test_run, const char* thread_name, lon
 int destination()
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || VXProxy.proxyServerFlag) return vx::kTraceToFile;
+    if (!app || vx_in_proxy_process()) return vx::kTraceToFile;
     if (app->sendLogsToProxy == 0) return vx::kTraceDropped;
     return app->sendLogsToProxy == 2 ? vx::kTraceToOwner : vx::kTraceToFile;
 }
@@ -144,7 +144,7 @@ extern "C" void vx_check_log_file(void)
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
     if (app->VXBCISetting.pastLog < 1) app->VXBCISetting.pastLog = vx::kDefaultPastLogDays;
-    const char* home = VXProxy.proxyServerFlag ? VXProxy.vxHomePath : app->VXSys.vxHomePath;
+    const char* home = vx_in_proxy_process() ? VXProxy.vxHomePath : app->VXSys.vxHomePath;
     if (!home) return;
 
     apr_pool_t* pool = nullptr;

@@ -37,12 +37,6 @@ int trace_level()
     return app() ? app()->VXSys.btMonitorTraceLevel : 0;
 }
 
-/* An agent that sends through a local proxy leaves tags to the proxy. */
-bool is_proxy_mode_agent()
-{
-    return app()->VXSys.proxyMode == 1 && !VXProxy.proxyServerFlag;
-}
-
 /* '|'-separated fields; empty fields do not count. */
 int split_fields(char* line, char** fields, int max)
 {
@@ -93,7 +87,7 @@ int number_behind_bar(const char* line)
 /* Kinds 8, 9 and 11 also carry a tag list in their last field. */
 void data_rule_tags(char** f, int n)
 {
-    if (n < 3 || is_dash(f[n - 1]) || is_proxy_mode_agent()) return;
+    if (n < 3 || is_dash(f[n - 1]) || vx_agent_behind_proxy(app())) return;
     const int id = atoi(f[2]) ? atoi(f[2]) : 1;
     vx::bt_tags_clear(id);
     parse_tags(f[n - 1], id);
@@ -229,7 +223,7 @@ extern "C" int parse_global_rule(char* data)
         VX_ERROR("BT_MON", "Could not allocate the global rule; the previous one stays");
         return 0;
     }
-    if (!is_proxy_mode_agent()) {
+    if (!vx_agent_behind_proxy(app())) {
         vx::bt_tags_clear(-1);
         if (n > 0 && !is_dash(f[n - 1])) parse_global_tags(f[n - 1]);
     }
@@ -335,7 +329,7 @@ extern "C" int parse_pattern_rule(char* line, int* init_state_machine)
             "Number of fields in BTRule File for pattern based is  < 6, hence BTname = others");
         return -1;
     }
-    if (!is_proxy_mode_agent()) {
+    if (!vx_agent_behind_proxy(app())) {
         const int tagId = atoi(f[2]) ? atoi(f[2]) : 1;
         vx::bt_tags_clear(tagId);
         if (!is_dash(f[n - 1])) parse_tags(f[n - 1], tagId);

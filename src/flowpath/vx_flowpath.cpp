@@ -41,11 +41,6 @@ void add_instance(RecordBuffer& r, long long value, bool forced)
     if (forced) r.put('F');
 }
 
-bool is_proxy_mode_agent(const VXProxyInstance_t* app)
-{
-    return app->VXSys.proxyMode == 1 && !VXProxy.proxyServerFlag;
-}
-
 /* The category of a finished flowpath as the record carries it. */
 int category_of(VXPerThreadData_t* vxTD)
 {
@@ -185,6 +180,8 @@ extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue,
         VX_ERROR("FLOWPATH", "No free record for a new flowpath, url = %s", url ? url : "");
         return nullptr;
     }
+    vx::VXRecordUse use(vxTD);
+    if (!use) return nullptr; /* a stop took it; the stop gives it back */
     resetAllThreadLocals(vxTD, vx::load_acquire(app->tlsPool.tlsdatastruct));
     vxTD->tlFpCPUTime = getThreadCpuTimeNs();
 
@@ -248,7 +245,7 @@ extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue,
         setValue(VXCookieStr, vxTD);
     }
 
-    if (!is_proxy_mode_agent(app)) {
+    if (!vx_agent_behind_proxy(app)) {
         setFPHeaderValues(vxTD, url, nullptr, nullptr, header);
         /* The entry borrows the record's own instance text as its key, so
          * a second flowpath with the same number (more than the layout can
@@ -411,6 +408,8 @@ extern "C" void endFP(VXPerThreadData_t* vxTD, int statusCode, char* TLS, long l
     (void)fpCPUTime;
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD || !vx::load_relaxed(app->Server.testRunRunning)) return;
+    vx::VXRecordUse use(vxTD);
+    if (!use) return;
 
     vxTD->tlFpCPUTime = getThreadCpuTimeNs() - vxTD->tlFpCPUTime;
     long long cpu = vxTD->tlFpCPUTime;
@@ -419,7 +418,7 @@ extern "C" void endFP(VXPerThreadData_t* vxTD, int statusCode, char* TLS, long l
         endTime = vx::load_relaxed(app->Server.klvEpochDiffTime) + vxTD->tlFlowPathTimeStampInMS;
     vxTD->setEndFPFlag = 1;
 
-    if (is_proxy_mode_agent(app)) {
+    if (vx_agent_behind_proxy(app)) {
         /* STAND-IN(spans): transaction spans are produced here. */
         FreeMData(vxTD);
         transactionEndEncode(statusCode, vxTD->flowpathInstance, endTime, cpu, tracerequest);
@@ -457,7 +456,9 @@ extern "C" void reset(VXPerThreadData_t* vxTD) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD || !vx::load_relaxed(app->Server.testRunRunning)) return;
-    if (is_proxy_mode_agent(app)) transactionResetEncode(vxTD->flowpathInstance);
+    vx::VXRecordUse use(vxTD);
+    if (!use) return; /* the stop closed it and gives it back */
+    if (vx_agent_behind_proxy(app)) transactionResetEncode(vxTD->flowpathInstance);
     if (app->VXAgentSetting.enableProxyServer == 1) vx::td_key_map_forget(vxTD);
     /* A host may reset without ending: what the flowpath still holds goes
      * back (its method-table reference, its open-method records, and its map

@@ -50,11 +50,6 @@ private:
     VXPerThreadData_t* td_;
 };
 
-bool is_proxy_mode_agent(const VXProxyInstance_t* app)
-{
-    return app->VXSys.proxyMode == 1 && !VXProxy.proxyServerFlag;
-}
-
 
 /* The method of this event: the host's handle while it belongs to the
  * generation the flowpath runs on and that generation is current; otherwise
@@ -114,7 +109,9 @@ extern "C" void* vxMethodEntry(void* methodPtr, VXPerThreadData_t* vxTD, char* m
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD || !vx::load_relaxed(app->Server.testRunRunning)) return nullptr;
-    if (is_proxy_mode_agent(app)) {
+    vx::VXRecordUse use(vxTD);
+    if (!use) return nullptr;
+    if (vx_agent_behind_proxy(app)) {
         /* Only what the host needs stays here; the proxy does the rest. */
         methodPropProperties* m =
             mName ? getMethodPropFromMethodName(
@@ -213,7 +210,9 @@ extern "C" void* vxMethodExit(void* methodPtr, VXPerThreadData_t* vxTD, char* mN
         VX_TRACE(VX_LEVEL(fpTraceLevel), 4, "FLOWPATH", "vxTD is null, returning");
         return nullptr;
     }
-    if (is_proxy_mode_agent(app)) {
+    vx::VXRecordUse use(vxTD);
+    if (!use) return nullptr;
+    if (vx_agent_behind_proxy(app)) {
         /* The host's end time is kept: the frame carries what the host saw. */
         if (endTime < 1)
             endTime =
@@ -421,9 +420,11 @@ extern "C" void* vxMethodExitException(void* methodPtr, VXPerThreadData_t* vxTD,
     (void)isCalOutDone;
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD || !vx::load_relaxed(app->Server.testRunRunning)) return nullptr;
+    vx::VXRecordUse use(vxTD);
+    if (!use) return nullptr;
     vxTD = working_record(app, vxTD, TLS);
     if (!vxTD) return nullptr;
-    if (is_proxy_mode_agent(app)) {
+    if (vx_agent_behind_proxy(app)) {
         vxMethodExitExceptionEncode(vxTD->flowpathInstance, mName, backendName, threadId, event_type);
         return nullptr;
     }

@@ -21,11 +21,6 @@
 
 namespace {
 
-bool is_proxy_mode_agent(const VXProxyInstance_t* app)
-{
-    return app->VXSys.proxyMode == 1 && !VXProxy.proxyServerFlag;
-}
-
 /* Hot-spot tables replaced by larger ones. They are kept, not freed: the
  * sampler may be reading one at this moment, and the pool only ever grows, so
  * what is kept is bounded by the final size. Caller holds tlsMutex. */
@@ -74,7 +69,7 @@ extern "C" VXPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt)
         VX_ERROR("FLOWPATH", "Error in allocating block of %d records", vx::kTLSBlockSize);
         return nullptr;
     }
-    const bool light = is_proxy_mode_agent(app);
+    const bool light = vx_agent_behind_proxy(app);
     for (int i = 0; i < vx::kTLSBlockSize; ++i) {
         VXPerThreadData_t* rec = &block[i];
         rec->tlsIdx = pool.g_tlsidx++;
@@ -121,6 +116,9 @@ extern "C" VXPerThreadData_t* get_free_tls_slot(void)
             pool.gFreeTLSTail = nullptr;
         rec->free_next = rec->free_prev = nullptr;
         rec->vxInUse = 1;
+        /* A stop's claim ends with the record's return; late calls of the
+         * last transaction may still be leaving, so only the bit goes. */
+        std::atomic_ref<int>(rec->hostCalls).fetch_and(~vx::kRecordClaimed, std::memory_order_relaxed);
         --pool.gFreeTLSCnt;
 
         rec->busy_next = nullptr;
@@ -226,6 +224,27 @@ extern "C" void resetAllThreadLocals(VXPerThreadData_t* vxTD, TLSDataStruct* tls
     vxTD->maxCountedMethodId = 0;
 }
 
+namespace {
+
+constexpr int kClaimWaitMs = 2000;
+
+/* Take the record from the host: no call enters after this, and the ones
+ * inside leave within microseconds. Bounded: a host thread stopped inside a
+ * call (by a debugger, say) keeps its record. */
+bool claim_record(VXPerThreadData_t* rec)
+{
+    std::atomic_ref<int> calls(rec->hostCalls);
+    calls.fetch_or(vx::kRecordClaimed, std::memory_order_acq_rel);
+    for (int waited_us = 0; (calls.load(std::memory_order_acquire) & ~vx::kRecordClaimed) != 0;
+         waited_us += 100) {
+        if (waited_us >= kClaimWaitMs * 1000) return false;
+        apr_sleep(100);
+    }
+    return true;
+}
+
+}  // namespace
+
 extern "C" void dumpFpFromBusyList(void)
 {
     VXProxyInstance_t* app = vx_app();
@@ -248,6 +267,17 @@ extern "C" void dumpFpFromBusyList(void)
             if (!rec) break;
             pool.gBusyTLSHead = rec->busy_next;
         }
+        if (!claim_record(rec)) {
+            VX_ERROR("FLOWPATH", "Record '%lld' still in a host call after %d ms; left open",
+                     rec->tlThreadId, kClaimWaitMs);
+            continue;
+        }
+        bool inUse;
+        {
+            vx::VXLockGuard guard(pool.tlsMutex); /* the host may have reset it meanwhile */
+            inUse = rec->vxInUse;
+        }
+        if (!inUse) continue;
         dumpIncompleteFPAtTestStop(rec);
         resetAllThreadLocals(rec, pool.tlsdatastruct);
         free_tls_slot(rec);
@@ -258,7 +288,7 @@ extern "C" void dumpFpFromBusyList(void)
 extern "C" void resetMonitorDataModel(VXPerThreadData_t* vxTD)
 {
     VXProxyInstance_t* app = vx_app();
-    if (app && vxTD && is_proxy_mode_agent(app)) vxTD->tlMonitorDataModel = nullptr;
+    if (app && vxTD && vx_agent_behind_proxy(app)) vxTD->tlMonitorDataModel = nullptr;
 }
 
 extern "C" void resetMonitorDataModelFromTLS(void)

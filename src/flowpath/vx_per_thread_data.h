@@ -10,13 +10,17 @@
  *
  * Locks: the pool's tlsMutex guards the free and busy lists and their counts
  * and is always taken alone. A busy record's sequenceBlobLock orders the
- * threads of its transaction.
+ * threads of its transaction. hostCalls keeps the session stop, which closes
+ * the records still busy, apart from the host calls inside them: see
+ * VXRecordUse.
  */
 #ifndef VX_PER_THREAD_DATA_H
 #define VX_PER_THREAD_DATA_H
 
 #include <apr_hash.h>
 #include <apr_thread_mutex.h>
+
+#include <atomic>
 
 #include "core/vx_limits.h"
 #include "vx_sdk.h"
@@ -138,6 +142,9 @@ struct VXPerThreadData_t {
     VXOpenCalls* sdkAgentHash; /* open-method records */
     /* Busy (handed out) or free; guards the lists against a double return. */
     char vxInUse;
+    /* Host calls inside the record, plus kRecordClaimed once the session
+     * stop has taken it. Atomic; see VXRecordUse. */
+    int hostCalls;
     /* Highest method id counted since the last reset: only that much of
      * methodEntryExitCounter needs clearing. */
     int maxCountedMethodId;
@@ -184,7 +191,7 @@ void free_tls_slot(VXPerThreadData_t* tls);
 /* Clear the record's per-transaction state (not its session fields). */
 void resetAllThreadLocals(VXPerThreadData_t* vxTD, TLSDataStruct* tlsdatastruct);
 
-/* Close every open flowpath: run at session stop from the control thread. */
+/* Close every open flowpath: run at session stop from the data thread. */
 void dumpFpFromBusyList(void);
 
 void resetMonitorDataModelFromTLS(void);
@@ -202,5 +209,41 @@ int randomNum(void);
 char* getFPInstanceFromTL(VXPerThreadData_t* vxTD);
 VXPerThreadData_t* getTLFromFPInstance(char* fpi);
 }
+
+namespace vx {
+
+inline constexpr int kRecordClaimed = 1 << 30;
+
+/* A host call's hold on a record. The session stop closes the flowpaths
+ * still open on a thread of its own while host threads may be inside them;
+ * it claims each record first and waits for the calls inside to leave, and a
+ * call that comes after the claim does nothing. Host threads never wait:
+ * entering is one atomic add. Calls nest (endFP closes the root method), and
+ * several host threads may share a record. */
+class VXRecordUse {
+public:
+    explicit VXRecordUse(VXPerThreadData_t* rec) noexcept : rec_(rec)
+    {
+        if (rec_ && (std::atomic_ref<int>(rec_->hostCalls).fetch_add(1, std::memory_order_acquire) &
+                     kRecordClaimed)) {
+            leave();
+            rec_ = nullptr;
+        }
+    }
+    ~VXRecordUse() { leave(); }
+    VXRecordUse(const VXRecordUse&) = delete;
+    VXRecordUse& operator=(const VXRecordUse&) = delete;
+    /* False when there is no record or the stop has it. */
+    explicit operator bool() const noexcept { return rec_ != nullptr; }
+
+private:
+    void leave() noexcept
+    {
+        if (rec_) std::atomic_ref<int>(rec_->hostCalls).fetch_sub(1, std::memory_order_release);
+    }
+    VXPerThreadData_t* rec_;
+};
+
+}  // namespace vx
 
 #endif

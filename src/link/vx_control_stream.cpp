@@ -112,7 +112,7 @@ extern "C" void processControlConnectionMessage(controlSocketBuffer_t* buf)
             }
             *lf = '\0';
             vx::control_message_dispatch(start);
-            if (!VXProxy.proxyServerFlag && (vx::load_relaxed(app->VXSys.closeCtrlConFlag) == 1 ||
+            if (!vx_in_proxy_process() && (vx::load_relaxed(app->VXSys.closeCtrlConFlag) == 1 ||
                                              vx::load_relaxed(closeCtrlThread)))
                 return;
             consumed = static_cast<int>(lf - start) + 1;
@@ -167,7 +167,7 @@ extern "C" int handle_msg_from_vxc(controlSocketBuffer_t* buf)
     setVxBuild(&app->VXSys.vxBuild);
     processControlConnectionMessage(buf);
     const apr_interval_time_t wait = apr_time_from_sec(
-        VXProxy.proxyServerFlag ? vx::kProxyControlPollSeconds : vx::kControlPollSeconds);
+        vx_in_proxy_process() ? vx::kProxyControlPollSeconds : vx::kControlPollSeconds);
     int ticks = 0;
     for (;;) {
         if (vx::load_relaxed(closeCtrlThread)) return 1;
@@ -251,7 +251,7 @@ extern "C" int checkVXCAlive(void)
 extern "C" int handleAgentLogs(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (VXProxy.proxyServerFlag || app->sendLogsToProxy != 2 || !app->agentLogBuffer) return 0;
+    if (vx_in_proxy_process() || app->sendLogsToProxy != 2 || !app->agentLogBuffer) return 0;
     vx::VXLockGuard guard(app->agentLogBufferLock);
     const int len = static_cast<int>(strlen(app->agentLogBuffer));
     if (len == 0) return 0;

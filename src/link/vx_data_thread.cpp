@@ -30,7 +30,7 @@ constexpr int kDataSendTimeoutSeconds = 5;
 /* Whether the control side is closing, which ends the data thread too. */
 bool control_closing(const VXProxyInstance_t* app)
 {
-    return !VXProxy.proxyServerFlag &&
+    return !vx_in_proxy_process() &&
            (vx::load_relaxed(app->VXSys.closeCtrlConFlag) || vx::load_relaxed(closeCtrlThread));
 }
 

@@ -139,3 +139,12 @@ extern "C" void updateCounterAndDurationForBT(VXPerThreadData_t* vxTD)
 {
     (void)vxTD;
 }
+
+/* STAND-IN(monitors): no counters are kept yet, so nothing is folded. */
+extern "C" int generateAndDumpBTMonitoringRecord(char* buff, int* len, int bufLen)
+{
+    (void)buff;
+    (void)len;
+    (void)bufLen;
+    return 0;
+}

@@ -57,6 +57,12 @@ void VXBTMonitorInit(void);
  * not fit; clears the element's digest fields. Caller holds bt_obj_map_lock. */
 void checkAndIncrementAggrBTDataArray(BTObject* tlBTObj);
 
+/* The interval's fold: appends record 74 for each BT that had transactions
+ * and the overall line to buff (its length in *len, its size bufLen),
+ * handing the buffer to the auto-sensor channel whenever it fills. 1 when
+ * records were written. Auto-sensor thread. */
+int generateAndDumpBTMonitoringRecord(char* buff, int* len, int bufLen);
+
 void initThreadBasedModelMap(void);
 void initVXMonitorDataModel(VXPerThreadData_t* tlData);
 void updateCounterAndDurationForBT(VXPerThreadData_t* vxTD);

@@ -181,7 +181,7 @@ extern "C" void handleStartInstrumentationCase(char*)
 {
     VXProxyInstance_t* app = vx_app();
     app->Server.isRuntimeApplied = 0;
-    if (!VXProxy.proxyServerFlag &&
+    if (!vx_in_proxy_process() &&
         (vx::load_relaxed(app->VXSys.closeCtrlConFlag) == 1 || vx::load_relaxed(closeCtrlThread)))
         return;
     /* Host threads write records the moment the flag is up: the buffers

@@ -254,7 +254,7 @@ char* getInstProfileFile(char* keyword, int kwIdx)
     VXProxyInstance_t* a = app();
     keywordInfo& slot = a->kywdInfo[kwIdx];
     const char* name = slot.fileName;
-    if (a->VXSys.proxyMode && !VXProxy.proxyServerFlag) {
+    if (vx_agent_behind_proxy(a)) {
         const char* slash = strrchr(name, '/');
         if (slash) name = slash + 1;
     }
@@ -263,7 +263,7 @@ char* getInstProfileFile(char* keyword, int kwIdx)
              "vx_control_req:action=send_instrumentation_profile;status=%s;instrProfile=%s\n",
              a->Server.statusValue, name);
     controlConnectionSendText(request);
-    const int pause = VXProxy.proxyServerFlag ? kProxyProfileRetrySeconds : kProfileRetrySeconds;
+    const int pause = vx_in_proxy_process() ? kProxyProfileRetrySeconds : kProfileRetrySeconds;
     FetchReader reader;
     char line[kLineSize];
     bool failed_once = false;
@@ -512,7 +512,7 @@ extern "C" void handleInstrProfileKeyword(instrProfile* profile, char* keyword, 
         srv.instrProfFileData = static_cast<char*>(calloc(1, need));
         srv.instrProfBytesWritten = 0;
         a->InstrFileData_flag = 0;
-    } else if (VXProxy.proxyServerFlag) {
+    } else if (vx_in_proxy_process()) {
         free(srv.instrProfFileData);
         srv.instrProfFileData = static_cast<char*>(calloc(1, need));
         srv.instrProfBytesWritten = 0;
@@ -539,7 +539,7 @@ extern "C" void handleInstrProfileKeyword(instrProfile* profile, char* keyword, 
         return;
     }
     vx::copy_text(srv.instrProfFileData + srv.instrProfBytesWritten, need, text);
-    if (VXProxy.proxyServerFlag) {
+    if (vx_in_proxy_process()) {
         useFileBasedKeyword(srv.instrProfFileData, keyword, kwIdx);
         return;
     }
@@ -601,7 +601,7 @@ extern "C" void parseBtError(char* text)
 extern "C" void dumpDataInFile(char* name, char* text)
 {
     /* Only a proxy server keeps copies, under its home's ".cache". */
-    if (!VXProxy.proxyServerFlag || !VXProxy.vxHomePath || !name || !text) return;
+    if (!vx_in_proxy_process() || !VXProxy.vxHomePath || !name || !text) return;
     std::string dir = std::string(VXProxy.vxHomePath) + "/.cache/" +
                       (app()->agentName ? app()->agentName : "default") + "/";
     std::string path;

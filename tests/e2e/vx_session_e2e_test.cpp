@@ -632,9 +632,12 @@ TEST(Session, PatternRulesOfTheStartNameTransactionsByTheIdsOfTheServedFile)
 TEST(Session, ARuleFileModifiedUnderLoadAnnouncesItsNewIdsBeforeTheirUse)
 {
     /* While four host threads run transactions, the modify replaces the
-     * rules of the start: pattern rules (it keeps ItemPage, moves Cart to a
-     * new id and adds Search), or the default rule, under which each path
-     * was discovered and announced. */
+     * rules of the start: pattern rules (it moves ItemPage and Cart to new
+     * ids and adds Search), or the default rule, under which each path was
+     * discovered and announced. A rule's id is the collector's to choose and
+     * may equal an id discovered earlier in the session; the new rules keep
+     * clear of the four discovered here (2 to 5), so that every id names one
+     * BT in this stream. */
     using Names = std::set<std::string>;
     using Announced = std::set<std::pair<int, std::string>>;
     struct Case {
@@ -646,14 +649,14 @@ TEST(Session, ARuleFileModifiedUnderLoadAnnouncesItsNewIdsBeforeTheirUse)
     const Case cases[] = {
         {kPatternRules,
          {{1, "Others"}, {5, "ItemPage"}, {6, "Cart"}},
-         {{16, "Cart"}, {17, "Search"}},
+         {{15, "ItemPage"}, {16, "Cart"}, {17, "Search"}},
          {{"/shop/item/3", {"ItemPage"}},
           {"/shop/cart", {"Cart"}},
           {"/shop/search", {"Others", "Search"}},
           {"/elsewhere", {"Others"}}}},
         {"# one business transaction per URL path\n",
          {},
-         {{1, "Others"}, {5, "ItemPage"}, {16, "Cart"}, {17, "Search"}},
+         {{1, "Others"}, {15, "ItemPage"}, {16, "Cart"}, {17, "Search"}},
          {{"/shop/item/3", {"/shop/item", "ItemPage"}},
           {"/shop/cart", {"/shop/cart", "Cart"}},
           {"/shop/search", {"/shop/search", "Search"}},
@@ -664,7 +667,7 @@ TEST(Session, ARuleFileModifiedUnderLoadAnnouncesItsNewIdsBeforeTheirUse)
         SCOPED_TRACE(c.start_rules);
         vxc::Options opts = pattern_session(test_idx, c.start_rules, "ALL|1000|3000\n");
         write_file(opts.files_dir + "/rules2.txt",
-                   "7|ItemPage|5|1|/shop/item/|0|-\n7|Cart|16|0|/shop/cart|0|-\n"
+                   "7|ItemPage|15|1|/shop/item/|0|-\n7|Cart|16|0|/shop/cart|0|-\n"
                    "7|Search|17|1|/shop/search|0|-\n");
         opts.modify_file = opts.files_dir + "/modify.kw";
         write_file(opts.modify_file, "BTRuleConfig=@rules2.txt\n");
@@ -680,7 +683,7 @@ TEST(Session, ARuleFileModifiedUnderLoadAnnouncesItsNewIdsBeforeTheirUse)
 
         vxc.expect_counts(
             "start_answers=1 modify_answers=1 stop_answers=1 failed_file_replies=0 malformed=0 "
-            "undeclared_bt=0 bt.16=Cart bt.17=Search");
+            "undeclared_bt=0 bt.15=ItemPage bt.16=Cart bt.17=Search");
         const BtTraffic t = read_bt_traffic(session_data(vxc, test_idx++), c.served);
         Announced by_rules;
         for (const auto& bt : t.announced)

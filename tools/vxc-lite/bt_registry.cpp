@@ -94,7 +94,7 @@ bool BtRegistry::declare(long long id, std::string name)
 bool BtRegistry::declared(std::string_view id) const
 {
     long long v = 0;
-    return parse_bt_id(id, &v) && names_.count(v) != 0;
+    return parse_bt_id(id, &v) && declared_id(v);
 }
 
 }  // namespace vxc

@@ -59,6 +59,7 @@ public:
     bool declare(long long id, std::string name);
     /* The id as it stands on a record line; false for text that is no id. */
     bool declared(std::string_view id) const;
+    bool declared_id(long long id) const { return names_.count(id) != 0; }
 
     const std::map<long long, std::string>& names() const { return names_; }
 

@@ -332,6 +332,7 @@ FirstLine classify_first_line(std::string_view line)
     if (starts("vx_ctrl_msg_req:")) return FirstLine::ControlRequest;
     if (starts("klv_saas_auth_agent_msg_req:")) return FirstLine::HostedRequest;
     if (starts("vx_data_msg_req:")) return FirstLine::DataOpening;
+    if (starts("auto_sensor_thread_hotspot_data_req:")) return FirstLine::AutoSensorOpening;
     return FirstLine::Unknown;
 }
 

@@ -105,8 +105,8 @@ struct ControlLine {
  * its first "=". Returns 0, or -1 with error set when there is no head. */
 int parse_control_line(std::string_view line, ControlLine* out, std::string* error);
 
-/* What the first line of a connection says it is. */
-enum class FirstLine { ControlRequest, HostedRequest, DataOpening, Unknown };
+/* What the first line of a connection says it is, by its head alone. */
+enum class FirstLine { ControlRequest, HostedRequest, DataOpening, AutoSensorOpening, Unknown };
 FirstLine classify_first_line(std::string_view line);
 
 /* Checks the agent's control request "vx_ctrl_msg_req:..." for the fields it

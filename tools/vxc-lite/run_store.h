@@ -3,6 +3,8 @@
  * into its summary.
  *
  *   conn-<n>-<kind>.lines  every line a connection sent, NUL bytes removed
+ *   bt_monitor.tsv         one row per record 74 of the auto-sensor
+ *                          connections (see auto_sensor.h)
  *   malformed.txt          "<conn> <reason> | <line, cut to 200 bytes>"
  *   summary.txt            key=value counts, one line a declared business
  *                          transaction ("bt.<id>=<name>"), then one line a
@@ -76,6 +78,21 @@ struct Counts {
      * id neither a record 7 nor the served rules declared before them. */
     unsigned long long bt_declarations = 0;
     unsigned long long undeclared_bt = 0;
+    /* Auto-sensor connections: openings refused, records by kind (overall
+     * lines are records 74 too), lines refused (also in malformed), and
+     * what the stress options did. */
+    unsigned long long as_connections = 0;
+    unsigned long long as_bad_opening = 0;
+    unsigned long long as_records_74 = 0;
+    unsigned long long as_overall_lines = 0;
+    unsigned long long as_records_53 = 0;
+    unsigned long long as_records_52 = 0;
+    unsigned long long as_gc_reports = 0;
+    unsigned long long as_records_other = 0; /* 61, 63, 75, 96, 121 */
+    unsigned long long as_malformed = 0;
+    unsigned long long as_unread_connections = 0;
+    unsigned long long as_closed_by_collector = 0;
+    unsigned long long as_state_zero_heartbeats = 0;
     BtRegistry bts;
     std::map<int, unsigned long long> per_record;
     std::map<unsigned, ConnectionSeen> seen;
@@ -101,6 +118,8 @@ public:
 
     void log(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
     void malformed(unsigned conn, std::string_view reason, std::string_view line);
+    /* Appends one row, without its line feed, to bt_monitor.tsv. */
+    void bt_monitor_row(std::string_view row);
     int write_summary();
 
     Counts counts;
@@ -111,6 +130,7 @@ private:
     std::string dir_;
     FILE* log_ = nullptr;
     FILE* malformed_ = nullptr;
+    FILE* bt_monitor_ = nullptr;
 };
 
 }  // namespace vxc

@@ -15,6 +15,7 @@
 #include <memory>
 #include <vector>
 
+#include "auto_sensor.h"
 #include "bt_registry.h"
 #include "record_parser.h"
 #include "session.h"
@@ -33,7 +34,7 @@ constexpr size_t kMaxPendingFiles = 4 * kMaxServedFile;
 constexpr size_t kCompactOutAt = 1024 * 1024; /* sent bytes dropped from the queue's front */
 constexpr apr_interval_time_t kSummaryEvery = 1000 * 1000; /* 1 s */
 
-enum class Kind { Unknown, Control, Data };
+enum class Kind { Unknown, Control, Data, AutoSensor };
 
 const char* kind_name(Kind k)
 {
@@ -42,6 +43,8 @@ const char* kind_name(Kind k)
             return "control";
         case Kind::Data:
             return "data";
+        case Kind::AutoSensor:
+            return "autosensor";
         default:
             return "unknown";
     }
@@ -81,6 +84,12 @@ struct Conn {
     unsigned long long heartbeats = 0;
     bool closing = false;
     bool throttled = false; /* a data connection read at data_read_rate, out of the pollset */
+    bool unread = false;    /* an auto-sensor connection no longer read, out of the pollset */
+    /* An auto-sensor connection's opening line, when it was good; its
+     * records must name the same tier, server and instance. */
+    AsOpening as_opening;
+    bool as_opening_ok = false;
+    unsigned long long as_interval = 0; /* overall record 74 lines so far */
     apr_time_t last_read = 0;
     char peer[64] = "";
     ConnectionSeen* seen = nullptr; /* null when the summary's list is full */
@@ -117,6 +126,7 @@ struct Server {
     std::vector<Keyword> modify_keywords;
     bool start_given = false; /* for --start-once */
     bool fetch_dropped = false;
+    bool as_closed = false; /* --as-close-after-ms has closed one */
 };
 
 namespace {
@@ -142,7 +152,7 @@ void free_conn(Server* s, Conn* c)
 /* Asks the pollset to report the connection writable, or stops asking. */
 void set_want_write(Server* s, Conn* c, bool want)
 {
-    if (c->want_write == want || c->throttled || c->closing) return;
+    if (c->want_write == want || c->throttled || c->unread || c->closing) return;
     apr_pollset_remove(s->pollset, &c->pfd);
     c->pfd.reqevents = APR_POLLIN | (want ? APR_POLLOUT : 0);
     if (apr_pollset_add(s->pollset, &c->pfd) != APR_SUCCESS) {
@@ -387,6 +397,74 @@ void on_agent_line(Server* s, Conn* c, std::string_view line)
     s->summary_dirty = true;
 }
 
+/* The opening line of an auto-sensor connection; the collector sends
+ * nothing back, neither a reply nor a record 99. */
+void first_auto_sensor_line(Server* s, Conn* c, std::string_view line)
+{
+    Counts& counts = s->store.counts;
+    ++counts.as_connections;
+    s->summary_dirty = true;
+    std::string why;
+    c->as_opening_ok = check_as_opening(line, &c->as_opening, &why) == 0;
+    if (c->as_opening_ok) {
+        s->store.log("conn %u: auto-sensor connection from %s, appName=%s pid=%lld", c->id, c->peer,
+                     printable(c->as_opening.app_name).c_str(), c->as_opening.pid);
+        return;
+    }
+    ++counts.as_bad_opening;
+    s->store.log("conn %u: auto-sensor connection from %s, opening line refused: %s: \"%s\"", c->id,
+                 c->peer, printable(why, 300).c_str(), printable(line, 300).c_str());
+}
+
+/* A line of an auto-sensor connection after its opening line. A record 74
+ * names a declared business transaction, as records 2 and 4 do, except with
+ * tags, where its id is a series id. */
+void on_auto_sensor_line(Server* s, Conn* c, std::string_view line)
+{
+    Counts& counts = s->store.counts;
+    s->summary_dirty = true;
+    AsRecord r;
+    std::string error;
+    if (parse_as_record(line, c->as_opening_ok ? &c->as_opening : nullptr, &r, &error) != 0) {
+        ++counts.as_malformed;
+        if (c->seen) ++c->seen->malformed;
+        s->store.malformed(c->id, error, line);
+        return;
+    }
+    if (c->seen) ++c->seen->records;
+    if (s->opts.verbose) s->store.log("conn %u: auto-sensor record %d", c->id, r.number);
+    switch (r.kind) {
+        case AsKind::ThreadSummary:
+            ++counts.as_records_53;
+            return;
+        case AsKind::HotSpot:
+            ++counts.as_records_52;
+            return;
+        case AsKind::GcReport:
+            ++counts.as_gc_reports;
+            return;
+        case AsKind::Other:
+            ++counts.as_records_other;
+            return;
+        case AsKind::BtMonitor:
+            break;
+    }
+    ++counts.as_records_74;
+    s->store.bt_monitor_row(bt_monitor_row(c->id, c->as_interval, r.bt));
+    if (r.bt.id == 0) {
+        ++counts.as_overall_lines;
+        ++c->as_interval;
+        return;
+    }
+    if (r.bt.tagged || counts.bts.declared_id(r.bt.id)) return;
+    ++counts.undeclared_bt;
+    if (c->seen) ++c->seen->malformed;
+    s->store.malformed(c->id,
+                       "record 74: business transaction id " + std::to_string(r.bt.id) +
+                           " not declared by a record 7 or the served rules",
+                       line);
+}
+
 void first_line(Server* s, Conn* c, std::string_view line)
 {
     Counts& counts = s->store.counts;
@@ -396,7 +474,7 @@ void first_line(Server* s, Conn* c, std::string_view line)
         s->store.log("conn %u: first line is %s: \"%s\"", c->id,
                      what == FirstLine::HostedRequest
                          ? "a hosted sign-in request, not served here"
-                         : "neither a control request nor a data opening",
+                         : "no control request, data or auto-sensor opening",
                      printable(line).c_str());
         close_conn(s, c, "unrecognised first line");
         return;
@@ -405,7 +483,9 @@ void first_line(Server* s, Conn* c, std::string_view line)
     std::string error;
     parse_control_line(line, &req, &error);
     const bool control = what == FirstLine::ControlRequest;
-    c->kind = control ? Kind::Control : Kind::Data;
+    c->kind = control                                ? Kind::Control
+              : what == FirstLine::AutoSensorOpening ? Kind::AutoSensor
+                                                     : Kind::Data;
     if (c->seen) {
         c->seen->kind = kind_name(c->kind);
         if (const std::string* v = req.find("appName")) c->seen->app_name = printable(*v, 64);
@@ -414,6 +494,10 @@ void first_line(Server* s, Conn* c, std::string_view line)
     }
     c->file = s->store.open_connection_file(c->id, kind_name(c->kind));
     write_line(c, line);
+    if (c->kind == Kind::AutoSensor) {
+        first_auto_sensor_line(s, c, line);
+        return;
+    }
     const std::vector<std::string> problems =
         control ? check_control_request(req) : check_data_opening(req);
     const std::string* app = req.find("appName");
@@ -509,6 +593,10 @@ void on_line(Server* s, Conn* c, std::string_view line)
             if (s->opts.verbose) s->store.log("conn %u: record %d", c->id, r.number);
             return;
         }
+        case Kind::AutoSensor:
+            write_line(c, line);
+            on_auto_sensor_line(s, c, line);
+            return;
     }
 }
 
@@ -624,6 +712,31 @@ void accept_all(Server* s)
     }
 }
 
+/* What --as-close-after-ms and --as-stop-reading-after-ms ask of an
+ * auto-sensor connection, each timed from its opening. */
+void stress_auto_sensor(Server* s, Conn* c, apr_time_t now)
+{
+    const Options& o = s->opts;
+    if (o.as_close_after_ms > 0 && !s->as_closed &&
+        now - c->opened >= apr_time_from_msec(o.as_close_after_ms)) {
+        s->as_closed = true;
+        ++s->store.counts.as_closed_by_collector;
+        close_conn(s, c, "closed by the collector (--as-close-after-ms)");
+        return;
+    }
+    if (o.as_stop_reading_after_ms > 0 && !c->unread &&
+        now - c->opened >= apr_time_from_msec(o.as_stop_reading_after_ms)) {
+        /* Out of the pollset: the agent's sends fill the socket, then its
+         * buffers. The connection stays open until the run ends. */
+        apr_pollset_remove(s->pollset, &c->pfd);
+        c->unread = true;
+        ++s->store.counts.as_unread_connections;
+        s->summary_dirty = true;
+        s->store.log("conn %u: auto-sensor connection no longer read (--as-stop-reading-after-ms)",
+                     c->id);
+    }
+}
+
 void tick(Server* s, apr_time_t now)
 {
     const long long hb = s->opts.heartbeat_ms;
@@ -636,12 +749,16 @@ void tick(Server* s, apr_time_t now)
             continue;
         }
         if (c->throttled) read_throttled(s, c.get(), now);
+        if (c->kind == Kind::AutoSensor) stress_auto_sensor(s, c.get(), now);
         if (c->closing) continue;
         if (c->kind == Kind::Control) run_session(s, c.get(), now);
         if (c->closing) continue;
         if (c->kind == Kind::Control && hb > 0 && now >= c->next_heartbeat) {
             ++s->store.counts.heartbeats_sent;
-            queue_send(s, c.get(), heartbeat_line(c->heartbeats++));
+            const long long zero_after = s->opts.as_conn_state_zero_after_ms;
+            const bool as_off = zero_after > 0 && now - c->opened >= apr_time_from_msec(zero_after);
+            if (as_off) ++s->store.counts.as_state_zero_heartbeats;
+            queue_send(s, c.get(), heartbeat_line(c->heartbeats++, as_off ? 0 : 1));
             c->next_heartbeat = now + apr_time_from_msec(hb);
         }
         flush_out(s, c.get());

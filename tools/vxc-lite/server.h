@@ -6,7 +6,9 @@
  * what its first line says: "vx_ctrl_msg_req:..." makes it a control
  * connection, answered with the configured reply and then kept alive with
  * heartbeats; "vx_data_msg_req:..." makes it a data connection, whose lines
- * are stored and checked as records. Anything else is logged and closed.
+ * are stored and checked as records; "auto_sensor_thread_hotspot_data_req:..."
+ * makes it an auto-sensor connection, stored and checked the same way and
+ * never answered. Anything else is logged and closed.
  *
  * The caller must have called apr_initialize() and should ignore SIGPIPE
  * (a peer that goes away while a line is sent would end the process).

@@ -33,7 +33,7 @@ std::string usage()
 {
     return "usage: vxc-lite [options]\n"
            "Stand-in collector: answers an agent's control connection, stores and checks\n"
-           "what its data connections carry. Listens on 127.0.0.1 only.\n"
+           "what its data and auto-sensor connections carry. Listens on 127.0.0.1 only.\n"
            "\n"
            "  --port N                 port to listen on; 0 picks one (default 0)\n"
            "  --run-dir DIR            where lines and the summary go (default vxc-run)\n"
@@ -56,6 +56,14 @@ std::string usage()
            "                           (a slow collector); 0 reads at once (default 0)\n"
            "  --verbose                log every line received, heartbeats and records too\n"
            "\n"
+           "Auto-sensor connections, for tests of an agent under stress (0: off):\n"
+           "  --as-stop-reading-after-ms N\n"
+           "                           stop reading each one N ms after it opened, keep it open\n"
+           "  --as-close-after-ms N    close the first one of the run N ms after it opened\n"
+           "  --as-conn-state-zero-after-ms N\n"
+           "                           heartbeats carry AutosensorConnState=0 from N ms after\n"
+           "                           their control connection opened\n"
+           "\n"
            "Instrumentation session, run on every control connection:\n"
            "  --session FILE           keywords of the start line, one key=value a line\n"
            "                           (blank lines and lines starting with # ignored);\n"
@@ -76,8 +84,9 @@ std::string usage()
            "  --help                   this text\n"
            "\n"
            "On start it prints \"listening on 127.0.0.1:<port>\". Files in the run directory:\n"
-           "conn-<n>-control.lines, conn-<n>-data.lines (lines as received), malformed.txt,\n"
-           "summary.txt (counts), vxc-lite.log (also every session line sent).\n";
+           "conn-<n>-control.lines, conn-<n>-data.lines, conn-<n>-autosensor.lines (lines as\n"
+           "received), malformed.txt, bt_monitor.tsv (records 74), summary.txt (counts),\n"
+           "vxc-lite.log (also every session line sent).\n";
 }
 
 int parse_args(int argc, const char* const* argv, Options* opts, std::string* out,
@@ -144,6 +153,15 @@ int parse_args(int argc, const char* const* argv, Options* opts, std::string* ou
         } else if (a == "--data-read-rate") {
             ok = to_ll(v, 0, 1LL << 40, &n);
             opts->data_read_rate = n;
+        } else if (a == "--as-stop-reading-after-ms") {
+            ok = to_ll(v, 0, 86400000, &n);
+            opts->as_stop_reading_after_ms = n;
+        } else if (a == "--as-close-after-ms") {
+            ok = to_ll(v, 0, 86400000, &n);
+            opts->as_close_after_ms = n;
+        } else if (a == "--as-conn-state-zero-after-ms") {
+            ok = to_ll(v, 0, 86400000, &n);
+            opts->as_conn_state_zero_after_ms = n;
         } else if (a == "--reply") {
             opts->reply_line = v;
             ok = opts->reply_line.find('\n') == std::string::npos && !opts->reply_line.empty();
@@ -202,10 +220,10 @@ std::string reply_line(const Options& opts, int listening_port)
            ";ProtoVersion=" + opts.proto_version + ";supportedProtocols=" + protocols + ";\n";
 }
 
-std::string heartbeat_line(unsigned long long count)
+std::string heartbeat_line(unsigned long long count, int as_conn_state)
 {
     return "vx_control_req:action=reconnect;heartBeat " + std::to_string(count) +
-           ";dataConnState=1;AutosensorConnState=1;\n";
+           ";dataConnState=1;AutosensorConnState=" + std::to_string(as_conn_state) + ";\n";
 }
 
 }  // namespace vxc

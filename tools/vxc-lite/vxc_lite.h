@@ -1,8 +1,8 @@
 /*
  * vxc-lite: the project's own stand-in collector. It accepts an agent's
  * control connection, answers its request with a configured reply, keeps the
- * connection alive with heartbeats, accepts data connections and stores and
- * checks every record they carry under a run directory.
+ * connection alive with heartbeats, accepts data and auto-sensor connections
+ * and stores and checks every record they carry under a run directory.
  *
  * This header holds the settings of one run and the texts built from them.
  * The server itself is in server.h, the line and record checks in
@@ -43,6 +43,16 @@ struct Options {
     long long data_read_rate = 0;
     bool verbose = false;
 
+    /* For tests of an agent under stress; 0 turns each off. An auto-sensor
+     * connection is no longer read this long after it opened (it stays
+     * open, so the agent's buffers fill); the first one of the run is closed
+     * this long after it opened (so the agent must reconnect); heartbeats
+     * carry AutosensorConnState=0 from this long after their control
+     * connection opened. */
+    long long as_stop_reading_after_ms = 0;
+    long long as_close_after_ms = 0;
+    long long as_conn_state_zero_after_ms = 0;
+
     /* The instrumentation session run on every control connection (see
      * session.h). Keyword files; empty: no session. */
     std::string session_file;
@@ -73,9 +83,10 @@ std::string usage();
 std::string reply_line(const Options& opts, int listening_port);
 
 /* The collector's heartbeat on the control connection, with its line feed.
- * It carries both connection states as 1 so that the agent keeps its data and
- * auto-sensor connections. */
-std::string heartbeat_line(unsigned long long count);
+ * The data connection state is 1, so that the agent keeps its data
+ * connection; the auto-sensor state is as given: 1 keeps that connection,
+ * 0 closes it. */
+std::string heartbeat_line(unsigned long long count, int as_conn_state = 1);
 
 }  // namespace vxc
 

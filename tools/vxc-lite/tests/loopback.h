@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "auto_sensor.h"
 #include "server.h"
 
 namespace vxc_test {
@@ -42,6 +43,12 @@ const char kRequest[] =
 const char kOpening[] =
     "vx_data_msg_req:appName=shop;appID=0;vxAppServerID=0;vxAppServerHost=web1;tierName=front;"
     "tierID=0;VXCollectorIP=127.0.0.1;VXCollectorPort=7892;testIdx=12;pid=4242;agentName=shop-1\n";
+
+/* Its vector is front>web1>shop, its ids tier 1, app 2, server 3. */
+const char kAsOpening[] =
+    "auto_sensor_thread_hotspot_data_req:appName=shop;appID=2;vxAppServerID=3;"
+    "vxAppServerHost=web1;tierName=front;tierID=1;VXCollectorIP=127.0.0.1;"
+    "VXCollectorPort=7892,testIdx=12;pid=4242;agentName=shop-1\n";
 
 class Client {
 public:
@@ -250,6 +257,16 @@ public:
     std::vector<std::vector<std::string>> data_connections() const
     {
         return connection_lines(opts_.run_dir, "data");
+    }
+    /* Lines of each auto-sensor connection, in the order they were accepted. */
+    std::vector<std::vector<std::string>> auto_sensor_connections() const
+    {
+        return connection_lines(opts_.run_dir, "autosensor");
+    }
+    /* The records 74 received, as bt_monitor.tsv has them. */
+    std::vector<vxc::BtMonitorRow> bt_monitor() const
+    {
+        return vxc::read_bt_monitor(opts_.run_dir + "/bt_monitor.tsv");
     }
     /* First lines of every control connection. */
     std::vector<std::string> control_requests() const

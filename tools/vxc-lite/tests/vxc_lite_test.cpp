@@ -58,6 +58,9 @@ TEST(Arguments, HelpIsAnsweredAndBadValuesAreRefused)
         {"--stop-after-ms", "x"},
         {"--refuse-file", "a;b"},
         {"--drop-during-fetch", ""},
+        {"--as-close-after-ms", "-1"},
+        {"--as-stop-reading-after-ms", "1s"},
+        {"--as-conn-state-zero-after-ms", "99999999999"},
         {"--modify", "m.txt"},      /* a modify needs a session */
         {"--stop-after-ms", "100"}, /* so does a stop */
         {"--start-once"},

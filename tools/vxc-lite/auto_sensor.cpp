@@ -1,0 +1,419 @@
+#include "auto_sensor.h"
+
+#include <charconv>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+#include "record_parser.h"
+
+namespace vxc {
+
+namespace {
+
+constexpr std::string_view kOpeningHead = "auto_sensor_thread_hotspot_data_req:";
+constexpr std::string_view kOverallName = "AllTransactions";
+
+/* Formats of a record's values, one character each: L "%lf", D "%d",
+ * Q "%lld", Z the literal "0.0", 0 the literal "0", S any text, N record
+ * 52's "no name-<thread id>". */
+constexpr char kBtMonitorFormats[] = "LLLQDZLLLQDLLQDLLQDLLQDLLLLDLQQDLQQDLQQD";
+constexpr char kThreadSummaryFormats[] = "QDLLLDDLLLD00000";
+/* Record 52 from its second field on. */
+constexpr char kHotSpotFormats[] = "DDDQNQQDSDD00QQ00000S";
+static_assert(sizeof kBtMonitorFormats - 1 == 40);
+static_assert(sizeof kThreadSummaryFormats - 1 == 16);
+static_assert(sizeof kHotSpotFormats - 1 == 21);
+
+int reject(std::string* error, std::string text)
+{
+    if (error) *error = std::move(text);
+    return -1;
+}
+
+bool fail(std::string* error, std::string text)
+{
+    reject(error, std::move(text));
+    return false;
+}
+
+std::string shown(std::string_view s)
+{
+    return std::string(s.substr(0, 40)) + (s.size() > 40 ? "..." : "");
+}
+
+/* A whole number as printf writes it with %d or %lld, within [lo, hi]. */
+bool printf_int(std::string_view s, long long lo, long long hi, long long* out = nullptr)
+{
+    std::string_view digits = s;
+    if (!digits.empty() && digits[0] == '-') digits.remove_prefix(1);
+    if (digits.empty() || (digits[0] == '0' && (digits.size() > 1 || digits.size() < s.size())))
+        return false;
+    for (char c : digits)
+        if (c < '0' || c > '9') return false;
+    long long v = 0;
+    const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
+    if (ec != std::errc() || end != s.data() + s.size() || v < lo || v > hi) return false;
+    if (out) *out = v;
+    return true;
+}
+
+bool is_d(std::string_view s, long long* out = nullptr)
+{
+    return printf_int(s, INT_MIN, INT_MAX, out);
+}
+
+/* A number as printf writes it with %lf: digits, a point, six decimals. */
+bool is_lf(std::string_view s)
+{
+    const size_t dot = s.find('.');
+    if (dot == std::string_view::npos || s.size() - dot != 7) return false;
+    std::string_view whole = s.substr(0, dot);
+    if (!whole.empty() && whole[0] == '-') whole.remove_prefix(1);
+    if (whole.empty() || (whole[0] == '0' && whole.size() > 1)) return false;
+    auto digits = [](std::string_view d) {
+        for (char c : d)
+            if (c < '0' || c > '9') return false;
+        return true;
+    };
+    return digits(whole) && digits(s.substr(dot + 1));
+}
+
+const char* format_name(char f)
+{
+    switch (f) {
+        case 'L':
+            return "%lf";
+        case 'D':
+            return "%d";
+        case 'Q':
+            return "%lld";
+        case 'Z':
+            return "0.0";
+        default:
+            return "0";
+    }
+}
+
+/* Splits text on sep into exactly as many values as formats has and checks
+ * each; the values go to out. */
+bool check_values(std::string_view text, char sep, const char* formats,
+                  std::vector<std::string>* out, const std::string& what, std::string* error)
+{
+    std::vector<std::string> v;
+    for (;;) {
+        const size_t at = text.find(sep);
+        v.emplace_back(text.substr(0, at));
+        if (at == std::string_view::npos) break;
+        text.remove_prefix(at + 1);
+    }
+    const size_t want = strlen(formats);
+    if (v.size() != want)
+        return fail(error, what + " has " + std::to_string(v.size()) + " values, not " +
+                               std::to_string(want));
+    for (size_t i = 0; i < want; ++i) {
+        const std::string& x = v[i];
+        const char f = formats[i];
+        const bool ok = f == 'L'   ? is_lf(x)
+                        : f == 'D' ? is_d(x)
+                        : f == 'Q' ? printf_int(x, LLONG_MIN, LLONG_MAX)
+                        : f == 'Z' ? x == "0.0"
+                        : f == '0' ? x == "0"
+                                   : true;
+        if (!ok)
+            return fail(error, what + ": value " + std::to_string(i + 1) + " \"" + shown(x) +
+                                   "\" is not " + format_name(f));
+    }
+    *out = std::move(v);
+    return true;
+}
+
+/* "<tierID>|<appID>|<id>:" at the front of s, taken off it. */
+struct Head {
+    long long tier_id = 0;
+    long long app_id = 0;
+    long long id = 0;
+};
+
+bool take_head(std::string_view* s, Head* h)
+{
+    const size_t a = s->find('|');
+    const size_t b = a == std::string_view::npos ? a : s->find('|', a + 1);
+    const size_t c = b == std::string_view::npos ? b : s->find(':', b + 1);
+    if (c == std::string_view::npos || !is_d(s->substr(0, a), &h->tier_id) ||
+        !is_d(s->substr(a + 1, b - a - 1), &h->app_id) ||
+        !is_d(s->substr(b + 1, c - b - 1), &h->id))
+        return false;
+    s->remove_prefix(c + 1);
+    return true;
+}
+
+bool check_head_ids(const Head& h, const AsOpening* o, const std::string& what, std::string* error)
+{
+    if (!o || (h.tier_id == o->tier_id && h.app_id == o->app_id)) return true;
+    return fail(error, what + ": ids " + std::to_string(h.tier_id) + "|" +
+                           std::to_string(h.app_id) + "| are not the opening line's tierID " +
+                           std::to_string(o->tier_id) + " and appID " + std::to_string(o->app_id));
+}
+
+/* Takes "<tier>><server>><instance>" and the character behind it off s.
+ * With an opening line they are its tierName, vxAppServerHost and appName. */
+bool take_vector(std::string_view* s, char behind, const AsOpening* o, const std::string& what,
+                 std::string* error)
+{
+    if (o) {
+        const std::string want =
+            o->tier_name + ">" + o->server_host + ">" + o->app_name + std::string(1, behind);
+        if (s->substr(0, want.size()) != want)
+            return fail(error, what + ": vector is not \"" + want + "\" of the opening line");
+        s->remove_prefix(want.size());
+        return true;
+    }
+    for (int part = 0; part < 3; ++part) {
+        size_t i = 0;
+        while (i < s->size() && (*s)[i] != '>' && (*s)[i] != '|') ++i;
+        if (i == 0 || i == s->size() || (*s)[i] != (part < 2 ? '>' : behind))
+            return fail(error, what + ": no \"<tier>><server>><instance>" + std::string(1, behind) +
+                                   "\" vector");
+        s->remove_prefix(i + 1);
+    }
+    return true;
+}
+
+bool check_bt_monitor(std::string_view s, const Head& h, const AsOpening* o, BtMonitorLine* bt,
+                      std::string* error)
+{
+    const std::string what = "record 74";
+    if (!check_head_ids(h, o, what, error) || !take_vector(&s, '>', o, what, error)) return false;
+    /* The values hold no '|': the last one ends the head. A tag text may
+     * hold any, the name none. */
+    const size_t last = s.rfind('|');
+    if (last == std::string_view::npos) return fail(error, what + ": no '|' ends the head");
+    const std::string_view names = s.substr(0, last);
+    const size_t bar = names.find('|');
+    bt->id = h.id;
+    bt->name = std::string(names.substr(0, bar));
+    bt->tagged = bar != std::string_view::npos;
+    bt->tag = bt->tagged ? std::string(names.substr(bar + 1)) : std::string();
+    if (bt->name.empty()) return fail(error, what + ": empty name");
+    if (h.id == 0 && bt->name != kOverallName)
+        return fail(error, what + ": id 0 is the overall line, named AllTransactions, not \"" +
+                               shown(bt->name) + "\"");
+    if (!check_values(s.substr(last + 1), ' ', kBtMonitorFormats, &bt->fields, what, error))
+        return false;
+    if (bt->fields[27] != bt->fields[4])
+        return fail(error, what + ": value 28 (" + bt->fields[27] + ") is not the count " +
+                               bt->fields[4] + " of value 5");
+    return true;
+}
+
+bool check_thread_summary(std::string_view s, const Head& h, const AsOpening* o, std::string* error)
+{
+    const std::string what = "record 53";
+    std::vector<std::string> v;
+    if (!check_head_ids(h, o, what, error) || !take_vector(&s, '|', o, what, error) ||
+        !check_values(s, ' ', kThreadSummaryFormats, &v, what, error))
+        return false;
+    /* Values 2 to 6 are all hot spots, 7 to 11 the new ones: count, mean,
+     * minimum, maximum, count again; mean and minimum 0.0 with no count. */
+    for (size_t count : {size_t{1}, size_t{6}}) {
+        if (v[count + 4] != v[count])
+            return fail(error, what + ": value " + std::to_string(count + 5) +
+                                   " does not repeat the count " + v[count]);
+        if (v[count] == "0" && (v[count + 1] != "0.000000" || v[count + 2] != "0.000000"))
+            return fail(error, what + ": mean and minimum of a count of 0 are not 0.0");
+    }
+    return true;
+}
+
+bool check_hot_spot(std::string_view line, const AsOpening* o, std::string* error)
+{
+    const std::string what = "record 52";
+    std::vector<std::string> v;
+    if (!check_values(line.substr(3), ',', kHotSpotFormats, &v, what, error)) return false;
+    /* v[k] is field k + 2 of the record. */
+    if (v[4] != "no name-" + v[3])
+        return fail(error, what + ": field 6 is not \"no name-\" and the thread id " + v[3]);
+    if (v[7] != "0" && v[7] != "1") return fail(error, what + ": field 9 is neither 0 nor 1");
+    if (v[20].find('\r') != std::string::npos)
+        return fail(error, what + ": carriage return left in the stack text");
+    if (o && (v[0] != std::to_string(o->tier_id) || v[1] != std::to_string(o->server_id) ||
+              v[2] != std::to_string(o->app_id)))
+        return fail(error, what + ": tier, server and app ids " + v[0] + "," + v[1] + "," + v[2] +
+                               " are not those of the opening line");
+    return true;
+}
+
+bool check_gc_report(std::string_view s, const Head& h, const AsOpening* o, std::string* error)
+{
+    const std::string what = "garbage-collection report";
+    return check_head_ids(h, o, what, error) && take_vector(&s, '|', o, what, error);
+}
+
+/* One field of the opening line: its key, where it goes, and the character
+ * that ends its value ('\0': the end of the line). */
+struct OpeningField {
+    const char* key;
+    std::string AsOpening::*text;
+    long long AsOpening::*number;
+    bool wide; /* %lld, else %d */
+    char end;
+};
+
+constexpr OpeningField kOpeningFields[] = {
+    {"appName", &AsOpening::app_name, nullptr, false, ';'},
+    {"appID", nullptr, &AsOpening::app_id, false, ';'},
+    {"vxAppServerID", nullptr, &AsOpening::server_id, false, ';'},
+    {"vxAppServerHost", &AsOpening::server_host, nullptr, false, ';'},
+    {"tierName", &AsOpening::tier_name, nullptr, false, ';'},
+    {"tierID", nullptr, &AsOpening::tier_id, false, ';'},
+    {"VXCollectorIP", &AsOpening::collector_ip, nullptr, false, ';'},
+    /* A comma, not a semicolon, ends the port: the agent's line has it so. */
+    {"VXCollectorPort", nullptr, &AsOpening::collector_port, false, ','},
+    {"testIdx", nullptr, &AsOpening::test_idx, false, ';'},
+    {"pid", nullptr, &AsOpening::pid, true, ';'},
+    {"agentName", &AsOpening::agent_name, nullptr, false, '\0'},
+};
+
+}  // namespace
+
+int check_as_opening(std::string_view line, AsOpening* out, std::string* error)
+{
+    if (line.substr(0, kOpeningHead.size()) != kOpeningHead)
+        return reject(error, "head is not auto_sensor_thread_hotspot_data_req:");
+    std::string_view rest = line.substr(kOpeningHead.size());
+    AsOpening o;
+    for (const OpeningField& f : kOpeningFields) {
+        const std::string key = std::string(f.key) + "=";
+        if (rest.substr(0, key.size()) != key)
+            return reject(error, "expected " + key + " where \"" + shown(rest) + "\" stands");
+        rest.remove_prefix(key.size());
+        size_t len = 0;
+        if (f.number) {
+            while (len < rest.size() &&
+                   (rest[len] == '-' || (rest[len] >= '0' && rest[len] <= '9')))
+                ++len;
+            const long long lo = f.wide ? LLONG_MIN : INT_MIN, hi = f.wide ? LLONG_MAX : INT_MAX;
+            if (!printf_int(rest.substr(0, len), lo, hi, &(o.*f.number)))
+                return reject(error, std::string(f.key) + " is not " + (f.wide ? "%lld" : "%d"));
+        } else {
+            len = f.end ? rest.find(f.end) : rest.size();
+            if (len == std::string_view::npos) len = rest.size();
+            o.*f.text = std::string(rest.substr(0, len));
+        }
+        if (f.end == '\0') {
+            if (len != rest.size()) return reject(error, "text behind " + std::string(f.key));
+            break;
+        }
+        if (len == rest.size() || rest[len] != f.end) {
+            const bool separator = len < rest.size() && (rest[len] == ';' || rest[len] == ',');
+            return reject(error, std::string(f.key) +
+                                     (separator || !f.number
+                                          ? " is not followed by '" + std::string(1, f.end) + "'"
+                                          : " is not a number"));
+        }
+        rest.remove_prefix(len + 1);
+    }
+    if (out) *out = std::move(o);
+    return 0;
+}
+
+int parse_as_record(std::string_view line, const AsOpening* opening, AsRecord* out,
+                    std::string* error)
+{
+    if (line.empty())
+        return reject(error,
+                      "empty line: a bare line feed is a heartbeat on the data connection "
+                      "only");
+    const size_t comma = line.find(',');
+    long long n = 0;
+    if (comma == std::string_view::npos || !is_d(line.substr(0, comma), &n))
+        return reject(error, "line does not begin with a number and a comma");
+    AsRecord r;
+    r.number = static_cast<int>(n);
+    std::string_view rest = line.substr(comma + 1);
+    const CatalogueEntry* entry = catalogue_find(r.number);
+    const bool as_record = entry && entry->channel == Channel::AutoSensor;
+    Head h;
+    const bool headed = take_head(&rest, &h);
+    bool ok = false;
+    if (as_record && n != 52 && n != 53 && n != 74) {
+        r.kind = AsKind::Other;
+        ok = comma + 1 < line.size() || fail(error, "record " + std::to_string(n) + " is empty");
+    } else if (headed && n == 74) {
+        r.kind = AsKind::BtMonitor;
+        ok = check_bt_monitor(rest, h, opening, &r.bt, error);
+        /* A host may give its report the id 74. */
+        if (!ok && h.id == 0 && check_gc_report(rest, h, opening, nullptr)) {
+            r.kind = AsKind::GcReport;
+            ok = true;
+        }
+    } else if (headed && n == 53 && h.id == 1) {
+        r.kind = AsKind::ThreadSummary;
+        ok = check_thread_summary(rest, h, opening, error);
+    } else if (headed && h.id == 0) {
+        r.kind = AsKind::GcReport;
+        ok = check_gc_report(rest, h, opening, error);
+    } else if (!headed && n == 52) {
+        r.kind = AsKind::HotSpot;
+        ok = check_hot_spot(line, opening, error);
+    } else if (entry && entry->channel == Channel::Data) {
+        return reject(error, "record " + std::to_string(n) + " belongs on the data connection");
+    } else {
+        return reject(error,
+                      "not a record of the auto-sensor connection: no 74, no 53 with id "
+                      "1, no report with id 0, no 52");
+    }
+    if (!ok) return -1;
+    if (out) *out = std::move(r);
+    return 0;
+}
+
+std::string bt_monitor_row(unsigned conn, unsigned long long interval, const BtMonitorLine& bt)
+{
+    auto text = [](std::string s) {
+        for (char& c : s)
+            if (c == '\t') c = ' ';
+        return s;
+    };
+    std::string row = std::to_string(conn) + "\t" + std::to_string(interval) + "\t" +
+                      std::to_string(bt.id) + "\t" + text(bt.name) + "\t" +
+                      (bt.tagged ? "1" : "0") + "\t" + text(bt.tag);
+    for (const size_t field : {1u, 2u, 3u, 4u, 5u, 23u})
+        row += "\t" + (field <= bt.fields.size() ? bt.fields[field - 1] : std::string());
+    return row;
+}
+
+std::vector<BtMonitorRow> read_bt_monitor(const std::string& path)
+{
+    std::vector<BtMonitorRow> rows;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        std::vector<std::string> f;
+        for (size_t from = 0;;) {
+            const size_t tab = line.find('\t', from);
+            f.push_back(line.substr(from, tab - from));
+            if (tab == std::string::npos) break;
+            from = tab + 1;
+        }
+        if (f.size() != 12 || line == kBtMonitorHeader) continue;
+        BtMonitorRow r;
+        r.conn = static_cast<unsigned>(strtoul(f[0].c_str(), nullptr, 10));
+        r.interval = strtoull(f[1].c_str(), nullptr, 10);
+        r.id = strtoll(f[2].c_str(), nullptr, 10);
+        r.name = f[3];
+        r.tagged = f[4] == "1";
+        r.tag = f[5];
+        r.tps = strtod(f[6].c_str(), nullptr);
+        r.avg = strtod(f[7].c_str(), nullptr);
+        r.min = strtod(f[8].c_str(), nullptr);
+        r.max = strtoll(f[9].c_str(), nullptr, 10);
+        r.count = strtoll(f[10].c_str(), nullptr, 10);
+        r.errors = strtoll(f[11].c_str(), nullptr, 10);
+        rows.push_back(std::move(r));
+    }
+    return rows;
+}
+
+}  // namespace vxc

@@ -1,0 +1,239 @@
+/* The auto-sensor connection: its opening line and records checked against
+ * golden text, then the connection and the stress options over loopback. */
+#include "auto_sensor.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "loopback.h"
+
+namespace {
+
+using namespace vxc_test;
+
+/* 3 flowpaths of 10, 20 and 30 ms in 10 s, all normal. */
+const std::string kBt5 =
+    "74,1|2|5:front>web1>shop>/shop/cart|0.300000 20.000000 10.000000 30 3 0.0 0.000000 "
+    "20.000000 10.000000 30 3 0.000000 500000.000000 0 0 0.000000 500000.000000 0 0 0.000000 "
+    "500000.000000 0 0 0.000000 0.000000 0.000000 0.000000 3 0.000000 0 0 3 0.000000 0 0 3 "
+    "0.000000 2147483647 0 3";
+/* An overall line of an interval without traffic. */
+const std::string kOverall =
+    "74,1|2|0:front>web1>shop>AllTransactions|0.000000 0.000000 500000.000000 0 0 0.0 0.000000 "
+    "0.000000 500000.000000 0 0 0.000000 500000.000000 0 0 0.000000 500000.000000 0 0 0.000000 "
+    "500000.000000 0 0 0.000000 0.000000 0.500000 0.000000 0 0.000000 2147483647 0 0 0.000000 "
+    "2147483647 0 0 0.000000 2147483647 0 0";
+const std::string k53 =
+    "53,1|2|1:front>web1>shop|40 2 1.500000 1.000000 2.000000 2 1 2.000000 2.000000 2.000000 1 0 "
+    "0 0 0 0";
+const std::string k52 =
+    "52,1,3,2,77,no name-77,1700000000,1500,1,RUNNABLE,5,12,0,0,123456789,1700000001,0,0,0,0,0,"
+    "at a.b(c.java:1)|at d.e(f.java:2)|";
+
+std::string with(std::string s, const std::string& from, const std::string& to)
+{
+    const size_t at = s.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return at == std::string::npos ? s : s.replace(at, from.size(), to);
+}
+
+vxc::AsOpening opening()
+{
+    vxc::AsOpening o;
+    std::string line = kAsOpening;
+    line.pop_back();
+    EXPECT_EQ(vxc::check_as_opening(line, &o, nullptr), 0);
+    return o;
+}
+
+TEST(AutoSensorOpening, FieldsInTheirOrderWithTheCommaBeforeTestIdx)
+{
+    const vxc::AsOpening o = opening();
+    EXPECT_EQ(o.app_name + o.server_host + o.tier_name + o.agent_name, "shopweb1frontshop-1");
+    EXPECT_EQ(o.app_id * 100 + o.server_id * 10 + o.tier_id, 231);
+    EXPECT_EQ(o.collector_port, 7892);
+    EXPECT_EQ(o.test_idx, 12);
+    EXPECT_EQ(o.pid, 4242);
+    std::string good = kAsOpening;
+    good.pop_back();
+    EXPECT_EQ(vxc::classify_first_line(good), vxc::FirstLine::AutoSensorOpening);
+    const std::string bad[] = {
+        with(good, "7892,testIdx", "7892;testIdx"), /* the data line's semicolon */
+        with(good, "vxAppServerID=3;", ""),         /* missing field */
+        with(good, "appID=2;vxAppServerID=3", "vxAppServerID=3;appID=2"), /* out of order */
+        with(good, "appID=2", "appID=x"),
+        with(good, "tierID=1", "tierID=01"),
+        with(good, "pid=4242", "pid=4242.5"),
+        with(good, "testIdx=12", "testIdx=99999999999"), /* past %d */
+        with(good, "auto_sensor_thread_hotspot_data_req", "vx_data_msg_req"),
+    };
+    for (const std::string& line : bad) {
+        std::string error;
+        EXPECT_EQ(vxc::check_as_opening(line, nullptr, &error), -1) << line;
+        EXPECT_FALSE(error.empty()) << line;
+    }
+}
+
+TEST(AutoSensorRecords, GoldenLinesAreAcceptedAndReadBack)
+{
+    const vxc::AsOpening o = opening();
+    vxc::AsRecord r;
+    ASSERT_EQ(vxc::parse_as_record(kBt5, &o, &r, nullptr), 0);
+    EXPECT_EQ(r.kind, vxc::AsKind::BtMonitor);
+    EXPECT_EQ(r.bt.id, 5);
+    EXPECT_EQ(r.bt.name, "/shop/cart");
+    EXPECT_FALSE(r.bt.tagged);
+    EXPECT_EQ(vxc::bt_monitor_row(4, 7, r.bt),
+              "4\t7\t5\t/shop/cart\t0\t\t0.300000\t20.000000\t10.000000\t30\t3\t0");
+    const std::string tagged = with(kBt5, "/shop/cart|", "/shop/cart|{\"a\":\"1\"}|");
+    ASSERT_EQ(vxc::parse_as_record(tagged, &o, &r, nullptr), 0);
+    EXPECT_TRUE(r.bt.tagged);
+    EXPECT_EQ(r.bt.tag, "{\"a\":\"1\"}");
+    ASSERT_EQ(vxc::parse_as_record(with(kBt5, "/shop/cart|", "/shop/cart||"), &o, &r, nullptr), 0);
+    EXPECT_TRUE(r.bt.tagged) << "a tag set reported again has an empty tag text";
+    EXPECT_EQ(r.bt.tag, "");
+
+    const std::pair<std::string, vxc::AsKind> good[] = {
+        {kOverall, vxc::AsKind::BtMonitor},
+        {k53, vxc::AsKind::ThreadSummary},
+        {"53,1|2|1:front>web1>shop|40 0 0.000000 0.000000 0.000000 0 0 0.000000 0.000000 "
+         "0.000000 0 0 0 0 0 0",
+         vxc::AsKind::ThreadSummary},
+        {k52, vxc::AsKind::HotSpot},
+        {with(k52, "at a.b(c.java:1)|at d.e(f.java:2)|", ""), vxc::AsKind::HotSpot},
+        {"7,1|2|0:front>web1>shop|GC pause, 12 ms", vxc::AsKind::GcReport},
+        {"74,1|2|0:front>web1>shop|young gen", vxc::AsKind::GcReport}, /* the host's id 74 */
+        {"75,1|2|3:front>web1>shop>db|1 2", vxc::AsKind::Other},
+    };
+    for (const auto& [line, kind] : good) {
+        std::string error;
+        ASSERT_EQ(vxc::parse_as_record(line, &o, &r, &error), 0) << line << ": " << error;
+        EXPECT_EQ(r.kind, kind) << line;
+    }
+    ASSERT_EQ(vxc::parse_as_record(with(kBt5, "front", "back"), nullptr, &r, nullptr), 0)
+        << "with no good opening line any vector does";
+}
+
+TEST(AutoSensorRecords, LinesThatMissTheirFormatAreRefused)
+{
+    const vxc::AsOpening o = opening();
+    const std::string bad[] = {
+        "",
+        "2,123456789,5000,77,77.1,3,/a,,1,2,55,,0,15,,,", /* data connection */
+        "auto_sensor_GCDump:7,1|2|0:front>web1>shop|gc",  /* the proxy's form */
+        kBt5 + " 3",                                      /* 41 values */
+        with(kBt5, " 0 3", " 3"),                         /* 39 values */
+        with(kBt5, "20.000000 10.000000 30", "20.000000 10.000000 30.000000"),
+        with(kBt5, "0.300000", "0.3"),
+        with(kBt5, "0.300000", "nan"),
+        with(kBt5, " 0.0 ", " 0 "),
+        with(kBt5, " 30 3 0.0", " 30  3 0.0"),
+        with(kBt5, "3 0.000000 0 0 3", "4 0.000000 0 0 3"), /* value 28 repeats the count */
+        with(kBt5, "front>", "back>"),                      /* not the opening's vector */
+        with(kBt5, "74,1|", "74,9|"),
+        with(kBt5, "front>web1>shop>", "front>web1>shop"),
+        with(kOverall, "AllTransactions", "All"),
+        with(k53, " 0 0 0 0 0", " 0 0 0 0"),
+        with(k53, "|1:", "|2:"),
+        with(k53, " 2 1 2.0", " 3 1 2.0"),
+        "53,1|2|1:front>web1>shop|40 0 0.000000 2147483.647000 0.000000 0 0 0.000000 0.000000 "
+        "0.000000 0 0 0 0 0 0",
+        with(k52, "no name-77", "no name-78"),
+        with(k52, "1500,1,", "1500,2,"),
+        with(k52, "52,1,3,", "52,1,4,"),
+        with(k52, "0,0,0,0,0,", "0,0,0,0,"),
+        with(k52, "at a.b", "at, a.b"),
+        with(k52, "at a.b", "at\ra.b"),
+        "7,1|2|0:front>web1|gc",
+    };
+    for (const std::string& line : bad) {
+        std::string error;
+        EXPECT_EQ(vxc::parse_as_record(line, &o, nullptr, &error), -1) << "accepted: " << line;
+        EXPECT_FALSE(error.empty()) << line;
+    }
+}
+
+TEST_F(Loopback, AutoSensorRecordsAreStoredCheckedCountedAndNeverAnswered)
+{
+    start(vxc::Options{});
+    Client data(port_);
+    ASSERT_TRUE(data.send(std::string(kOpening) + "7,5,/shop/cart\n"));
+    ASSERT_TRUE(wait_for_text(dir_, "-data.lines", "7,5,"));
+    Client as(port_);
+    const std::string undeclared = with(kBt5, "|5:", "|9:");
+    const std::string lines = kBt5 + "\n" + undeclared + "\n" + kOverall + "\n" + k53 + "\n" + k52 +
+                              "\n7,1|2|0:front>web1>shop|gc\n\n10,\n" + kOverall + "\n";
+    ASSERT_TRUE(as.send(std::string(kAsOpening) + lines));
+    std::string reply;
+    EXPECT_FALSE(as.read_line(&reply, std::chrono::milliseconds(300))) << reply;
+    Client bad(port_);
+    ASSERT_TRUE(bad.send(with(kAsOpening, "7892,", "7892;") + kBt5 + "\n"));
+    ASSERT_TRUE(wait_for_text(dir_, "0002-autosensor.lines", "10,\n" + kOverall));
+    ASSERT_TRUE(wait_for_text(dir_, "0003-autosensor.lines", kBt5));
+    stop();
+
+    EXPECT_EQ(collector_->auto_sensor_connections().size(), 2u);
+    EXPECT_EQ(slurp(find_file(dir_, "0002-autosensor.lines")), kAsOpening + lines);
+    const std::vector<vxc::BtMonitorRow> rows = collector_->bt_monitor();
+    ASSERT_EQ(rows.size(), 5u);
+    EXPECT_EQ(rows[0].conn, 2u);
+    EXPECT_EQ(rows[0].count, 3);
+    EXPECT_DOUBLE_EQ(rows[0].tps, 0.3);
+    EXPECT_EQ(rows[0].max, 30);
+    EXPECT_EQ(rows[2].name, "AllTransactions");
+    EXPECT_EQ(rows[2].interval, 0u) << "the overall line closes its interval";
+    EXPECT_EQ(rows[3].interval, 1u);
+    EXPECT_EQ(rows[4].conn, 3u);
+    EXPECT_EQ(rows[4].interval, 0u);
+    const std::vector<std::string> malformed = read_lines(dir_ + "/malformed.txt");
+    ASSERT_EQ(malformed.size(), 3u) << slurp(dir_ + "/malformed.txt");
+    EXPECT_EQ(malformed[0],
+              "2 record 74: business transaction id 9 not declared by a record 7 "
+              "or the served rules | " +
+                  undeclared.substr(0, 200));
+    EXPECT_EQ(malformed[2].rfind("2 record 10 belongs on the data connection", 0), 0u);
+    expect_summary(
+        "as_connections=2 as_bad_opening=1 as_records_74=5 as_overall_lines=2 as_records_53=1 "
+        "as_records_52=1 as_gc_reports=1 as_malformed=2 undeclared_bt=1 malformed=3 records=1");
+    EXPECT_NE(summary_value("conn.2").find("autosensor peer="), std::string::npos);
+    EXPECT_NE(summary_value("conn.2").find(" records=7 malformed=3 "), std::string::npos);
+}
+
+TEST_F(Loopback, StressOptionsCloseStopReadingAndTurnTheAutoSensorStateOff)
+{
+    vxc::Options o;
+    o.heartbeat_ms = 50;
+    o.as_conn_state_zero_after_ms = 300;
+    o.as_close_after_ms = 100;
+    o.as_stop_reading_after_ms = 200;
+    start(o);
+    Client ctrl(port_);
+    ASSERT_TRUE(ctrl.send(kRequest));
+    std::string line;
+    ASSERT_TRUE(ctrl.read_line(&line)); /* the reply */
+    ASSERT_TRUE(ctrl.read_line(&line));
+    EXPECT_EQ(line,
+              "vx_control_req:action=reconnect;heartBeat 0;dataConnState=1;AutosensorConnState=1;");
+    do {
+        ASSERT_TRUE(ctrl.read_line(&line));
+    } while (line.find("AutosensorConnState=1;") != std::string::npos);
+    EXPECT_NE(line.find(";dataConnState=1;AutosensorConnState=0;"), std::string::npos) << line;
+
+    Client first(port_);
+    ASSERT_TRUE(first.send(kAsOpening));
+    EXPECT_TRUE(first.closed_by_peer());
+    Client second(port_);
+    ASSERT_TRUE(second.send(std::string(kAsOpening) + kOverall + "\n"));
+    ASSERT_TRUE(wait_for_text(dir_, "-lite.log", "no longer read"));
+    ASSERT_TRUE(second.send(kBt5 + "\n")); /* stays in the socket */
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    stop();
+    EXPECT_EQ(slurp(find_file(dir_, "0003-autosensor.lines")), kAsOpening + kOverall + "\n");
+    expect_summary("as_closed_by_collector=1 as_unread_connections=1 as_records_74=1");
+    EXPECT_NE(summary_value("as_state_zero_heartbeats"), "0");
+    EXPECT_NE(summary_value("conn.3").find("state=closed: collector stops"), std::string::npos);
+}
+
+}  // namespace

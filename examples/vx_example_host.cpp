@@ -132,8 +132,19 @@ int example_host_serve(void)
         {"/cart|GET", "User-Agent: demo", nullptr, true, false, 500, 0},
         {"/api/stock/17|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
     };
+    /* Then two lighter rounds a moment apart, so that the monitors'
+     * intervals differ. */
+    static const Request kLater[] = {
+        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
+        {"/api/stock/42|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
+        {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200, 0},
+    };
     int served = 0;
     for (const Request& r : kRequests) served += serve(r) ? 1 : 0;
+    for (int round = 0; round < 2; ++round) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        for (const Request& r : kLater) served += serve(r) ? 1 : 0;
+    }
     return served;
 }
 

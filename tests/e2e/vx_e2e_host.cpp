@@ -26,7 +26,7 @@
  *                    THREADS threads run transactions on the URLs in turn
  *                    ("path?query|METHOD"), each lasting HOLD_MS and ending
  *                    with status 200, 5 ms apart; report how many the agent
- *                    took
+ *                    took, then wait (up to 15 s) for the session to stop
  *
  * Until the collector starts sessions itself, the session is opened here by
  * raising its flags and starting the data thread.
@@ -294,6 +294,8 @@ int run_urls(VXProxyInstance_t* app, int seconds, int threads, int hold_ms,
     }
     for (auto& w : workers) w.join();
     printf("transactions=%lld\n", taken.load());
+    /* The monitors report what ended before the stop: stay for it. */
+    wait_for([app] { return !vx::load_acquire(app->Server.testRunRunning); }, 15000);
     return 0;
 }
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
@@ -694,4 +695,133 @@ TEST(Session, ARuleFileModifiedUnderLoadAnnouncesItsNewIdsBeforeTheirUse)
         EXPECT_EQ(t.names_of_path, c.names);
         EXPECT_EQ(t.categories, std::set<std::string>{"10"});
     }
+}
+
+namespace {
+
+/* The response times of the completed transactions (records 4) by BT id. */
+std::map<long long, std::vector<long long>> response_times(const std::vector<std::string>& lines)
+{
+    std::map<long long, std::vector<long long>> out;
+    for (const std::string& l : lines) {
+        if (!is_record(l, 4)) continue;
+        const auto f = fields(l, 11);
+        if (f.size() > 7 && f[7] != "7") out[atoll(f[6].c_str())].push_back(atoll(f[5].c_str()));
+    }
+    return out;
+}
+
+/* A pattern-rule session whose monitors report every second, on an agent
+ * whose auto-sensor thread ticks every 200 ms. */
+vxc::Options monitor_session(int test_idx)
+{
+    vxc::Options o = pattern_session(test_idx, kPatternRules, "ALL|20|40\n");
+    std::ofstream(o.session_file, std::ios::app) << "ASReportInterval=1000\nvxMonitorInterval=1000\n";
+    return o;
+}
+
+const std::vector<std::string> kMonitorEnv = {"VX_AS_TICK_MS=200", "VX_AS_RETRY_MS=300"};
+
+}  // namespace
+
+TEST(Monitors, EachIntervalReportsTheTransactionsOfEveryBTOnTheAutoSensorStream)
+{
+    /* Two seconds of traffic on three BTs (one excluded), then quiet until
+     * the stop: every transaction has been folded by then, so the intervals'
+     * records 74 add up to the records 4 of the data stream, BT by BT. */
+    vxc::Options opts = monitor_session(81);
+    opts.stop_after_ms = 5000;
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    e2e::Host host({"urls", "2", "3", "10", "/shop/item/42|GET", "/shop/cart|POST",
+                    "/shop/item/7|GET", "/shop/private|GET", "/shop/item/9|GET"},
+                   vxc.port(), kMonitorEnv);
+    ASSERT_EQ(host.wait(60), 0);
+    vxc.stop();
+
+    vxc.expect_counts("as_connections=1 as_bad_opening=0 as_malformed=0 malformed=0 "
+                      "undeclared_bt=0 as_records_53=0");
+    const auto as = vxc.auto_sensor_connections();
+    ASSERT_EQ(as.size(), 1u);
+    EXPECT_NE(as[0][0].find(";VXCollectorPort=" + std::to_string(vxc.port()) + ",testIdx=81;"),
+              std::string::npos)
+        << as[0][0];
+    const auto times = response_times(session_data(vxc, 81));
+    ASSERT_EQ(times.size(), 2u) << "ItemPage and Cart; the excluded BT counts nowhere";
+
+    struct Sum {
+        long long count = 0, errors = 0, max = 0;
+        double min = 1e18, total = 0;
+    };
+    std::map<long long, Sum> bt;
+    std::map<unsigned long long, long long> bt_count_of, overall_count_of;
+    for (const vxc::BtMonitorRow& r : vxc.bt_monitor()) {
+        if (r.id == 0) {
+            EXPECT_EQ(r.name, "AllTransactions");
+            overall_count_of[r.interval] += r.count;
+            continue;
+        }
+        EXPECT_GT(r.count, 0) << "a BT has a line only in an interval it served: " << r.name;
+        EXPECT_NEAR(r.tps, static_cast<double>(r.count), 1e-6) << "rates per 1 s interval";
+        Sum& s = bt[r.id];
+        s.count += r.count;
+        s.errors += r.errors;
+        s.max = std::max(s.max, r.max);
+        s.min = std::min(s.min, r.min);
+        s.total += r.avg * static_cast<double>(r.count);
+        bt_count_of[r.interval] += r.count;
+    }
+    EXPECT_GE(overall_count_of.size(), 3u) << "an overall line every interval, also idle ones";
+    for (const auto& [interval, n] : bt_count_of)
+        EXPECT_EQ(overall_count_of[interval], n) << "interval " << interval;
+    for (const auto& [id, durations] : times) {
+        SCOPED_TRACE("BT " + std::to_string(id));
+        const Sum& s = bt[id];
+        long long total = 0;
+        for (long long d : durations) total += d;
+        EXPECT_EQ(s.count, static_cast<long long>(durations.size()));
+        EXPECT_EQ(s.errors, 0);
+        EXPECT_EQ(s.min, static_cast<double>(*std::min_element(durations.begin(), durations.end())));
+        EXPECT_EQ(s.max, *std::max_element(durations.begin(), durations.end()));
+        EXPECT_NEAR(s.total, static_cast<double>(total), 0.01 * static_cast<double>(durations.size()));
+    }
+}
+
+TEST(Monitors, AStreamTheCollectorClosesIsOpenedAgainAndGoesOnReporting)
+{
+    vxc::Options opts = monitor_session(82);
+    opts.stop_after_ms = 5000;
+    opts.as_close_after_ms = 1500;
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    e2e::Host host({"urls", "4", "2", "5", "/shop/item/1|GET", "/shop/cart|GET"}, vxc.port(),
+                   kMonitorEnv);
+    ASSERT_EQ(host.wait(60), 0);
+    vxc.stop();
+
+    vxc.expect_counts("as_connections=2 as_closed_by_collector=1 as_bad_opening=0 as_malformed=0");
+    std::set<unsigned> with_traffic;
+    for (const vxc::BtMonitorRow& r : vxc.bt_monitor())
+        if (r.id != 0 && r.count > 0) with_traffic.insert(r.conn);
+    EXPECT_EQ(with_traffic.size(), 2u) << "both connections carried BT lines";
+    EXPECT_EQ(session_data(vxc, 82).back(), "10,") << "the data stream is untouched";
+}
+
+TEST(Monitors, ACollectorThatStopsReadingTheStreamHoldsUpNeitherHostNorDataStream)
+{
+    /* The collector stops reading the auto-sensor stream early; the host's
+     * transactions, the data stream and the stop go on as before. */
+    vxc::Options opts = monitor_session(83);
+    opts.stop_after_ms = 4000;
+    opts.as_stop_reading_after_ms = 300;
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    e2e::Host host({"urls", "2", "2", "0", "/shop/item/1|GET", "/shop/cart|GET"}, vxc.port(),
+                   {"VX_AS_TICK_MS=50"});
+    ASSERT_EQ(host.wait(60), 0);
+    vxc.stop();
+
+    vxc.expect_counts("as_connections=1 as_unread_connections=1 malformed=0 stop_answers=1");
+    const auto lines = session_data(vxc, 83);
+    EXPECT_EQ(count_records(lines, 4), host.number("transactions"));
 }

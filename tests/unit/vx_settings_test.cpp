@@ -137,8 +137,8 @@ TEST_F(Settings, LineRulesDecideWhichLinesSetTheTier)
 TEST_F(Settings, LongLineIsCutAndItsRestIsNotALine)
 {
     /* 2,047 characters fit; the rest of the line must not be read as
-     * "tier=Tail". */
-    std::string line = "server=" + std::string(2040, 's') + "tier=Tail\ntier=Real\n";
+     * "tier=Tail", which would override the tier line before it. */
+    std::string line = "tier=Real\nserver=" + std::string(2040, 's') + "tier=Tail\n";
     EXPECT_EQ(apply(line), 0);
     EXPECT_EQ(strlen(app_->VXBCISetting.appServerName), 2047u - 7u);
     EXPECT_STREQ(app_->VXBCISetting.tierName, "Real");

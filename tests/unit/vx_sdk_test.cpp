@@ -132,15 +132,6 @@ TEST_F(Sdk, BeginAndEndRunOneTransactionWithZeroStatusReportedAs200)
     ASSERT_EQ(r4.size(), 2u);
     EXPECT_EQ(field(r4[1], 2), "503");
     EXPECT_EQ(messages(), Lines{});
-
-    /* At INFO the call's own lines show, its DEBUG line does not. */
-    sdk_log_level = VX_SDK_INFO;
-    h = begin("/sdk/info");
-    ASSERT_NE(h, nullptr);
-    const Lines info = messages();
-    EXPECT_TRUE(info.size() == 2 && info[0].starts_with("INFO|") && info[1].starts_with("INFO|"))
-        << testing::PrintToString(info);
-    vx_bt_end(h, 200, 0, nullptr);
 }
 
 TEST_F(Sdk, RefusedArgumentsAreReportedOnceEachAndBeginWaitsForASession)

@@ -58,17 +58,39 @@ protected:
         ASSERT_EQ(reply.rfind("vx_ctrl_msg_rep:result=Ok;", 0), 0u) << reply;
     }
 
-    /* Asks for a file keyword and reads the header and, when it announces a
-     * size, exactly that many bytes. */
+    /* A session without heartbeats that starts at once, its keywords in
+     * session.txt, its files in the files dir. */
+    vxc::Options session(const std::string& keywords)
+    {
+        vxc::Options o;
+        o.heartbeat_ms = 0;
+        o.start_after_ms = 0;
+        o.files_dir = files_;
+        o.session_file = write_file("session.txt", keywords);
+        return o;
+    }
+
+    /* Asks for a file keyword or a profile and reads the header and, when it
+     * announces a size, exactly that many bytes. */
     void fetch(Client& ctrl, const std::string& request, std::string* header, std::string* body)
     {
         body->clear();
         ASSERT_TRUE(ctrl.send(request));
         ASSERT_TRUE(ctrl.read_line(header));
-        const size_t at = header->find("%3Bsize%3D");
+        size_t at = header->find("%3Bsize%3D"), skip = 10;
+        if (at == std::string::npos) at = header->find(";size="), skip = 6;
         if (at == std::string::npos) return;
-        const size_t size = std::stoul(header->substr(at + 10));
+        const size_t size = std::stoul(header->substr(at + skip));
         ASSERT_TRUE(ctrl.read_bytes(size, body)) << *header;
+    }
+    static std::string file_req(const std::string& keyword)
+    {
+        return "vx_control_req:action=send_file;keyword=" + keyword + ";\n";
+    }
+    static std::string profile_req(const std::string& name)
+    {
+        return "vx_control_req:action=send_instrumentation_profile;status=running;instrProfile=" +
+               name + "\n";
     }
 
     std::string files_;
@@ -83,16 +105,12 @@ TEST_F(Session, StartFetchAnswerAndStop)
     put("bt_rules.txt", rules);
     put("entry.txt", "main|1\n");
     put("profile.txt", profile);
-    vxc::Options o;
-    o.heartbeat_ms = 0;
+    vxc::Options o = session(
+        "testIdx=3\nbciInstrSessionPct=100\nBTRuleConfig=@bt_rules.txt\n"
+        "VXEntryPointsFile=@entry.txt\ninstrProfile=@profile.txt\nmaxCharInSeqBlob=200\n"
+        "klvEpochDiff=1388534400\n");
     o.start_after_ms = 50;
     o.stop_after_ms = 100;
-    o.files_dir = files_;
-    o.session_file = write_file("session.txt",
-                                "testIdx=3\nbciInstrSessionPct=100\n"
-                                "BTRuleConfig=@bt_rules.txt\nVXEntryPointsFile=@entry.txt\n"
-                                "instrProfile=@profile.txt\nmaxCharInSeqBlob=200\n"
-                                "klvEpochDiff=1388534400\n");
     start(o);
 
     Client ctrl(port_);
@@ -111,23 +129,19 @@ TEST_F(Session, StartFetchAnswerAndStop)
      * stop is held, and what the agent reads next are its files. */
     std::this_thread::sleep_for(300ms);
     std::string header, body;
-    fetch(ctrl, "vx_control_req:action=send_file;keyword=BTRuleConfig;\n", &header, &body);
+    fetch(ctrl, file_req("BTRuleConfig"), &header, &body);
     EXPECT_EQ(header, "vx_control_rep:action=file;keyword=BTRuleConfig" + stored("bt_rules.txt"));
     EXPECT_EQ(body, rules);
-    fetch(ctrl, "vx_control_req:action=send_file;keyword=VXEntryPointsFile;\n", &header, &body);
+    fetch(ctrl, file_req("VXEntryPointsFile"), &header, &body);
     EXPECT_EQ(body, "main|1\n");
 
-    ASSERT_TRUE(
-        ctrl.send("vx_control_req:action=send_instrumentation_profile;status=running;"
-                  "instrProfile=profile.txt\n"));
-    ASSERT_TRUE(ctrl.read_line(&header));
+    fetch(ctrl, profile_req("profile.txt"), &header, &body);
     EXPECT_EQ(header,
               "vx_control_rep:action=instrumentation_profile;instrProfile=profile.txt;size=" +
                   std::to_string(profile.size()) + ";lmd=" + mtime("profile.txt") + "000000;");
-    ASSERT_TRUE(ctrl.read_bytes(profile.size(), &body));
     EXPECT_TRUE(body == profile) << "the profile's bytes differ";
 
-    fetch(ctrl, "vx_control_req:action=send_file;keyword=BTTConfig;\n", &header, &body);
+    fetch(ctrl, file_req("BTTConfig"), &header, &body);
     EXPECT_EQ(header, "vx_control_rep:action=FailedBTTConfig - " + files_ + "/BTTConfig")
         << "a keyword the session did not name";
 
@@ -147,10 +161,6 @@ TEST_F(Session, StartFetchAnswerAndStop)
         "starts_sent=1 stops_sent=1 start_answers=1 stop_answers=1 file_requests=3 "
         "profile_requests=1 files_sent=3 failed_file_replies=1 agent_control_lines=8");
     const std::string log = slurp(dir_ + "/vxc-lite.log");
-    EXPECT_NE(log.find("> start: vx_control_req:action=start_instrumentation;status=running;"
-                       "testIdx=3;"),
-              std::string::npos);
-    EXPECT_NE(log.find("> stop: vx_control_req:action=stop_instrumentation;"), std::string::npos);
     EXPECT_NE(log.find("warnings of the start answer: Timeout has occured"), std::string::npos)
         << log;
 }
@@ -161,14 +171,9 @@ TEST_F(Session, ModifyRenamesFilesAndEveryRegistrationStartsAgain)
     put("rules_b.txt", "BB");
     put("entry.txt", "E");
     put("p2.txt", "P2");
-    vxc::Options o;
-    o.heartbeat_ms = 0;
-    o.start_after_ms = 0;
+    vxc::Options o =
+        session("testIdx=4\nBTRuleConfig=@rules_a.txt\nVXEntryPointsFile=@entry.txt\n");
     o.modify_after_ms = 50;
-    o.files_dir = files_;
-    o.session_file = write_file("session.txt",
-                                "testIdx=4\nBTRuleConfig=@rules_a.txt\n"
-                                "VXEntryPointsFile=@entry.txt\n");
     o.modify_file = write_file("modify.txt", "BTRuleConfig=@rules_b.txt\ninstrProfile=@p2.txt\n");
     start(o);
 
@@ -185,15 +190,11 @@ TEST_F(Session, ModifyRenamesFilesAndEveryRegistrationStartsAgain)
         EXPECT_EQ(line, "vx_control_req:action=modify;BTRuleConfig=" + encoded("rules_b.txt") +
                             ";numInstrProfile=1;instrProfile=p2.txt;lmd=" + mtime("p2.txt") +
                             ";size=2;");
-        fetch(ctrl, "vx_control_req:action=send_file;keyword=BTRuleConfig;\n", &header, &body);
+        fetch(ctrl, file_req("BTRuleConfig"), &header, &body);
         EXPECT_EQ(body, "BB") << "the modify's file replaces the start's";
-        fetch(ctrl, "vx_control_req:action=send_file;keyword=VXEntryPointsFile;\n", &header, &body);
+        fetch(ctrl, file_req("VXEntryPointsFile"), &header, &body);
         EXPECT_EQ(body, "E") << "a file the modify does not name stays";
-        ASSERT_TRUE(
-            ctrl.send("vx_control_req:action=send_instrumentation_profile;status=running;"
-                      "instrProfile=/cache/shop/p2.txt\n"));
-        ASSERT_TRUE(ctrl.read_line(&header));
-        ASSERT_TRUE(ctrl.read_bytes(2, &body));
+        fetch(ctrl, profile_req("/cache/shop/p2.txt"), &header, &body);
         EXPECT_EQ(body, "P2") << "a profile asked by a path is found by its last part";
         ASSERT_TRUE(ctrl.send("vx_control_rep:action=modify;result=Ok;\n"));
         ASSERT_TRUE(wait_for_text(dir_, "-control.lines", "action=modify;result=Ok;"));
@@ -202,21 +203,19 @@ TEST_F(Session, ModifyRenamesFilesAndEveryRegistrationStartsAgain)
     expect_summary("starts_sent=2 modifies_sent=2 modify_answers=2 stops_sent=0");
 }
 
-TEST_F(Session, ServedPatternRulesDeclareTheirIdsAndOthers)
+TEST_F(Session, ServedPatternRulesDeclareTheirIdsAndStartOnceStartsOneSession)
 {
     put("bt_rules.txt",
         "# 7|Commented|5|0|/c|0\n5|64\n7|/shop|4|0|/shop*|0\n7|Gone|6|1|/gone|1\n"
         "7|Few|5|0|/few\n");
-    vxc::Options o;
-    o.heartbeat_ms = 0;
-    o.start_after_ms = 0;
-    o.files_dir = files_;
-    o.session_file = write_file("session.txt", "BTRuleConfig=@bt_rules.txt\n");
+    vxc::Options o = session("BTRuleConfig=@bt_rules.txt\n");
+    o.start_once = true;
     start(o);
     Client ctrl(port_);
     register_agent(ctrl);
     std::string line, header, body;
     ASSERT_TRUE(ctrl.read_line(&line));
+    EXPECT_EQ(line.rfind("vx_control_req:action=start_instrumentation;", 0), 0u) << line;
 
     auto record4 = [](int id) {
         return "4,5000,200,10,250000,40," + std::to_string(id) + ",0,,0,-1,1:0_0_0__\n";
@@ -225,10 +224,14 @@ TEST_F(Session, ServedPatternRulesDeclareTheirIdsAndOthers)
     ASSERT_TRUE(data.send(std::string(kOpening) + record4(4)));
     ASSERT_TRUE(wait_for_text(dir_, "-data.lines", "250000,40,4,"));
     /* The start announced the file; its ids count once it is served. */
-    fetch(ctrl, "vx_control_req:action=send_file;keyword=BTRuleConfig;\n", &header, &body);
+    fetch(ctrl, file_req("BTRuleConfig"), &header, &body);
     ASSERT_TRUE(data.send(record4(4) + record4(1) + record4(6) + record4(5) + "10,\n"));
     data.shut();
     ASSERT_TRUE(wait_for_text(dir_, "-data.lines", "\n10,\n"));
+    /* A later registration gets no start. */
+    Client second(port_);
+    register_agent(second);
+    EXPECT_FALSE(second.read_line(&line, 500ms)) << line;
     stop();
 
     const std::string malformed = slurp(dir_ + "/malformed.txt");
@@ -237,29 +240,9 @@ TEST_F(Session, ServedPatternRulesDeclareTheirIdsAndOthers)
     EXPECT_NE(malformed.find("id 5 not declared"), std::string::npos)
         << "a commented or refused line declares nothing\n"
         << malformed;
-    expect_summary("records=6 undeclared_bt=2 bt_declarations=0 bt.1=Others bt.4=/shop bt.6=Gone");
-}
-
-TEST_F(Session, StartOnceGivesLaterRegistrationsNoStart)
-{
-    vxc::Options o;
-    o.heartbeat_ms = 0;
-    o.start_after_ms = 0;
-    o.start_once = true;
-    o.session_file = write_file("session.txt", "testIdx=5\n");
-    start(o);
-    std::string line;
-    {
-        Client first(port_);
-        register_agent(first);
-        ASSERT_TRUE(first.read_line(&line));
-        EXPECT_EQ(line, "vx_control_req:action=start_instrumentation;status=running;testIdx=5;");
-    }
-    Client second(port_);
-    register_agent(second);
-    EXPECT_FALSE(second.read_line(&line, 500ms)) << line;
-    stop();
-    EXPECT_EQ(summary_value("starts_sent"), "1");
+    expect_summary(
+        "records=6 undeclared_bt=2 bt_declarations=0 bt.1=Others bt.4=/shop bt.6=Gone "
+        "starts_sent=1");
 }
 
 TEST_F(Session, RefusedMissingAndDroppedFetches)
@@ -267,16 +250,11 @@ TEST_F(Session, RefusedMissingAndDroppedFetches)
     put("bt_rules.txt", "R");
     put("entry.txt", "E");
     put("profile.txt", "P");
-    vxc::Options o;
-    o.heartbeat_ms = 0;
-    o.start_after_ms = 0;
-    o.files_dir = files_;
+    vxc::Options o = session(
+        "BTRuleConfig=@bt_rules.txt\nVXEntryPointsFile=@entry.txt\nvxMethodMonFile=@missing.txt\n"
+        "instrProfile=@profile.txt\ninstrProfile=@nothere.txt\n");
     o.refuse_files = {"BTRuleConfig", "instrProfile"};
     o.drop_during_fetch = "VXEntryPointsFile";
-    o.session_file = write_file("session.txt",
-                                "BTRuleConfig=@bt_rules.txt\nVXEntryPointsFile=@entry.txt\n"
-                                "vxMethodMonFile=@missing.txt\ninstrProfile=@profile.txt\n"
-                                "instrProfile=@nothere.txt\n");
     start(o);
 
     const std::string refused_rules =
@@ -293,18 +271,15 @@ TEST_F(Session, RefusedMissingAndDroppedFetches)
             << line;
         EXPECT_NE(line.find(";instrProfile=nothere.txt;lmd=1;size=1;"), std::string::npos) << line;
         for (int i = 0; i < 2; ++i) {
-            fetch(ctrl, "vx_control_req:action=send_file;keyword=BTRuleConfig;\n", &header, &body);
+            fetch(ctrl, file_req("BTRuleConfig"), &header, &body);
             EXPECT_EQ(header, refused_rules) << "refused every time, though present";
         }
-        fetch(ctrl, "vx_control_req:action=send_file;keyword=vxMethodMonFile;\n", &header, &body);
+        fetch(ctrl, file_req("vxMethodMonFile"), &header, &body);
         EXPECT_EQ(header,
                   "vx_control_rep:action=FailedvxMethodMonFile - " + files_ + "/missing.txt");
-        ASSERT_TRUE(
-            ctrl.send("vx_control_req:action=send_instrumentation_profile;"
-                      "status=running;instrProfile=profile.txt\n"));
-        ASSERT_TRUE(ctrl.read_line(&header));
+        fetch(ctrl, profile_req("profile.txt"), &header, &body);
         EXPECT_EQ(header, refused_profile + "profile.txt");
-        ASSERT_TRUE(ctrl.send("vx_control_req:action=send_file;keyword=VXEntryPointsFile;\n"));
+        ASSERT_TRUE(ctrl.send(file_req("VXEntryPointsFile")));
         EXPECT_TRUE(ctrl.closed_by_peer()) << "the fetch named by --drop-during-fetch";
     }
     /* The agent comes back: a new session, and the dropped fetch is answered. */
@@ -312,13 +287,10 @@ TEST_F(Session, RefusedMissingAndDroppedFetches)
     register_agent(again);
     ASSERT_TRUE(again.read_line(&line));
     EXPECT_EQ(line.rfind("vx_control_req:action=start_instrumentation;", 0), 0u) << line;
-    fetch(again, "vx_control_req:action=send_file;keyword=VXEntryPointsFile;\n", &header, &body);
+    fetch(again, file_req("VXEntryPointsFile"), &header, &body);
     EXPECT_EQ(header, "vx_control_rep:action=file;keyword=VXEntryPointsFile" + stored("entry.txt"));
     EXPECT_EQ(body, "E");
-    ASSERT_TRUE(
-        again.send("vx_control_req:action=send_instrumentation_profile;"
-                   "status=running;instrProfile=nothere.txt\n"));
-    ASSERT_TRUE(again.read_line(&header));
+    fetch(again, profile_req("nothere.txt"), &header, &body);
     EXPECT_EQ(header, refused_profile + "nothere.txt");
     stop();
     expect_summary(

@@ -151,8 +151,6 @@ TEST_F(Message, CountGivenByTheFileIsKeptAndOtherHeadsAreUsed)
               "vx_control_req:action=modify;numInstrProfile=1;instrProfile=NA;\n");
     EXPECT_EQ(vxc::build_message(vxc::kStartHead, {}, dir_).line,
               "vx_control_req:action=start_instrumentation;status=running;\n");
-    EXPECT_EQ(vxc::stop_line(),
-              "vx_control_req:action=stop_instrumentation;status=stopping;setthresholdTime=0;\n");
 }
 
 TEST(AgentLines, RequestsAnswersAndOthersAreToldApart)

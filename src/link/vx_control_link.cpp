@@ -58,6 +58,12 @@ std::atomic<vx::ControlMessageFn> g_handler{nullptr};
 
 namespace vx {
 
+bool control_closing(const VXProxyInstance_t* app)
+{
+    return !vx_in_proxy_process() &&
+           (vx::load_relaxed(app->VXSys.closeCtrlConFlag) || vx::load_relaxed(closeCtrlThread));
+}
+
 void control_set_message_handler(ControlMessageFn fn) { g_handler.store(fn, std::memory_order_release); }
 
 void control_message_dispatch(char* line)

@@ -295,6 +295,22 @@ VX_API void sdk_free_memory(char* str) VX_NOEXCEPT;
 VX_API int enableLOGGERFromPH(void) VX_NOEXCEPT;
 /* Hand over a garbage-collection report; `id` is the host's report number. */
 VX_API void sdk_sendGCReport(int id, char* GC_report) VX_NOEXCEPT;
+/*
+ * The host's thread sampler reports what it found. sendHotSpotRecord hands
+ * over one hot spot: the thread's id (its name is not used), when the hot
+ * spot began and how long it lasted (ms), whether it is new, the thread's
+ * state, priority and stack depth, the sample's time, the flowpath and the
+ * stack text (lines and commas are rewritten in a copy). setHotSpotDuration
+ * counts one hot spot of `time` ms into the interval's summary and gives the
+ * process's thread count (a time of 0 gives the count only). Both do nothing
+ * while no session runs; any text may be NULL.
+ */
+VX_API void sendHotSpotRecord(long long ThreadID, char* ThreadName, long long hotSpotStartTime,
+                              long long hotSpotDuration, char isNewHotspot, char* ThreadState,
+                              int ThreadPriority, int ThreadStackDepth, long long timeStamp,
+                              char* fpi, char* stackTrace, long long flowpathId) VX_NOEXCEPT;
+VX_API void setHotSpotDuration(long long time, char isNewHotspot,
+                               int totalNumOfThreads) VX_NOEXCEPT;
 /* Hand over one result line of a loaded-class discovery. */
 VX_API void wraphandleMessageForDiscovery(char* data) VX_NOEXCEPT;
 /* Write `str` to the agent's trace log at error severity. */

@@ -21,6 +21,8 @@
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
+#include "diag/vx_autosensor_thread.h"
+#include "diag/vx_thread_reports.h"
 #include "agent/vx_trace_setup.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
@@ -129,6 +131,7 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
     VXTraceInit(gProcessName, gPool);
     /* STAND-IN(percentiles): the digests initialise here. */
     VXBCISettingInit();
+    VXASSettingInit();
 
     if (!startedWithExc) {
         initializeVXApplicationGlobal();
@@ -209,10 +212,13 @@ extern "C" void checkAllConnectionsReadyToClose(void)
      * seconds, and a clean stop returns at once. */
     constexpr int kStepMs = 50;
     for (int waited = 0; waited < vx::kShutdownWaitSeconds * 1000; waited += kStepMs) {
-        if (app && app->VXBCISetting.autoSensor_thread_running == 0) app->toStopASThread = 0;
+        if (app && vx::load_acquire(app->VXBCISetting.autoSensor_thread_running) == 0)
+            vx::store_relaxed(app->toStopASThread, 0);
         /* Acquire: once the thread cleared the flag, all it did before
          * ending is seen by the caller of agent_shutdown. */
-        if (vx::load_acquire(closeCtrlThread) == 0 && (!app || app->toStopASThread == 0)) break;
+        if (vx::load_acquire(closeCtrlThread) == 0 &&
+            (!app || vx::load_relaxed(app->toStopASThread) == 0))
+            break;
         apr_sleep(apr_time_from_msec(kStepMs));
     }
 }
@@ -222,7 +228,7 @@ extern "C" void agent_shutdown(void) VX_NOEXCEPT
     VXProxyInstance_t* app = tlvxApplication;
     if (!app) return;
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "closing all connections");
-    app->toStopASThread = 1;
+    setToStopThread(1);
     vx::store_relaxed(app->VXSys.closeCtrlConFlag, 1);
     checkAllConnectionsReadyToClose();
     VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "closing all connections done");

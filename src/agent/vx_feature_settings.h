@@ -25,16 +25,6 @@ struct VXMonitorSettings_t {
     char tDigestPercentileIP[kFeatureTextSize];
 };
 
-/* STAND-IN(thread-reports) */
-struct VXASSettings_t {
-    int sampleInterval;
-    int reportInterval;
-    int thresholdMatchCount;
-    int stackCompareDepth;
-    int reportDumpMode;
-    int enableHotspotRecord;
-};
-
 /* STAND-IN(auto-instrumentation): direct keywords fill the first six members. */
 struct VXAutoInstrumentation_t {
     int autoInstrMapSize;

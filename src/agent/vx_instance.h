@@ -26,6 +26,7 @@
 #include "bt/vx_bt_object.h"
 #include "bt/vx_bt_rule_file.h"
 #include "core/vx_retire_list.h"
+#include "diag/vx_thread_reports.h"
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_feature_settings.h"
 #include "core/vx_limits.h"
@@ -35,6 +36,7 @@
 #include "link/vx_collector_list.h"
 #include "link/vx_control_link.h"
 #include "link/vx_as_buffers.h"
+#include "link/vx_as_link.h"
 #include "link/vx_data_buffers.h"
 #include "session/vx_file_keywords.h"
 #include "session/vx_server.h"
@@ -74,6 +76,7 @@ struct VXProxyInstance_t {
     VXControlLink_t controlLink;   /* control connection, collector list, failover */
     VXDataChannel_t dataChannel;   /* data connection and its buffer lists */
     VXAutoSensorChannel_t asChannel; /* auto-sensor buffer lists */
+    VXAutoSensorLink_t asLink;       /* auto-sensor connection and thread */
     VXBCISetting_t VXBCISetting;   /* identity, collector address, request lines */
     VXSys_t VXSys;                 /* tunables and trace levels */
 
@@ -85,7 +88,10 @@ struct VXProxyInstance_t {
 
     int processID;
 
+    /* The auto-sensor thread: asked to stop (atomic), and its reports. */
     int toStopASThread;
+    VXASSettings_t vxAutoSensorUsingStackTrace;
+    VXThreadReports_t asReports;
 
     VXMethodTable_t methodTable;   /* method table and its lock */
 
@@ -110,7 +116,6 @@ struct VXProxyInstance_t {
 
     /* Settings of features built later, filled by the collector's keywords. */
     VXMonitorSettings_t monitorSettings;
-    VXASSettings_t asSettings;
     VXAutoInstrumentation_t vxAutoInstrumentation;
     VXInterfaceProcessor_t VXInterfaceProcessor;
     VXDynamicSettings_t vxDynamicSettings;

@@ -50,6 +50,19 @@ inline constexpr int kProxyControlPollSeconds = 10;
 inline constexpr int kReplyCopySize = 512;          /* parse_policy_from_clientMsg copies this much */
 inline constexpr int kMetaDrainSeconds = 5;         /* free_agent_data: in-flight method events drain */
 
+/* Auto-sensor channel and its thread. */
+inline constexpr int kASTickMs = 10000;             /* one pass of the thread's report loop */
+inline constexpr int kASTickMinMs = 50;             /* VX_AS_TICK_MS is held to 50..10,000 */
+inline constexpr int kASRetryMs = 60000;            /* wait before a new auto-sensor connection */
+inline constexpr int kASSleepStepMs = 100;          /* the thread sees stop flags this often */
+inline constexpr int kASStartWaitMs = 2000;         /* a start waits this long for a stopping thread */
+inline constexpr int kASSendTimeoutSeconds = 5;     /* the thread's blocking sends give up after this */
+inline constexpr int kASFlushPasses = 100;          /* flushData: sender passes at most */
+inline constexpr int kASWorkBufferSize = 65536;     /* the monitors' rows of one pass */
+inline constexpr int kASReportBufferSize = 4096;    /* record 53, the garbage-collection report */
+inline constexpr int kHotSpotRecordSize = 131072;   /* record 52, cut at 131,071 bytes */
+inline constexpr int kASVectorPrefixSize = 128;     /* vectorPrefix_ID, vectorPrefixHtsp */
+
 /* Numbers the collector sends that size memory, a count or a time. Each is
  * checked where it is parsed; a value outside its range is refused with a
  * log line and the previous value kept. */

@@ -40,8 +40,8 @@ extern "C" void handleCollectorHeartBeat(char* clientMsg)
                 VX_TRACE(sys.controlTraceLevel, 1, "CONTROL_THREAD",
                          "Data connection is closed from VXC.");
         } else if (strcmp(key, "AutosensorConnState") == 0) {
-            sys.autosensorConnState = atoi(value);
-            if (sys.autosensorConnState == 0)
+            vx::store_relaxed(sys.autosensorConnState, atoi(value));
+            if (vx::load_relaxed(sys.autosensorConnState) == 0)
                 VX_TRACE(sys.controlTraceLevel, 1, "CONTROL_THREAD",
                          "AutoSensor connection is closed from VXC.Going to closing auto sensor "
                          "connection.");
@@ -49,7 +49,7 @@ extern "C" void handleCollectorHeartBeat(char* clientMsg)
     }
     VX_TRACE(sys.controlTraceLevel, 2, "CONTROL_THREAD",
              "Value of dataConnState = %d, autosensorConnState = %d.",
-             vx::load_relaxed(sys.dataConnState), sys.autosensorConnState);
+             vx::load_relaxed(sys.dataConnState), vx::load_relaxed(sys.autosensorConnState));
 }
 
 namespace {
@@ -57,6 +57,12 @@ std::atomic<vx::ControlMessageFn> g_handler{nullptr};
 }  // namespace
 
 namespace vx {
+
+bool control_closing(const VXProxyInstance_t* app)
+{
+    return !vx_in_proxy_process() &&
+           (vx::load_relaxed(app->VXSys.closeCtrlConFlag) || vx::load_relaxed(closeCtrlThread));
+}
 
 void control_set_message_handler(ControlMessageFn fn) { g_handler.store(fn, std::memory_order_release); }
 

@@ -63,7 +63,14 @@ int controlConnectionSendBuffer(char* buffer, int len);
 int controlConnectionSendText(const char* text);
 }
 
+struct VXProxyInstance_t;
+
 namespace vx {
+
+/* Whether the control side is closing (closeCtrlConFlag, or shutdown's
+ * closeCtrlThread), which ends the data and auto-sensor threads too. Never
+ * in the proxy process, whose channels outlive one agent's control link. */
+bool control_closing(const VXProxyInstance_t* app);
 
 /* Receives one command line without its line feed; may cut it in place.
  * Runs on the control thread. */

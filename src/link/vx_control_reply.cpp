@@ -64,7 +64,7 @@ int reply_ok(VXProxyInstance_t* app, const std::string& line)
 {
     if (vx::starts_with(line.c_str(), kReplyNotRunning)) {
         vx::store_relaxed(app->Server.retryForDataConn, 0);
-        app->Server.retryForAutoSensorConn = 0;
+        vx::store_relaxed(app->Server.retryForAutoSensorConn, 0);
     } else if (vx::starts_with(line.c_str(), kReplyRunning)) {
         vx::store_relaxed(app->Server.retryForDataConn, 1);
     } else if (!vx::starts_with(line.c_str(), kReplyOk)) {

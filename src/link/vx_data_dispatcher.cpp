@@ -35,11 +35,6 @@ nioSettings_t* next_to_send(VXProxyInstance_t* app)
     return app->dataChannel.VXCollectorBB;
 }
 
-bool connection_broken(apr_status_t rv)
-{
-    return APR_STATUS_IS_EOF(rv) || APR_STATUS_IS_EPIPE(rv) || APR_STATUS_IS_ECONNRESET(rv);
-}
-
 /* Write a small record through dumpData, cut to the metadata bound. */
 void dump_text_record(const char* format, int number, const char* text)
 {
@@ -104,7 +99,7 @@ extern "C" int processData(void)
         while (node->use_len - node->send_len > 0) {
             apr_size_t len = static_cast<apr_size_t>(node->use_len - node->send_len);
             const apr_status_t rv = apr_socket_send(app->dataChannel.dataSkt.skt, node->buff + node->send_len, &len);
-            if (connection_broken(rv)) {
+            if (vx::connection_broken(rv)) {
                 char err[256];
                 VX_ERROR("DATA_THREAD", "Error = %s, dataLen = %d",
                          apr_strerror(rv, err, sizeof err), static_cast<int>(len));

@@ -27,27 +27,6 @@ thread_local apr_thread_t* tl_data_thread = nullptr;
 
 constexpr int kDataSendTimeoutSeconds = 5;
 
-/* Whether the control side is closing, which ends the data thread too. */
-bool control_closing(const VXProxyInstance_t* app)
-{
-    return !vx_in_proxy_process() &&
-           (vx::load_relaxed(app->VXSys.closeCtrlConFlag) || vx::load_relaxed(closeCtrlThread));
-}
-
-/* The peer of the data connection: the proxy, or the active collector. */
-void data_target(VXProxyInstance_t* app, char** host, int* port)
-{
-    *host = nullptr;
-    *port = 0;
-    if (vx_agent_behind_proxy(app)) {
-        *host = app->VXSys.proxyIP;
-        *port = app->VXSys.proxyPort;
-    } else if (app->controlLink.active_vxc) {
-        *host = app->controlLink.active_vxc->vxc_host;
-        *port = static_cast<int>(app->controlLink.active_vxc->vxc_port);
-    }
-}
-
 void sleep_ms(long long ms) { apr_sleep(apr_time_from_msec(ms)); }
 
 /* The records that open a connection to the collector. */
@@ -97,7 +76,7 @@ extern "C" int create_data_conn(char* error_buf, int error_buf_len)
     VXProxyInstance_t* app = vx_app();
     char* host = nullptr;
     int port = 0;
-    data_target(app, &host, &port);
+    vx::channel_peer(app, &host, &port);
     if (!host) {
         vx::copy_text(error_buf, static_cast<size_t>(error_buf_len), "no collector address");
         return -1;
@@ -118,16 +97,7 @@ extern "C" int create_data_conn(char* error_buf, int error_buf_len)
 extern "C" void get_data_ip_and_port(void)
 {
     VXProxyInstance_t* app = vx_app();
-    socketInfo_t& d = app->dataChannel.dataSkt;
-    char ip[64] = "";
-    int port = 0;
-    if (d.skt && get_src_addr(d.skt, ip, sizeof ip, &port) == 0) {
-        vx::copy_text(d.sourceIp, sizeof d.sourceIp, ip);
-        d.srcPort = port;
-    }
-    char* host;
-    data_target(app, &host, &d.dstPort);
-    vx::copy_text(d.dstIp, sizeof d.dstIp, host);
+    vx::channel_addresses(app, app->dataChannel.dataSkt);
 }
 
 extern "C" bool send_data_con_req_msg_to_vxc(void)
@@ -269,11 +239,11 @@ extern "C" void* APR_THREAD_FUNC start_data_thread(apr_thread_t* thread, void* d
     for (;;) {
         vx::store_relaxed(app->VXSys.dataConnState, 0);
         if (app->dataChannel.dataSkt.skt || app->dataChannel.dataSkt.lws_handler.wsi) close_data_connection();
-        if (control_closing(app)) clean_data_thread();
+        if (vx::control_closing(app)) clean_data_thread();
 
         char err[256] = "";
         if (create_data_conn(err, sizeof err) == 0) {
-            if (control_closing(app)) clean_data_thread();
+            if (vx::control_closing(app)) clean_data_thread();
             get_data_ip_and_port();
             if (app->dataChannel.dataSkt.skt) {
                 apr_socket_opt_set(app->dataChannel.dataSkt.skt, APR_SO_NONBLOCK, 0);
@@ -296,7 +266,7 @@ extern "C" void* APR_THREAD_FUNC start_data_thread(apr_thread_t* thread, void* d
         } else {
             char* host;
             int port;
-            data_target(app, &host, &port);
+            vx::channel_peer(app, &host, &port);
             VX_ERROR("DATA_THREAD", "Error while creating the data connection with %s:%d. Error %s\n",
                      host ? host : "", port, err);
         }

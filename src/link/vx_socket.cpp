@@ -187,3 +187,34 @@ extern "C" int get_dst_addr(apr_socket_t* skt, char* ip, int ip_len, int* port)
 {
     return get_ip_port(skt, ip, ip_len, port, 1);
 }
+
+bool vx::connection_broken(apr_status_t rv)
+{
+    return APR_STATUS_IS_EOF(rv) || APR_STATUS_IS_EPIPE(rv) || APR_STATUS_IS_ECONNRESET(rv);
+}
+
+void vx::channel_peer(VXProxyInstance_t* app, char** host, int* port)
+{
+    *host = nullptr;
+    *port = 0;
+    if (vx_agent_behind_proxy(app)) {
+        *host = app->VXSys.proxyIP;
+        *port = app->VXSys.proxyPort;
+    } else if (app->controlLink.active_vxc) {
+        *host = app->controlLink.active_vxc->vxc_host;
+        *port = static_cast<int>(app->controlLink.active_vxc->vxc_port);
+    }
+}
+
+void vx::channel_addresses(VXProxyInstance_t* app, socketInfo_t& s)
+{
+    char ip[64] = "";
+    int port = 0;
+    if (s.skt && get_src_addr(s.skt, ip, sizeof ip, &port) == 0) {
+        vx::copy_text(s.sourceIp, sizeof s.sourceIp, ip);
+        s.srcPort = port;
+    }
+    char* host;
+    channel_peer(app, &host, &s.dstPort);
+    vx::copy_text(s.dstIp, sizeof s.dstIp, host);
+}

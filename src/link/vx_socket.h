@@ -76,4 +76,22 @@ int get_src_addr(apr_socket_t* skt, char* ip, int ip_len, int* port);
 int get_dst_addr(apr_socket_t* skt, char* ip, int ip_len, int* port);
 }
 
+struct VXProxyInstance_t;
+
+namespace vx {
+
+/* A send status that means the peer is gone: end of file, broken pipe or
+ * reset. The unsent rest stays with the sender for the next connection. */
+bool connection_broken(apr_status_t rv);
+
+/* The peer of the data and auto-sensor connections: the local proxy for an
+ * agent behind one, else the active collector. Null host without either. */
+void channel_peer(VXProxyInstance_t* app, char** host, int* port);
+
+/* Fill the addresses of a data or auto-sensor connection: the source from
+ * its socket (when it has one), the destination from channel_peer. */
+void channel_addresses(VXProxyInstance_t* app, socketInfo_t& s);
+
+}  // namespace vx
+
 #endif

@@ -15,8 +15,10 @@
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
+#include "diag/vx_autosensor_thread.h"
 #include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
+#include "link/vx_as_link.h"
 #include "link/vx_control_thread.h"
 #include "link/vx_data_dispatcher.h"
 #include "link/vx_data_thread.h"
@@ -84,7 +86,7 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
     synchronise_time(srv);
     ++srv.numberOfTestRunsTillNow;
     vx::store_relaxed(srv.retryForDataConn, 1);
-    srv.retryForAutoSensorConn = 1;
+    vx::store_relaxed(srv.retryForAutoSensorConn, 1);
     setAllFlagAndCountVars();
     srv.InstrumentationBusy = 1;
     vx::call_host("test_status", test_status_func, 1);
@@ -185,22 +187,25 @@ extern "C" void handleStartInstrumentationCase(char*)
         (vx::load_relaxed(app->VXSys.closeCtrlConFlag) == 1 || vx::load_relaxed(closeCtrlThread)))
         return;
     /* Host threads write records the moment the flag is up: the buffers
-     * and their locks are made first, and the release publishes them. */
+     * and their locks of both channels are made first, and the release
+     * publishes them. */
     vx::prepare_data_channel();
+    VXAutoSensorUsingStackTraceInit();
     vx::store_release(app->Server.testRunRunning, 1);
     check_data_thread();
-    /* STAND-IN(thread-reports, log-forwarder): the auto-sensor and
-     * log threads start here once they exist. */
+    create_autoSensor_thread();
+    /* STAND-IN(log-forwarder): the log thread starts here once it exists. */
 }
 
 extern "C" void handleStoppingCaseAtStopInstrumentCase(void)
 {
     VXProxyInstance_t* app = vx_app();
     dumpVxDataOverRecord();
+    setToStopThread(1); /* the auto-sensor thread flushes and ends */
     vx::call_host("test_status", test_status_func, 0);
     vx::store_release(app->Server.testRunRunning, 0);
     vx::store_relaxed(app->Server.retryForDataConn, 0);
-    app->Server.retryForAutoSensorConn = 0;
+    vx::store_relaxed(app->Server.retryForAutoSensorConn, 0);
     vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 0);
     app->Server.InstrumentationBusy = 0;
 }

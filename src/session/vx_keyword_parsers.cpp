@@ -130,25 +130,6 @@ extern "C" void setDBIPName(char* value, char*, int)
     copy_feature_text(app()->VXSQLProcessor.DBIPName, none(value) ? "DB_SQLDB" : value);
 }
 
-extern "C" void setThreadSampleInterval(char* value, char* keyword, int)
-{
-    set_in(keyword, value, 0, vx::kDayMs, &app()->asSettings.sampleInterval);
-}
-extern "C" void setThreadReportInterval(char* value, char* keyword, int)
-{
-    set_in(keyword, value, 0, vx::kDayMs, &app()->asSettings.reportInterval);
-}
-extern "C" void setThresholdMatchCount(char* value, char* keyword, int)
-{
-    set_in(keyword, value, 0, INT_MAX, &app()->asSettings.thresholdMatchCount);
-}
-extern "C" void setThreadStackCompareDepth(char* value, char* keyword, int)
-{
-    set_in(keyword, value, 0, vx::kStackDepthMax, &app()->asSettings.stackCompareDepth);
-}
-extern "C" void setThreadReportDumpMode(char* value, char*, int) { app()->asSettings.reportDumpMode = atoi(value); }
-extern "C" void setASEnableHotspotRecord(char* value, char*, int) { app()->asSettings.enableHotspotRecord = atoi(value); }
-
 extern "C" void setVXMonitorInterval(char* value, char* keyword, int)
 {
     errno = 0;

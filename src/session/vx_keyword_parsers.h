@@ -2,6 +2,8 @@
  * Parsers of the keyword table: each interprets one keyword's value itself
  * (value, keyword, row index). Multi-valued keywords separate their
  * sub-values with "%20". A bad value is logged and the old one kept.
+ * Features built in their own units keep their parsers there (the thread
+ * reports' AS* keywords: diag/vx_thread_reports.h).
  */
 #ifndef VX_KEYWORD_PARSERS_H
 #define VX_KEYWORD_PARSERS_H
@@ -14,12 +16,6 @@ void setKlvEpochDiff(char* value, char* keyword, int index);
 void parseEnableCPUTime(char* value, char* keyword, int index);
 void sethbWDir(char* value, char* keyword, int index);
 void setDBIPName(char* value, char* keyword, int index);
-void setThreadSampleInterval(char* value, char* keyword, int index);
-void setThreadReportInterval(char* value, char* keyword, int index);
-void setThresholdMatchCount(char* value, char* keyword, int index);
-void setThreadStackCompareDepth(char* value, char* keyword, int index);
-void setThreadReportDumpMode(char* value, char* keyword, int index);
-void setASEnableHotspotRecord(char* value, char* keyword, int index);
 void setVXMonitorInterval(char* value, char* keyword, int index);
 void parseBTMonitorKeyword(char* value, char* keyword, int index);
 void parseMaxBTCount(char* value, char* keyword, int index);

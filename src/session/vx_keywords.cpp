@@ -12,6 +12,7 @@
 #include "core/vx_atomic.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
+#include "diag/vx_thread_reports.h"
 #include "flowpath/vx_method_table.h"
 #include "session/vx_control_dispatch.h"
 #include "session/vx_file_keywords.h"
@@ -368,11 +369,12 @@ extern "C" void vxlb_init_all_keywords(void)
     srv.startInstrRespBuffer[0] = '\0';
     srv.startInstrRespBufferCnt = 0;
     vx::store_relaxed(sys.dataConnState, 1);
-    sys.autosensorConnState = 1;
+    vx::store_relaxed(sys.autosensorConnState, 1);
     vx::store_relaxed(srv.isTenRecordDump, 0);
-    /* STAND-IN(exceptions, thread-reports, sql): their
-     * settings start again here once they exist. */
+    /* STAND-IN(exceptions, sql): their settings start again here once they
+     * exist. */
     app->monitorSettings.vxVectorSeperator = '>';
+    VXASSettingInit();
     memset(&app->httpSettings.vxHttpReqCaptureSettings, 0, sizeof(VXHttpReqRespCaptureSettings_t));
     memset(&app->httpSettings.vxHttpRespCaptureSettings, 0, sizeof(VXHttpReqRespCaptureSettings_t));
     setDefaultCriticalFile();

@@ -5,6 +5,7 @@
 #include "core/vx_hashmap.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
+#include "diag/vx_autosensor_thread.h"
 #include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
@@ -48,6 +49,7 @@ void session_start(int testIdx, long long klvEpochDiffTime, SessionData data)
     vx::store_relaxed(app->Server.klvEpochDiffTime, klvEpochDiffTime);
     vx::store_relaxed(app->Server.gettingstopInstrumenatation, 0);
     vx::store_relaxed(app->Server.retryForDataConn, 1);
+    vx::store_relaxed(app->Server.retryForAutoSensorConn, 1);
     app->Server.InstrumentationBusy = 1;
     vx::store_release(app->Server.testRunRunning, 1);
     if (data == SessionData::kDataThread) check_data_thread();
@@ -59,9 +61,10 @@ void session_stop()
     if (!app) return;
     if (g_mode == SessionData::kDataThread) {
         dumpVxDataOverRecord();
+        setToStopThread(1);
         vx::store_release(app->Server.testRunRunning, 0);
         vx::store_relaxed(app->Server.retryForDataConn, 0);
-        app->Server.retryForAutoSensorConn = 0;
+        vx::store_relaxed(app->Server.retryForAutoSensorConn, 0);
         vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 0);
         app->Server.InstrumentationBusy = 0;
         return;

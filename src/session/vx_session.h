@@ -21,10 +21,11 @@ enum class SessionData {
 void session_start(int testIdx, long long klvEpochDiffTime,
                    SessionData data = SessionData::kTapOnly);
 
-/* Close the session. With the data thread: record 10 goes out and the flags
- * fall; the data thread writes what is still open, flushes, frees the
- * session's tables and ends by itself. Without: every open flowpath is
- * closed (type 7), the flags fall and the method table is retired here. */
+/* Close the session. With the data thread: record 10 goes out, an
+ * auto-sensor thread is asked to stop and the flags fall; the data thread
+ * writes what is still open, flushes, frees the session's tables and ends by
+ * itself. Without: every open flowpath is closed (type 7), the flags fall
+ * and the method table is retired here. */
 void session_stop();
 
 }  // namespace vx

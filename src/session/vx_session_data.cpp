@@ -6,9 +6,11 @@
 #include "bt/vx_bt_object.h"
 #include "core/vx_atomic.h"
 #include "core/vx_record_door.h"
+#include "diag/vx_autosensor_thread.h"
 #include "flowpath/vx_method_announce.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
+#include "link/vx_as_link.h"
 #include "link/vx_control_link.h"
 #include "link/vx_control_thread.h"
 #include "session/vx_control_dispatch.h"
@@ -48,4 +50,5 @@ void vx::session_register_hooks()
     vx::data_hook_register(vx::DataHook::kConnected, replay_metadata);
     vx::data_hook_register(vx::DataHook::kStopping, dumpFpFromBusyList);
     vx::data_hook_register(vx::DataHook::kSessionFree, free_agent_data);
+    vx::as_thread_set_body(start_autoSensor_thread);
 }

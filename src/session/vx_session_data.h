@@ -5,7 +5,8 @@
  * run at its own moments: each command line from the collector goes to the
  * dispatcher; a new data connection replays the metadata the collector must
  * know; the end of a session's data writes the flowpaths still open and
- * retires the session's tables.
+ * retires the session's tables; the auto-sensor thread runs the thread
+ * reports' loop.
  */
 #ifndef VX_SESSION_DATA_H
 #define VX_SESSION_DATA_H

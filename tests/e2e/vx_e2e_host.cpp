@@ -30,6 +30,11 @@
  *
  * Until the collector starts sessions itself, the session is opened here by
  * raising its flags and starting the data thread.
+ *
+ * The agent reads its environment as any host's agent does; a test that
+ * needs several auto-sensor intervals quickly passes VX_AS_TICK_MS and
+ * VX_AS_RETRY_MS (see diag/vx_autosensor_thread.h) in the host's extra
+ * environment.
  */
 #include <apr_time.h>
 

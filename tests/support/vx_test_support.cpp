@@ -10,7 +10,10 @@
 
 #include "agent/vx_instance.h"
 #include "core/vx_platform.h"
+#include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
+#include "diag/vx_autosensor_thread.h"
+#include "link/vx_as_link.h"
 #include "link/vx_data_dispatcher.h"
 #include "session/vx_session.h"
 #include "vx_sdk.h"
@@ -151,6 +154,37 @@ void FrozenClock::set(long long now_ms, long long cpu_ns)
 }
 
 void FrozenClock::advance_ms(long long ms) { g_now_ms += ms; }
+
+ASChannelScope::ASChannelScope()
+{
+    VXAutoSensorUsingStackTraceInit();
+}
+
+ASChannelScope::~ASChannelScope()
+{
+    VXProxyInstance_t* app = agent();
+    closeAutoSensorConnection();
+    for (nioSettings_t* head : {app->asChannel.writeListAS, app->asChannel.readListAS})
+        while (nioSettings_t* n = head) head = n->next, free(n->buff), free(n);
+    if (app->asChannel.autoSensor_pool) apr_pool_destroy(app->asChannel.autoSensor_pool);
+    app->asChannel = VXAutoSensorChannel_t{};
+    app->asReports = VXThreadReports_t{};
+    app->asLink = VXAutoSensorLink_t{};
+}
+
+std::string ASChannelScope::take()
+{
+    VXAutoSensorChannel_t& ch = agent()->asChannel;
+    vx::VXLockGuard write(ch.bufferWriteLockAS);
+    std::string out;
+    for (nioSettings_t* head : {ch.readListAS, ch.writeListAS})
+        for (nioSettings_t* n = head; n; n = n->next) {
+            out.append(n->buff + n->send_len, static_cast<size_t>(n->use_len - n->send_len));
+            n->use_len = n->send_len = 0;
+        }
+    while (ch.readListAS) moveToASWriteList();
+    return out;
+}
 
 SessionScope::SessionScope(int testIdx, long long klvEpochDiffTime)
 {

@@ -116,6 +116,19 @@ public:
     static void advance_ms(long long ms);
 };
 
+/* The auto-sensor channel for the length of a scope, made as a session
+ * start makes it (VXAutoSensorUsingStackTraceInit); at the end its
+ * connection is closed, its buffers freed and its state zeroed, so the next
+ * test finds none. No auto-sensor thread may outlive the scope. */
+class ASChannelScope {
+public:
+    ASChannelScope();
+    ~ASChannelScope();
+    /* The bytes the ring holds and has not sent, oldest first; the ring is
+     * emptied. */
+    std::string take();
+};
+
 /* Opens a session on construction and closes it (closing every flowpath still
  * open) on destruction; restores the VXSys values tests commonly change. */
 class SessionScope {

@@ -42,7 +42,7 @@ protected:
         app_->Server = saved_->Server;
         app_->VXSys = saved_->VXSys;
         app_->VXFlowpathGenerator = saved_->VXFlowpathGenerator;
-        app_->asSettings = saved_->asSettings;
+        app_->vxAutoSensorUsingStackTrace = saved_->vxAutoSensorUsingStackTrace;
         app_->controlLink.retry_policy = saved_->controlLink.retry_policy;
         app_->controlLink.vx_dr_state = saved_->controlLink.vx_dr_state;
         app_->config.max_bt_count = saved_->config.max_bt_count;
@@ -82,7 +82,7 @@ TEST_F(HostileNumbers, OutOfRangeIsRefusedAndTheTopOfEachRangeTaken)
         {"vxcHeartBeatThreshold=0", AT(VXSys.vxcHeartBeatThreshold), kKept},
         {"BCITraceMaxSize=-5000000000", AT(VXSys.traceMaxSize), kKept},
         {"maxBTCount=100000", AT(config.max_bt_count), kKept},
-        {"ASSampleInterval=-1", AT(asSettings.sampleInterval), kKept},
+        {"ASSampleInterval=-1", AT(vxAutoSensorUsingStackTrace.threadSampleInterval), kKept},
         {"enableVXSession=1%2099999%200", AT(VXSys.methodExitDepth2SetCookie), kKept},
         {"enableVXSession=1%201%200%200%20c%20d%20-5000%20-3",
          [](I* a) -> long long {

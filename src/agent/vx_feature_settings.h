@@ -11,20 +11,6 @@
 
 inline constexpr int kFeatureTextSize = 256;
 
-/* STAND-IN(monitors, percentiles) */
-struct VXMonitorSettings_t {
-    long long vxMonitorInterval; /* ms */
-    int vxMonitorIntervalInSecs;
-    char vxVectorSeperator;
-    int isNewMonitorRecordEnabled;
-    int enableBTMonitor;
-    int enableBTMonitorError;
-    int BTAggDataArraySize;
-    int enableBackendMonitor;
-    char tDigestPercentileBT[kFeatureTextSize];
-    char tDigestPercentileIP[kFeatureTextSize];
-};
-
 /* STAND-IN(auto-instrumentation): direct keywords fill the first six members. */
 struct VXAutoInstrumentation_t {
     int autoInstrMapSize;

@@ -22,28 +22,29 @@
 #include <apr_thread_mutex.h>
 #include <apr_thread_proc.h>
 
+#include "agent/vx_bci_setting.h"
+#include "agent/vx_feature_settings.h"
+#include "agent/vx_sys.h"
 #include "bt/vx_bt_data_rules.h"
 #include "bt/vx_bt_object.h"
 #include "bt/vx_bt_rule_file.h"
+#include "core/vx_limits.h"
 #include "core/vx_retire_list.h"
 #include "diag/vx_thread_reports.h"
-#include "agent/vx_bci_setting.h"
-#include "agent/vx_feature_settings.h"
-#include "core/vx_limits.h"
-#include "agent/vx_sys.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
-#include "link/vx_collector_list.h"
-#include "link/vx_control_link.h"
 #include "link/vx_as_buffers.h"
 #include "link/vx_as_link.h"
+#include "link/vx_collector_list.h"
+#include "link/vx_control_link.h"
 #include "link/vx_data_buffers.h"
-#include "session/vx_file_keywords.h"
-#include "session/vx_server.h"
 #include "link/vx_socket.h"
 #include "monitor/vx_backend_monitor.h"
 #include "monitor/vx_bt_monitor.h"
+#include "monitor/vx_monitor_model.h"
 #include "proxy/vx_proxy_state.h"
+#include "session/vx_file_keywords.h"
+#include "session/vx_server.h"
 
 struct VXFlowpathGenerator_t {
     int maxCharactersInSeqBlob; /* flush threshold of the sequence blob */
@@ -85,6 +86,8 @@ struct VXProxyInstance_t {
 
     VXBTMonitor_t VXBTMonitor;
     VXBackendMonitor_t VXBackendMonitor;
+    VXMonitorModels_t monitorModels; /* per-record counter models */
+    VXMonitorSettings_t monitorSettings;
 
     int processID;
 
@@ -115,7 +118,6 @@ struct VXProxyInstance_t {
     VXFlowpathGenerator_t VXFlowpathGenerator;
 
     /* Settings of features built later, filled by the collector's keywords. */
-    VXMonitorSettings_t monitorSettings;
     VXAutoInstrumentation_t vxAutoInstrumentation;
     VXInterfaceProcessor_t VXInterfaceProcessor;
     VXDynamicSettings_t vxDynamicSettings;

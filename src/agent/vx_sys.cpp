@@ -214,6 +214,7 @@ extern "C" void VXSysInit(char* agent_type)
     /* The auto-sensor, control-buffer, HTTP-capture, scaling and dynamic
      * settings initialisers join here, in that order, with their subsystems. */
     VXAgentSettingInit();
+    VXMonitorSettingsInit();
     app->VXFlowpathGenerator.maxCharactersInSeqBlob = kDefaultMaxCharactersInSeqBlob;
     s.AgentprocessName = nullptr;
     app->Server.lastHeartBeatRcvTime = my_gettimeofday();

@@ -11,6 +11,7 @@
 #include "bt/vx_bt_rule_file.h"
 #include "bt/vx_bt_tags.h"
 #include "core/vx_atomic.h"
+#include "core/vx_hashmap.h"
 #include "core/vx_record_door.h"
 #include "core/vx_retire_list.h"
 #include "core/vx_text.h"
@@ -66,6 +67,7 @@ BTObject* take_object(VXProxyInstance_t* a, const char* name)
         vx::store_relaxed(bt->bt_id, 0);
         vx::store_relaxed(bt->bt_threshold.slow, 0);
         vx::store_relaxed(bt->bt_threshold.very_slow, 0);
+        vx::store_relaxed(bt->monitorSlot, 0);
         bt->bt_category = 0;
         bt->is_meta_data_dumped = 0;
         bt->bt_startTime = bt->bt_endTime = bt->dd_IntervalTime = 0;
@@ -109,7 +111,9 @@ void add_default_tags(VXProxyInstance_t* a)
 {
     VXBTTagManager& t = a->tagManager;
     vx::VXLockGuard guard(t.tag_obj_map_lock);
-    if (!t.tag_obj_map) t.tag_obj_map = apr_hash_make(a->btStore.pool);
+    /* Host threads add sequences under the map's lock: the map has a pool
+     * of its own. */
+    if (!t.tag_obj_map) t.tag_obj_map = create_hashmap(a->btStore.pool);
     int id = 0;
     for (const char* tag : kDefaultTags) {
         if (apr_hash_get(t.tag_obj_map, tag, APR_HASH_KEY_STRING)) {
@@ -151,8 +155,8 @@ extern "C" void VXBTConfigModelInit(void)
     add_default_tags(a);
     {
         vx::VXLockGuard guard(a->tagManager.bt_tag_obj_map_lock);
-        if (!a->tagManager.bt_tag_obj_map)
-            a->tagManager.bt_tag_obj_map = apr_hash_make(a->btStore.pool);
+        if (!a->tagManager.bt_tag_obj_map) /* filled by host threads: a pool of its own */
+            a->tagManager.bt_tag_obj_map = create_hashmap(a->btStore.pool);
     }
     vx::bt_rules_reset();
     vx::bt_tags_clear(-1); /* the monitor's set-up forgets the global list */

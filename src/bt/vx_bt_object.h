@@ -54,6 +54,7 @@ struct BTObject {
     int isBTOverride;
     int btCounter;
     BTObject* recycleNext; /* the session's objects, then the recycling chain */
+    long long monitorSlot; /* the BT monitor's slot cache (vx_bt_monitor.h); atomic */
 };
 
 struct BTObjectMap {

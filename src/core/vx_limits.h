@@ -179,6 +179,12 @@ inline constexpr int kBTTagKeySize = 255;           /* tag key and inline value:
 inline constexpr int kBTTagItemsMax = 256;          /* items of one tag list */
 inline constexpr int kBTAggArrayInitial = 128;      /* aggBTDataArr, btTagArray at set-up */
 inline constexpr int kBTRetireGraceSeconds = 60;    /* a retired rule set outlives its readers */
+inline constexpr int kBTSlotMax = 1048576;          /* BT monitor counter slots: BTs and tag sets */
+
+/* Monitors. An interval record (74, 75, 61, 63) is cut at this many bytes;
+ * the reporting buffer is handed on once it holds more than its size less
+ * one record and its terminator, so the next record always fits. */
+inline constexpr int kMonitorRecordMax = 4096;
 
 /* URL pattern state machine: a row per state, a column per character 32 to
  * 127 and per mark; rows are added delta by delta (delta_state). A header

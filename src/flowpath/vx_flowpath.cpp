@@ -364,7 +364,8 @@ extern "C" void dumpCompleteFlowpathSeqBlock(VXPerThreadData_t* vxTD, int catego
         VX_TRACE(level, 2, "FLOWPATH",
                  "FP (%lld) was excluded as per BT, some data has already dumped. Marking -99", fpi);
         vxTD->tlStatusCode = -99;
-    } else if (!vxTD->tlIsFPCaptured && !app->VXBTMonitor.doNotDisacrdAnyTransaction) {
+    } else if (!vxTD->tlIsFPCaptured &&
+               !vx::load_relaxed(app->VXBTMonitor.doNotDisacrdAnyTransaction)) {
         if (category == kCategoryNormal && !vxTD->tlIsFPHeaderDumped) {
             VX_TRACE(level, 3, "FLOWPATH", "FP '%lld' was not captured, neither it is slow, ignoring...", fpi);
             return;
@@ -397,9 +398,7 @@ extern "C" int getTagIdPerThread(VXPerThreadData_t* vxTD)
         VX_TRACE(VX_LEVEL(fpTraceLevel), 1, "FLOWPATH", "BTObject not found, tag id is -1");
         return -1;
     }
-    /* STAND-IN(monitors): the per-thread tag sequences of the BT
-     * monitor do not exist yet, so no flowpath has a tag id. */
-    return -1;
+    return vx::bt_monitor_tag_id(vxTD);
 }
 
 extern "C" void endFP(VXPerThreadData_t* vxTD, int statusCode, char* TLS, long long endTime,
@@ -482,6 +481,9 @@ extern "C" void dumpIncompleteFPAtTestStop(VXPerThreadData_t* vxTD)
     vxTD->tlDuration = my_gettimeofday() - vx::load_relaxed(app->Server.klvEpochDiffTime) -
                        vxTD->tlFlowPathTimeStampInMS;
     vxTD->setEndFPFlag = 1;
+    /* The flowpath did not end: its CPU clock still holds the start, and
+     * record 4 and the monitor count no CPU time for it. */
+    vxTD->tlFpCPUTime = 0;
     if (!vxTD->tlBTObj) {
         release_flowpath(app, vxTD);
         return;

@@ -83,7 +83,9 @@ extern "C" VXPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt)
         rec->tlThreadId = loc_BusyTLSCnt + i + 1;
         rec->tlStatusCode = 200;
         rec->qTimeInMS = -1;
-        if (!light) initVXMonitorDataModel(rec);
+        /* The proxy process makes its models on first use (they go at a
+         * session's end); an agent behind a proxy counts nothing. */
+        if (!light && !vx_in_proxy_process()) initVXMonitorDataModel(rec);
         rec->busy_next = rec->busy_prev = nullptr;
     }
     pool.gFreeTLSTail = &block[vx::kTLSBlockSize - 1];
@@ -288,7 +290,10 @@ extern "C" void dumpFpFromBusyList(void)
 extern "C" void resetMonitorDataModel(VXPerThreadData_t* vxTD)
 {
     VXProxyInstance_t* app = vx_app();
-    if (app && vxTD && vx_agent_behind_proxy(app)) vxTD->tlMonitorDataModel = nullptr;
+    /* The proxy process frees its models at a session's end; an agent behind
+     * a proxy has none. */
+    if (app && vxTD && (vx_in_proxy_process() || vx_agent_behind_proxy(app)))
+        vxTD->tlMonitorDataModel = nullptr;
 }
 
 extern "C" void resetMonitorDataModelFromTLS(void)

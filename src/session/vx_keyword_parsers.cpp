@@ -144,7 +144,10 @@ extern "C" void setVXMonitorInterval(char* value, char* keyword, int)
     app()->monitorSettings.vxMonitorIntervalInSecs = static_cast<int>(ms / 1000);
 }
 
-extern "C" void parseBTMonitorKeyword(char* value, char*, int) { app()->monitorSettings.enableBTMonitor = atoi(value); }
+extern "C" void parseBTMonitorKeyword(char* value, char*, int)
+{
+    vx::store_relaxed(app()->VXBTMonitor.isBTMonitorOn, atoi(value) >= 1 ? 1 : 0);
+}
 extern "C" void parseMaxBTCount(char* value, char* keyword, int)
 {
     if (const int n = count_in(keyword, value, vx::kBTCountMax)) {
@@ -152,8 +155,15 @@ extern "C" void parseMaxBTCount(char* value, char* keyword, int)
         app()->VXBTMonitor.maxBTCount = n;
     }
 }
-extern "C" void parseDoNotDiscardVal(char* value, char*, int) { app()->VXBTMonitor.doNotDisacrdAnyTransaction = atoi(value); }
-extern "C" void parseBTMonitorErrorLevel(char* value, char*, int) { app()->monitorSettings.enableBTMonitorError = atoi(value); }
+/* Only turns the flag on: a lower value changes nothing. */
+extern "C" void parseDoNotDiscardVal(char* value, char*, int)
+{
+    if (atoi(value) >= 1) vx::store_relaxed(app()->VXBTMonitor.doNotDisacrdAnyTransaction, 1);
+}
+extern "C" void parseBTMonitorErrorLevel(char* value, char*, int)
+{
+    if (const int level = atoi(value); level >= 0) app()->VXBTMonitor.btMonitorErrorLevel = level;
+}
 extern "C" void parseBTAggDataArraySize(char* value, char* keyword, int)
 {
     int size = app()->monitorSettings.BTAggDataArraySize;

@@ -13,21 +13,27 @@
 #include "link/vx_as_link.h"
 #include "link/vx_control_link.h"
 #include "link/vx_control_thread.h"
+#include "monitor/vx_bt_monitor.h"
+#include "monitor/vx_monitor_model.h"
 #include "session/vx_control_dispatch.h"
 
 extern "C" void free_agent_data(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
-    /* STAND-IN(monitors, sql, tags): their per-session tables are freed here
-     * once they exist. */
+    /* STAND-IN(sql, transaction-tags): their per-session tables are freed
+     * here once they exist. */
     vx::bt_session_free();
-    node_t* table = vx::load_acquire(app->methodTable.methodHashMapNode);
-    if (!table) return;
-    /* Method events already inside the table when the session's flag fell
-     * finish on it; the wait gives them time. */
-    vx::wait_or_shutdown(apr_time_from_sec(vx::kMetaDrainSeconds));
-    vx::retire_method_table(table);
+    if (node_t* table = vx::load_acquire(app->methodTable.methodHashMapNode)) {
+        /* Method events already inside the table when the session's flag
+         * fell finish on it; the wait gives them time. */
+        vx::wait_or_shutdown(apr_time_from_sec(vx::kMetaDrainSeconds));
+        vx::retire_method_table(table);
+    }
+    /* The models' counters and the slots go: the next session numbers its
+     * slots from 0. */
+    free_threadBasedModelMap();
+    Free_BT_Tag_Map();
 }
 
 namespace {

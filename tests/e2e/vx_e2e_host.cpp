@@ -299,8 +299,10 @@ int run_urls(VXProxyInstance_t* app, int seconds, int threads, int hold_ms,
     }
     for (auto& w : workers) w.join();
     printf("transactions=%lld\n", taken.load());
-    /* The monitors report what ended before the stop: stay for it. */
+    /* The monitors report what ended before the stop: stay for it, and for
+     * the data thread to send the session's end. */
     wait_for([app] { return !vx::load_acquire(app->Server.testRunRunning); }, 15000);
+    wait_for([app] { return !vx::load_relaxed(app->VXBCISetting.data_thread_running); }, 15000);
     return 0;
 }
 

@@ -117,7 +117,8 @@ bool connected(const VXAutoSensorLink_t& l)
 bool thread_stopping(const VXProxyInstance_t* app)
 {
     return vx::load_acquire(app->VXBCISetting.autoSensor_thread_running) &&
-           (vx::load_relaxed(app->toStopASThread) || vx::load_acquire(app->asLink.stopping));
+           (vx::load_relaxed(app->toStopASThread) ||
+            std::atomic_ref<int>(const_cast<int&>(app->asLink.stopping)).load(std::memory_order_seq_cst));
 }
 
 void* APR_THREAD_FUNC as_thread_entry(apr_thread_t* thread, void* data)
@@ -344,16 +345,17 @@ extern "C" int checkAndStopThreadAS(void)
     VXProxyInstance_t* app = vx_app();
     const Server_t& srv = app->Server;
     auto going_on = [&] {
-        return vx::load_acquire(srv.testRunRunning) &&
+        return std::atomic_ref<char>(const_cast<char&>(srv.testRunRunning))
+                   .load(std::memory_order_seq_cst) &&
                vx::load_relaxed(srv.retryForAutoSensorConn) &&
                !vx::load_relaxed(app->VXSys.closeCtrlConFlag);
     };
     if (going_on() || !vx::on_as_thread() || tl_stopping) return 0;
-    /* A start may be raising the session again right now: it reads this
-     * mark after its flag, and this thread reads the flag again after the
-     * mark, so one of the two sees the other (full fences). */
-    vx::store_relaxed(app->asLink.stopping, 1);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    /* A start may be raising the session again right now: it touches its
+     * flag, then reads this mark; this thread sets the mark, then reads the
+     * flag again. All four are sequentially consistent, so one of the two
+     * sees the other. */
+    std::atomic_ref<int>(app->asLink.stopping).exchange(1, std::memory_order_seq_cst);
     if (going_on()) {
         vx::store_relaxed(app->asLink.stopping, 0);
         return 0;
@@ -417,8 +419,10 @@ extern "C" int create_autoSensor_thread(void)
     VXProxyInstance_t* app = vx_app();
     if (!app || !app->asChannel.autoSensor_pool) return 1;
     /* A quick stop-then-start: the stopping thread flushes and ends first.
-     * The fence pairs with the one in checkAndStopThreadAS. */
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+     * The flag, raised before, is touched again in the one order all
+     * sequentially consistent operations share; this pairs with the mark
+     * checkAndStopThreadAS sets before it reads the flag. */
+    std::atomic_ref<char>(app->Server.testRunRunning).fetch_or(0, std::memory_order_seq_cst);
     for (int waited = 0; thread_stopping(app) && waited < vx::kASStartWaitMs; waited += 10)
         apr_sleep(apr_time_from_msec(10));
     if (vx::load_acquire(app->VXBCISetting.autoSensor_thread_running)) {

@@ -153,11 +153,7 @@ extern "C" void VXBTConfigModelInit(void)
         a->config.total_bt_count = 1;
     }
     add_default_tags(a);
-    {
-        vx::VXLockGuard guard(a->tagManager.bt_tag_obj_map_lock);
-        if (!a->tagManager.bt_tag_obj_map) /* filled by host threads: a pool of its own */
-            a->tagManager.bt_tag_obj_map = create_hashmap(a->btStore.pool);
-    }
+    if (!a->tagManager.bt_tag_obj_map) vx::bt_slot_map_reset(); /* filled by host threads */
     vx::bt_rules_reset();
     vx::bt_tags_clear(-1); /* the monitor's set-up forgets the global list */
     VXBTMonitorInit();

@@ -79,6 +79,13 @@ struct VXBTTagManager {
     apr_hash_t* tag_obj_map; /* tag sequence text -> tag id and "sent" */
     apr_thread_mutex_t* bt_tag_obj_map_lock;
     apr_hash_t* bt_tag_obj_map; /* "<bt id>" or "<bt id>-<tag id>" -> counter slot */
+    /* Where the two maps' entries live, each used only under its map's
+     * lock (host threads add entries): tagPool for tag_obj_map's,
+     * slotPool for bt_tag_obj_map and its entries, made anew each session.
+     * Both are children of APR's global pool, whose allocator is locked, so
+     * any thread may make or destroy them. */
+    apr_pool_t* tagPool;
+    apr_pool_t* slotPool;
 };
 
 /* A tag sequence and whether its record went out. */

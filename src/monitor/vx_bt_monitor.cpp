@@ -162,22 +162,22 @@ struct VXBTSlotKey {
 /* The slot of `key`, made when absent: slots are numbered by the count of
  * the map. -1 past kBTSlotMax or without memory. Caller holds
  * bt_tag_obj_map_lock. */
-int slot_for_key(apr_hash_t* map, const char* key)
+int slot_for_key(VXBTTagManager& t, const char* key)
 {
-    if (!map) return -1;
-    if (auto* e = static_cast<VXBTSlotKey*>(apr_hash_get(map, key, APR_HASH_KEY_STRING)))
+    if (!t.bt_tag_obj_map) return -1;
+    if (auto* e = static_cast<VXBTSlotKey*>(apr_hash_get(t.bt_tag_obj_map, key, APR_HASH_KEY_STRING)))
         return e->slot;
-    const int slot = static_cast<int>(apr_hash_count(map));
+    const int slot = static_cast<int>(apr_hash_count(t.bt_tag_obj_map));
     if (slot >= vx::kBTSlotMax) {
         VX_ERROR("BT_MON", "No counter slot left for '%s' (%d in use)", key, slot);
         return -1;
     }
     const size_t n = strlen(key) + 1;
-    auto* e = static_cast<VXBTSlotKey*>(malloc(offsetof(VXBTSlotKey, key) + n));
+    auto* e = static_cast<VXBTSlotKey*>(apr_palloc(t.slotPool, offsetof(VXBTSlotKey, key) + n));
     if (!e) return -1;
     e->slot = slot;
     memcpy(e->key, key, n);
-    apr_hash_set(map, e->key, APR_HASH_KEY_STRING, e);
+    apr_hash_set(t.bt_tag_obj_map, e->key, APR_HASH_KEY_STRING, e);
     return slot;
 }
 
@@ -185,7 +185,7 @@ int slot_of_key(const char* key)
 {
     VXBTTagManager& t = vx_app()->tagManager;
     vx::VXLockGuard guard(t.bt_tag_obj_map_lock);
-    return slot_for_key(t.bt_tag_obj_map, key);
+    return slot_for_key(t, key);
 }
 
 /* The cache in a BTObject: epoch (24 bits), id and slot (20 bits each); 0
@@ -215,7 +215,7 @@ int bt_slot(VXProxyInstance_t* app, BTObject* bt, int id)
     int slot, epochNow;
     {
         vx::VXLockGuard guard(t.bt_tag_obj_map_lock);
-        slot = slot_for_key(t.bt_tag_obj_map, key);
+        slot = slot_for_key(t, key);
         epochNow = app->VXBTMonitor.slotEpoch;
     }
     if (slot >= 0 && id <= kFieldMask)
@@ -269,7 +269,9 @@ int tag_id_of(VXProxyInstance_t* app, const char* seq)
                 static_cast<VXBTTagObject*>(apr_hash_get(t.tag_obj_map, seq, APR_HASH_KEY_STRING)))
             return o->tagId;
         const size_t n = strlen(seq) + 1;
-        auto* e = static_cast<VXBTTagEntry*>(malloc(offsetof(VXBTTagEntry, key) + n));
+        if (!t.tagPool && apr_pool_create(&t.tagPool, nullptr) != APR_SUCCESS)
+            return -1;
+        auto* e = static_cast<VXBTTagEntry*>(apr_palloc(t.tagPool, offsetof(VXBTTagEntry, key) + n));
         if (!e) return -1;
         id = static_cast<int>(apr_hash_count(t.tag_obj_map));
         e->tag = VXBTTagObject{id, 0};
@@ -802,17 +804,22 @@ extern "C" void Free_BT_Tag_Map(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
+    vx::bt_slot_map_reset();
+}
+
+void vx::bt_slot_map_reset()
+{
+    VXProxyInstance_t* app = vx_app();
     VXBTTagManager& t = app->tagManager;
     vx::VXLockGuard guard(t.bt_tag_obj_map_lock);
-    if (!t.bt_tag_obj_map) return;
-    /* Each entry leaves the map before its block (which holds the key) is
-     * freed; removing the current entry is safe while iterating. */
-    for (apr_hash_index_t* hi = apr_hash_first(nullptr, t.bt_tag_obj_map); hi;
-         hi = apr_hash_next(hi)) {
-        auto* e = static_cast<VXBTSlotKey*>(apr_hash_this_val(hi));
-        apr_hash_set(t.bt_tag_obj_map, e->key, APR_HASH_KEY_STRING, nullptr);
-        free(e);
-    }
+    /* The map and its entries go with their pool; slots start again at 0. */
+    if (t.slotPool) apr_pool_destroy(t.slotPool);
+    t.slotPool = nullptr;
+    t.bt_tag_obj_map = nullptr;
+    if (apr_pool_create(&t.slotPool, nullptr) == APR_SUCCESS)
+        t.bt_tag_obj_map = apr_hash_make(t.slotPool);
+    else
+        VX_ERROR("BT_MON", "No memory for the counter slots' map; BTs are not counted");
     int epoch = (app->VXBTMonitor.slotEpoch + 1) & 0xFFFFFF;
     vx::store_relaxed(app->VXBTMonitor.slotEpoch, epoch ? epoch : 1);
 }

@@ -192,6 +192,11 @@ void Free_BT_Tag_Map(void);
 
 namespace vx {
 
+/* Makes bt_tag_obj_map anew and empty, in a pool of its own that replaces
+ * (and frees) the last session's: slots start again at 0 and no cached slot
+ * of an earlier session is trusted. Takes bt_tag_obj_map_lock. */
+void bt_slot_map_reset();
+
 /* The BT bound to `id`, or null (also for an id outside the array). Any
  * thread, no lock. `size_out` gets the size seen. */
 BTObject* bt_bound_to(int id, int* size_out);

@@ -1,5 +1,7 @@
 #include "core/vx_thread.h"
 
+#include <atomic>
+
 #include <apr_strings.h>
 #include <pthread.h>
 #if defined(__SANITIZE_ADDRESS__)
@@ -110,4 +112,16 @@ extern "C" char vxlb_thread_create(apr_thread_t** new_thread, apr_thread_start_t
     delete start;
     if (error_buf && error_buf_len > 0) apr_strerror(rv, error_buf, static_cast<apr_size_t>(error_buf_len));
     return 1;
+}
+
+int vx::start_detached(apr_thread_t** id, apr_thread_start_t fn, void* data, apr_pool_t* pool,
+                       char& running, char* error_buf, int error_buf_len)
+{
+    std::atomic_ref<char>(running).store(1, std::memory_order_release);
+    if (vxlb_thread_create(id, fn, data, error_buf, error_buf_len, pool) != 0) {
+        std::atomic_ref<char>(running).store(0, std::memory_order_release);
+        return 1;
+    }
+    apr_thread_detach(*id);
+    return 0;
 }

@@ -33,6 +33,13 @@ char vxlb_thread_create(apr_thread_t** new_thread, apr_thread_start_t start_func
 
 namespace vx {
 
+/* Starts a thread nobody joins: it ends by itself. `running` is raised
+ * before the thread runs, so that a thread that ends at once can clear it,
+ * and lowered again when the thread cannot be made (0; else 1 with the
+ * reason in error_buf). */
+int start_detached(apr_thread_t** id, apr_thread_start_t fn, void* data, apr_pool_t* pool,
+                   char& running, char* error_buf, int error_buf_len);
+
 /* A nested mutex from `pool`; nullptr (and a log line) on failure. */
 apr_thread_mutex_t* mutex_create(apr_pool_t* pool);
 

@@ -431,16 +431,13 @@ extern "C" int create_autoSensor_thread(void)
     }
     vx::store_relaxed(app->toStopASThread, 0);
     vx::store_relaxed(app->asLink.stopping, 0);
-    /* Raised before the thread runs: a thread that ends at once clears it. */
-    vx::store_release(app->VXBCISetting.autoSensor_thread_running, 1);
     char err[256] = "";
-    if (vxlb_thread_create(&app->asLink.autoSensor_thread_id, as_thread_entry, app, err, sizeof err,
-                           app->asChannel.autoSensor_pool) != 0) {
-        vx::store_release(app->VXBCISetting.autoSensor_thread_running, 0);
+    if (vx::start_detached(&app->asLink.autoSensor_thread_id, as_thread_entry, app,
+                           app->asChannel.autoSensor_pool,
+                           app->VXBCISetting.autoSensor_thread_running, err, sizeof err) != 0) {
         VX_ERROR("AUTO_SENSOR", "Error while creating AutoSensor thread. Error = %s", err);
         return 1;
     }
-    apr_thread_detach(app->asLink.autoSensor_thread_id); /* it ends by itself */
     return 0;
 }
 

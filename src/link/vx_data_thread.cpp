@@ -217,16 +217,13 @@ extern "C" int check_data_thread(void)
         VX_ERROR("DATA_THREAD", "Error while creating data thread. Error = %s", "no memory pool");
         return 1;
     }
-    /* Raised before the thread runs: a thread that ends at once clears it. */
-    vx::store_relaxed(app->VXBCISetting.data_thread_running, 1);
     char err[256] = "";
-    if (vxlb_thread_create(&app->dataChannel.data_thread_id, start_data_thread, app, err, sizeof err,
-                           app->dataChannel.data_pool) != 0) {
-        vx::store_relaxed(app->VXBCISetting.data_thread_running, 0);
+    if (vx::start_detached(&app->dataChannel.data_thread_id, start_data_thread, app,
+                           app->dataChannel.data_pool, app->VXBCISetting.data_thread_running, err,
+                           sizeof err) != 0) {
         VX_ERROR("DATA_THREAD", "Error while creating data thread. Error = %s", err);
         return 1;
     }
-    apr_thread_detach(app->dataChannel.data_thread_id); /* nobody joins it: it ends by itself */
     vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 1);
     return 0;
 }

@@ -124,7 +124,7 @@ void report_loop(VXProxyInstance_t* app, const Pacing& pacing)
         send_AS_data();
 
         curTimeStamp = session_now(app);
-        char* buf = static_cast<char*>(calloc(1, vx::kASWorkBufferSize));
+        char* buf = app->asReports.workBuffer;
         if (!buf)
             VX_ERROR("AUTO_SENSOR",
                      "No memory for the monitors' rows (%d bytes); this pass skips them",
@@ -133,7 +133,6 @@ void report_loop(VXProxyInstance_t* app, const Pacing& pacing)
             dump_monitors(app, buf);
         /* STAND-IN(percentiles): backend digests (TDigestPercentileIP), then
          * business-transaction digests (TDigestPercentileBT), when due. */
-        free(buf);
         if (control_lost(app)) cleanAutoSensorThread();
     }
 }
@@ -169,6 +168,7 @@ extern "C" void VXAutoSensorUsingStackTraceInit(void)
     if (!r.counterLock) r.counterLock = vx::mutex_create(pool);
     if (!r.reportBuffer)
         r.reportBuffer = static_cast<char*>(apr_pcalloc(pool, vx::kASReportBufferSize));
+    if (!r.workBuffer) r.workBuffer = static_cast<char*>(apr_pcalloc(pool, vx::kASWorkBufferSize));
 }
 
 extern "C" void VXAutoSensorUsingStackTraceSetup(void)

@@ -66,6 +66,10 @@ struct VXThreadReports_t {
     ASGraphData_t asGraphData;
     apr_thread_mutex_t* counterLock;
     char* reportBuffer; /* kASReportBufferSize bytes: record 53 */
+    /* kASWorkBufferSize bytes: the monitors' rows of a pass. The thread may
+     * end inside a pass (a stop met while it sends), so the buffer is the
+     * instance's, not the pass's. */
+    char* workBuffer;
     char vectorPrefix_ID[vx::kASVectorPrefixSize];
     char vectorPrefixHtsp[vx::kASVectorPrefixSize];
 };

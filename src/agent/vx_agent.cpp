@@ -129,7 +129,7 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
 
     VXSysInit(agentType);
     VXTraceInit(gProcessName, gPool);
-    /* STAND-IN(percentiles): the digests initialise here. */
+    VXDigestPercentileInit();
     VXBCISettingInit();
     VXASSettingInit();
 

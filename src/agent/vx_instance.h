@@ -42,6 +42,7 @@
 #include "monitor/vx_backend_monitor.h"
 #include "monitor/vx_bt_monitor.h"
 #include "monitor/vx_monitor_model.h"
+#include "monitor/vx_percentiles.h"
 #include "proxy/vx_proxy_state.h"
 #include "session/vx_file_keywords.h"
 #include "session/vx_server.h"
@@ -88,6 +89,7 @@ struct VXProxyInstance_t {
     VXBackendMonitor_t VXBackendMonitor;
     VXMonitorModels_t monitorModels; /* per-record counter models */
     VXMonitorSettings_t monitorSettings;
+    VXPercentiles_t percentiles;     /* digest settings of BTs and backends */
 
     int processID;
 

@@ -186,6 +186,18 @@ inline constexpr int kBTSlotMax = 1048576;          /* BT monitor counter slots:
  * one record and its terminator, so the next record always fits. */
 inline constexpr int kMonitorRecordMax = 4096;
 
+/* Percentile digests. A t-digest's node block follows its compression
+ * (K / delta, cap = compression * 6 + 10 nodes of 16 bytes), so the
+ * keyword's K and 1/delta are held such that one digest spans at most about
+ * 9.6 MB of address space (only the nodes in use are ever touched). A
+ * record's head (ids, vector, name, time, length) fits kDigestHeadMax. */
+inline constexpr int kDigestKMax = 1000;
+inline constexpr double kDigestInvDeltaMax = 10000;
+inline constexpr double kDigestCompressionMax = 100000;
+inline constexpr int kDigestPeriodMaxMinutes = 1440; /* aggregate_time: a day at most */
+inline constexpr int kDigestHeadMax = 2048;
+inline constexpr int kDigestScratchInitial = 4096;   /* a t-digest's serialised bytes, grown */
+
 /* URL pattern state machine: a row per state, a column per character 32 to
  * 127 and per mark; rows are added delta by delta (delta_state). A header
  * rule's key is its decimal id and its token, cut at 1,023 characters. */

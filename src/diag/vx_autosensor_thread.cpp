@@ -15,6 +15,7 @@
 #include "link/vx_as_link.h"
 #include "link/vx_control_link.h"
 #include "monitor/vx_bt_monitor.h"
+#include "monitor/vx_bt_percentiles.h"
 
 namespace {
 
@@ -99,8 +100,8 @@ void report_loop(VXProxyInstance_t* app, const Pacing& pacing)
     const VXASSettings_t& s = app->vxAutoSensorUsingStackTrace;
     long long curTimeStamp = session_now(app);
     long long nextLoggingBufferTime = curTimeStamp;
-    /* STAND-IN(percentiles): each digest's next due time starts at
-     * curTimeStamp plus its interval here. */
+    /* STAND-IN(monitors): the backends' digests are scheduled first. */
+    vx::bt_percentiles_schedule(curTimeStamp);
     for (;;) {
         checkAndStopASThread();
         if (leave_due(app)) return;
@@ -129,10 +130,11 @@ void report_loop(VXProxyInstance_t* app, const Pacing& pacing)
             VX_ERROR("AUTO_SENSOR",
                      "No memory for the monitors' rows (%d bytes); this pass skips them",
                      vx::kASWorkBufferSize);
-        else if (curTimeStamp >= nextLoggingBufferTime && sample > 0)
-            dump_monitors(app, buf);
-        /* STAND-IN(percentiles): backend digests (TDigestPercentileIP), then
-         * business-transaction digests (TDigestPercentileBT), when due. */
+        else {
+            if (curTimeStamp >= nextLoggingBufferTime && sample > 0) dump_monitors(app, buf);
+            /* STAND-IN(monitors): the backends' digests come first when due. */
+            vx::bt_percentiles_dump_due(buf, vx::kASWorkBufferSize, curTimeStamp);
+        }
         if (control_lost(app)) cleanAutoSensorThread();
     }
 }

@@ -29,4 +29,11 @@ void updateCounterAndDurationForMethod(VXPerThreadData_t* vxTD, methodPropProper
                                        long long duration);
 }
 
+namespace vx {
+/* The keyword tDigestPercentileIP: the backends' digest settings.
+ * STAND-IN(monitors): backends have no digests yet, so nothing is dumped at
+ * once and no periodic dump is due. Control thread. */
+void ip_percentiles_keyword(const char* keyword, char* value);
+}
+
 #endif

@@ -19,6 +19,7 @@
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "link/vx_as_buffers.h"
+#include "monitor/vx_bt_percentiles.h"
 #include "monitor/vx_monitor_model.h"
 
 namespace {
@@ -395,6 +396,32 @@ bool ensure_report(VXBTMonitorDataCounters*& arr, int& size, int need)
     return true;
 }
 
+/* The fold's values for the BTs' digests, fed once the model locks are
+ * released: a digest's first value may map a large block. Under reportLock;
+ * grown, never shrunk. */
+struct DigestFeeds {
+    vx::VXBTDigestFeed* at = nullptr;
+    int n = 0;
+    int cap = 0;
+
+    void add(int btId, long long duration)
+    {
+        if (n == cap) {
+            const int grown = cap ? 2 * cap : 256;
+            auto* p = static_cast<vx::VXBTDigestFeed*>(
+                realloc(at, static_cast<size_t>(grown) * sizeof(vx::VXBTDigestFeed)));
+            if (!p) {
+                VX_ERROR("BT_MON", "No memory for the digests' values; BT %d's is not kept", btId);
+                return;
+            }
+            at = p;
+            cap = grown;
+        }
+        at[n++] = {btId, duration};
+    }
+};
+DigestFeeds g_feeds;
+
 struct FoldCtx {
     VXBTMonitor_t* m;
     bool tags;
@@ -422,7 +449,7 @@ void fold_model(VXMonitorDataModel* model, void* arg)
             if (!a->tagName) a->tagName = strdup(o->tagName);
         }
         if (a) {
-            /* STAND-IN(percentiles): the BT's digests take o->duration here. */
+            if (!o->tagName) g_feeds.add(o->btId, o->duration); /* tag sets have no digest */
             merge(a, o);
             a->dataExist = 1;
             a->unique_id = s;
@@ -504,11 +531,9 @@ extern "C" void VXBTMonitorInit(void)
         for (int i = 0; i < m.aggDataArraySize; ++i) {
             VXBTMonitorDataCounters& e = m.aggBTDataArr[i];
             vx::store_release(e.tlBTObj, static_cast<BTObject*>(nullptr));
-            e.tdigest_key = nullptr;
-            e.cdigest_key = nullptr;
-            e.tdigestDataExist = e.cdigestDataExist = 0;
         }
     }
+    vx::bt_digests_release_all();
     {
         vx::VXLockGuard guard(app->tagManager.bt_tag_obj_map_lock);
         if (m.slotEpoch == 0) vx::store_relaxed(m.slotEpoch, 1);
@@ -536,11 +561,8 @@ extern "C" void checkAndIncrementAggrBTDataArray(BTObject* tlBTObj)
     }
     if (id >= m.aggDataArraySize && !grow_to(m, vx::bt_monitor_grown_size(m.aggDataArraySize, id)))
         return;
-    VXBTMonitorDataCounters& e = m.aggBTDataArr[id];
-    e.tdigest_key = nullptr;
-    e.cdigest_key = nullptr;
-    e.tdigestDataExist = e.cdigestDataExist = 0;
-    vx::store_release(e.tlBTObj, tlBTObj);
+    /* The digests live in reportArr and follow their BT there. */
+    vx::store_release(m.aggBTDataArr[id].tlBTObj, tlBTObj);
 }
 
 BTObject* vx::bt_bound_to(int id, int* size_out)
@@ -765,6 +787,7 @@ extern "C" int generateAndDumpBTMonitoringRecord(char* buff, int* len, int bufLe
     vx::VXLockGuard report(m.reportLock);
     FoldCtx ctx{&m, app->VXSys.enableTagsSupport != 0};
     if (!ensure_report(m.reportArr, m.reportArrSize, ids_size(m))) return 0;
+    g_feeds.n = 0;
     if (vx::monitor_models_each(fold_model, &ctx) == 0) {
         VX_TRACE(trace_level(), 2, "BT_MON",
                  "Returning without dumping any monitoring record, as no threads executed any BT "
@@ -772,6 +795,7 @@ extern "C" int generateAndDumpBTMonitoringRecord(char* buff, int* len, int bufLe
         return 0;
     }
     /* No model lock is held from here on. */
+    vx::bt_digests_feed(g_feeds.at, g_feeds.n);
     VXBTMonitorDataCounters& overall = m.reportArr[0];
     for (int id = 1; id < m.reportArrSize; ++id) {
         VXBTMonitorDataCounters& e = m.reportArr[id];
@@ -798,6 +822,25 @@ extern "C" int generateAndDumpBTMonitoringRecord(char* buff, int* len, int bufLe
     dump74RecordForEveryBT(buff, len, bufLen, &overall, 0, kOverallName);
     counters_reset(&overall);
     return 1;
+}
+
+int vx::bt_monitor_series_id(int btId)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app->VXSys.enableTagsSupport) return btId;
+    char key[16];
+    snprintf(key, sizeof key, "%d", btId);
+    VXBTTagManager& t = app->tagManager;
+    vx::VXLockGuard guard(t.bt_tag_obj_map_lock);
+    const auto* e = t.bt_tag_obj_map ? static_cast<const VXBTSlotKey*>(
+                                           apr_hash_get(t.bt_tag_obj_map, key, APR_HASH_KEY_STRING))
+                                     : nullptr;
+    if (!e) {
+        VX_TRACE(trace_level(), 2, "BT_MON", "BT %d has no counter slot; its series id is its id",
+                 btId);
+        return btId;
+    }
+    return e->slot + 1;
 }
 
 extern "C" void Free_BT_Tag_Map(void)

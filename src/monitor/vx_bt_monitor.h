@@ -49,7 +49,6 @@ struct VXMonitorDataModel;
 struct BTObject;
 struct BTTagArray;
 struct BTTagSeqArray;
-/* STAND-IN(percentiles): the digests of a BT; opaque until they exist. */
 struct td_histogram_t;
 struct tslb_cdigest_t;
 
@@ -91,8 +90,12 @@ struct VXBTMonitorDataCounters {
     long long minQueueTime;
     long long maxQueueTime;
     long long cumQueueTime;
-    BTObject* tlBTObj; /* aggBTDataArr: the BT bound to this id, read without a lock */
-    char dataExist;    /* reportArr: got data in this interval */
+    /* aggBTDataArr: the BT bound to this id, read without a lock. reportArr:
+     * the BT its digests were fed for (vx_bt_percentiles.h). */
+    BTObject* tlBTObj;
+    char dataExist; /* reportArr: got data in this interval */
+    /* reportArr only: the BT's digests, under reportLock and the
+     * percentiles' lock. */
     td_histogram_t* tdigest_key;
     char tdigestDataExist;
     tslb_cdigest_t* cdigest_key;
@@ -138,7 +141,7 @@ extern "C" {
 void VXBTMonitorInit(void);
 
 /* Binds a BT to the element of its id, growing the array when the id does
- * not fit; clears the element's digest fields. Caller holds bt_obj_map_lock. */
+ * not fit. Caller holds bt_obj_map_lock. */
 void checkAndIncrementAggrBTDataArray(BTObject* tlBTObj);
 
 /* vectorPrefix "<tier>><server>><instance>>" and vectorPrefixID
@@ -204,6 +207,10 @@ BTObject* bt_bound_to(int id, int* size_out);
 /* Grows the array to hold at least `size` elements (keyword
  * BTAggDataArraySize); the size never shrinks. Takes bt_obj_map_lock. */
 void bt_monitor_resize(int size);
+
+/* The series id of a BT's records: its id, or with tags on its counter
+ * slot + 1 (the id record 74 gives it). Takes bt_tag_obj_map_lock. */
+int bt_monitor_series_id(int btId);
 
 /* Session clean-up: no element is bound any longer. */
 void bt_monitor_unbind_all();

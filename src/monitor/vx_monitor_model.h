@@ -75,9 +75,6 @@ struct VXMonitorSettings_t {
     int isNewMonitorRecordEnabled;
     int BTAggDataArraySize;
     int enableBackendMonitor;
-    /* STAND-IN(percentiles) */
-    char tDigestPercentileBT[256];
-    char tDigestPercentileIP[256];
 };
 
 /* The instance's models. */

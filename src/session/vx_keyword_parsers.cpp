@@ -12,7 +12,9 @@
 #include "agent/vx_host_callbacks.h"
 #include "core/vx_host_call.h"
 #include "agent/vx_instance.h"
+#include "monitor/vx_backend_monitor.h"
 #include "monitor/vx_bt_monitor.h"
+#include "monitor/vx_bt_percentiles.h"
 #include "bt/vx_bt_object.h"
 #include "core/vx_atomic.h"
 #include "core/vx_text.h"
@@ -313,8 +315,8 @@ extern "C" void setVXLQLogPath(char* value, char*, int) { copy_feature_text(vxAp
 
 extern "C" void parseFormatIPResourceURL(char* value, char*, int) { sub_numbers(value, app()->resourceURLSettings.formatIPResourceURL, 3); }
 
-extern "C" void setDigestPercentileBT(char* value, char*, int) { copy_feature_text(app()->monitorSettings.tDigestPercentileBT, value); }
-extern "C" void setDigestPercentileIP(char* value, char*, int) { copy_feature_text(app()->monitorSettings.tDigestPercentileIP, value); }
+extern "C" void setDigestPercentileBT(char* value, char* keyword, int) { vx::bt_percentiles_keyword(keyword, value); }
+extern "C" void setDigestPercentileIP(char* value, char* keyword, int) { vx::ip_percentiles_keyword(keyword, value); }
 
 extern "C" void setvxAgentDebugLogging(char* value, char*, int) { app()->sendLogsToProxy = atoi(value); }
 

@@ -827,3 +827,57 @@ TEST(Monitors, ACollectorThatStopsReadingTheStreamHoldsUpNeitherHostNorDataStrea
     const auto lines = session_data(vxc, 83);
     EXPECT_EQ(count_records(lines, 4), host.number("transactions"));
 }
+
+TEST(Percentiles, EachBTsDigestHoldsWhatItsIntervalsServedAndAModifySendsIt)
+{
+    /* One host thread alternates two BTs, each transaction held 700 ms, so a
+     * BT ends at most once in any one-second interval: each interval's value
+     * a digest is fed (a record's total of the BT) is then that interval's
+     * record 74 total, from which vxc-lite rebuilds the exact quantiles. The
+     * modify repeats the keyword, which sends what was gathered at once. */
+    struct Case {
+        const char* kind;
+        int record;
+        double tolerance; /* relative */
+    };
+    int test_idx = 84;
+    for (const Case& c : {Case{"1", 96, 1e-9}, Case{"2", 121, 1.0 / 32}}) {
+        SCOPED_TRACE(std::string("kind ") + c.kind);
+        vxc::Options opts = monitor_session(test_idx);
+        std::ofstream(opts.session_file, std::ios::app)
+            << "tDigestPercentileBT=" << c.kind << "%205%202%20100%20100%20793%201\n";
+        opts.modify_file = opts.files_dir + "/modify.kw";
+        write_file(opts.modify_file, std::string("tDigestPercentileBT=") + c.kind + "\n");
+        opts.modify_after_ms = 6200;
+        opts.stop_after_ms = 7000;
+        e2e::Collector vxc(opts);
+        ASSERT_EQ(vxc.start(), 0);
+        e2e::Host host({"urls", "5", "1", "700", "/shop/item/42|GET", "/shop/cart|GET"},
+                       vxc.port(), kMonitorEnv);
+        ASSERT_EQ(host.wait(60), 0);
+        vxc.stop();
+
+        vxc.expect_counts("as_connections=1 as_malformed=0 as_digest_malformed=0 modify_answers=1");
+        std::map<std::string, vxc::PercentileRow> by_name;
+        for (const vxc::PercentileRow& r : vxc.percentiles()) {
+            EXPECT_EQ(r.record, c.record);
+            EXPECT_TRUE(by_name.emplace(r.name, r).second) << "one record per series: " << r.name;
+        }
+        ASSERT_EQ(by_name.size(), 3u) << "ItemPage, Cart and AllTransactions";
+        const std::map<std::string, long long> series = {
+            {"ItemPage", 5}, {"Cart", 6}, {"AllTransactions", 0}};
+        for (const auto& [name, r] : by_name) {
+            SCOPED_TRACE(name);
+            ASSERT_TRUE(series.count(name));
+            if (c.record == 121) EXPECT_EQ(r.series, series.at(name));
+            EXPECT_GE(r.count, name == "AllTransactions" ? 6 : 3);
+            EXPECT_EQ(r.count, r.exact_n) << "one value per interval served";
+            for (auto [got, want] : {std::pair{r.p50, r.exact_p50}, {r.p90, r.exact_p90},
+                                     {r.p99, r.exact_p99}})
+                EXPECT_NEAR(got, want, want * c.tolerance + 1e-6);
+        }
+        EXPECT_EQ(by_name["AllTransactions"].count,
+                  by_name["ItemPage"].count + by_name["Cart"].count);
+        ++test_idx;
+    }
+}

@@ -67,24 +67,16 @@ inline int bucket_of(uint64_t v)
 
 /* Buckets go through memcpy: the member is declared uint32_t[] but holds
  * uint64_t elements for 64-bit counts. */
-inline unsigned char* slots(tslb_cdigest_t* d)
-{
-    return reinterpret_cast<unsigned char*>(d->buckets);
-}
-inline const unsigned char* slots(const tslb_cdigest_t* d)
-{
-    return reinterpret_cast<const unsigned char*>(d->buckets);
-}
-
 inline uint64_t get_bucket(const tslb_cdigest_t* d, int i)
 {
+    const auto* base = reinterpret_cast<const unsigned char*>(d->buckets);
     if (d->max_count_bit == 64) {
         uint64_t n;
-        std::memcpy(&n, slots(d) + i * 8, 8);
+        std::memcpy(&n, base + i * 8, 8);
         return n;
     }
     uint32_t n;
-    std::memcpy(&n, slots(d) + i * 4, 4);
+    std::memcpy(&n, base + i * 4, 4);
     return n;
 }
 
@@ -92,12 +84,13 @@ inline uint64_t get_bucket(const tslb_cdigest_t* d, int i)
  * was stored, so max_count follows the bucket as it really is. */
 inline uint64_t set_bucket(tslb_cdigest_t* d, int i, uint64_t n)
 {
+    auto* base = reinterpret_cast<unsigned char*>(d->buckets);
     if (d->max_count_bit == 64) {
-        std::memcpy(slots(d) + i * 8, &n, 8);
+        std::memcpy(base + i * 8, &n, 8);
         return n;
     }
     const uint32_t m = static_cast<uint32_t>(n);
-    std::memcpy(slots(d) + i * 4, &m, 4);
+    std::memcpy(base + i * 4, &m, 4);
     return m;
 }
 
@@ -111,11 +104,6 @@ uint64_t load_le(const unsigned char* p, int bytes)
 void store_le(unsigned char* p, uint64_t v, int bytes)
 {
     for (int k = 0; k < bytes; ++k) p[k] = static_cast<unsigned char>(v >> (8 * k));
-}
-
-double load_double(const unsigned char* p)
-{
-    return std::bit_cast<double>(load_le(p, 8));
 }
 
 /* Either form of a digest, as the readers walk it. lo > hi when empty. */
@@ -167,9 +155,9 @@ bool parse_packed(const unsigned char* p, size_t len, View* v)
     v->count_bit = p[5];
     if (!width_ok(v->value_bit) || !width_ok(v->count_bit) || p[6] != 1) return false;
     v->count = load_le(p + 16, 8);
-    v->min = load_double(p + 24);
-    v->max = load_double(p + 32);
-    v->sum = load_double(p + 40);
+    v->min = std::bit_cast<double>(load_le(p + 24, 8));
+    v->max = std::bit_cast<double>(load_le(p + 32, 8));
+    v->sum = std::bit_cast<double>(load_le(p + 40, 8));
     if (v->count == 0) return len == static_cast<size_t>(kCDigestHeaderBytes);
     const int reach = reach_of(v->value_bit);
     if (bits % 8 != 0 || bits > v->count_bit || lz > reach - 1 || tz > reach - 1 - lz) return false;
@@ -349,7 +337,7 @@ void tslb_cdigest_reset(tslb_cdigest_t* d)
      * range keeps a reset of a narrow digest cheap. */
     if (d->count != 0 && d->min_idx <= d->max_idx) {
         const int w = d->max_count_bit / 8;
-        std::memset(slots(d) + d->min_idx * w, 0,
+        std::memset(reinterpret_cast<unsigned char*>(d->buckets) + d->min_idx * w, 0,
                     static_cast<size_t>(d->max_idx - d->min_idx + 1) * w);
     }
     d->max_idx = 0;

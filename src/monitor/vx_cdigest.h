@@ -10,10 +10,13 @@
  * the buckets unused above max_idx, 22-27 the bucket width in bits, 28-31
  * flags; then value width, count width, version, 9 bytes zero, count, min,
  * max and the sum of the values), then the counts of min_idx..max_idx,
- * nothing when the count is 0.
+ * nothing when the count is 0. A bucket width of 64 bits does not fit its
+ * six-bit field and is written as 0. Readers of a packed digest take its
+ * length and refuse (NaN, 0 results, null) any header that does not
+ * account for exactly that many bytes.
  *
  * A digest is not thread-safe: its owner serialises every call. The tables
- * are built once by tslb_cdigest_init_lib and read-only after.
+ * are constant-initialised and read-only.
  */
 #ifndef VX_CDIGEST_H
 #define VX_CDIGEST_H
@@ -45,7 +48,8 @@ inline constexpr int kCDigestBuckets64 = 1920; /* reachable with 64-bit values *
 
 extern "C" {
 
-/* Builds the tables; idempotent and safe from several threads. */
+/* The tables need no building (they are constant-initialised); kept so
+ * callers can enable the digest the same way. Safe from any thread. */
 void tslb_cdigest_init_lib(void);
 
 /* Bytes of a digest block of these widths. */
@@ -58,14 +62,16 @@ tslb_cdigest_t* tslb_new_cdigest(int value_max_bit, int count_max_bit);
 void tslb_free_cdigest(tslb_cdigest_t* digest);
 
 /* Adds a value. NaN and negative values count as 0; a value past the
- * digest's value width counts as the largest it can hold. */
+ * digest's value width counts as the largest it can hold. min, max and the
+ * sum take the value as counted, so they agree with the buckets. */
 void tslb_cdigest_update(tslb_cdigest_t* digest, double value);
 /* Back to empty; widths and version stay. */
 void tslb_cdigest_reset(tslb_cdigest_t* digest);
 
 /* The size tslb_cdigest_pack will need. */
 int func1(const tslb_cdigest_t* digest);
-/* Packs into dest: the packed size, or -1 when out_max_sz is too small. */
+/* Packs into dest: the packed size, or -1 when out_max_sz is too small
+ * (or either pointer is null). */
 int tslb_cdigest_pack(const tslb_cdigest_t* digest, tslb_cdigest_packed* dest, int out_max_sz);
 
 /* Adds src into dest: dest, or null (dest untouched) when dest is narrower
@@ -78,21 +84,28 @@ tslb_cdigest_t* tslb_cdigest_unpacked_merge(tslb_cdigest_t* const* digest_arr, i
 /* Adds a packed digest of `len` bytes into dest: dest, or null for a
  * malformed packed digest or one wider than dest. */
 tslb_cdigest_t* tslb_cdigest_unpacked_merge_packed(tslb_cdigest_t* dest_digest,
-                                                   const tslb_cdigest_packed* src_pdigest, size_t len);
+                                                   const tslb_cdigest_packed* src_pdigest,
+                                                   size_t len);
 
-/* The value at quantile idx (0..1) of a packed digest of `len` bytes: NaN
- * when empty or malformed. */
+/* The value at quantile idx of a packed digest of `len` bytes: the value of
+ * the first bucket whose cumulative count reaches count * idx, not capped
+ * at max. idx is clamped to 0..1 (NaN as 0). NaN when empty or malformed. */
 double tslb_cdigest_get_quantile(const tslb_cdigest_packed* digest, size_t len, double idx);
 /* Several quantiles, ascending, in one walk; each capped at the digest's
- * max. The number of results written to out_arr. */
+ * max; one below its predecessor gets the predecessor's bucket. Returns
+ * idx_arr_sz; when the digest is empty or malformed every result is NaN
+ * and 0 is returned. */
 int tslb_cdigest_get_quantile_many(const tslb_cdigest_packed* digest, size_t len,
                                    const double* idx_arr, int idx_arr_sz, double* out_arr);
 int tslb_cdigest_unpacked_get_quantile_many(const tslb_cdigest_t* digest, const double* idx_arr,
                                             int idx_arr_sz, double* out_arr);
 
-/* Text for the trace log into the caller's buffer (always terminated);
- * the buffer. The _with_buckets forms add "%d:%ld," cumulative counts and
- * end with "..." when the buffer runs out. */
+/* One line for the trace log in the caller's buffer, always terminated:
+ * "cdigest(<value bits>,<count bits>) count=N", then, when not empty,
+ * " min=.. max=.. sum=.. buckets=lo..hi". The _with_buckets forms add a
+ * space and "%d:%ld," per bucket in use (index, cumulative count). When the
+ * buffer runs out, the text ends at the last whole piece and "...". Returns
+ * buf; null (buf empty) for a null digest or a malformed packed one. */
 const char* tslb_cdigest_digest_str(const tslb_cdigest_t* digest, char* buf, size_t max_buf_len);
 const char* tslb_cdigest_pdigest_str(const tslb_cdigest_packed* pdigest, size_t len, char* buf,
                                      size_t max_buf_len);

@@ -2,9 +2,11 @@
 
 #include <charconv>
 #include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <limits>
 
 #include "record_parser.h"
 
@@ -14,6 +16,7 @@ namespace {
 
 constexpr std::string_view kOpeningHead = "auto_sensor_thread_hotspot_data_req:";
 constexpr std::string_view kOverallName = "AllTransactions";
+const std::string kOverallNameText(kOverallName);
 
 /* Formats of a record's values, one character each: L "%lf", D "%d",
  * Q "%lld", Z the literal "0.0", 0 the literal "0", S any text, N record
@@ -251,6 +254,90 @@ bool check_gc_report(std::string_view s, const Head& h, const AsOpening* o, std:
     return check_head_ids(h, o, what, error) && take_vector(&s, '|', o, what, error);
 }
 
+/* A record 96 or 121 after its number and comma. The name may hold commas
+ * and '|': the fields behind it are taken from the end. */
+bool check_digest_head(std::string_view s, int number, const AsOpening* o, DigestHead* d,
+                       std::string* error)
+{
+    const std::string what = "record " + std::to_string(number);
+    const bool c = number == 121;
+    long long ids[5] = {};
+    const int n_ids = c ? 5 : 4;
+    for (int i = 0; i < n_ids; ++i) {
+        const size_t at = s.find(i + 1 < n_ids ? '|' : ':');
+        /* The group id is a %ld, the others %d. */
+        const long long lo = i == 2 ? LLONG_MIN : INT_MIN, hi = i == 2 ? LLONG_MAX : INT_MAX;
+        if (at == std::string_view::npos || !printf_int(s.substr(0, at), lo, hi, &ids[i]))
+            return fail(error, what + ": head is not \"<tierID>|<appID>|<group>|<graph>" +
+                                   (c ? "|<series>" : "") + ":\"");
+        s.remove_prefix(at + 1);
+    }
+    const Head h{ids[0], ids[1], 0};
+    if (!check_head_ids(h, o, what, error) || !take_vector(&s, '>', o, what, error)) return false;
+    long long bytes = 0;
+    const size_t comma = s.rfind(',');
+    if (comma == std::string_view::npos || !is_d(s.substr(comma + 1), &bytes))
+        return fail(error, what + ": no body length (%d) ends the head");
+    if (bytes < 0 || static_cast<unsigned long long>(bytes) > kMaxRawBody)
+        return fail(error, what + ": body length " + std::to_string(bytes) + " is not 0 to " +
+                               std::to_string(kMaxRawBody));
+    s = s.substr(0, comma);
+    const size_t ts_at = s.rfind(c ? '|' : ',');
+    if (ts_at == std::string_view::npos ||
+        !printf_int(s.substr(ts_at + 1), LLONG_MIN, LLONG_MAX, &d->ts))
+        return fail(error, what + ": no time (%lld) ahead of the body length");
+    s = s.substr(0, ts_at);
+    if (c) {
+        /* The text between name and time is always empty. */
+        if (s.empty() || s.back() != '|')
+            return fail(error, what + ": the text ahead of the time is not empty");
+        s.remove_suffix(1);
+    }
+    d->name = std::string(s);
+    if (d->name.empty()) return fail(error, what + ": empty name");
+    if (c && ids[4] == 0 && d->name != kOverallName)
+        return fail(error, what + ": series 0 is the overall line, named AllTransactions, not \"" +
+                               shown(d->name) + "\"");
+    d->group_id = ids[2];
+    d->graph_id = ids[3];
+    d->series = c ? ids[4] : -1;
+    d->bytes = bytes;
+    return true;
+}
+
+/* A double in the fewest digits that read back to it; NaN is empty. */
+std::string number_text(double v)
+{
+    if (std::isnan(v)) return std::string();
+    char buf[64];
+    const auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+    return ec == std::errc() ? std::string(buf, end) : std::string();
+}
+
+double text_number(const std::string& s)
+{
+    return s.empty() ? std::numeric_limits<double>::quiet_NaN() : strtod(s.c_str(), nullptr);
+}
+
+std::vector<std::string> tab_fields(const std::string& line)
+{
+    std::vector<std::string> f;
+    for (size_t from = 0;;) {
+        const size_t tab = line.find('\t', from);
+        f.push_back(line.substr(from, tab - from));
+        if (tab == std::string::npos) break;
+        from = tab + 1;
+    }
+    return f;
+}
+
+std::string tsv_text(std::string s)
+{
+    for (char& c : s)
+        if (c == '\t') c = ' ';
+    return s;
+}
+
 /* One field of the opening line: its key, where it goes, and the character
  * that ends its value ('\0': the end of the line). */
 struct OpeningField {
@@ -338,7 +425,15 @@ int parse_as_record(std::string_view line, const AsOpening* opening, AsRecord* o
     Head h;
     const bool headed = take_head(&rest, &h);
     bool ok = false;
-    if (as_record && n != 52 && n != 53 && n != 74) {
+    if (n == 96 || n == 121) {
+        r.kind = AsKind::Digest;
+        ok = check_digest_head(rest, r.number, opening, &r.digest, error);
+        /* A host may give its report the id 96 or 121. */
+        if (!ok && headed && h.id == 0 && check_gc_report(rest, h, opening, nullptr)) {
+            r.kind = AsKind::GcReport;
+            ok = true;
+        }
+    } else if (as_record && n != 52 && n != 53 && n != 74) {
         r.kind = AsKind::Other;
         ok = comma + 1 < line.size() || fail(error, "record " + std::to_string(n) + " is empty");
     } else if (headed && n == 74) {
@@ -370,16 +465,22 @@ int parse_as_record(std::string_view line, const AsOpening* opening, AsRecord* o
     return 0;
 }
 
+long long digest_body_length(std::string_view line)
+{
+    if (line.substr(0, 3) != "96," && line.substr(0, 4) != "121,") return -1;
+    long long n = 0;
+    const size_t comma = line.rfind(',');
+    if (!is_d(line.substr(comma + 1), &n) || n < 0 ||
+        static_cast<unsigned long long>(n) > kMaxRawBody)
+        return -1;
+    return n;
+}
+
 std::string bt_monitor_row(unsigned conn, unsigned long long interval, const BtMonitorLine& bt)
 {
-    auto text = [](std::string s) {
-        for (char& c : s)
-            if (c == '\t') c = ' ';
-        return s;
-    };
     std::string row = std::to_string(conn) + "\t" + std::to_string(interval) + "\t" +
-                      std::to_string(bt.id) + "\t" + text(bt.name) + "\t" +
-                      (bt.tagged ? "1" : "0") + "\t" + text(bt.tag);
+                      std::to_string(bt.id) + "\t" + tsv_text(bt.name) + "\t" +
+                      (bt.tagged ? "1" : "0") + "\t" + tsv_text(bt.tag);
     for (const size_t field : {1u, 2u, 3u, 4u, 5u, 23u})
         row += "\t" + (field <= bt.fields.size() ? bt.fields[field - 1] : std::string());
     return row;
@@ -390,13 +491,7 @@ std::vector<BtMonitorRow> read_bt_monitor(const std::string& path)
     std::vector<BtMonitorRow> rows;
     std::ifstream in(path);
     for (std::string line; std::getline(in, line);) {
-        std::vector<std::string> f;
-        for (size_t from = 0;;) {
-            const size_t tab = line.find('\t', from);
-            f.push_back(line.substr(from, tab - from));
-            if (tab == std::string::npos) break;
-            from = tab + 1;
-        }
+        const std::vector<std::string> f = tab_fields(line);
         if (f.size() != 12 || line == kBtMonitorHeader) continue;
         BtMonitorRow r;
         r.conn = static_cast<unsigned>(strtoul(f[0].c_str(), nullptr, 10));
@@ -411,6 +506,67 @@ std::vector<BtMonitorRow> read_bt_monitor(const std::string& path)
         r.max = strtoll(f[9].c_str(), nullptr, 10);
         r.count = strtoll(f[10].c_str(), nullptr, 10);
         r.errors = strtoll(f[11].c_str(), nullptr, 10);
+        rows.push_back(std::move(r));
+    }
+    return rows;
+}
+
+void ExactTotals::add(const BtMonitorLine& bt)
+{
+    if (bt.tagged || bt.id == 0 || bt.fields.size() < 5) return;
+    const double total =
+        std::round(strtod(bt.fields[1].c_str(), nullptr) * strtod(bt.fields[4].c_str(), nullptr));
+    if (!(total >= 1)) return;
+    for (const int record : {96, 121})
+        for (const std::string* name : {&bt.name, &kOverallNameText}) {
+            std::vector<double>& list = lists_[{record, *name}];
+            if (list.size() < kMaxExactTotals) list.push_back(total);
+        }
+}
+
+std::vector<double> ExactTotals::take(int record, const std::string& name)
+{
+    const auto it = lists_.find({record, name});
+    if (it == lists_.end()) return {};
+    std::vector<double> out = std::move(it->second);
+    lists_.erase(it);
+    return out;
+}
+
+std::string percentiles_row(const PercentileRow& r)
+{
+    std::string row = std::to_string(r.conn) + "\t" + std::to_string(r.record) + "\t" +
+                      (r.series >= 0 ? std::to_string(r.series) : std::string()) + "\t" +
+                      tsv_text(r.name) + "\t" + std::to_string(r.ts) + "\t" +
+                      std::to_string(r.bytes) + "\t" + std::to_string(r.count);
+    for (const double v : {r.p50, r.p90, r.p99}) row += "\t" + number_text(v);
+    row += "\t" + std::to_string(r.exact_n);
+    for (const double v : {r.exact_p50, r.exact_p90, r.exact_p99}) row += "\t" + number_text(v);
+    return row;
+}
+
+std::vector<PercentileRow> read_percentiles(const std::string& path)
+{
+    std::vector<PercentileRow> rows;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        const std::vector<std::string> f = tab_fields(line);
+        if (f.size() != 14 || line == kPercentilesHeader) continue;
+        PercentileRow r;
+        r.conn = static_cast<unsigned>(strtoul(f[0].c_str(), nullptr, 10));
+        r.record = static_cast<int>(strtol(f[1].c_str(), nullptr, 10));
+        r.series = f[2].empty() ? -1 : strtoll(f[2].c_str(), nullptr, 10);
+        r.name = f[3];
+        r.ts = strtoll(f[4].c_str(), nullptr, 10);
+        r.bytes = strtoll(f[5].c_str(), nullptr, 10);
+        r.count = strtoull(f[6].c_str(), nullptr, 10);
+        r.p50 = text_number(f[7]);
+        r.p90 = text_number(f[8]);
+        r.p99 = text_number(f[9]);
+        r.exact_n = strtoull(f[10].c_str(), nullptr, 10);
+        r.exact_p50 = text_number(f[11]);
+        r.exact_p90 = text_number(f[12]);
+        r.exact_p99 = text_number(f[13]);
         rows.push_back(std::move(r));
     }
     return rows;

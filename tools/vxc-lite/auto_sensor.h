@@ -10,14 +10,17 @@
  * application ids and the vector (tier, server, instance) every record
  * names must be the ones it gave.
  *
- * Nothing here touches a socket or a file, except read_bt_monitor, which
- * reads back the file the server writes. Pure functions; any thread.
+ * Nothing here touches a socket or a file, except read_bt_monitor and
+ * read_percentiles, which read back the files the server writes. Pure
+ * functions, and ExactTotals, one per connection; any thread.
  */
 #ifndef VXC_LITE_AUTO_SENSOR_H
 #define VXC_LITE_AUTO_SENSOR_H
 
+#include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace vxc {
@@ -57,18 +60,35 @@ struct BtMonitorLine {
     std::vector<std::string> fields; /* the 40 fields as they stand */
 };
 
+/* The head of a digest record, printed with "%s%ld|%d:%s%s,%lld,%d" (96,
+ * t-digest) or "%s%ld|%d|%d:%s%s|%s|%lld,%d" (121, c-digest) behind the
+ * number: "<tierID>|<appID>|", group id, graph id, for 121 the series id (0
+ * for the overall "AllTransactions"), the vector "<tier>><server>>
+ * <instance>>", the name, for 121 an empty text, the time in ms and the
+ * length of the binary body that follows the head's line feed. */
+struct DigestHead {
+    long long group_id = 0;
+    long long graph_id = 0;
+    long long series = -1; /* 121 only */
+    std::string name;
+    long long ts = 0;
+    long long bytes = 0; /* at most kMaxRawBody */
+};
+
 enum class AsKind {
     BtMonitor,     /* record 74 */
     ThreadSummary, /* record 53 */
     HotSpot,       /* record 52 */
     GcReport,      /* "<id>,<tierID>|<appID>|0:<tier>><server>><instance>|<report>" */
-    Other,         /* 61, 63, 75, 96 or 121: framing only so far */
+    Digest,        /* the head of a record 96 or 121 */
+    Other,         /* 61, 63 or 75: framing only so far */
 };
 
 struct AsRecord {
     int number = -1; /* for a garbage-collection report, the host's id */
     AsKind kind = AsKind::Other;
-    BtMonitorLine bt; /* a record 74's parts */
+    BtMonitorLine bt;  /* a record 74's parts */
+    DigestHead digest; /* a record 96's or 121's */
 };
 
 /*
@@ -81,6 +101,12 @@ struct AsRecord {
  */
 int parse_as_record(std::string_view line, const AsOpening* opening, AsRecord* out,
                     std::string* error);
+
+/* The body length a record 96 or 121 head announces, read from its last
+ * field alone, so that the body of a head parse_as_record refused can still
+ * be passed over. -1 when the line is no such head or the length is not one
+ * from 0 to kMaxRawBody. */
+long long digest_body_length(std::string_view line);
 
 /*
  * bt_monitor.tsv, one row per record 74 accepted, tab-separated, under the
@@ -108,6 +134,65 @@ struct BtMonitorRow {
 
 /* The rows of a bt_monitor.tsv; rows that do not read are skipped. */
 std::vector<BtMonitorRow> read_bt_monitor(const std::string& path);
+
+/*
+ * The values the collector can rebuild, from a connection's records 74, of
+ * what the agent put into a digest series: for each untagged row of a
+ * business transaction, the interval's total response time, avg (value 2)
+ * times count (value 5) rounded to the nearest whole number, kept when it is
+ * at least 1. The series "AllTransactions" gets the totals of every
+ * transaction's rows, not those of the overall line. The agent feeds a
+ * digest one sum per host thread and interval, so these totals are the
+ * values in its digests when each business transaction is served by one
+ * host thread, as the demo and the tests arrange; with more threads the
+ * digest holds each thread's share instead, and the two differ.
+ *
+ * Kept apart for records 96 and 121: take() hands over a name's totals since
+ * that record's last digest of the name and starts the list again. A list
+ * stops growing at kMaxExactTotals values (a connection that sends no
+ * digests). One per connection.
+ */
+class ExactTotals {
+public:
+    static constexpr size_t kMaxExactTotals = 1u << 20;
+
+    void add(const BtMonitorLine& bt);
+    std::vector<double> take(int record, const std::string& name);
+
+private:
+    std::map<std::pair<int, std::string>, std::vector<double>> lists_;
+};
+
+/*
+ * percentiles.tsv, one row per digest record whose body decoded, under the
+ * header kPercentilesHeader: connection, record number, series id (121
+ * only), name, time, body length, values in the digest, its quantiles 0.5,
+ * 0.9 and 0.99, then exact_n, the number of totals ExactTotals had for the
+ * series, and their quantiles (exact_quantile). A quantile of nothing is an
+ * empty field; numbers are written in the fewest digits that read back to
+ * the same double.
+ */
+constexpr const char* kPercentilesHeader =
+    "conn\trecord\tseries\tname\tts\tbytes\tcount\tp50\tp90\tp99\texact_n\texact_p50\t"
+    "exact_p90\texact_p99";
+
+struct PercentileRow {
+    unsigned conn = 0;
+    int record = 0;
+    long long series = -1; /* -1: none (record 96) */
+    std::string name;
+    long long ts = 0;
+    long long bytes = 0;
+    unsigned long long count = 0;
+    double p50 = 0, p90 = 0, p99 = 0; /* NaN for an empty digest */
+    unsigned long long exact_n = 0;
+    double exact_p50 = 0, exact_p90 = 0, exact_p99 = 0; /* NaN when exact_n is 0 */
+};
+
+std::string percentiles_row(const PercentileRow& row);
+
+/* The rows of a percentiles.tsv; rows that do not read are skipped. */
+std::vector<PercentileRow> read_percentiles(const std::string& path);
 
 }  // namespace vxc
 

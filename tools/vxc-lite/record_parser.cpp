@@ -5,29 +5,62 @@
 namespace vxc {
 
 void LineSplitter::feed(const char* data, size_t len, const LineFn& on_line,
-                        const OverlongFn& on_overlong)
+                        const OverlongFn& on_overlong, const RawFn& on_raw)
 {
     if (!data) return;
-    size_t start = 0;
-    for (size_t i = 0; i < len; ++i) {
-        const char c = data[i];
-        if (c != '\n' && c != '\0') continue;
-        /* Move the run before this byte into the line being built. */
-        take(data + start, i - start, on_overlong);
-        start = i + 1;
-        if (c == '\0') {
-            ++nul_bytes_;
+    size_t i = 0;
+    while (i < len) {
+        if (in_raw_) {
+            i += feed_raw(data + i, len - i, on_raw);
             continue;
         }
-        if (discarding_) {
-            discarding_ = false;
-            discarded_ = 0;
-        } else {
-            on_line(buf_);
+        size_t start = i;
+        bool to_raw = false;
+        for (; i < len && !to_raw; ++i) {
+            const char c = data[i];
+            if (c != '\n' && c != '\0') continue;
+            /* Move the run before this byte into the line being built. */
+            take(data + start, i - start, on_overlong);
+            start = i + 1;
+            if (c == '\0') {
+                ++nul_bytes_;
+                continue;
+            }
+            if (discarding_) {
+                discarding_ = false;
+                discarded_ = 0;
+            } else {
+                on_line(buf_);
+            }
+            buf_.clear();
+            to_raw = in_raw_; /* the line announced a body */
         }
-        buf_.clear();
+        if (i > start) take(data + start, i - start, on_overlong);
     }
-    if (len > start) take(data + start, len - start, on_overlong);
+}
+
+int LineSplitter::take_raw(size_t n)
+{
+    if (n > max_raw_ || in_raw_) return -1;
+    in_raw_ = true;
+    raw_left_ = n;
+    return 0;
+}
+
+size_t LineSplitter::feed_raw(const char* data, size_t len, const RawFn& on_raw)
+{
+    if (raw_left_ > 0) {
+        const size_t n = len < raw_left_ ? len : raw_left_;
+        raw_.append(data, n);
+        raw_left_ -= n;
+        return n;
+    }
+    const bool line_feed = data[0] == '\n';
+    in_raw_ = false;
+    if (on_raw) on_raw(raw_, line_feed);
+    /* Bodies can be large; do not keep their memory between them. */
+    std::string().swap(raw_);
+    return line_feed ? 1 : 0;
 }
 
 void LineSplitter::take(const char* run, size_t n, const OverlongFn& on_overlong)

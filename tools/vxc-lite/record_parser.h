@@ -23,39 +23,68 @@ namespace vxc {
  * also the largest record any producer can write. */
 constexpr size_t kDefaultMaxLine = 131072;
 
+/* Bound of a binary body behind a head line (a digest record's). */
+constexpr size_t kMaxRawBody = 16u * 1024 * 1024;
+
 /*
  * Splits a byte stream into lines ended by a line feed. A line may straddle
  * any number of feeds. NUL bytes are dropped (the agent skips them between
  * lines, and they carry nothing inside one) and counted. A line longer than
  * the bound is not delivered: the splitter reports it once, drops its bytes up
  * to the next line feed and goes on with the line after it.
+ *
+ * A line may announce a binary body: the line callback calls take_raw(n),
+ * and the next n bytes, whatever they are (line feeds and NULs included),
+ * are the body, followed by one line feed. The body goes to the raw callback
+ * once that line feed, or the byte standing in its place, has arrived.
  */
 class LineSplitter {
 public:
     /* on_line receives each complete line without its line feed (possibly
      * empty: a bare line feed). on_overlong receives the bytes seen of a line
-     * when it passes the bound. Both are called from feed(). */
+     * when it passes the bound. on_raw receives a body and whether the line
+     * feed followed it; when it did not, the byte in its place begins the
+     * next line. All are called from feed(). */
     using LineFn = std::function<void(std::string_view line)>;
     using OverlongFn = std::function<void(size_t bytes_seen)>;
+    using RawFn = std::function<void(std::string_view body, bool line_feed_behind)>;
 
-    explicit LineSplitter(size_t max_line = kDefaultMaxLine) : max_line_(max_line) {}
+    explicit LineSplitter(size_t max_line = kDefaultMaxLine, size_t max_raw = kMaxRawBody)
+        : max_line_(max_line), max_raw_(max_raw)
+    {
+    }
 
-    void feed(const char* data, size_t len, const LineFn& on_line, const OverlongFn& on_overlong);
+    /* on_raw may be empty for a stream that has no bodies; bodies are then
+     * dropped. */
+    void feed(const char* data, size_t len, const LineFn& on_line, const OverlongFn& on_overlong,
+              const RawFn& on_raw = RawFn());
 
-    /* Bytes of an unfinished line held for the next feed. */
-    size_t pending() const { return buf_.size(); }
+    /* From the line callback only: the n bytes after the line just delivered
+     * are a body. Returns 0, or -1 (nothing taken, nothing allocated) when n
+     * is over the bound or a body is already awaited. */
+    int take_raw(size_t n);
+
+    /* Bytes held for the next feed; not 0 while a body or its line feed is
+     * awaited. */
+    size_t pending() const { return buf_.size() + raw_.size() + (in_raw_ ? 1 : 0); }
     unsigned long long nul_bytes() const { return nul_bytes_; }
 
 private:
     /* Add a run of bytes to the line being built, or drop it while an
      * overlong line is being skipped. */
     void take(const char* run, size_t n, const OverlongFn& on_overlong);
+    /* Feeds the awaited body; returns the bytes used. */
+    size_t feed_raw(const char* data, size_t len, const RawFn& on_raw);
 
     size_t max_line_;
+    size_t max_raw_;
     std::string buf_;
     bool discarding_ = false;
     size_t discarded_ = 0;
     unsigned long long nul_bytes_ = 0;
+    bool in_raw_ = false;
+    size_t raw_left_ = 0; /* body bytes still to come */
+    std::string raw_;
 };
 
 /* Which connection a catalogued record travels on. */

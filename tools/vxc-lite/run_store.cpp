@@ -49,13 +49,15 @@ int RunStore::open(const std::string& dir, std::string* error)
     log_ = fopen((dir_ + "/vxc-lite.log").c_str(), "a");
     malformed_ = fopen((dir_ + "/malformed.txt").c_str(), "w");
     bt_monitor_ = fopen((dir_ + "/bt_monitor.tsv").c_str(), "w");
-    if (!log_ || !malformed_ || !bt_monitor_) {
+    percentiles_ = fopen((dir_ + "/percentiles.tsv").c_str(), "w");
+    if (!log_ || !malformed_ || !bt_monitor_ || !percentiles_) {
         if (error) *error = "cannot open files in " + dir + ": " + strerror(errno);
         close();
         return -1;
     }
     /* The header stands before any row: readers find the file at once. */
     bt_monitor_row(kBtMonitorHeader);
+    percentiles_row(kPercentilesHeader);
     return 0;
 }
 
@@ -64,9 +66,11 @@ void RunStore::close()
     if (log_) fclose(log_);
     if (malformed_) fclose(malformed_);
     if (bt_monitor_) fclose(bt_monitor_);
+    if (percentiles_) fclose(percentiles_);
     log_ = nullptr;
     malformed_ = nullptr;
     bt_monitor_ = nullptr;
+    percentiles_ = nullptr;
 }
 
 FILE* RunStore::open_connection_file(unsigned id, const char* kind)
@@ -110,11 +114,25 @@ void RunStore::malformed(unsigned conn, std::string_view reason, std::string_vie
     fflush(malformed_);
 }
 
+namespace {
+
+void append_row(FILE* f, std::string_view row)
+{
+    if (!f) return;
+    fprintf(f, "%.*s\n", static_cast<int>(row.size()), row.data());
+    fflush(f);
+}
+
+}  // namespace
+
 void RunStore::bt_monitor_row(std::string_view row)
 {
-    if (!bt_monitor_) return;
-    fprintf(bt_monitor_, "%.*s\n", static_cast<int>(row.size()), row.data());
-    fflush(bt_monitor_);
+    append_row(bt_monitor_, row);
+}
+
+void RunStore::percentiles_row(std::string_view row)
+{
+    append_row(percentiles_, row);
 }
 
 int RunStore::write_summary()
@@ -146,11 +164,13 @@ int RunStore::write_summary()
     fprintf(f,
             "as_connections=%llu\nas_bad_opening=%llu\nas_records_74=%llu\n"
             "as_overall_lines=%llu\nas_records_53=%llu\nas_records_52=%llu\nas_gc_reports=%llu\n"
-            "as_records_other=%llu\nas_malformed=%llu\nas_unread_connections=%llu\n"
+            "as_records_other=%llu\nas_records_96=%llu\nas_records_121=%llu\n"
+            "as_digest_malformed=%llu\nas_malformed=%llu\nas_unread_connections=%llu\n"
             "as_closed_by_collector=%llu\nas_state_zero_heartbeats=%llu\n",
             c.as_connections, c.as_bad_opening, c.as_records_74, c.as_overall_lines,
-            c.as_records_53, c.as_records_52, c.as_gc_reports, c.as_records_other, c.as_malformed,
-            c.as_unread_connections, c.as_closed_by_collector, c.as_state_zero_heartbeats);
+            c.as_records_53, c.as_records_52, c.as_gc_reports, c.as_records_other, c.as_records_96,
+            c.as_records_121, c.as_digest_malformed, c.as_malformed, c.as_unread_connections,
+            c.as_closed_by_collector, c.as_state_zero_heartbeats);
     for (const auto& [number, n] : c.per_record) fprintf(f, "record.%d=%llu\n", number, n);
     for (const auto& [id, name] : c.bts.names())
         fprintf(f, "bt.%lld=%.*s\n", id, static_cast<int>(name.size()), name.data());

@@ -5,6 +5,7 @@
  *   conn-<n>-<kind>.lines  every line a connection sent, NUL bytes removed
  *   bt_monitor.tsv         one row per record 74 of the auto-sensor
  *                          connections (see auto_sensor.h)
+ *   percentiles.tsv        one row per digest record 96 or 121 (ditto)
  *   malformed.txt          "<conn> <reason> | <line, cut to 200 bytes>"
  *   summary.txt            key=value counts, one line a declared business
  *                          transaction ("bt.<id>=<name>"), then one line a
@@ -88,7 +89,12 @@ struct Counts {
     unsigned long long as_records_53 = 0;
     unsigned long long as_records_52 = 0;
     unsigned long long as_gc_reports = 0;
-    unsigned long long as_records_other = 0; /* 61, 63, 75, 96, 121 */
+    unsigned long long as_records_other = 0; /* 61, 63, 75 */
+    /* Digest records whose head and body were good; those whose body did
+     * not decode or lacked its line feed (also in malformed). */
+    unsigned long long as_records_96 = 0;
+    unsigned long long as_records_121 = 0;
+    unsigned long long as_digest_malformed = 0;
     unsigned long long as_malformed = 0;
     unsigned long long as_unread_connections = 0;
     unsigned long long as_closed_by_collector = 0;
@@ -118,8 +124,10 @@ public:
 
     void log(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
     void malformed(unsigned conn, std::string_view reason, std::string_view line);
-    /* Appends one row, without its line feed, to bt_monitor.tsv. */
+    /* Append one row, without its line feed, to bt_monitor.tsv or
+     * percentiles.tsv. */
     void bt_monitor_row(std::string_view row);
+    void percentiles_row(std::string_view row);
     int write_summary();
 
     Counts counts;
@@ -131,6 +139,7 @@ private:
     FILE* log_ = nullptr;
     FILE* malformed_ = nullptr;
     FILE* bt_monitor_ = nullptr;
+    FILE* percentiles_ = nullptr;
 };
 
 }  // namespace vxc

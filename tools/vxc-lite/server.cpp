@@ -17,6 +17,7 @@
 
 #include "auto_sensor.h"
 #include "bt_registry.h"
+#include "digest_decode.h"
 #include "record_parser.h"
 #include "session.h"
 
@@ -90,6 +91,12 @@ struct Conn {
     AsOpening as_opening;
     bool as_opening_ok = false;
     unsigned long long as_interval = 0; /* overall record 74 lines so far */
+    ExactTotals as_exact;               /* for the exact columns of percentiles.tsv */
+    /* The digest head whose body is being read; a refused head's body is
+     * only passed over. */
+    AsRecord as_digest;
+    bool as_digest_ok = false;
+    std::string as_digest_line;
     apr_time_t last_read = 0;
     char peer[64] = "";
     ConnectionSeen* seen = nullptr; /* null when the summary's list is full */
@@ -416,9 +423,19 @@ void first_auto_sensor_line(Server* s, Conn* c, std::string_view line)
                  c->peer, printable(why, 300).c_str(), printable(line, 300).c_str());
 }
 
+/* Expects the body a digest head announced. */
+void await_digest_body(Conn* c, AsRecord r, bool ok, std::string_view line)
+{
+    if (c->splitter->take_raw(static_cast<size_t>(r.digest.bytes)) != 0) return;
+    c->as_digest = std::move(r);
+    c->as_digest_ok = ok;
+    c->as_digest_line = std::string(line);
+}
+
 /* A line of an auto-sensor connection after its opening line. A record 74
  * names a declared business transaction, as records 2 and 4 do, except with
- * tags, where its id is a series id. */
+ * tags, where its id is a series id. A digest head is counted with its body,
+ * in on_digest_body. */
 void on_auto_sensor_line(Server* s, Conn* c, std::string_view line)
 {
     Counts& counts = s->store.counts;
@@ -429,6 +446,13 @@ void on_auto_sensor_line(Server* s, Conn* c, std::string_view line)
         ++counts.as_malformed;
         if (c->seen) ++c->seen->malformed;
         s->store.malformed(c->id, error, line);
+        /* Pass over the body of a refused head, so the lines behind it are
+         * read as lines. */
+        const long long body = digest_body_length(line);
+        if (body >= 0) {
+            r.digest.bytes = body;
+            await_digest_body(c, std::move(r), false, line);
+        }
         return;
     }
     if (c->seen) ++c->seen->records;
@@ -446,11 +470,15 @@ void on_auto_sensor_line(Server* s, Conn* c, std::string_view line)
         case AsKind::Other:
             ++counts.as_records_other;
             return;
+        case AsKind::Digest:
+            await_digest_body(c, std::move(r), true, line);
+            return;
         case AsKind::BtMonitor:
             break;
     }
     ++counts.as_records_74;
     s->store.bt_monitor_row(bt_monitor_row(c->id, c->as_interval, r.bt));
+    c->as_exact.add(r.bt);
     if (r.bt.id == 0) {
         ++counts.as_overall_lines;
         ++c->as_interval;
@@ -463,6 +491,61 @@ void on_auto_sensor_line(Server* s, Conn* c, std::string_view line)
                        "record 74: business transaction id " + std::to_string(r.bt.id) +
                            " not declared by a record 7 or the served rules",
                        line);
+}
+
+/* The body behind a digest head. The connection's file gets a placeholder
+ * line instead of the bytes, so it stays readable as lines. */
+void on_digest_body(Server* s, Conn* c, std::string_view body, bool line_feed_behind)
+{
+    const AsRecord& r = c->as_digest;
+    write_line(c, "<" + std::to_string(body.size()) + " bytes of digest" +
+                      (line_feed_behind ? ">" : ", no line feed behind>"));
+    if (!c->as_digest_ok) return; /* counted with its head */
+    Counts& counts = s->store.counts;
+    s->summary_dirty = true;
+    /* The reconstruction restarts with every digest of the name, good or not. */
+    std::vector<double> exact = c->as_exact.take(r.number, r.digest.name);
+    PercentileRow row;
+    std::string error;
+    if (!line_feed_behind) {
+        error = "no line feed behind the body";
+    } else if (r.number == 96) {
+        TDigest d;
+        if (decode_tdigest(body, &d, &error) == 0) {
+            row.count = d.count;
+            row.p50 = tdigest_quantile(d, 0.5);
+            row.p90 = tdigest_quantile(d, 0.9);
+            row.p99 = tdigest_quantile(d, 0.99);
+        }
+    } else {
+        CDigest d;
+        if (decode_cdigest(body, &d, &error) == 0) {
+            row.count = d.count;
+            row.p50 = cdigest_quantile(d, 0.5);
+            row.p90 = cdigest_quantile(d, 0.9);
+            row.p99 = cdigest_quantile(d, 0.99);
+        }
+    }
+    if (!error.empty()) {
+        ++counts.as_digest_malformed;
+        if (c->seen) ++c->seen->malformed;
+        s->store.malformed(c->id, "record " + std::to_string(r.number) + ": " + error,
+                           c->as_digest_line);
+        return;
+    }
+    ++(r.number == 96 ? counts.as_records_96 : counts.as_records_121);
+    std::sort(exact.begin(), exact.end());
+    row.conn = c->id;
+    row.record = r.number;
+    row.series = r.digest.series;
+    row.name = r.digest.name;
+    row.ts = r.digest.ts;
+    row.bytes = r.digest.bytes;
+    row.exact_n = exact.size();
+    row.exact_p50 = exact_quantile(exact, 0.5);
+    row.exact_p90 = exact_quantile(exact, 0.9);
+    row.exact_p99 = exact_quantile(exact, 0.99);
+    s->store.percentiles_row(percentiles_row(row));
 }
 
 void first_line(Server* s, Conn* c, std::string_view line)
@@ -616,6 +699,9 @@ void read_some(Server* s, Conn* c, size_t budget)
                     ++s->store.counts.overlong;
                     s->store.log("conn %u: line longer than %zu bytes (%zu seen), dropped", c->id,
                                  s->opts.max_line, seen);
+                },
+                [&](std::string_view body, bool line_feed_behind) {
+                    on_digest_body(s, c, body, line_feed_behind);
                 });
             s->store.counts.nul_bytes += c->splitter->nul_bytes() - nul_before;
         }

@@ -155,6 +155,92 @@ TEST(AutoSensorRecords, LinesThatMissTheirFormatAreRefused)
     }
 }
 
+const std::string k96 = "96,1|2|793|1:front>web1>shop>/shop/cart,1700000000000,52";
+const std::string k121 = "121,1|2|793|1|5:front>web1>shop>/shop/cart||1700000000000,115";
+
+TEST(AutoSensorRecords, DigestHeadsAreReadFieldByFieldFromBothEnds)
+{
+    const vxc::AsOpening o = opening();
+    vxc::AsRecord r;
+    std::string error;
+    ASSERT_EQ(vxc::parse_as_record(k96, &o, &r, &error), 0) << error;
+    EXPECT_EQ(r.kind, vxc::AsKind::Digest);
+    EXPECT_EQ(r.digest.group_id * 10 + r.digest.graph_id, 7931);
+    EXPECT_EQ(r.digest.series, -1);
+    EXPECT_EQ(r.digest.name, "/shop/cart");
+    EXPECT_EQ(r.digest.ts, 1700000000000);
+    EXPECT_EQ(r.digest.bytes, 52);
+    ASSERT_EQ(vxc::parse_as_record(k121, &o, &r, &error), 0) << error;
+    EXPECT_EQ(r.digest.series, 5);
+    EXPECT_EQ(r.digest.name, "/shop/cart");
+    EXPECT_EQ(r.digest.bytes, 115);
+    const std::string odd_name = with(k96, "/shop/cart", "/a?b=1,2|x");
+    ASSERT_EQ(vxc::parse_as_record(odd_name, &o, &r, &error), 0) << error;
+    EXPECT_EQ(r.digest.name, "/a?b=1,2|x");
+    ASSERT_EQ(vxc::parse_as_record(
+                  with(k121, "|5:front>web1>shop>/shop/cart", "|0:front>web1>shop>AllTransactions"),
+                  &o, &r, &error),
+              0)
+        << error;
+    ASSERT_EQ(vxc::parse_as_record("96,1|2|0:front>web1>shop|young gen", &o, &r, &error), 0);
+    EXPECT_EQ(r.kind, vxc::AsKind::GcReport) << "the host's id 96";
+
+    const std::string bad[] = {
+        with(k96, ",52", ",16777217"), /* over the body bound */
+        with(k96, ",52", ",-1"),
+        with(k96, ",52", ",052"),
+        with(k96, ",52", ""),        /* no body length */
+        with(k96, "96,1|", "96,9|"), /* not the opening's tier */
+        with(k96, "front>", "back>"),
+        with(k96, "793|1:", "793|1|5:"), /* 121's ids */
+        with(k121, "793|1|5:", "793|1:"),
+        with(k96, "793|", "x|"),
+        with(k96, "/shop/cart", ""),
+        with(k121, "cart||", "cart|text|"), /* the text is empty */
+        with(k121, "|5:", "|0:"),           /* series 0 is AllTransactions */
+    };
+    for (const std::string& line : bad) {
+        EXPECT_EQ(vxc::parse_as_record(line, &o, nullptr, &error), -1) << "accepted: " << line;
+        EXPECT_FALSE(error.empty()) << line;
+    }
+    /* A refused head still says how long its body is, if it can. */
+    EXPECT_EQ(vxc::digest_body_length(with(k96, "96,1|", "96,9|")), 52);
+    EXPECT_EQ(vxc::digest_body_length("121,x,0"), 0);
+    EXPECT_EQ(vxc::digest_body_length(with(k96, ",52", ",16777217")), -1);
+    EXPECT_EQ(vxc::digest_body_length("97,x,1"), -1);
+}
+
+vxc::BtMonitorLine bt_line(long long id, const char* name, const char* avg, const char* count,
+                           bool tagged = false)
+{
+    vxc::BtMonitorLine bt;
+    bt.id = id;
+    bt.name = name;
+    bt.tagged = tagged;
+    bt.fields.assign(40, "0");
+    bt.fields[1] = avg;
+    bt.fields[4] = count;
+    return bt;
+}
+
+TEST(AutoSensorRecords, ExactTotalsAreAvgTimesCountPerNameUntilItsNextDigest)
+{
+    vxc::ExactTotals t;
+    t.add(bt_line(3, "/a", "20.333333", "3")); /* 60.999999: 61 */
+    t.add(bt_line(4, "/b", "0.400000", "1"));  /* rounds to 0: no value */
+    t.add(bt_line(3, "/a", "10.000000", "1"));
+    t.add(bt_line(4, "/b", "7.500000", "2"));
+    t.add(bt_line(3, "/a", "100.000000", "1", true));
+    t.add(bt_line(0, "AllTransactions", "50.000000", "4"));
+    EXPECT_EQ(t.take(96, "/a"), (std::vector<double>{61, 10}));
+    EXPECT_EQ(t.take(96, "/a"), std::vector<double>{}) << "the list restarts after a digest";
+    EXPECT_EQ(t.take(121, "/a"), (std::vector<double>{61, 10})) << "each record has its own";
+    EXPECT_EQ(t.take(96, "AllTransactions"), (std::vector<double>{61, 10, 15}));
+    t.add(bt_line(3, "/a", "5.000000", "1"));
+    EXPECT_EQ(t.take(96, "/a"), std::vector<double>{5});
+    EXPECT_EQ(t.take(121, "AllTransactions"), (std::vector<double>{61, 10, 15, 5}));
+}
+
 TEST_F(Loopback, AutoSensorRecordsAreStoredCheckedCountedAndNeverAnswered)
 {
     start(vxc::Options{});
@@ -199,6 +285,73 @@ TEST_F(Loopback, AutoSensorRecordsAreStoredCheckedCountedAndNeverAnswered)
         "as_records_52=1 as_gc_reports=1 as_malformed=2 undeclared_bt=1 malformed=3 records=1");
     EXPECT_NE(summary_value("conn.2").find("autosensor peer="), std::string::npos);
     EXPECT_NE(summary_value("conn.2").find(" records=7 malformed=3 "), std::string::npos);
+}
+
+TEST_F(Loopback, DigestBodiesAreTakenByLengthDecodedAndSetBesideRecord74Totals)
+{
+    using namespace std::string_literals;
+    /* The value 60 once: a t-digest of one centroid, a c-digest of bucket 60. */
+    const std::string td60 =
+        "\x01\0\0\0"
+        "\0\0\0\0\0\0\x59\x40"
+        "\x01\0\0\0"
+        "\0\0\0\0\0\0\x4e\x40"
+        "\x01\0\0\0"s;
+    const std::string cd60 =
+        "\x3c\x18\x1a\x02"
+        "\x20\x20\x01\0"
+        "\0\0\0\0\0\0\0\0"
+        "\x01\0\0\0\0\0\0\0"s +
+        std::string("\0\0\0\0\0\0\x4e\x40"s) + "\0\0\0\0\0\0\x4e\x40"s +
+        "\0\0\0\0\0\0\x4e\x40\x01"s;
+    ASSERT_EQ(td60.size(), 28u);
+    ASSERT_EQ(cd60.size(), 49u);
+    const std::string h96 = with(k96, ",52", ",28");
+    const std::string h96all = with(h96, "/shop/cart", "AllTransactions");
+    const std::string h121 = with(with(k121, ",115", ",49"), "000,", "001,");
+    const std::string bad_mode = "\x03" + std::string(15, '\0');
+    const std::string refused = with(with(k96, "96,1|", "96,9|"), ",52", ",13");
+    const std::string lines = kBt5 + "\n" + h96 + "\n" + td60 + "\n" + kBt5 + "\n" + h96all + "\n" +
+                              td60 + "\n" + h121 + "\n" + cd60 + "\n" + with(h96, ",28", ",16") +
+                              "\n" + bad_mode + "\n" + h96 + "\n" + td60 + kOverall + "\n" +
+                              refused + "\nx\n74,garbage\n\n" + kOverall + "\n";
+    start(vxc::Options{});
+    Client as(port_);
+    /* In pieces, so bodies straddle reads. */
+    const std::string all = kAsOpening + lines;
+    for (size_t at = 0; at < all.size(); at += 97) ASSERT_TRUE(as.send(all.substr(at, 97)));
+    ASSERT_TRUE(wait_for_text(dir_, "0001-autosensor.lines", "bytes of digest>\n" + kOverall));
+    stop();
+
+    EXPECT_EQ(slurp(find_file(dir_, "0001-autosensor.lines")),
+              kAsOpening + kBt5 + "\n" + h96 + "\n<28 bytes of digest>\n" + kBt5 + "\n" + h96all +
+                  "\n<28 bytes of digest>\n" + h121 + "\n<49 bytes of digest>\n" +
+                  with(h96, ",28", ",16") + "\n<16 bytes of digest>\n" + h96 +
+                  "\n<28 bytes of digest, no line feed behind>\n" + kOverall + "\n" + refused +
+                  "\n<13 bytes of digest>\n" + kOverall + "\n");
+    const std::vector<std::string> tsv = read_lines(dir_ + "/percentiles.tsv");
+    ASSERT_EQ(tsv.size(), 4u);
+    EXPECT_EQ(tsv[0], vxc::kPercentilesHeader);
+    EXPECT_EQ(tsv[1], "1\t96\t\t/shop/cart\t1700000000000\t28\t1\t60\t60\t60\t1\t60\t60\t60");
+    EXPECT_EQ(tsv[2], "1\t96\t\tAllTransactions\t1700000000000\t28\t1\t60\t60\t60\t2\t60\t60\t60");
+    EXPECT_EQ(tsv[3], "1\t121\t5\t/shop/cart\t1700000000001\t49\t1\t60\t60\t60\t2\t60\t60\t60");
+    const std::vector<vxc::PercentileRow> rows = collector_->percentiles();
+    ASSERT_EQ(rows.size(), 3u);
+    EXPECT_EQ(rows[0].series, -1);
+    EXPECT_EQ(rows[2].series, 5);
+    EXPECT_EQ(rows[2].p99, 60.0);
+    EXPECT_EQ(rows[1].exact_n, 2u);
+    const std::string malformed = slurp(dir_ + "/malformed.txt");
+    EXPECT_NE(malformed.find("1 record 96: t-digest mode 3 is neither 1 nor 2 | " +
+                             with(h96, ",28", ",16") + "\n"),
+              std::string::npos)
+        << malformed;
+    EXPECT_NE(malformed.find("1 record 96: no line feed behind the body | " + h96 + "\n"),
+              std::string::npos)
+        << malformed;
+    expect_summary(
+        "as_records_74=4 as_overall_lines=2 as_records_96=2 as_records_121=1 "
+        "as_digest_malformed=2 as_malformed=1 as_records_other=0 undeclared_bt=2 malformed=5");
 }
 
 TEST_F(Loopback, StressOptionsCloseStopReadingAndTurnTheAutoSensorStateOff)

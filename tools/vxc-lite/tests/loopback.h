@@ -268,6 +268,11 @@ public:
     {
         return vxc::read_bt_monitor(opts_.run_dir + "/bt_monitor.tsv");
     }
+    /* The digest records received, as percentiles.tsv has them. */
+    std::vector<vxc::PercentileRow> percentiles() const
+    {
+        return vxc::read_percentiles(opts_.run_dir + "/percentiles.tsv");
+    }
     /* First lines of every control connection. */
     std::vector<std::string> control_requests() const
     {

@@ -148,6 +148,70 @@ TEST(LineSplitter, LinesStraddlingReadsComeOutWholeWithoutTheirNulBytes)
     EXPECT_EQ(half.pending(), 8u);
 }
 
+/* Lines and bodies in arrival order: "L:<line>", "B:<body>" or "B!<body>"
+ * for a body without its line feed. A line beginning "body " announces a
+ * body of the length it names. */
+std::vector<std::string> split_with_bodies(vxc::LineSplitter& sp,
+                                           const std::vector<std::string_view>& reads)
+{
+    std::vector<std::string> got;
+    for (std::string_view r : reads)
+        sp.feed(
+            r.data(), r.size(),
+            [&](std::string_view l) {
+                got.push_back("L:" + std::string(l));
+                if (l.substr(0, 5) == "body ") {
+                    EXPECT_EQ(sp.take_raw(std::stoul(std::string(l.substr(5)))), 0);
+                }
+            },
+            [](size_t) {},
+            [&](std::string_view b, bool lf) {
+                got.push_back((lf ? "B:" : "B!") + std::string(b));
+            });
+    return got;
+}
+
+TEST(LineSplitter, BodiesAfterTheirHeadsAreTakenWholeWhateverBytesTheyHold)
+{
+    using namespace std::string_literals;
+    const std::string stream = "body 7\na\nb\0\0c\n\n\0next\nbody 0\n\nlast\n"s;
+    const std::vector<std::string> expected = {"L:body 7", "B:a\nb\0\0c\n"s, "L:next", "L:body 0",
+                                               "B:",       "L:last"};
+    for (size_t cut = 0; cut <= stream.size(); ++cut) {
+        for (size_t cut2 = cut; cut2 <= stream.size(); cut2 += 3) {
+            vxc::LineSplitter sp(64);
+            const std::string_view s(stream);
+            EXPECT_EQ(split_with_bodies(
+                          sp, {s.substr(0, cut), s.substr(cut, cut2 - cut), s.substr(cut2)}),
+                      expected)
+                << "cut at " << cut << " and " << cut2;
+            EXPECT_EQ(sp.nul_bytes(), 1u) << "NULs inside a body are data";
+            EXPECT_EQ(sp.pending(), 0u);
+        }
+    }
+    /* A body longer than a line may be: the line bound does not apply. */
+    vxc::LineSplitter sp(8);
+    EXPECT_EQ(split_with_bodies(sp, {"body 20\n" + std::string(20, 'x') + "\n"}),
+              (std::vector<std::string>{"L:body 20", "B:" + std::string(20, 'x')}));
+
+    /* While a body or its line feed is awaited, something is pending. */
+    vxc::LineSplitter wait(64);
+    EXPECT_EQ(split_with_bodies(wait, {"body 2\nab"}), std::vector<std::string>{"L:body 2"});
+    EXPECT_NE(wait.pending(), 0u);
+}
+
+TEST(LineSplitter, BodiesWithoutTheirLineFeedOrOverTheBoundAreRefused)
+{
+    vxc::LineSplitter sp(64, 100);
+    /* The byte where the line feed belongs begins the next line. */
+    EXPECT_EQ(split_with_bodies(sp, {"body 2\nabXnext\n", "body 1\nz"}),
+              (std::vector<std::string>{"L:body 2", "B!ab", "L:Xnext", "L:body 1"}));
+    EXPECT_EQ(sp.take_raw(1), -1) << "a body is awaited already";
+    EXPECT_EQ(split_with_bodies(sp, {"\n"}), std::vector<std::string>{"B:z"});
+    EXPECT_EQ(sp.take_raw(101), -1);
+    EXPECT_EQ(sp.pending(), 0u);
+}
+
 TEST(LineSplitter, OverlongLinesAreDroppedAndTheNextLineSurvives)
 {
     vxc::LineSplitter sp(16);

@@ -56,6 +56,7 @@ struct Request {
     bool payment;
     int status;
     int slow_ms; /* time the payment takes */
+    int work_ms; /* time the page itself takes */
 };
 
 /* One request from arrival to response. */
@@ -82,6 +83,7 @@ bool serve(const Request& req)
         vx_ip_http_callout_end(S("Http.post"), S("HTTP|pay.internal|443|/charge"), h, nullptr);
         vx_method_exit(h, S("Shop.pay"), nullptr);
     }
+    if (req.work_ms) std::this_thread::sleep_for(std::chrono::milliseconds(req.work_ms));
     vx_method_exit(h, S("Shop.handle"), nullptr);
 
     sdk_httpReqRespWrapper(h, S("Content-Type: text/html"), S("resp"), req.status);
@@ -119,31 +121,46 @@ int example_host_serve(void)
     /* Fast pages, a database call, a payment, errors, one slow payment, a
      * call from another tier, a health check and a page no rule names. */
     static const Request kRequests[] = {
-        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
+        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200, 0, 0},
         {"/api/stock/17|GET", "User-Agent: demo", "4611686018427387905_4611686018427387903_1.2_NA",
-         true, false, 200, 0},
-        {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200, 0},
-        {"/health|GET", "User-Agent: probe", nullptr, false, false, 200, 0},
-        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
-        {"/api/stock/42|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
-        {"/checkout?step=3|POST", "User-Agent: demo", nullptr, false, true, 502, 0},
-        {"/about|GET", "User-Agent: demo", nullptr, false, false, 200, 0},
-        {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200, 3200},
-        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 500, 0},
-        {"/api/stock/17|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
+         true, false, 200, 0, 0},
+        {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200, 0, 0},
+        {"/health|GET", "User-Agent: probe", nullptr, false, false, 200, 0, 0},
+        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200, 0, 0},
+        {"/api/stock/42|GET", "User-Agent: demo", nullptr, true, false, 200, 0, 0},
+        {"/checkout?step=3|POST", "User-Agent: demo", nullptr, false, true, 502, 0, 0},
+        {"/about|GET", "User-Agent: demo", nullptr, false, false, 200, 0, 0},
+        {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200, 3200, 0},
+        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 500, 0, 0},
+        {"/api/stock/17|GET", "User-Agent: demo", nullptr, true, false, 200, 0, 0},
     };
     /* Then two lighter rounds a moment apart, so that the monitors'
      * intervals differ. */
     static const Request kLater[] = {
-        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
-        {"/api/stock/42|GET", "User-Agent: demo", nullptr, true, false, 200, 0},
-        {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200, 0},
+        {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200, 0, 0},
+        {"/api/stock/42|GET", "User-Agent: demo", nullptr, true, false, 200, 0, 0},
+        {"/checkout?step=2|POST", "User-Agent: demo", nullptr, true, true, 200, 0, 0},
     };
     int served = 0;
     for (const Request& r : kRequests) served += serve(r) ? 1 : 0;
     for (int round = 0; round < 2; ++round) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1500));
         for (const Request& r : kLater) served += serve(r) ? 1 : 0;
+    }
+    /* Then paced rounds of pages that take their time, a round further apart
+     * than a monitor interval is long: each page ends at most once per
+     * interval, so each value its BT's digest gets is one page's time. */
+    static const int kWorkMs[][3] = {
+        {12, 8, 60}, {15, 9, 75}, {40, 11, 90}, {180, 95, 900}, {14, 10, 70},
+    };
+    for (const auto& work : kWorkMs) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2300));
+        const Request paced[] = {
+            {"/cart|GET", "User-Agent: demo", nullptr, true, false, 200, 0, work[0]},
+            {"/api/stock/8|GET", "User-Agent: demo", nullptr, true, false, 200, 0, work[1]},
+            {"/checkout?step=1|POST", "User-Agent: demo", nullptr, true, true, 200, 0, work[2]},
+        };
+        for (const Request& r : paced) served += serve(r) ? 1 : 0;
     }
     return served;
 }

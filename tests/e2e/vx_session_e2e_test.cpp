@@ -870,7 +870,7 @@ TEST(Percentiles, EachBTsDigestHoldsWhatItsIntervalsServedAndAModifySendsIt)
             SCOPED_TRACE(name);
             ASSERT_TRUE(series.count(name));
             if (c.record == 121) EXPECT_EQ(r.series, series.at(name));
-            EXPECT_GE(r.count, name == "AllTransactions" ? 6 : 3);
+            EXPECT_GE(r.count, name == "AllTransactions" ? 6u : 3u);
             EXPECT_EQ(r.count, r.exact_n) << "one value per interval served";
             for (auto [got, want] : {std::pair{r.p50, r.exact_p50}, {r.p90, r.exact_p90},
                                      {r.p99, r.exact_p99}})

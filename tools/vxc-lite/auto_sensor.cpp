@@ -513,7 +513,13 @@ std::vector<BtMonitorRow> read_bt_monitor(const std::string& path)
 
 void ExactTotals::add(const BtMonitorLine& bt)
 {
-    if (bt.tagged || bt.id == 0 || bt.fields.size() < 5) return;
+    if (bt.id == 0 || bt.fields.size() < 5) return;
+    /* With tags on, every line has a tag field: a tag set's carries its
+     * text the first time only, so its series id is remembered then. */
+    if (bt.tagged && (!bt.tag.empty() || tag_series_.count(bt.id))) {
+        tag_series_.insert(bt.id);
+        return;
+    }
     const double total =
         std::round(strtod(bt.fields[1].c_str(), nullptr) * strtod(bt.fields[4].c_str(), nullptr));
     if (!(total >= 1)) return;

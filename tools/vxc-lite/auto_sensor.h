@@ -18,6 +18,7 @@
 #define VXC_LITE_AUTO_SENSOR_H
 
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -137,8 +138,9 @@ std::vector<BtMonitorRow> read_bt_monitor(const std::string& path);
 
 /*
  * The values the collector can rebuild, from a connection's records 74, of
- * what the agent put into a digest series: for each untagged row of a
- * business transaction, the interval's total response time, avg (value 2)
+ * what the agent put into a digest series: for each row of a business
+ * transaction's own series (not a tag set's, known by the tag text its
+ * first row carries), the interval's total response time, avg (value 2)
  * times count (value 5) rounded to the nearest whole number, kept when it is
  * at least 1. The series "AllTransactions" gets the totals of every
  * transaction's rows, not those of the overall line. The agent feeds a
@@ -161,6 +163,7 @@ public:
 
 private:
     std::map<std::pair<int, std::string>, std::vector<double>> lists_;
+    std::set<long long> tag_series_; /* series ids of tag sets */
 };
 
 /*

@@ -211,12 +211,13 @@ TEST(AutoSensorRecords, DigestHeadsAreReadFieldByFieldFromBothEnds)
 }
 
 vxc::BtMonitorLine bt_line(long long id, const char* name, const char* avg, const char* count,
-                           bool tagged = false)
+                           const char* tag = nullptr)
 {
     vxc::BtMonitorLine bt;
     bt.id = id;
     bt.name = name;
-    bt.tagged = tagged;
+    bt.tagged = tag != nullptr;
+    bt.tag = tag ? tag : "";
     bt.fields.assign(40, "0");
     bt.fields[1] = avg;
     bt.fields[4] = count;
@@ -230,15 +231,20 @@ TEST(AutoSensorRecords, ExactTotalsAreAvgTimesCountPerNameUntilItsNextDigest)
     t.add(bt_line(4, "/b", "0.400000", "1"));  /* rounds to 0: no value */
     t.add(bt_line(3, "/a", "10.000000", "1"));
     t.add(bt_line(4, "/b", "7.500000", "2"));
-    t.add(bt_line(3, "/a", "100.000000", "1", true));
+    /* With tags on: series 8 is a tag set (its text came once), series 9
+     * the BT's own line. */
+    t.add(bt_line(8, "/b", "100.000000", "1", "{\"a\":\"1\"}"));
+    t.add(bt_line(8, "/b", "100.000000", "1", ""));
+    t.add(bt_line(9, "/b", "9.000000", "1", ""));
     t.add(bt_line(0, "AllTransactions", "50.000000", "4"));
     EXPECT_EQ(t.take(96, "/a"), (std::vector<double>{61, 10}));
     EXPECT_EQ(t.take(96, "/a"), std::vector<double>{}) << "the list restarts after a digest";
     EXPECT_EQ(t.take(121, "/a"), (std::vector<double>{61, 10})) << "each record has its own";
-    EXPECT_EQ(t.take(96, "AllTransactions"), (std::vector<double>{61, 10, 15}));
+    EXPECT_EQ(t.take(96, "/b"), (std::vector<double>{15, 9}));
+    EXPECT_EQ(t.take(96, "AllTransactions"), (std::vector<double>{61, 10, 15, 9}));
     t.add(bt_line(3, "/a", "5.000000", "1"));
     EXPECT_EQ(t.take(96, "/a"), std::vector<double>{5});
-    EXPECT_EQ(t.take(121, "AllTransactions"), (std::vector<double>{61, 10, 15, 5}));
+    EXPECT_EQ(t.take(121, "AllTransactions"), (std::vector<double>{61, 10, 15, 9, 5}));
 }
 
 TEST_F(Loopback, AutoSensorRecordsAreStoredCheckedCountedAndNeverAnswered)

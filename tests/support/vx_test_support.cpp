@@ -15,6 +15,8 @@
 #include "diag/vx_autosensor_thread.h"
 #include "link/vx_as_link.h"
 #include "link/vx_data_dispatcher.h"
+#include "monitor/vx_bt_monitor.h"
+#include "monitor/vx_monitor_model.h"
 #include "session/vx_session.h"
 #include "vx_sdk.h"
 
@@ -206,6 +208,20 @@ SessionScope::~SessionScope()
     s.fpTraceLevel = 0;
     app->VXBTMonitor.doNotDisacrdAnyTransaction = 0;
     app->VXFlowpathGenerator.maxCharactersInSeqBlob = 13312;
+}
+
+void fresh_bt_monitor()
+{
+    VXBTConfigModelInit();
+    free_threadBasedModelMap();
+    Free_BT_Tag_Map();
+    VXBCISetting_t& s = agent()->VXBCISetting;
+    s.tierName = S("T");
+    s.appServerName = S("S");
+    s.appName = S("I");
+    s.tierID = 3;
+    s.appID = 4;
+    createVectorPrefix();
 }
 
 }  // namespace vx_test

@@ -129,6 +129,11 @@ public:
     std::string take();
 };
 
+/* The BT monitor as a session's start leaves it (no counters, counter slots
+ * from 0) for tier "T" (id 3), server "S" and instance "I" (id 4): records
+ * begin "<n>,3|4|<id>:T>S>I>". The caller restores app->VXBCISetting. */
+void fresh_bt_monitor();
+
 /* Opens a session on construction and closes it (closing every flowpath still
  * open) on destruction; restores the VXSys values tests commonly change. */
 class SessionScope {

@@ -43,18 +43,8 @@ class BTMonitor : public testing::Test {
 protected:
     void SetUp() override
     {
-        VXBTConfigModelInit();
-        /* What a session's clean-up does: no counters, slots from 0. */
-        free_threadBasedModelMap();
-        Free_BT_Tag_Map();
-        VXBCISetting_t& s = app_->VXBCISetting;
-        s.tierName = S("T");
-        s.appServerName = S("S");
-        s.appName = S("I");
-        s.tierID = 3;
-        s.appID = 4;
+        vx_test::fresh_bt_monitor();
         app_->monitorSettings.vxMonitorIntervalInSecs = 10;
-        createVectorPrefix();
     }
     void TearDown() override { vx::bt_tag_seq_source_set(nullptr); }
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -65,19 +66,25 @@ class Percentiles : public testing::Test {
 protected:
     void SetUp() override
     {
-        VXBTConfigModelInit();
-        free_threadBasedModelMap();
-        Free_BT_Tag_Map();
-        VXBCISetting_t& s = app_->VXBCISetting;
-        s.tierName = S("T");
-        s.appServerName = S("S");
-        s.appName = S("I");
-        s.tierID = 3;
-        s.appID = 4;
-        createVectorPrefix();
+        vx_test::fresh_bt_monitor();
         app_->VXSys.enableTagsSupport = 0;
     }
-    void TearDown() override { vx::bt_digests_release_all(); }
+    void TearDown() override
+    {
+        vx::bt_digests_release_all();
+        for (VXPerThreadData_t* r : records_) free_tls_slot(r);
+    }
+
+    /* A session at kStart with the auto-sensor channel, two records to
+     * count on, and the keyword's value. */
+    void live(const char* value)
+    {
+        clock_.emplace(kStart, 0);
+        session_.emplace(7, kEpoch);
+        channel_.emplace();
+        keyword(value);
+        records_ = {get_free_tls_slot(), get_free_tls_slot()};
+    }
 
     static void keyword(const char* value)
     {
@@ -87,22 +94,26 @@ protected:
 
     /* One interval: each (record, BT, ms) counted, then the fold. */
     struct Count {
-        VXPerThreadData_t* td;
+        int record;
         BTObject* bt;
         long long ms;
     };
-    static void interval(std::initializer_list<Count> counts)
+    void interval(std::initializer_list<Count> counts)
     {
         for (const Count& c : counts) {
-            c.td->tlBTObj = c.bt;
-            c.td->tlCategory = kCategoryNormal;
-            c.td->tlDuration = c.ms;
-            updateCounterAndDurationForBT(c.td);
+            VXPerThreadData_t* td = records_[static_cast<size_t>(c.record)];
+            td->tlBTObj = c.bt;
+            td->tlCategory = kCategoryNormal;
+            td->tlDuration = c.ms;
+            updateCounterAndDurationForBT(td);
         }
         std::vector<char> buf(65536);
         int len = 0;
         generateAndDumpBTMonitoringRecord(buf.data(), &len, 65536);
     }
+
+    /* What the channel holds, as records. */
+    std::vector<DigestRecord> sent() { return records(channel_->take()); }
 
     static BTObject* bt_named(const char* name)
     {
@@ -115,6 +126,10 @@ protected:
     VXTDigestPercentileBT_t& cfg_ = app_->percentiles.TDigestPercentileBT;
     vx_test::Restore keep_{app_->VXBCISetting, app_->VXSys, app_->percentiles.TDigestPercentileBT,
                            app_->percentiles.TDigestPercentileIP};
+    std::optional<vx_test::FrozenClock> clock_;
+    std::optional<vx_test::SessionScope> session_;
+    std::optional<vx_test::ASChannelScope> channel_;
+    std::vector<VXPerThreadData_t*> records_;
 };
 
 TEST_F(Percentiles, KeywordFieldsAreTakenFromTheLeftAndWhatIsOutOfRangeKeepsItsValue)
@@ -148,24 +163,18 @@ TEST_F(Percentiles, KeywordFieldsAreTakenFromTheLeftAndWhatIsOutOfRangeKeepsItsV
 
 TEST_F(Percentiles, EachRecordsIntervalTotalFeedsTheTDigestAndADumpSendsItOnce)
 {
-    vx_test::FrozenClock clock(kStart, 0);
-    vx_test::SessionScope session(7, kEpoch);
-    vx_test::ASChannelScope channel;
-    keyword("1%205%201");
+    live("1%205%201");
     BTObject* a = bt_named("/pct/a");
     BTObject* b = bt_named("/pct/b");
-    VXPerThreadData_t* r1 = get_free_tls_slot();
-    VXPerThreadData_t* r2 = get_free_tls_slot();
-    /* r1 serves a twice in the first interval: one value, their total. b's
-     * 0 ms is below the t-digest's floor of 1. */
-    interval({{r1, a, 10}, {r1, a, 20}, {r2, a, 50}, {r2, b, 0}});
-    interval({{r2, a, 70}});
-    channel.take();
+    /* Record 0 serves a twice in the first interval: one value, their
+     * total. b's 0 ms is below the t-digest's floor of 1. */
+    interval({{0, a, 10}, {0, a, 20}, {1, a, 50}, {1, b, 0}});
+    interval({{1, a, 70}});
+    sent();
 
     generateAndDumpPartialDigestBTRecords();
-    const auto recs = records(channel.take());
+    const auto recs = sent();
     ASSERT_EQ(recs.size(), 2u);
-    const std::string id = std::to_string(a->bt_id);
     EXPECT_EQ(recs[0].head, "96,3|4|793|1:T>S>I>/pct/a,7000000,52");
     EXPECT_EQ(recs[1].head, "96,3|4|793|1:T>S>I>AllTransactions,7000000,52");
     EXPECT_EQ(recs[0].body.size(), 16u + 3 * 12); /* verbose: doubles and 32-bit counts */
@@ -174,10 +183,10 @@ TEST_F(Percentiles, EachRecordsIntervalTotalFeedsTheTDigestAndADumpSendsItOnce)
     EXPECT_EQ(cfg_.nextLogTime, 7000000 + 300000);
 
     generateAndDumpPartialDigestBTRecords();
-    EXPECT_EQ(channel.take(), "") << "a t-digest goes with its dump";
+    EXPECT_TRUE(sent().empty()) << "a t-digest goes with its dump";
 
     /* A record larger than the work buffer goes to the channel on its own. */
-    interval({{r1, a, 5}});
+    interval({{0, a, 5}});
     std::vector<char> small(64);
     int len = 0;
     {
@@ -186,31 +195,24 @@ TEST_F(Percentiles, EachRecordsIntervalTotalFeedsTheTDigestAndADumpSendsItOnce)
         EXPECT_EQ(generateAndDumpTDigestDataForBT(small.data(), &len, 64), 1);
     }
     EXPECT_EQ(len, 0);
-    const auto alone = records(channel.take());
+    const auto alone = sent();
     ASSERT_EQ(alone.size(), 2u);
     EXPECT_EQ(means(alone[0].body), std::vector<double>{5});
-    free_tls_slot(r1);
-    free_tls_slot(r2);
 }
 
 TEST_F(Percentiles, CDigestsStayForTheSessionAndNameTheirSeriesAsRecord74Does)
 {
-    vx_test::FrozenClock clock(kStart, 0);
-    vx_test::SessionScope session(7, kEpoch);
-    vx_test::ASChannelScope channel;
-    keyword("2%201");
+    live("2%201");
     vx::bt_percentiles_schedule(7000000);
     BTObject* a = bt_named("/cd/a");
-    VXPerThreadData_t* r1 = get_free_tls_slot();
-    VXPerThreadData_t* r2 = get_free_tls_slot();
-    interval({{r1, a, 1}, {r2, a, 70}});
-    channel.take();
+    interval({{0, a, 1}, {1, a, 70}});
+    sent();
     std::vector<char> buf(vx::kASWorkBufferSize);
     vx::bt_percentiles_dump_due(buf.data(), vx::kASWorkBufferSize, 7000000 + 59999);
-    EXPECT_EQ(channel.take(), "") << "not due before its period";
+    EXPECT_TRUE(sent().empty()) << "not due before its period";
 
     vx::bt_percentiles_dump_due(buf.data(), vx::kASWorkBufferSize, 7000000 + 60000);
-    auto recs = records(channel.take());
+    auto recs = sent();
     ASSERT_EQ(recs.size(), 2u);
     const std::string id = std::to_string(a->bt_id);
     /* Buckets 1 to 67 (70 and 71 share bucket 67), a byte each. */
@@ -232,23 +234,17 @@ TEST_F(Percentiles, CDigestsStayForTheSessionAndNameTheirSeriesAsRecord74Does)
      * on, its series id is its counter slot + 1, as on record 74. */
     app_->VXSys.enableTagsSupport = 1;
     vx::bt_percentiles_dump_due(buf.data(), vx::kASWorkBufferSize, 7000000 + 120000);
-    recs = records(channel.take());
+    recs = sent();
     ASSERT_EQ(recs.size(), 2u);
     EXPECT_EQ(recs[0].head, "121,3|4|793|1|1:T>S>I>/cd/a||7000000,48");
     EXPECT_EQ(recs[1].body.size(), 48u);
-    free_tls_slot(r1);
-    free_tls_slot(r2);
 }
 
 TEST_F(Percentiles, ADigestFollowsItsBTWhenItsIdIsBoundAnew)
 {
-    vx_test::FrozenClock clock(kStart, 0);
-    vx_test::SessionScope session(7, kEpoch);
-    vx_test::ASChannelScope channel;
-    keyword("1%205");
+    live("1%205");
     BTObject* old = bt_named("/bound/old");
-    VXPerThreadData_t* r1 = get_free_tls_slot();
-    interval({{r1, old, 40}});
+    interval({{0, old, 40}});
     /* A rule file gives the id to a new BT: the old one's values are not its. */
     BTObject* fresh = bt_named("/bound/new");
     const int id = old->bt_id;
@@ -257,14 +253,13 @@ TEST_F(Percentiles, ADigestFollowsItsBTWhenItsIdIsBoundAnew)
         vx::VXLockGuard guard(app_->manager.bt_obj_map_lock);
         checkAndIncrementAggrBTDataArray(fresh);
     }
-    interval({{r1, fresh, 90}});
-    channel.take();
+    interval({{0, fresh, 90}});
+    sent();
     generateAndDumpPartialDigestBTRecords();
-    const auto recs = records(channel.take());
+    const auto recs = sent();
     ASSERT_EQ(recs.size(), 2u);
     EXPECT_NE(recs[0].head.find(">/bound/new,"), std::string::npos) << recs[0].head;
     EXPECT_EQ(means(recs[0].body), std::vector<double>{90});
-    free_tls_slot(r1);
 }
 
 }  // namespace

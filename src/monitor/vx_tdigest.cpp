@@ -148,9 +148,15 @@ extern "C" void td_reset(td_histogram_t* h)
 
 extern "C" void td_add(td_histogram_t* h, double mean, double count)
 {
-    /* NaN would break the sort's ordering. */
-    if (!h || std::isnan(mean) || !(count > 0)) return;
-    if (h->merged_nodes + h->unmerged_nodes == h->cap) merge(h);
+    /* A NaN, or an infinity that a fold would turn into one, would break
+     * the sort's ordering. */
+    if (!h || !std::isfinite(mean) || !(count > 0) || !std::isfinite(count)) return;
+    if (h->merged_nodes + h->unmerged_nodes == h->cap) {
+        merge(h);
+        /* Counts so small that ln(total) is not above 0 fold nothing: the
+         * value is dropped rather than written past the block. */
+        if (h->merged_nodes == h->cap) return;
+    }
     h->nodes[h->merged_nodes + h->unmerged_nodes] = td_node{mean, count};
     ++h->unmerged_nodes;
     h->unmerged_count += count;

@@ -75,8 +75,15 @@ TEST(TDigest, SmallDigestsGiveTheValueAtRulesAndExactQuantiles)
     EXPECT_EQ(td_value_at(empty.get(), 0.5), 0);
     EXPECT_TRUE(std::isnan(td_quantile_of(empty.get(), 1)));
     td_add(empty.get(), NAN, 1); /* refused: a NaN would break the ordering */
+    td_add(empty.get(), INFINITY, 1);
     td_add(empty.get(), 3, 0);
     EXPECT_EQ(td_centroid_count(empty.get()), 0);
+
+    /* Weights summing to just above 1 (ln of the total near 0) fold
+     * nothing: a full block drops later values, never writes past itself. */
+    Digest tiny = make(1, 1); /* compression 1: 16 nodes */
+    for (int i = 0; i < 100; ++i) td_add(tiny.get(), i, 0.0625001);
+    EXPECT_LE(td_centroid_count(tiny.get()), tiny->cap);
 }
 
 TEST(TDigest, RankErrorOfAMillionLongTailedValuesStaysWithinTheSizeRule)

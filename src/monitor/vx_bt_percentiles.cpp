@@ -182,7 +182,12 @@ void vx::bt_percentiles_schedule(long long now)
 {
     VXPercentiles_t& p = vx_app()->percentiles;
     vx::VXLockGuard guard(p.lock);
-    p.TDigestPercentileBT.nextLogTime = now + p.TDigestPercentileBT.aggregate_time;
+    VXTDigestPercentileBT_t& cfg = p.TDigestPercentileBT;
+    /* Set at the first connection; a reconnect does not put a pending dump
+     * off, and one already due stays due. A time further away than a
+     * period belongs to another clock base. */
+    if (cfg.nextLogTime <= 0 || cfg.nextLogTime > now + cfg.aggregate_time)
+        cfg.nextLogTime = now + cfg.aggregate_time;
 }
 
 void vx::bt_percentiles_dump_due(char* buf, int bufLen, long long now)

@@ -55,7 +55,8 @@ void bt_digests_release_all();
  * partial dump. Control thread. */
 void bt_percentiles_keyword(const char* keyword, char* value);
 
-/* The first periodic dump a period after `now`. Auto-sensor connection. */
+/* The first periodic dump a period after `now`, unless one is pending
+ * already. Auto-sensor connection. */
 void bt_percentiles_schedule(long long now);
 
 /* The periodic dump when due, with the work buffer (handed on before

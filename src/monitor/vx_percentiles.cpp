@@ -37,11 +37,10 @@ long long agent_now(const VXProxyInstance_t* app)
     return my_gettimeofday() - vx::load_relaxed(app->Server.klvEpochDiffTime);
 }
 
-/* The five percentiles and the count, at trace levels above 1 only. */
+/* The five percentiles and the count; trace levels above 1. */
 void log_percentiles(int traceLevel, const char* family, const char* name, const double* q,
                      long long count)
 {
-    if (traceLevel <= 1) return;
     for (int i = 0; i < 5; ++i)
         VX_TRACE(traceLevel, 2, "PERCENTILE", "%s percentile for %s [%s]:%f", kLoggedNames[i],
                  family, name, q[i]);
@@ -176,9 +175,11 @@ int vx::write_record_96(char* buff, int* len, int bufLen, const VXTDigestPercent
         return 0;
     }
     p.scratch = out;
-    double q[5];
-    for (int i = 0; i < 5; ++i) q[i] = td_value_at(h, kLoggedQuantiles[i]);
-    log_percentiles(traceLevel, family, name, q, td_total_count(h));
+    if (traceLevel > 1) {
+        double q[5];
+        for (int i = 0; i < 5; ++i) q[i] = td_value_at(h, kLoggedQuantiles[i]);
+        log_percentiles(traceLevel, family, name, q, td_total_count(h));
+    }
     char head[kDigestHeadMax];
     const int n = snprintf(head, sizeof head, "96,%s%ld|%d:%s%s,%lld,%d\n", vectorPrefixID,
                            cfg.group_id, cfg.graph_id, vectorPrefix, name, agent_now(app), bytes);
@@ -195,9 +196,11 @@ int vx::write_record_121(char* buff, int* len, int bufLen, const VXTDigestPercen
     VXProxyInstance_t* app = vx_app();
     const int bytes = func1(d);
     if (bytes < kCDigestHeaderBytes) return 0;
-    double q[5];
-    tslb_cdigest_unpacked_get_quantile_many(d, kLoggedQuantiles, 5, q);
-    log_percentiles(traceLevel, family, name, q, static_cast<long long>(d->count));
+    if (traceLevel > 1) {
+        double q[5];
+        tslb_cdigest_unpacked_get_quantile_many(d, kLoggedQuantiles, 5, q);
+        log_percentiles(traceLevel, family, name, q, static_cast<long long>(d->count));
+    }
     char head[kDigestHeadMax];
     const int n = snprintf(head, sizeof head, "121,%s%ld|%d|%d:%s%s|%s|%lld,%d\n", vectorPrefixID,
                            cfg.group_id, cfg.graph_id, seriesId, vectorPrefix, name, "",

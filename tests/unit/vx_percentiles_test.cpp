@@ -203,7 +203,9 @@ TEST_F(Percentiles, EachRecordsIntervalTotalFeedsTheTDigestAndADumpSendsItOnce)
 TEST_F(Percentiles, CDigestsStayForTheSessionAndNameTheirSeriesAsRecord74Does)
 {
     live("2%201");
+    cfg_.nextLogTime = 0;
     vx::bt_percentiles_schedule(7000000);
+    vx::bt_percentiles_schedule(7000000 + 30000); /* a reconnect puts nothing off */
     BTObject* a = bt_named("/cd/a");
     interval({{0, a, 1}, {1, a, 70}});
     sent();

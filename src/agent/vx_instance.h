@@ -28,7 +28,9 @@
 #include "bt/vx_bt_data_rules.h"
 #include "bt/vx_bt_object.h"
 #include "bt/vx_bt_rule_file.h"
+#include "core/vx_atomic.h"
 #include "core/vx_limits.h"
+#include "core/vx_platform.h"
 #include "core/vx_retire_list.h"
 #include "diag/vx_thread_reports.h"
 #include "flowpath/vx_method_table.h"
@@ -224,6 +226,13 @@ inline bool vx_in_proxy_process() { return VXProxy.proxyServerFlag != 0; }
 inline bool vx_agent_behind_proxy(const VXProxyInstance_t* app)
 {
     return app->VXSys.proxyMode == 1 && !vx_in_proxy_process();
+}
+
+/* Now on the agent's clock, the one records and reports carry: ms since
+ * the collector's epoch (klvEpochDiffTime). */
+inline long long vx_agent_now(const VXProxyInstance_t* app)
+{
+    return my_gettimeofday() - vx::load_relaxed(app->Server.klvEpochDiffTime);
 }
 
 /* A VXSys trace level of the current instance, 0 without one. */

@@ -1,7 +1,5 @@
 #include "core/vx_thread.h"
 
-#include <atomic>
-
 #include <apr_strings.h>
 #include <pthread.h>
 #if defined(__SANITIZE_ADDRESS__)
@@ -12,6 +10,7 @@
 #include <exception>
 #include <new>
 
+#include "core/vx_atomic.h"
 #include "core/vx_host_call.h"
 #include "core/vx_limits.h"
 #include "core/vx_trace_log.h"
@@ -117,9 +116,9 @@ extern "C" char vxlb_thread_create(apr_thread_t** new_thread, apr_thread_start_t
 int vx::start_detached(apr_thread_t** id, apr_thread_start_t fn, void* data, apr_pool_t* pool,
                        char& running, char* error_buf, int error_buf_len)
 {
-    std::atomic_ref<char>(running).store(1, std::memory_order_release);
+    vx::store_release(running, static_cast<char>(1));
     if (vxlb_thread_create(id, fn, data, error_buf, error_buf_len, pool) != 0) {
-        std::atomic_ref<char>(running).store(0, std::memory_order_release);
+        vx::store_release(running, static_cast<char>(0));
         return 1;
     }
     apr_thread_detach(*id);

@@ -7,7 +7,6 @@
 
 #include "agent/vx_instance.h"
 #include "core/vx_atomic.h"
-#include "core/vx_platform.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "diag/vx_thread_reports.h"
@@ -72,11 +71,6 @@ bool control_lost(const VXProxyInstance_t* app)
     return vx::load_relaxed(app->VXSys.retryFlag) || vx::load_relaxed(app->VXSys.closeCtrlConFlag);
 }
 
-long long session_now(const VXProxyInstance_t* app)
-{
-    return my_gettimeofday() - vx::load_relaxed(app->Server.klvEpochDiffTime);
-}
-
 /* The monitors' rows of one report, each handed to the channel as it is
  * made. An agent behind a proxy never comes here: its proxy writes them. */
 void dump_monitors(VXProxyInstance_t* app, char* buf)
@@ -98,7 +92,7 @@ void dump_monitors(VXProxyInstance_t* app, char* buf)
 void report_loop(VXProxyInstance_t* app, const Pacing& pacing)
 {
     const VXASSettings_t& s = app->vxAutoSensorUsingStackTrace;
-    long long curTimeStamp = session_now(app);
+    long long curTimeStamp = vx_agent_now(app);
     long long nextLoggingBufferTime = curTimeStamp;
     /* STAND-IN(monitors): the backends' digests are scheduled first. */
     vx::bt_percentiles_schedule(curTimeStamp);
@@ -124,7 +118,7 @@ void report_loop(VXProxyInstance_t* app, const Pacing& pacing)
         nap(app, pacing.tickMs, true);
         send_AS_data();
 
-        curTimeStamp = session_now(app);
+        curTimeStamp = vx_agent_now(app);
         char* buf = app->asReports.workBuffer;
         if (!buf)
             VX_ERROR("AUTO_SENSOR",

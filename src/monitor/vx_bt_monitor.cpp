@@ -160,14 +160,23 @@ struct VXBTSlotKey {
     char key[1];
 };
 
+/* The slot of `key`, -1 when it has none. Caller holds
+ * bt_tag_obj_map_lock. */
+int slot_found(const VXBTTagManager& t, const char* key)
+{
+    const auto* e = t.bt_tag_obj_map ? static_cast<const VXBTSlotKey*>(apr_hash_get(
+                                           t.bt_tag_obj_map, key, APR_HASH_KEY_STRING))
+                                     : nullptr;
+    return e ? e->slot : -1;
+}
+
 /* The slot of `key`, made when absent: slots are numbered by the count of
  * the map. -1 past kBTSlotMax or without memory. Caller holds
  * bt_tag_obj_map_lock. */
 int slot_for_key(VXBTTagManager& t, const char* key)
 {
     if (!t.bt_tag_obj_map) return -1;
-    if (auto* e = static_cast<VXBTSlotKey*>(apr_hash_get(t.bt_tag_obj_map, key, APR_HASH_KEY_STRING)))
-        return e->slot;
+    if (const int found = slot_found(t, key); found >= 0) return found;
     const int slot = static_cast<int>(apr_hash_count(t.bt_tag_obj_map));
     if (slot >= vx::kBTSlotMax) {
         VX_ERROR("BT_MON", "No counter slot left for '%s' (%d in use)", key, slot);
@@ -830,17 +839,17 @@ int vx::bt_monitor_series_id(int btId)
     if (!app->VXSys.enableTagsSupport) return btId;
     char key[16];
     snprintf(key, sizeof key, "%d", btId);
-    VXBTTagManager& t = app->tagManager;
-    vx::VXLockGuard guard(t.bt_tag_obj_map_lock);
-    const auto* e = t.bt_tag_obj_map ? static_cast<const VXBTSlotKey*>(
-                                           apr_hash_get(t.bt_tag_obj_map, key, APR_HASH_KEY_STRING))
-                                     : nullptr;
-    if (!e) {
+    int slot;
+    {
+        vx::VXLockGuard guard(app->tagManager.bt_tag_obj_map_lock);
+        slot = slot_found(app->tagManager, key);
+    }
+    if (slot < 0) {
         VX_TRACE(trace_level(), 2, "BT_MON", "BT %d has no counter slot; its series id is its id",
                  btId);
         return btId;
     }
-    return e->slot + 1;
+    return slot + 1;
 }
 
 extern "C" void Free_BT_Tag_Map(void)

@@ -6,7 +6,6 @@
 #include "bt/vx_bt_object.h"
 #include "core/vx_atomic.h"
 #include "core/vx_limits.h"
-#include "core/vx_platform.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "link/vx_as_buffers.h"
@@ -32,12 +31,6 @@ const BTObject* owner(const VXBTMonitorDataCounters& e, int id)
 {
     const BTObject* bound = vx::bt_bound_to(id, nullptr);
     return bound && bound == e.tlBTObj ? bound : nullptr;
-}
-
-void dump_both(char* buf, int* len, int bufLen)
-{
-    generateAndDumpTDigestDataForBT(buf, len, bufLen);
-    generateAndDumpCDigestDataForBT(buf, len, bufLen);
 }
 
 }  // namespace
@@ -149,7 +142,8 @@ extern "C" void generateAndDumpPartialDigestBTRecords(void)
         vx::VXLockGuard report(m.reportLock);
         vx::VXLockGuard guard(app->percentiles.lock);
         int len = 0;
-        dump_both(buf, &len, vx::kASWorkBufferSize);
+        generateAndDumpTDigestDataForBT(buf, &len, vx::kASWorkBufferSize);
+        generateAndDumpCDigestDataForBT(buf, &len, vx::kASWorkBufferSize);
         if (len > 0) dumpASData(buf, len);
         VXTDigestPercentileBT_t& cfg = app->percentiles.TDigestPercentileBT;
         /* A kind no longer chosen would never be dumped again. */
@@ -160,8 +154,7 @@ extern "C" void generateAndDumpPartialDigestBTRecords(void)
                 e.cdigest_key = nullptr;
                 e.cdigestDataExist = 0;
             }
-        cfg.nextLogTime = my_gettimeofday() - vx::load_relaxed(app->Server.klvEpochDiffTime) +
-                          cfg.aggregate_time;
+        cfg.nextLogTime = vx_agent_now(app) + cfg.aggregate_time;
     }
     free(buf);
 }

@@ -9,7 +9,6 @@
 #include "agent/vx_instance.h"
 #include "core/vx_atomic.h"
 #include "core/vx_limits.h"
-#include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
@@ -30,11 +29,6 @@ void defaults(VXTDigestPercentileBT_t& d, long group)
     d.k = 100;
     d.group_id = group;
     d.graph_id = 1;
-}
-
-long long agent_now(const VXProxyInstance_t* app)
-{
-    return my_gettimeofday() - vx::load_relaxed(app->Server.klvEpochDiffTime);
 }
 
 /* The five percentiles and the count; trace levels above 1. */
@@ -182,7 +176,7 @@ int vx::write_record_96(char* buff, int* len, int bufLen, const VXTDigestPercent
     }
     char head[kDigestHeadMax];
     const int n = snprintf(head, sizeof head, "96,%s%ld|%d:%s%s,%lld,%d\n", vectorPrefixID,
-                           cfg.group_id, cfg.graph_id, vectorPrefix, name, agent_now(app), bytes);
+                           cfg.group_id, cfg.graph_id, vectorPrefix, name, vx_agent_now(app), bytes);
     if (n < 0 || n >= static_cast<int>(sizeof head)) return 0;
     return place(buff, len, bufLen, head, n, bytes,
                  [&](char* dest) { memcpy(dest, p.scratch, static_cast<size_t>(bytes)); });
@@ -204,7 +198,7 @@ int vx::write_record_121(char* buff, int* len, int bufLen, const VXTDigestPercen
     char head[kDigestHeadMax];
     const int n = snprintf(head, sizeof head, "121,%s%ld|%d|%d:%s%s|%s|%lld,%d\n", vectorPrefixID,
                            cfg.group_id, cfg.graph_id, seriesId, vectorPrefix, name, "",
-                           agent_now(app), bytes);
+                           vx_agent_now(app), bytes);
     if (n < 0 || n >= static_cast<int>(sizeof head)) return 0;
     return place(buff, len, bufLen, head, n, bytes, [&](char* dest) {
         tslb_cdigest_pack(d, reinterpret_cast<tslb_cdigest_packed*>(dest), bytes);

@@ -19,7 +19,7 @@
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "diag/vx_sql_processor.h"
-#include "flowpath/vx_callout.h"
+#include "flowpath/vx_backend_naming.h"
 #include "flowpath/vx_flowpath.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_td_key_map.h"
@@ -259,24 +259,23 @@ methodPropProperties* callout_backend(VXProxyInstance_t* app, VXPerThreadData_t*
     }
     if (m->type_ == kMethodTypeHttp && app->VXSys.enableIPResourceURL && !exception_path)
         *resourceID = getIDForIPResourceURL(encodedBackend);
-    /* Naming rules by backend kind come with backend naming; "Host" is the
-     * default rule of every kind. */
-    char rule[] = "Host";
-    char name[1025];
+    char rule[kBackendRuleSize];
+    vx::copy_text(rule, sizeof rule, vx::backend_rule(m->type_));
+    char name[kBackendNameSize];
     settingBackendName(encodedBackend, rule, name, sizeof name);
     methodPropProperties* b = searchAndUpdateMethodHashMap(name, node, 1, m->type_, m->callOutValue);
     return b ? b : m;
 }
 
 /* The backend description with the separators of records turned into
- * numeric entities; the pipe stays. Heap, or null. */
-char* encode_backend_name(const char* backendName)
+ * numeric entities (the pipe stays), into `out` of kBackendDescSize bytes.
+ * Null for no description. */
+constexpr size_t kBackendDescSize = 4096;
+
+char* encode_backend_name(const char* backendName, char* out)
 {
     if (!backendName) return nullptr;
-    size_t cap = strlen(backendName) * 6 + 6;
-    if (cap > static_cast<size_t>(vx::kSeqBlobSize)) cap = vx::kSeqBlobSize;
-    auto* out = static_cast<char*>(malloc(cap));
-    if (!out) return nullptr;
+    constexpr size_t cap = kBackendDescSize;
     size_t o = 0;
     for (const char* p = backendName; *p && o + 5 < cap; ++p) {
         const char* rep = nullptr;
@@ -353,7 +352,8 @@ extern "C" void* vxMethodExitEx(void* methodPtr, VXPerThreadData_t* vxTD, char* 
     }
     if (skipped_by_host(app, m)) return nullptr;
 
-    char* encoded = encode_backend_name(backendName);
+    char encodedBuf[kBackendDescSize];
+    char* encoded = encode_backend_name(backendName, encodedBuf);
     const bool callout = (m->isEntryPoint & kEntryPointCallout) && !vxTD->tlIsBTExcluded;
     methodPropProperties* backend = m;
     long long resourceID = 0;
@@ -408,7 +408,6 @@ extern "C" void* vxMethodExitEx(void* methodPtr, VXPerThreadData_t* vxTD, char* 
                 updateFPSeqBlobWithTierCallOutRecord(vxTD, entryTimeStamp, methodWallTime, backend, resourceID);
         }
     }
-    free(encoded);
     return m;
 }
 
@@ -439,10 +438,10 @@ extern "C" void* vxMethodExitException(void* methodPtr, VXPerThreadData_t* vxTD,
     const int mid = m->methodId;
 
     if ((m->isEntryPoint & kEntryPointCallout) && !vxTD->tlIsBTExcluded) {
-        char* encoded = encode_backend_name(backendName);
+        char encodedBuf[kBackendDescSize];
+        char* encoded = encode_backend_name(backendName, encodedBuf);
         long long resourceID = 0;
         methodPropProperties* backend = callout_backend(app, vxTD, m, encoded, &resourceID, true);
-        free(encoded);
         bool token = true;
         if (m->type_ != kMethodTypeDatabase) {
             --vxTD->httpCallOutDepth;

@@ -39,14 +39,16 @@ constexpr int kHostPosition = 1;
 constexpr int kPortPosition = 2;
 constexpr int kQueryPosition = 3;
 
-bool names_position(const char* item, int position)
+/* The positions `item` names, as a bit mask. */
+unsigned positions_named(const char* item)
 {
     const size_t n = strlen(item);
-    if (n == 0) return false;
-    if (strcasecmp(item, "Query") == 0) return position == kQueryPosition;
+    if (n == 0) return 0;
+    if (strcasecmp(item, "Query") == 0) return 1u << kQueryPosition;
+    unsigned mask = 0;
     for (const PositionWord& w : kPositionWords)
-        if (w.position == position && strncasecmp(item, w.word, n) == 0) return true;
-    return false;
+        if (strncasecmp(item, w.word, n) == 0) mask |= 1u << w.position;
+    return mask;
 }
 
 char* name_is_description(char* buffer, char* out, int len)
@@ -66,7 +68,9 @@ void publish_rules(VXProxyInstance_t* app, VXBackendRules_t* fresh)
 {
     VXBackendNaming_t& n = app->backendNaming;
     VXBackendRules_t* old = vx::load_relaxed(n.backendNameHashMap);
+    /* Readers that see the new version see the new rules. */
     vx::store_release(n.backendNameHashMap, fresh);
+    vx::store_release(n.version, vx::load_relaxed(n.version) + 1);
     const apr_time_t now = apr_time_now();
     vx::retire_collect(n.retired, now, apr_time_from_sec(kRuleRetireGraceSeconds));
     if (old) vx::retire(n.retired, old, nullptr);
@@ -125,8 +129,9 @@ extern "C" char* settingBackendName(char* buffer, char* backendValue, char* back
     vx::TextWriter w(name, sizeof name);
     const int positions = nf < kPositions ? nf : kPositions;
     for (int i = 0; i < ni; ++i) {
-        for (int p = 0; p < positions; ++p) {
-            if (!names_position(items[i], p)) continue;
+        const unsigned mask = positions_named(items[i]);
+        for (int p = 0; p < positions && mask >> p; ++p) {
+            if (!(mask & (1u << p))) continue;
             const char* field = fields[p];
             if (strcmp(field, "NA") == 0 && p == kHostPosition) field = server;
             else if (strcmp(field, "NA") == 0 && p == kPortPosition) field = "Default";

@@ -31,6 +31,7 @@ struct VXBackendRules_t {
 struct VXBackendNaming_t {
     VXBackendRules_t* backendNameHashMap; /* published; replaced whole; null: "Host" */
     vx::RetireList retired;               /* under the method lock */
+    int version;                          /* rises at each publish; atomic */
 };
 
 extern "C" {

@@ -9,6 +9,7 @@
 #include "core/vx_encode.h"
 #include "core/vx_limits.h"
 #include "core/vx_text.h"
+#include "core/vx_text_writer.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_backend_naming.h"
 #include "flowpath/vx_method_table.h"
@@ -40,7 +41,8 @@ extern "C" char* getTierCallOut(VXPerThreadData_t* vxTD, char* backendName) VX_N
     if (!vxTD || !app) return nullptr;
     ++vxTD->seqNum;
 
-    char backend[vx::kCalloutHeaderSize] = "NA";
+    char backend[vx::kCalloutHeaderSize];
+    strcpy(backend, "NA");
     if (backendName) {
         char rule[kBackendRuleSize];
         vx::copy_text(rule, sizeof rule, vx::backend_rule(kMethodTypeHttp));
@@ -53,17 +55,17 @@ extern "C" char* getTierCallOut(VXPerThreadData_t* vxTD, char* backendName) VX_N
 
     const long long first = vxTD->firstFlowpathInstance ? vxTD->firstFlowpathInstance : vxTD->flowpathInstance;
     const char* mark = vxTD->tlIsForceDump ? "F" : "";
-    char seq[vx::kCalloutHeaderSize];
-    if (vxTD->prevTierSeq)
-        snprintf(seq, sizeof seq, "%s.%lld", vxTD->prevTierSeq, vxTD->seqNum);
-    else
-        snprintf(seq, sizeof seq, "%lld.%lld", vxTD->tlThreadId, vxTD->seqNum);
     char text[vx::kCalloutHeaderSize];
-    const int n = snprintf(text, sizeof text, "%lld%s_%lld%s_%s_%s_%lld_NA_%s_%s_%s", first, mark,
-                           vxTD->flowpathInstance, mark, seq, backend, vx_agent_now(app),
-                           or_empty(getencodedTierName()), or_empty(getencodedAppServerName()),
-                           or_empty(getencodedAppName()));
-    const int len = n < static_cast<int>(sizeof text) ? n : static_cast<int>(sizeof text) - 1;
+    vx::TextWriter w(text, sizeof text);
+    w.write(first, mark, '_', vxTD->flowpathInstance, mark, '_');
+    if (vxTD->prevTierSeq)
+        w.put(vxTD->prevTierSeq);
+    else
+        w.put(vxTD->tlThreadId);
+    w.write('.', vxTD->seqNum, '_', backend, '_', vx_agent_now(app), "_NA_", or_empty(getencodedTierName()),
+            '_', or_empty(getencodedAppServerName()), '_', or_empty(getencodedAppName()));
+    w.finish();
+    const int len = static_cast<int>(w.stored());
     char* out = header_buffer(vxTD, len + 1);
     if (!out) {
         VX_ERROR("FLOWPATH", "Out of memory for the correlation header of '%lld'", vxTD->flowpathInstance);

@@ -246,9 +246,8 @@ bool check_shape(const Record& r, std::string* error)
             /* Caller's backend, caller's tier, own tier, caller's server and
              * instance, own server and instance, then the literal NA. */
             if (n != 8 || f[7] != "NA")
-                return fail(error, "record 91 is not seven names and NA: " +
-                                       std::to_string(n + 1) + " fields" +
-                                       (n == 8 ? ", the last not NA" : ""));
+                return fail(error, "record 91 is not seven names and NA: " + std::to_string(n + 1) +
+                                       " fields" + (n == 8 ? ", the last not NA" : ""));
             return true;
         case 99:
             if (n != 2 || f[0] != "NewConnection" || f[1].compare(0, 11, "FPGVersion:") != 0)

@@ -79,6 +79,16 @@ void LineSplitter::take(const char* run, size_t n, const OverlongFn& on_overlong
     }
 }
 
+std::string join(const std::vector<std::string>& f, size_t from, size_t to)
+{
+    std::string out;
+    for (size_t i = from; i < to && i < f.size(); ++i) {
+        if (i > from) out += ',';
+        out += f[i];
+    }
+    return out;
+}
+
 namespace {
 
 constexpr CatalogueEntry kCatalogue[] = {
@@ -141,16 +151,6 @@ bool take_instance(std::string_view s, long long* v, bool* forced)
     *forced = !s.empty() && s.back() == 'F';
     if (*forced) s.remove_suffix(1);
     return printf_int(s, 0, LLONG_MAX, v);
-}
-
-std::string join(const std::vector<std::string>& f, size_t from, size_t to)
-{
-    std::string out;
-    for (size_t i = from; i < to && i < f.size(); ++i) {
-        if (i > from) out += ',';
-        out += f[i];
-    }
-    return out;
 }
 
 bool fail(std::string* error, std::string text)

@@ -123,6 +123,9 @@ int parse_record(std::string_view line, Record* out, std::string* error);
  * of a negative one, no "+", no leading zero, within [lo, hi]. */
 bool printf_int(std::string_view s, long long lo, long long hi, long long* out = nullptr);
 
+/* Fields [from, to) of `f` joined by commas again. */
+std::string join(const std::vector<std::string>& f, size_t from, size_t to);
+
 /*
  * Record 2's second field: the flowpath instance alone, or the triple
  * "<instance>:<first>:<previous>" of a flowpath that continues one of

@@ -10,16 +10,6 @@ namespace vxc {
 
 namespace {
 
-std::string join(const std::vector<std::string>& f, size_t from, size_t to)
-{
-    std::string out;
-    for (size_t i = from; i < to && i < f.size(); ++i) {
-        if (i > from) out += ',';
-        out += f[i];
-    }
-    return out;
-}
-
 /* The rows of a file with n fields, header and short rows skipped. */
 std::vector<std::vector<std::string>> rows_of(const std::string& path, const char* header, size_t n)
 {

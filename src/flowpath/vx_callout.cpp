@@ -9,6 +9,7 @@
 #include "core/vx_record_door.h"
 #include "core/vx_text.h"
 #include "core/vx_text_writer.h"
+#include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 
 namespace {
@@ -52,34 +53,31 @@ const char* field_or_empty(char** f, int n, int i)
     return i < n ? f[i] : "";
 }
 
-/* Remember a caller not seen before; true when it is new and kept. */
-bool remember_caller(VXProxyInstance_t* app, apr_hash_t* map, const char* key, char** f, int n)
+/* Remember a caller not seen before and announce it. Entries live in the
+ * callers' pool for the instance's life. */
+void remember_caller(VXProxyInstance_t* app, apr_hash_t* map, const char* key, char** f, int n)
 {
-    if (search_hashmap(const_cast<char*>(key), map)) return false;
-    if (vx::load_relaxed(app->tierCallers.count) >= vx::kATDMax) {
-        VX_TRACE(app->VXSys.fpTraceLevel, 1, "FLOWPATH",
-                 "Caller '%s' not kept: %d callers are known already", key, vx::kATDMax);
-        return false;
+    if (search_hashmap(const_cast<char*>(key), map)) return;
+    VXTierCallers_t& c = app->tierCallers;
+    ATD_Struct* atd = nullptr;
+    {
+        vx::VXLockGuard guard(c.lock);
+        if (search_hashmap(const_cast<char*>(key), map)) return;
+        if (c.count >= vx::kATDMax) {
+            VX_TRACE(app->VXSys.fpTraceLevel, 1, "FLOWPATH",
+                     "Caller '%s' not kept: %d callers are known already", key, vx::kATDMax);
+            return;
+        }
+        atd = static_cast<ATD_Struct*>(apr_pcalloc(c.pool, sizeof(ATD_Struct)));
+        vx::copy_text(atd->uniqueKey, sizeof atd->uniqueKey, key);
+        decodeUnderscore(atd->backendname, sizeof atd->backendname, f[kBackendField]);
+        decodeUnderscore(atd->tier, sizeof atd->tier, field_or_empty(f, n, kTierField));
+        decodeUnderscore(atd->server, sizeof atd->server, field_or_empty(f, n, kServerField));
+        decodeUnderscore(atd->instance, sizeof atd->instance, field_or_empty(f, n, kInstanceField));
+        modify_hashmap(atd->uniqueKey, atd, map);
+        ++c.count;
     }
-    auto* atd = static_cast<ATD_Struct*>(calloc(1, sizeof(ATD_Struct)));
-    if (!atd) {
-        VX_ERROR("FLOWPATH", "Out of memory for caller '%s'", key);
-        return false;
-    }
-    vx::copy_text(atd->uniqueKey, sizeof atd->uniqueKey, key);
-    decodeUnderscore(atd->backendname, sizeof atd->backendname, f[kBackendField]);
-    decodeUnderscore(atd->tier, sizeof atd->tier, field_or_empty(f, n, kTierField));
-    decodeUnderscore(atd->server, sizeof atd->server, field_or_empty(f, n, kServerField));
-    decodeUnderscore(atd->instance, sizeof atd->instance, field_or_empty(f, n, kInstanceField));
-    /* Two threads may bring the same new caller: one entry wins, the other
-     * copy is dropped, and only the winner announces it. */
-    if (!vx::insert_hashmap_if_absent(atd->uniqueKey, atd, map)) {
-        free(atd);
-        return false;
-    }
-    vx::fetch_add_relaxed(app->tierCallers.count, 1);
     if (strcmp(f[kBackendField], "NA") != 0) dumpRecord91(atd);
-    return true;
 }
 
 }  // namespace
@@ -113,7 +111,7 @@ extern "C" int setTierCallOut(VXPerThreadData_t* vxTD, char* str)
     w.finish();
     if (!*key) return 0;
     apr_hash_t* map = app->tierCallers.mapATD;
-    if (!map) {
+    if (!map || !app->tierCallers.pool || !app->tierCallers.lock) {
         VX_ERROR("FLOWPATH", "Error in creating map for ATD...");
         return -1;
     }
@@ -124,7 +122,11 @@ extern "C" int setTierCallOut(VXPerThreadData_t* vxTD, char* str)
 extern "C" void initTierCallers(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (app && !app->tierCallers.mapATD) app->tierCallers.mapATD = create_hashmap(app->control_pool);
+    if (!app || app->tierCallers.mapATD) return;
+    VXTierCallers_t& c = app->tierCallers;
+    apr_pool_create(&c.pool, app->control_pool);
+    c.lock = vx::mutex_create(app->control_pool);
+    c.mapATD = create_hashmap(app->control_pool);
 }
 
 extern "C" void dumpRecord91(ATD_Struct* temp)

@@ -17,6 +17,8 @@
 #define VX_CALLOUT_H
 
 #include <apr_hash.h>
+#include <apr_pools.h>
+#include <apr_thread_mutex.h>
 
 #include "core/vx_limits.h"
 
@@ -36,8 +38,10 @@ struct ATD_Struct {
 
 /* Callers seen by this instance; entries live as long as the instance. */
 struct VXTierCallers_t {
-    apr_hash_t* mapATD; /* uniqueKey -> ATD_Struct, made at agent start */
-    int count;          /* entries, bounded by kATDMax */
+    apr_hash_t* mapATD;         /* uniqueKey -> ATD_Struct, made at agent start */
+    apr_pool_t* pool;           /* the entries; under `lock` */
+    apr_thread_mutex_t* lock;   /* a new caller's entry */
+    int count;                  /* entries, bounded by kATDMax; under `lock` */
 };
 
 extern "C" {

@@ -41,6 +41,7 @@ extern "C" void initResourceIds(void)
     if (!app) return;
     VXResources_t& r = app->resources;
     if (!r.resourceHashMap) r.resourceHashMap = create_hashmap(app->control_pool);
+    if (!r.pool) apr_pool_create(&r.pool, app->control_pool);
     if (!r.vxenableResourceLock) r.vxenableResourceLock = vx::mutex_create(app->control_pool);
     r.getenableResource.maxURLChar = kDefaultMaxURLChar;
 }
@@ -77,7 +78,7 @@ extern "C" char* getFormattedUrlIpResource(const char* url, char* out, int len)
 extern "C" long long getIDForIPResourceURL(char* buffer)
 {
     VXProxyInstance_t* app = vx_app();
-    if (!buffer || !app || !app->resources.resourceHashMap) return 0;
+    if (!buffer || !app || !app->resources.resourceHashMap || !app->resources.pool) return 0;
     VXResources_t& r = app->resources;
     char copy[kDescriptionCopy];
     vx::copy_text(copy, sizeof copy, buffer);
@@ -88,11 +89,8 @@ extern "C" long long getIDForIPResourceURL(char* buffer)
     if (auto* e = static_cast<ResourceEntry*>(search_hashmap(name, r.resourceHashMap))) return e->id;
     if (r.count >= kResourceMax) return 0;
     const size_t nl = strlen(name);
-    auto* e = static_cast<ResourceEntry*>(malloc(sizeof(ResourceEntry) + nl));
-    if (!e) {
-        VX_ERROR("FLOWPATH", "Out of memory for resource '%s'", name);
-        return 0;
-    }
+    /* Resources live as long as the instance: in its pool. */
+    auto* e = static_cast<ResourceEntry*>(apr_palloc(r.pool, sizeof(ResourceEntry) + nl));
     memcpy(e->name, name, nl + 1);
     e->id = app->resourceMetaID++;
     modify_hashmap(e->name, e, r.resourceHashMap);

@@ -30,6 +30,7 @@ struct VXEnableResource_t {
 struct VXResources_t {
     VXEnableResource_t getenableResource;
     apr_hash_t* resourceHashMap;        /* name -> id; under the lock */
+    apr_pool_t* pool;                   /* the entries; under the lock */
     apr_thread_mutex_t* vxenableResourceLock;
     int count;
 };

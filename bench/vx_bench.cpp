@@ -16,6 +16,8 @@
 #include "core/vx_hashmap.h"
 #include "agent/vx_instance.h"
 #include "core/vx_platform.h"
+#include "flowpath/vx_backend_naming.h"
+#include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
 #include "session/vx_session.h"
 #include "vx_sdk.h"
@@ -43,8 +45,11 @@ void start_agent()
         agent_init(S("BenchPool"), 1, S("bench"), S("cppAgent"), S("1"));
         long long now = my_gettimeofday();
         vx::session_start(1, now - now % 86400000LL);
-        char profile[] = "bench|Bench|work|0|0\nbench|Bench|inner|0|0\n";
+        char profile[] = "bench|Bench|work|0|0\nbench|Bench|inner|0|0\n"
+                         "bench|Http|post|0|1\nbench|Db|query|0|2\n";
         setMethodHashMapNode(profile);
+        char entries[] = "bench|Http.post|HTTP_CALLOUT|2\nbench|Db.query|SQL_CALLOUT|2\n";
+        parseEntryFile(entries);
         tlvxApplication->VXSys.bciInstrSessionPct = 100;
         return true;
     }();
@@ -160,6 +165,74 @@ void BM_SdkMethodPair(benchmark::State& state)
     vx_bt_end(h, 200, 0, nullptr);
 }
 BENCHMARK(BM_SdkMethodPair);
+
+/* A callout pair as a host makes it: entry, the correlation header for the
+ * outgoing request (HTTP), exit naming the backend. The backend exists after
+ * the first call; the target is a method pair + 300 ns and no allocation
+ * (the header's buffer is the record's, made at the first callout of each
+ * flowpath). Each thread has a flowpath of its own. */
+void callout_pair(benchmark::State& state, const char* method, const char* backend, bool http)
+{
+    start_agent();
+    VXPerThreadData_t* td = open_flowpath();
+    auto once = [&] {
+        void* m = vxMethodEntry(nullptr, td, S(method), S("/stock/17"), nullptr, 1, nullptr, nullptr, 0, nullptr);
+        if (http) benchmark::DoNotOptimize(getTierCallOut(td, nullptr));
+        vxMethodExit(m, td, S(method), 0, -1, S(backend), 0, 1, 1, nullptr, 1, nullptr, 0, nullptr);
+    };
+    once();
+    const long long before = g_mallocs.load();
+    for (auto _ : state) once();
+    if (state.thread_index() == 0)
+        state.counters["allocs_per_pair"] =
+            static_cast<double>(g_mallocs.load() - before) / static_cast<double>(state.iterations() * state.threads());
+    state.SetItemsProcessed(state.iterations());
+    close_flowpath(td);
+}
+
+void BM_HttpCalloutPair(benchmark::State& state)
+{
+    callout_pair(state, "Http.post", "HTTP|stock.internal|8080|/api/stock", true);
+}
+BENCHMARK(BM_HttpCalloutPair)->Threads(1)->Threads(2)->UseRealTime();
+
+void BM_DbCalloutPair(benchmark::State& state)
+{
+    callout_pair(state, "Db.query", "MySQL|db.internal|3306|shop", false);
+}
+BENCHMARK(BM_DbCalloutPair)->Threads(1)->Threads(2)->UseRealTime();
+
+/* Naming a backend from its description by a rule: the whole cost of the
+ * name on a callout's exit, before the table look-up. */
+void BM_SettingBackendName(benchmark::State& state)
+{
+    start_agent();
+    char desc[] = "jdbc|db&#46;internal|5432|select * from cart|PostgreSQL|shop|16";
+    char rule[] = "Host_Port_DataBaseName";
+    char out[kBackendNameSize];
+    for (auto _ : state) benchmark::DoNotOptimize(settingBackendName(desc, rule, out, sizeof out));
+}
+BENCHMARK(BM_SettingBackendName);
+
+/* A new backend each time (named, entered in the method table with its
+ * record 5) against the look-up of an existing one. The cap on backends is
+ * lifted for the run so that each is really new. */
+void BM_BackendFirstCall(benchmark::State& state)
+{
+    start_agent();
+    VXPerThreadData_t* td = open_flowpath();
+    tlvxApplication->VXBackendMonitor.maxIPCount = 1 << 30;
+    long long n = 0;
+    char desc[96];
+    for (auto _ : state) {
+        snprintf(desc, sizeof desc, "MySQL|db%lld.internal|3306|shop", n++);
+        void* m = vxMethodEntry(nullptr, td, S("Db.query"), nullptr, nullptr, 1, nullptr, nullptr, 0, nullptr);
+        vxMethodExit(m, td, S("Db.query"), 0, -1, desc, 0, 1, 1, nullptr, 1, nullptr, 0, nullptr);
+    }
+    state.SetItemsProcessed(state.iterations());
+    close_flowpath(td);
+}
+BENCHMARK(BM_BackendFirstCall)->Iterations(20000);
 
 /* (c): a whole flowpath: start, ten method pairs, end and reset. */
 void BM_FlowpathWithTenMethods(benchmark::State& state)

@@ -125,6 +125,65 @@ VX_API void* vxMethodExitException(void* methodPtr, VXPerThreadData_t* vxTD, cha
                                    long long methodWallTime, char forceDump, long long threadId,
                                    int isCalOutDone, char* TLS, int event_type) VX_NOEXCEPT;
 
+/*
+ * Correlation, for hosts with an instrumentation layer of their own.
+ *
+ * getTierCallOut gives the correlation header to put on an outgoing call of
+ * transaction `vxTD`; `backendName` is the call's pipe-separated description
+ * (NULL for none). Call it before the callout's exit: it marks the call as
+ * really made. The text belongs to the transaction and holds until its next
+ * callout or its end. The called tier passes the header's value to startFP as
+ * `flowpathinstance`.
+ *
+ * getVXSessionCookie gives the session cookie value to set on the response,
+ * getCustomHeader the response header value that names the transaction
+ * (NULL when sessions or the header are off); release both with freePtr.
+ */
+VX_API char* getTierCallOut(VXPerThreadData_t* vxTD, char* backendName) VX_NOEXCEPT;
+VX_API char* getVXSessionCookie(VXPerThreadData_t* vxTD) VX_NOEXCEPT;
+VX_API char* getCustomHeader(VXPerThreadData_t* vxTD) VX_NOEXCEPT;
+VX_API void freePtr(char* ptr) VX_NOEXCEPT;
+
+/* Session cookie settings, as the collector set them. Names are the agent's,
+ * not to be freed; the domain is NULL when none is set. The position tells
+ * when to set the cookie: 1 at exit of the method at
+ * getMethodExitDepth2SetCookie's depth, 2 at entry of the method at
+ * getMethodEntryDepth2SetCookie's depth, 3 at response commit, 0 otherwise.
+ * setCookieOnResponseCommit and setHeaderInResponse return their flag. */
+VX_API char* getVXSessionCookieName(void) VX_NOEXCEPT;
+VX_API char* getXSessionCookieName(void) VX_NOEXCEPT;
+VX_API char* getCookieDomainName(void) VX_NOEXCEPT;
+VX_API char* getKPSessionCookieName(void) VX_NOEXCEPT;
+VX_API int getMethodEntryDepth2SetCookie(void) VX_NOEXCEPT;
+VX_API int getMethodExitDepth2SetCookie(void) VX_NOEXCEPT;
+VX_API int setCookieOnResponseCommit(void) VX_NOEXCEPT;
+VX_API int setHeaderInResponse(void) VX_NOEXCEPT;
+VX_API int getCookieMethodPosition(void) VX_NOEXCEPT;
+/* Whether sessions are on; whether log lines carry transaction tags. */
+VX_API int enableKPVXSession(void) VX_NOEXCEPT;
+VX_API int enableLQVXSession(void) VX_NOEXCEPT;
+
+/*
+ * Thread callouts: transaction `vxTD` hands work to the host's thread
+ * `threadId`. vxThreadCallOut marks the place in the transaction and gives
+ * the child thread a placeholder record holding the chain (the first
+ * transaction of the chain and `vxTD` itself). The child reads it with
+ * getThreadIdToThreadLocal and gives it back with cleanThreadIdToThreadLocal;
+ * the agent frees none by itself. Thread ids are told apart by their first
+ * seven decimal digits. setObjForThreadCallOut is vxThreadCallOut returning
+ * `vxTD`; updateChildThreadPrevFPI only stores the chain;
+ * setFirstPrevFlowpath stores a chain into any record.
+ */
+VX_API void vxThreadCallOut(VXPerThreadData_t* vxTD, long long threadId) VX_NOEXCEPT;
+VX_API VXPerThreadData_t* setObjForThreadCallOut(VXPerThreadData_t* vxTD,
+                                                 long long threadId) VX_NOEXCEPT;
+VX_API void updateChildThreadPrevFPI(VXPerThreadData_t* vxTD, long long threadId) VX_NOEXCEPT;
+VX_API void setFirstPrevFlowpath(VXPerThreadData_t* vxTD, long long firstFlowpathInstance,
+                                 long long prevFlowpathInstance) VX_NOEXCEPT;
+VX_API void* setThreadIdToThreadLocal(long long threadId) VX_NOEXCEPT;
+VX_API void* getThreadIdToThreadLocal(long long threadId) VX_NOEXCEPT;
+VX_API void cleanThreadIdToThreadLocal(long long threadId) VX_NOEXCEPT;
+
 /* 1 when a session runs and `mName` (or its class, the text before the first
  * ".") is in the method table; 0 otherwise. */
 VX_API int isMethodInHashMap(char* mName) VX_NOEXCEPT;

@@ -187,6 +187,8 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
     if (!vx_in_proxy_process()) app->tlsPool.gFreeTLSHead = create_tls_pool(app->tlsPool.gBusyTLSCnt);
     app->controlLink.control_thread_id = nullptr;
     if (app->VXSys.proxyMode == 0) initVXManageTIdToTLocal();
+    initTierCallers();
+    initResourceIds();
     apr_atomic_init(app->control_pool);
     __atomic_store_n(&app->VXSys.rSeq, 0, __ATOMIC_RELAXED);
     app->processID = static_cast<int>(getpid());

@@ -62,11 +62,6 @@ struct VXHttpSettings_t {
     char hdrListForValueAsId[kFeatureTextSize];
 };
 
-/* STAND-IN(callouts): resource URLs, up to three sub-values of formatIPResourceURL. */
-struct VXResourceURLSettings_t {
-    int formatIPResourceURL[3];
-};
-
 /* STAND-IN(log-forwarder): process-wide, vxAppLogStruct. */
 struct vxAppLogStruct_t {
     long long flushInterval;

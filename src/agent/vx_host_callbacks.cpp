@@ -10,6 +10,7 @@
 #include "agent/vx_sys.h"
 #include "core/vx_atomic.h"
 #include "core/vx_platform.h"
+#include "flowpath/vx_session_settings.h"
 
 callback_func agent_callback_func = nullptr;
 test_status test_status_func = nullptr;
@@ -33,16 +34,6 @@ template <typename T>
 int address_as_int(T* global)
 {
     return static_cast<int>(reinterpret_cast<intptr_t>(global));
-}
-
-/* When the host is to set the session cookie: 1 at method exit of the
- * configured depth, 2 at method entry, 3 at response commit, 0 otherwise. */
-int cookie_method_position(const VXSys_t& s)
-{
-    if (s.methodExitDepth2SetCookie) return 1;
-    if (s.methodEntryDepth2SetCookie) return 2;
-    if (s.cookieOnResponseCommit) return 3;
-    return 0;
 }
 
 }  // namespace
@@ -124,8 +115,9 @@ extern "C" void register_thread_dump_callback(thread_dump_func cb) VX_NOEXCEPT
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
     const VXSys_t& s = app->VXSys;
-    vx::call_host("vx_cookie", vx_cookie_callback_func, s.vxSessionCookieName, s.cookieDomainName,
-                  s.headerInResponse, cookie_method_position(s), s.vxSessionIdleTimeOutSecs);
+    vx::call_host("vx_cookie", vx_cookie_callback_func, const_cast<char*>(s.vxSessionCookieName),
+                  s.cookieDomainName[0] ? const_cast<char*>(s.cookieDomainName) : nullptr,
+                  s.headerInResponse, vx::cookie_method_position(s), s.vxSessionIdleTimeOutSecs);
     vx::call_host("kp_cookie", kp_cookie_callback_func, s.KPCookieName);
     vx::call_host("test_status", test_status_func, static_cast<int>(vx::load_relaxed(app->Server.testRunRunning)));
 }

@@ -33,8 +33,11 @@
 #include "core/vx_platform.h"
 #include "core/vx_retire_list.h"
 #include "diag/vx_thread_reports.h"
+#include "flowpath/vx_backend_naming.h"
+#include "flowpath/vx_callout.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
+#include "flowpath/vx_resource_ids.h"
 #include "link/vx_as_buffers.h"
 #include "link/vx_as_link.h"
 #include "link/vx_collector_list.h"
@@ -121,6 +124,11 @@ struct VXProxyInstance_t {
 
     VXFlowpathGenerator_t VXFlowpathGenerator;
 
+    /* Callouts: backend naming rules, callers of other tiers, resources. */
+    VXBackendNaming_t backendNaming;
+    VXTierCallers_t tierCallers;
+    VXResources_t resources;
+
     /* Settings of features built later, filled by the collector's keywords. */
     VXAutoInstrumentation_t vxAutoInstrumentation;
     VXInterfaceProcessor_t VXInterfaceProcessor;
@@ -128,7 +136,6 @@ struct VXProxyInstance_t {
     VXExceptionSettings_t exceptionSettings;
     VXSQLProcessor_t VXSQLProcessor;
     VXHttpSettings_t httpSettings;
-    VXResourceURLSettings_t resourceURLSettings;
 
     /* Files the collector served, by keyword index. */
     keywordInfo kywdInfo[vx::kFileKeywordSlots];
@@ -176,8 +183,7 @@ struct VXProxyInstance_t {
 
     VXTLSPool_t tlsPool;           /* per-transaction records */
 
-    apr_hash_t* threadIdToThreadLocal;
-    apr_thread_mutex_t* threadLocalMutex;
+    apr_hash_t* threadIdToThreadLocal; /* thread callouts' placeholders */
 
     void* vxTDHashMap;             /* host key -> record, with enableProxyServer */
     apr_thread_mutex_t* vxTDHashMapLock;

@@ -8,6 +8,7 @@
 #include "agent/vx_instance.h"
 #include "core/vx_atomic.h"
 #include "core/vx_platform.h"
+#include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_method_events.h"
 
@@ -16,8 +17,6 @@ namespace {
 constexpr char kDefaultHome[] = "/opt/kelvane/vexlane/";
 constexpr char kDefaultProxyHome[] = "/opt/kelvane/vexlane";
 
-char kDefaultXSessionCookie[] = "X-KlvKP";
-char kDefaultSessionCookie[] = "KlvKP";
 char kDefaultProxyIP[] = "127.0.0.1";
 
 /* "<base>" or "<base>/<type>" as a heap string. */
@@ -179,9 +178,9 @@ extern "C" void VXSysInit(char* agent_type)
     s.cookieOnResponseCommit = s.headerInResponse = 0;
     s.vxSessionIdleTimeOutSecs = 1800;
     s.maxFPCountInSession = 1000;
-    s.xSessionCookieName = kDefaultXSessionCookie;
-    s.vxSessionCookieName = kDefaultSessionCookie;
-    s.cookieDomainName = nullptr;
+    vx::copy_text(s.xSessionCookieName, sizeof s.xSessionCookieName, "X-KlvKP");
+    vx::copy_text(s.vxSessionCookieName, sizeof s.vxSessionCookieName, "KlvKP");
+    s.cookieDomainName[0] = '\0';
     s.enableVXSession = 0;
     s.hashMapClearTime = 30;
     s.vxEnableTxHotspot = 1;

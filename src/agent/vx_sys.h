@@ -57,9 +57,9 @@ struct VXSys_t {
     int headerInResponse;
     long long vxSessionIdleTimeOutSecs;
     int maxFPCountInSession;
-    char* xSessionCookieName;
-    char* vxSessionCookieName;
-    char* cookieDomainName;
+    char xSessionCookieName[vx::kCookieNameSize];  /* "X-" and the cookie's name */
+    char vxSessionCookieName[vx::kCookieNameSize];
+    char cookieDomainName[vx::kCookieNameSize];    /* "" for none */
     int enableFPHdrInRep;
     int enableVXSession;
     char captureCorrelationEnabled;

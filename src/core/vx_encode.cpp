@@ -144,6 +144,21 @@ extern "C" void encoded_with_underscore(char* sb, int len, char* msgData)
     sb[o] = '\0';
 }
 
+extern "C" void decodeUnderscore(char* sb, int len, const char* msgData)
+{
+    if (!sb || len <= 0) return;
+    int o = 0;
+    for (const char* p = msgData; p && *p && o < len - 1;) {
+        if (strncmp(p, "&#95;", 5) == 0) {
+            sb[o++] = '_';
+            p += 5;
+        } else {
+            sb[o++] = *p++;
+        }
+    }
+    sb[o] = '\0';
+}
+
 extern "C" void DBQueryParamEncoding(char* sb, int len, char* msgData)
 {
     entities_into(sb, len, msgData, [](char c) -> const char* {

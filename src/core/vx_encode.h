@@ -34,6 +34,9 @@ void DBQueryParamEncoding(char* sb, int len, char* msgData);
 /* For identity names in the correlation header: each "_" becomes "&#95;".
  * Stops at the first character that does not fit; always terminates. */
 void encoded_with_underscore(char* sb, int len, char* msgData);
+/* The reverse: each "&#95;" back to "_", into `sb` of `len` bytes (cut to
+ * fit, always terminated). */
+void decodeUnderscore(char* sb, int len, const char* msgData);
 
 /* Base64 (RFC 4648, padded). A new zeroed buffer (free()) and its length in
  * *enc_len; null on failure. */

@@ -24,7 +24,13 @@ inline constexpr int kSpanIdSize = 32;              /* trans_span_id, callout_sp
 inline constexpr int kHttpMethodSize = 20;          /* HTTP method split off the URL */
 inline constexpr int kHeaderBufferSize = 4096;      /* escaped BT header text at startFP */
 inline constexpr int kIncomingFPISize = 1024;       /* copy of the caller's correlation text */
+inline constexpr int kCalloutHeaderSize = 4096;     /* outgoing correlation header */
+inline constexpr int kBackendCacheSize = 4;         /* backends remembered per record */
+inline constexpr int kBackendCacheDescSize = 240;   /* longest description remembered */
+inline constexpr int kATDMax = 1024;                /* distinct callers kept (8 KiB each) */
+inline constexpr int kRecord91Size = 8192;          /* topology record: seven names */
 inline constexpr int kCookieSize = 1024;            /* session and user-experience cookies */
+inline constexpr int kCookieNameSize = 256;         /* session cookie name and domain */
 inline constexpr int kThreadIdKeyDigits = 7;        /* thread-id map key */
 
 /* Records. */

@@ -4,37 +4,103 @@
 #include <cstring>
 
 #include "agent/vx_instance.h"
+#include "core/vx_encode.h"
+#include "core/vx_hashmap.h"
+#include "core/vx_record_door.h"
 #include "core/vx_text.h"
+#include "core/vx_text_writer.h"
 #include "core/vx_trace_log.h"
+
+namespace {
+
+constexpr int kHeaderFieldsMax = 1024;
+constexpr int kMinFields = 4;
+constexpr int kBackendField = 3;
+constexpr int kTierField = 6;
+constexpr int kServerField = 7;
+constexpr int kInstanceField = 8;
+
+const char* field_or_empty(char** f, int n, int i)
+{
+    return i < n ? f[i] : "";
+}
+
+/* Remember a caller not seen before; true when it is new and kept. */
+bool remember_caller(VXProxyInstance_t* app, apr_hash_t* map, const char* key, char** f, int n)
+{
+    if (search_hashmap(const_cast<char*>(key), map)) return false;
+    if (vx::load_relaxed(app->tierCallers.count) >= vx::kATDMax) {
+        VX_TRACE(app->VXSys.fpTraceLevel, 1, "FLOWPATH",
+                 "Caller '%s' not kept: %d callers are known already", key, vx::kATDMax);
+        return false;
+    }
+    auto* atd = static_cast<ATD_Struct*>(calloc(1, sizeof(ATD_Struct)));
+    if (!atd) {
+        VX_ERROR("FLOWPATH", "Out of memory for caller '%s'", key);
+        return false;
+    }
+    vx::copy_text(atd->uniqueKey, sizeof atd->uniqueKey, key);
+    decodeUnderscore(atd->backendname, sizeof atd->backendname, f[kBackendField]);
+    decodeUnderscore(atd->tier, sizeof atd->tier, field_or_empty(f, n, kTierField));
+    decodeUnderscore(atd->server, sizeof atd->server, field_or_empty(f, n, kServerField));
+    decodeUnderscore(atd->instance, sizeof atd->instance, field_or_empty(f, n, kInstanceField));
+    /* Two threads may bring the same new caller: one entry wins, the other
+     * copy is dropped, and only the winner announces it. */
+    if (!vx::insert_hashmap_if_absent(atd->uniqueKey, atd, map)) {
+        free(atd);
+        return false;
+    }
+    vx::fetch_add_relaxed(app->tierCallers.count, 1);
+    if (strcmp(f[kBackendField], "NA") != 0) dumpRecord91(atd);
+    return true;
+}
+
+}  // namespace
 
 extern "C" int setTierCallOut(VXPerThreadData_t* vxTD, char* str)
 {
-    if (!vxTD || !str) return -1;
-    int separators = 0;
-    for (const char* p = str; *p; ++p) separators += (*p == '_');
-    if (separators < 3) {
-        VX_ERROR("FLOWPATH", "Error in received string '%s'", str);
+    VXProxyInstance_t* app = vx_app();
+    if (!vxTD || !str || !app) return -1;
+    char* f[kHeaderFieldsMax];
+    char shown[vx::kIncomingFPISize];
+    vx::copy_text(shown, sizeof shown, str);
+    const int n = tokenize(str, f, const_cast<char*>("_"), kHeaderFieldsMax);
+    if (n < kMinFields) {
+        VX_ERROR("FLOWPATH", "Error in received string '%s'", shown);
         return -1;
     }
-    char* f[1024];
-    tokenize(str, f, const_cast<char*>("_"), 1024);
     vxTD->firstFlowpathInstance = atoll(f[0]);
     vxTD->prevFlowpathInstance = atoll(f[1]);
     free(vxTD->prevTierSeq);
     vxTD->prevTierSeq = strdup(f[2]);
+
+    char key[kATDKeySize];
+    vx::TextWriter w(key, sizeof key);
+    for (int i : {kBackendField, kTierField, kServerField, kInstanceField}) w.put(field_or_empty(f, n, i));
+    w.finish();
+    if (!*key) return 0;
+    apr_hash_t* map = app->tierCallers.mapATD;
+    if (!map) {
+        VX_ERROR("FLOWPATH", "Error in creating map for ATD...");
+        return -1;
+    }
+    remember_caller(app, map, key, f, n);
     return 0;
 }
 
-/* STAND-IN(callouts): backend naming rules. */
-extern "C" void settingBackendName(char* buffer, char* rule, char* out, int len)
+extern "C" void initTierCallers(void)
 {
-    (void)rule;
-    if (out && len > 0) vx::copy_text(out, static_cast<size_t>(len), buffer);
+    VXProxyInstance_t* app = vx_app();
+    if (app && !app->tierCallers.mapATD) app->tierCallers.mapATD = create_hashmap(app->control_pool);
 }
 
-/* STAND-IN(callouts): resource ids of callout URLs. */
-extern "C" long long getIDForIPResourceURL(char* buffer)
+extern "C" void dumpRecord91(ATD_Struct* temp)
 {
-    (void)buffer;
-    return 0;
+    VXProxyInstance_t* app = vx_app();
+    if (!temp || !app) return;
+    const VXBCISetting_t& s = app->VXBCISetting;
+    char buf[vx::kRecord91Size];
+    vx::dump_record(buf, sizeof buf, "%d,%s,%s,%s,%s,%s,%s,%s,NA\n", 91, temp->backendname, temp->tier,
+                    s.tierName ? s.tierName : "", temp->server, temp->instance,
+                    s.appServerName ? s.appServerName : "", s.appName ? s.appName : "");
 }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "agent/vx_instance.h"
 #include "bt/vx_bt_object.h"
@@ -165,6 +166,18 @@ extern "C" void setFPHeaderValues(VXPerThreadData_t* vxTD, char* httpMethod, cha
     setBTObjInThreadLocal(vxTD, httpMethod, btHeaderValue);
 }
 
+/* Whether the caller's text forces this flowpath: an "F" in an instance
+ * number, or in the first two fields of a chain header (where a forced
+ * caller puts it). The header's later fields are names and times, whose
+ * letters say nothing about forcing. */
+static bool forced_by_caller(const char* incoming)
+{
+    const char* end = strchr(incoming, '_');
+    if (end) end = strchr(end + 1, '_');
+    const size_t n = end ? static_cast<size_t>(end - incoming) : strlen(incoming);
+    return std::string_view(incoming, n).find_first_of("Ff") != std::string_view::npos;
+}
+
 extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue, char* TLS,
                          char* VXCookieStr, char* KPCookieStr, char* correlationIdHeader,
                          long long qTimeInMS, long long startTimeFP) VX_NOEXCEPT
@@ -196,7 +209,7 @@ extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue,
         vxTD->flowpathInstance = generate_flowpath_instance();
     } else {
         vx::copy_text(incoming, sizeof incoming, flowpathinstance);
-        if (strpbrk(incoming, "Ff")) vxTD->tlIsForceDump = 1;
+        if (forced_by_caller(incoming)) vxTD->tlIsForceDump = 1;
         if (strchr(incoming, '_')) {
             char chain[vx::kIncomingFPISize];
             vx::copy_text(chain, sizeof chain, incoming);

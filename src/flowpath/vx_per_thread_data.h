@@ -28,6 +28,7 @@
 struct BTObject;
 struct VXMonitorDataModel;
 struct VXOpenCalls;
+struct methodPropProperties;
 
 struct sqlProp {
     int DBCallDepth;
@@ -35,6 +36,15 @@ struct sqlProp {
     long long startTime;
     long long backendId;
     char* DBQueryParam;
+};
+
+/* A callout's description and the backend it named. */
+struct VXBackendCacheEntry {
+    const methodPropProperties* method; /* the callout method */
+    methodPropProperties* backend;
+    const void* generation;             /* the method table it was found in */
+    int rules;                          /* the version of the naming rules */
+    char description[vx::kBackendCacheDescSize];
 };
 
 struct VXPerThreadData_t {
@@ -75,6 +85,11 @@ struct VXPerThreadData_t {
     char* tierCallOutHeader;
     int tierCallOutHeaderLen;
     long long tierCallOutSeqNum;
+    /* The backends this record's callouts named last, so that a repeated
+     * call finds its backend without the method lock (see callout_backend).
+     * Kept across transactions: each entry checks its table and rules. */
+    VXBackendCacheEntry backendCache[vx::kBackendCacheSize];
+    int backendCacheNext;
     /* Links. */
     BTObject* tlBTObj;
     sqlProp tlSQLObj;

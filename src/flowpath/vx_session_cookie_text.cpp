@@ -26,3 +26,26 @@ extern "C" char* getVXSessionCookie(VXPerThreadData_t* vxTD) VX_NOEXCEPT
              vxTD->appID);
     return text;
 }
+
+extern "C" char* getCustomHeader(VXPerThreadData_t* vxTD) VX_NOEXCEPT
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !vxTD || app->VXSys.headerInResponse == 0) return nullptr;
+    auto* text = static_cast<char*>(calloc(1, vx::kCookieSize));
+    if (!text) {
+        VX_ERROR("FLOWPATH", "Out of memory for the response header of '%lld'", vxTD->flowpathInstance);
+        return nullptr;
+    }
+    snprintf(text, vx::kCookieSize, "%lld_%d_%d", vxTD->flowpathInstance,
+             static_cast<int>(vxTD->tlTestRunNumber), vxTD->btCategory);
+    return text;
+}
+
+extern "C" void freePtr(char* ptr) VX_NOEXCEPT
+{
+    if (!ptr) {
+        VX_ERROR("FLOWPATH", "ptr passed from agent is null");
+        return;
+    }
+    free(ptr);
+}

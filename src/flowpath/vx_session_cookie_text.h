@@ -16,6 +16,12 @@ extern "C" {
  * the caller frees (sdk_free_memory). Null when sessions are off
  * (enableVXSession 0), without a record, or out of memory. Any thread. */
 char* getVXSessionCookie(VXPerThreadData_t* vxTD) VX_NOEXCEPT;
+/* "%lld_%d_%d" of flowpath instance, test run and category, for a response
+ * header that ties the response to its flowpath; a new buffer as above. Null
+ * when headerInResponse is 0. */
+char* getCustomHeader(VXPerThreadData_t* vxTD) VX_NOEXCEPT;
+/* Release a text returned above; null is logged and ignored. */
+void freePtr(char* ptr) VX_NOEXCEPT;
 }
 
 #endif

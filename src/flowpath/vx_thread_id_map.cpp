@@ -4,14 +4,24 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/vx_hashmap.h"
 #include "agent/vx_instance.h"
+#include "core/vx_hashmap.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 
 namespace {
 
 constexpr int kKeySize = vx::kThreadIdKeyDigits + 1;
+
+/* A placeholder and its key in one block: the key is found from the
+ * record, so a clean needs no search for it. */
+struct Placeholder {
+    VXPerThreadData_t record;
+    char key[kKeySize];
+};
+
+/* One mutex for the process: a second instance reuses it. */
+apr_thread_mutex_t* threadLocalMutex = nullptr;
 
 void make_key(char* key, long long threadId)
 {
@@ -20,62 +30,80 @@ void make_key(char* key, long long threadId)
     snprintf(key, kKeySize, "%.7s", full);
 }
 
+Placeholder* find_locked(apr_hash_t* map, long long threadId)
+{
+    char key[kKeySize];
+    make_key(key, threadId);
+    return static_cast<Placeholder*>(search_hashmap(key, map));
+}
+
+Placeholder* find_or_make_locked(apr_hash_t* map, long long threadId)
+{
+    if (Placeholder* p = find_locked(map, threadId)) return p;
+    auto* p = static_cast<Placeholder*>(calloc(1, sizeof(Placeholder)));
+    VX_TRACE(VX_LEVEL(fpTraceLevel), 4, "FLOWPATH", "Placeholder of thread '%lld' allocated at %p", threadId,
+             static_cast<void*>(p));
+    if (!p) {
+        VX_ERROR("FLOWPATH", "Error in allocating record for thread '%lld'", threadId);
+        return nullptr;
+    }
+    make_key(p->key, threadId);
+    modify_hashmap(p->key, p, map);
+    return p;
+}
+
+apr_hash_t* thread_map()
+{
+    VXProxyInstance_t* app = vx_app();
+    return app ? app->threadIdToThreadLocal : nullptr;
+}
+
 }  // namespace
 
 extern "C" void initVXManageTIdToTLocal(void)
 {
     VXProxyInstance_t* app = vx_app();
-    if (!app || app->threadIdToThreadLocal) return;
-    app->threadIdToThreadLocal = create_hashmap(app->control_pool);
-    app->threadLocalMutex = vx::mutex_create(app->control_pool);
+    if (!app) return;
+    if (!threadLocalMutex) threadLocalMutex = vx::mutex_create(app->control_pool);
+    if (!app->threadIdToThreadLocal) app->threadIdToThreadLocal = create_hashmap(app->control_pool);
 }
 
-extern "C" void* setThreadIdToThreadLocal(long long threadId)
+void vx::with_thread_placeholder_fn(long long threadId, PlaceholderFn fn, void* ctx)
 {
-    VXProxyInstance_t* app = vx_app();
-    if (!app || !app->threadIdToThreadLocal) return nullptr;
-    auto* key = static_cast<char*>(malloc(kKeySize));
-    auto* rec = static_cast<VXPerThreadData_t*>(calloc(1, sizeof(VXPerThreadData_t)));
-    if (!key || !rec) {
-        free(key);
-        free(rec);
-        VX_ERROR("FLOWPATH", "Error in allocating record for thread '%lld'", threadId);
-        return nullptr;
-    }
-    make_key(key, threadId);
-    vx::VXLockGuard guard(app->threadLocalMutex);
-    modify_hashmap(key, rec, app->threadIdToThreadLocal);
-    return rec;
+    apr_hash_t* map = thread_map();
+    if (!map) return;
+    vx::VXLockGuard guard(threadLocalMutex);
+    if (Placeholder* p = find_or_make_locked(map, threadId)) fn(&p->record, ctx);
 }
 
-extern "C" void* getThreadIdToThreadLocal(long long threadId)
+extern "C" void* setThreadIdToThreadLocal(long long threadId) VX_NOEXCEPT
 {
-    VXProxyInstance_t* app = vx_app();
-    if (!app || !app->threadIdToThreadLocal) return nullptr;
-    char key[kKeySize];
-    make_key(key, threadId);
-    vx::VXLockGuard guard(app->threadLocalMutex);
-    return search_hashmap(key, app->threadIdToThreadLocal);
+    apr_hash_t* map = thread_map();
+    if (!map) return nullptr;
+    vx::VXLockGuard guard(threadLocalMutex);
+    Placeholder* p = find_or_make_locked(map, threadId);
+    return p ? &p->record : nullptr;
 }
 
-extern "C" void cleanThreadIdToThreadLocal(long long threadId)
+extern "C" void* getThreadIdToThreadLocal(long long threadId) VX_NOEXCEPT
 {
-    VXProxyInstance_t* app = vx_app();
-    if (!app || !app->threadIdToThreadLocal) return;
-    char key[kKeySize];
-    make_key(key, threadId);
-    vx::VXLockGuard guard(app->threadLocalMutex);
-    apr_hash_t* map = app->threadIdToThreadLocal;
-    apr_hash_index_t* hi = nullptr;
-    /* The stored key is the heap copy: find it to free it with the record. */
-    for (hi = apr_hash_first(nullptr, map); hi; hi = apr_hash_next(hi)) {
-        const void* k = apr_hash_this_key(hi);
-        if (strcmp(static_cast<const char*>(k), key) == 0) break;
-    }
-    if (!hi) return;
-    char* stored = static_cast<char*>(const_cast<void*>(apr_hash_this_key(hi)));
-    void* rec = apr_hash_this_val(hi);
-    modify_hashmap(stored, nullptr, map);
-    free(rec);
-    free(stored);
+    apr_hash_t* map = thread_map();
+    if (!map) return nullptr;
+    vx::VXLockGuard guard(threadLocalMutex);
+    Placeholder* p = find_locked(map, threadId);
+    return p ? &p->record : nullptr;
+}
+
+extern "C" void cleanThreadIdToThreadLocal(long long threadId) VX_NOEXCEPT
+{
+    apr_hash_t* map = thread_map();
+    if (!map) return;
+    vx::VXLockGuard guard(threadLocalMutex);
+    Placeholder* p = find_locked(map, threadId);
+    if (!p) return;
+    const int level = VX_LEVEL(fpTraceLevel);
+    VX_TRACE(level, 2, "FLOWPATH", "Going to clean ThreadId '%lld'", threadId);
+    modify_hashmap(p->key, nullptr, map);
+    free(p);
+    VX_TRACE(level, 2, "FLOWPATH", "ThreadId '%lld' was clean successfully", threadId);
 }

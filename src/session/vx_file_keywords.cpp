@@ -17,6 +17,7 @@
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
+#include "flowpath/vx_backend_naming.h"
 #include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
 #include "link/vx_socket.h"
@@ -417,8 +418,11 @@ extern "C" void useFileBasedKeyword(char* text, char* keyword, int kwIdx)
         case kw::vxCriticalFileList:
             setvxCriticalFileList(text);
             break;
+        case kw::vxBackendNamingRulesFile:
+            parseBackendRuleFile(text);
+            break;
         default:
-            /* STAND-IN(monitors, callouts, http-capture, filter-lists, dynamic-diagnostics): their parsers take the text
+            /* STAND-IN(monitors, http-capture, filter-lists, dynamic-diagnostics): their parsers take the text
              * here once they exist; the file is kept in its slot. */
             VX_TRACE(a->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                      "File of keyword %s received (%zu bytes); no reader for it yet", keyword,

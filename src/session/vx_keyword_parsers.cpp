@@ -20,6 +20,7 @@
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_per_thread_data.h"
+#include "flowpath/vx_session_settings.h"
 #include "http/vx_trace_context.h"
 #include "session/vx_file_keywords.h"
 
@@ -203,15 +204,6 @@ extern "C" void sethdrListForValueAsId(char* value, char*, int)
     copy_feature_text(app()->httpSettings.hdrListForValueAsId, value);
 }
 
-/* The cookie's method position: 1 exit, 2 entry, 3 response commit. */
-static int cookie_position(const VXSys_t& s)
-{
-    if (s.methodExitDepth2SetCookie) return 1;
-    if (s.methodEntryDepth2SetCookie) return 2;
-    if (s.cookieOnResponseCommit) return 3;
-    return 0;
-}
-
 extern "C" void setEnableVXSession(char* value, char* keyword, int)
 {
     VXSys_t& s = app()->VXSys;
@@ -238,27 +230,27 @@ extern "C" void setEnableVXSession(char* value, char* keyword, int)
            &s.methodExitDepth2SetCookie);
     s.cookieOnResponseCommit = atoi(parts[2]) ? 1 : 0;
     if (n > 3) s.headerInResponse = atoi(parts[3]) ? 1 : 0;
-    if (n > 4 && *parts[4]) {
-        s.vxSessionCookieName = strdup(parts[4]);
-        const std::string x = std::string("X-") + parts[4];
-        s.xSessionCookieName = strdup(x.c_str());
-    }
-    if (n > 5 && *parts[5]) s.cookieDomainName = strdup(parts[5]);
+    if (n > 4 && *parts[4]) setVXSessionCookieName(parts[4]);
+    if (n > 5) setCookieDomainName(parts[5]);
     long long idleMs = 0;
-    if (n > 6 && vx::number_in("enableVXSession idle time", parts[6], 0, vx::kDayMs, &idleMs))
-        s.vxSessionIdleTimeOutSecs = idleMs / 1000;
-    if (n > 7)
-        set_in("enableVXSession flowpath count", parts[7], 0, INT_MAX, &s.maxFPCountInSession);
-    vx::call_host("vx_cookie", vx_cookie_callback_func, s.vxSessionCookieName, s.cookieDomainName,
-                  s.headerInResponse, cookie_position(s), static_cast<int>(s.vxSessionIdleTimeOutSecs));
+    if (n > 6 && vx::number_in("enableVXSession idle time", parts[6], -vx::kDayMs, vx::kDayMs, &idleMs))
+        setVxSessionIdleTimeOutSecs(idleMs);
+    long long most = 0;
+    if (n > 7 && vx::number_in("enableVXSession flowpath count", parts[7], 0, INT_MAX, &most))
+        setMaxFPCountInSession(static_cast<int>(most));
+    vx::call_host("vx_cookie", vx_cookie_callback_func, s.vxSessionCookieName, getCookieDomainName(),
+                  s.headerInResponse, vx::cookie_method_position(s), static_cast<int>(s.vxSessionIdleTimeOutSecs));
     trace(keyword, value);
 }
 
 extern "C" void setKPCookie(char* value, char*, int)
 {
     if (none(value)) return;
-    app()->VXSys.KPCookieName = strdup(value);
-    vx::call_host("kp_cookie", kp_cookie_callback_func, app()->VXSys.KPCookieName);
+    /* The old name is not freed: a host may still read it. The collector
+     * sends the same name session after session, which costs nothing. */
+    VXSys_t& s = app()->VXSys;
+    if (!s.KPCookieName || strcmp(s.KPCookieName, value) != 0) s.KPCookieName = strdup(value);
+    vx::call_host("kp_cookie", kp_cookie_callback_func, s.KPCookieName);
 }
 
 extern "C" void setCorrelationID(char* value, char*, int)
@@ -313,7 +305,6 @@ extern "C" void setenableVXLQDataTransfer(char* value, char*, int) { vxAppLogStr
 extern "C" void setbciVXLQDataBufferSetting(char* value, char*, int) { copy_feature_text(vxAppLogStruct.bufferSetting, value); }
 extern "C" void setVXLQLogPath(char* value, char*, int) { copy_feature_text(vxAppLogStruct.logPath, value); }
 
-extern "C" void parseFormatIPResourceURL(char* value, char*, int) { sub_numbers(value, app()->resourceURLSettings.formatIPResourceURL, 3); }
 
 extern "C" void setDigestPercentileBT(char* value, char* keyword, int) { vx::bt_percentiles_keyword(keyword, value); }
 extern "C" void setDigestPercentileIP(char* value, char* keyword, int) { vx::ip_percentiles_keyword(keyword, value); }

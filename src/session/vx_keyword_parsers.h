@@ -45,7 +45,6 @@ void setEnableDDKeywd(char* value, char* keyword, int index);
 void setenableVXLQDataTransfer(char* value, char* keyword, int index);
 void setbciVXLQDataBufferSetting(char* value, char* keyword, int index);
 void setVXLQLogPath(char* value, char* keyword, int index);
-void parseFormatIPResourceURL(char* value, char* keyword, int index);
 void setDigestPercentileBT(char* value, char* keyword, int index);
 void setDigestPercentileIP(char* value, char* keyword, int index);
 void setvxAgentDebugLogging(char* value, char* keyword, int index);

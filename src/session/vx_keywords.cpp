@@ -14,6 +14,7 @@
 #include "core/vx_trace_log.h"
 #include "diag/vx_thread_reports.h"
 #include "flowpath/vx_method_table.h"
+#include "flowpath/vx_resource_ids.h"
 #include "session/vx_control_dispatch.h"
 #include "session/vx_file_keywords.h"
 #include "session/vx_keyword_parsers.h"

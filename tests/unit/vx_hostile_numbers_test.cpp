@@ -35,9 +35,6 @@ protected:
     {
         free(app_->Server.InstrProfileTable);
         free(app_->Server.instrProfFileData);
-        for (char* VXSys_t::*name : {&VXSys_t::vxSessionCookieName, &VXSys_t::xSessionCookieName,
-                                     &VXSys_t::cookieDomainName})
-            if (app_->VXSys.*name != saved_->VXSys.*name) free(app_->VXSys.*name);
         VXProxy.enableVXSession = savedProxySession_;
         app_->Server = saved_->Server;
         app_->VXSys = saved_->VXSys;
@@ -84,11 +81,8 @@ TEST_F(HostileNumbers, OutOfRangeIsRefusedAndTheTopOfEachRangeTaken)
         {"maxBTCount=100000", AT(config.max_bt_count), kKept},
         {"ASSampleInterval=-1", AT(vxAutoSensorUsingStackTrace.threadSampleInterval), kKept},
         {"enableVXSession=1%2099999%200", AT(VXSys.methodExitDepth2SetCookie), kKept},
-        {"enableVXSession=1%201%200%200%20c%20d%20-5000%20-3",
-         [](I* a) -> long long {
-             return a->VXSys.vxSessionIdleTimeOutSecs + a->VXSys.maxFPCountInSession;
-         },
-         kKept},
+        {"enableVXSession=1%201%200%200%20c%20d%20-5000%20-3", AT(VXSys.maxFPCountInSession), kKept},
+        {"enableVXSession=1%201%200%200%20c%20d%20-5000", AT(VXSys.vxSessionIdleTimeOutSecs), 1800},
         /* A profile's size: negative, or past the largest file. */
         {"numInstrProfile=1;instrProfile=p.txt;lmd=5;size=-1", profile_size, 0},
         {"numInstrProfile=1;instrProfile=p.txt;lmd=5;size=2147483647", profile_size, 0},

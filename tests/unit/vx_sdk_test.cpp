@@ -293,7 +293,7 @@ TEST_F(Sdk, ThreadDumpRegistrationPushesCookieSettingsThenCookieNameThenSession)
     vx_test::Restore keep(s);
     static char domain[] = "shop.example";
     static char kp_name[] = "UXC";
-    s.cookieDomainName = domain;
+    strcpy(s.cookieDomainName, domain);
     s.KPCookieName = kp_name;
     s.headerInResponse = 1;
     s.vxSessionIdleTimeOutSecs = 900;

@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "record_parser.h"
+#include "tsv.h"
 
 namespace vxc {
 
@@ -25,7 +26,9 @@ constexpr char kBtMonitorFormats[] = "LLLQDZLLLQDLLQDLLQDLLQDLLLLDLQQDLQQDLQQD";
 constexpr char kThreadSummaryFormats[] = "QDLLLDDLLLD00000";
 /* Record 52 from its second field on. */
 constexpr char kHotSpotFormats[] = "DDDQNQQDSDD00QQ00000S";
+constexpr char kBackendMonitorFormats[] = "QLLQQQQZ00QZ00QL000000";
 static_assert(sizeof kBtMonitorFormats - 1 == 40);
+static_assert(sizeof kBackendMonitorFormats - 1 == 22);
 static_assert(sizeof kThreadSummaryFormats - 1 == 16);
 static_assert(sizeof kHotSpotFormats - 1 == 21);
 
@@ -44,22 +47,6 @@ bool fail(std::string* error, std::string text)
 std::string shown(std::string_view s)
 {
     return std::string(s.substr(0, 40)) + (s.size() > 40 ? "..." : "");
-}
-
-/* A whole number as printf writes it with %d or %lld, within [lo, hi]. */
-bool printf_int(std::string_view s, long long lo, long long hi, long long* out = nullptr)
-{
-    std::string_view digits = s;
-    if (!digits.empty() && digits[0] == '-') digits.remove_prefix(1);
-    if (digits.empty() || (digits[0] == '0' && (digits.size() > 1 || digits.size() < s.size())))
-        return false;
-    for (char c : digits)
-        if (c < '0' || c > '9') return false;
-    long long v = 0;
-    const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
-    if (ec != std::errc() || end != s.data() + s.size() || v < lo || v > hi) return false;
-    if (out) *out = v;
-    return true;
 }
 
 bool is_d(std::string_view s, long long* out = nullptr)
@@ -211,6 +198,41 @@ bool check_bt_monitor(std::string_view s, const Head& h, const AsOpening* o, BtM
     return true;
 }
 
+/* Values 11 and 15 repeat the count of value 6; a failed call is a call
+ * (errors, value 7, at most the count) and the session's calls include
+ * the interval's (value 1 at least value 6). Rates (2, 16) need the
+ * interval's length, which the collector is not told: formats only. */
+bool check_backend_monitor(std::string_view s, const Head& h, const AsOpening* o,
+                           BackendMonitorLine* b, std::string* error)
+{
+    const std::string what = "record 75";
+    if (!check_head_ids(h, o, what, error) || !take_vector(&s, '>', o, what, error)) return false;
+    if (h.id < 1) return fail(error, what + ": backend id " + std::to_string(h.id) + " is below 1");
+    /* The values hold no '|': the last one ends the head; a name built
+     * from a backend's description may hold any. */
+    const size_t last = s.rfind('|');
+    if (last == std::string_view::npos) return fail(error, what + ": no '|' ends the head");
+    b->id = h.id;
+    b->name = std::string(s.substr(0, last));
+    if (b->name.empty()) return fail(error, what + ": empty backend name");
+    if (!check_values(s.substr(last + 1), ' ', kBackendMonitorFormats, &b->fields, what, error))
+        return false;
+    const std::vector<std::string>& v = b->fields;
+    for (const size_t again : {size_t{10}, size_t{14}})
+        if (v[again] != v[5])
+            return fail(error, what + ": value " + std::to_string(again + 1) + " (" + v[again] +
+                                   ") is not the count " + v[5] + " of value 6");
+    const long long cum = strtoll(v[0].c_str(), nullptr, 10);
+    const long long count = strtoll(v[5].c_str(), nullptr, 10);
+    const long long errors = strtoll(v[6].c_str(), nullptr, 10);
+    if (errors < 0 || errors > count)
+        return fail(error, what + ": errors " + v[6] + " are not 0 to the count " + v[5]);
+    if (cum < count)
+        return fail(error,
+                    what + ": calls of the session " + v[0] + " are fewer than the count " + v[5]);
+    return true;
+}
+
 bool check_thread_summary(std::string_view s, const Head& h, const AsOpening* o, std::string* error)
 {
     const std::string what = "record 53";
@@ -319,25 +341,6 @@ double text_number(const std::string& s)
     return s.empty() ? std::numeric_limits<double>::quiet_NaN() : strtod(s.c_str(), nullptr);
 }
 
-std::vector<std::string> tab_fields(const std::string& line)
-{
-    std::vector<std::string> f;
-    for (size_t from = 0;;) {
-        const size_t tab = line.find('\t', from);
-        f.push_back(line.substr(from, tab - from));
-        if (tab == std::string::npos) break;
-        from = tab + 1;
-    }
-    return f;
-}
-
-std::string tsv_text(std::string s)
-{
-    for (char& c : s)
-        if (c == '\t') c = ' ';
-    return s;
-}
-
 /* One field of the opening line: its key, where it goes, and the character
  * that ends its value ('\0': the end of the line). */
 struct OpeningField {
@@ -433,7 +436,15 @@ int parse_as_record(std::string_view line, const AsOpening* opening, AsRecord* o
             r.kind = AsKind::GcReport;
             ok = true;
         }
-    } else if (as_record && n != 52 && n != 53 && n != 74) {
+    } else if (headed && n == 75) {
+        r.kind = AsKind::BackendMonitor;
+        ok = check_backend_monitor(rest, h, opening, &r.backend, error);
+        /* A host may give its report the id 75. */
+        if (!ok && h.id == 0 && check_gc_report(rest, h, opening, nullptr)) {
+            r.kind = AsKind::GcReport;
+            ok = true;
+        }
+    } else if (as_record && n != 52 && n != 53 && n != 74 && n != 75) {
         r.kind = AsKind::Other;
         ok = comma + 1 < line.size() || fail(error, "record " + std::to_string(n) + " is empty");
     } else if (headed && n == 74) {
@@ -491,7 +502,7 @@ std::vector<BtMonitorRow> read_bt_monitor(const std::string& path)
     std::vector<BtMonitorRow> rows;
     std::ifstream in(path);
     for (std::string line; std::getline(in, line);) {
-        const std::vector<std::string> f = tab_fields(line);
+        const std::vector<std::string> f = tsv_fields(line);
         if (f.size() != 12 || line == kBtMonitorHeader) continue;
         BtMonitorRow r;
         r.conn = static_cast<unsigned>(strtoul(f[0].c_str(), nullptr, 10));
@@ -506,6 +517,41 @@ std::vector<BtMonitorRow> read_bt_monitor(const std::string& path)
         r.max = strtoll(f[9].c_str(), nullptr, 10);
         r.count = strtoll(f[10].c_str(), nullptr, 10);
         r.errors = strtoll(f[11].c_str(), nullptr, 10);
+        rows.push_back(std::move(r));
+    }
+    return rows;
+}
+
+std::string backend_monitor_row(unsigned conn, unsigned long long interval,
+                                const BackendMonitorLine& b)
+{
+    std::string row = std::to_string(conn) + "\t" + std::to_string(interval) + "\t" +
+                      std::to_string(b.id) + "\t" + tsv_text(b.name);
+    for (const size_t field : {1u, 2u, 3u, 4u, 5u, 6u, 7u, 16u})
+        row += "\t" + (field <= b.fields.size() ? b.fields[field - 1] : std::string());
+    return row;
+}
+
+std::vector<BackendMonitorRow> read_backend_monitor(const std::string& path)
+{
+    std::vector<BackendMonitorRow> rows;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        const std::vector<std::string> f = tsv_fields(line);
+        if (f.size() != 12 || line == kBackendMonitorHeader) continue;
+        BackendMonitorRow r;
+        r.conn = static_cast<unsigned>(strtoul(f[0].c_str(), nullptr, 10));
+        r.interval = strtoull(f[1].c_str(), nullptr, 10);
+        r.id = strtoll(f[2].c_str(), nullptr, 10);
+        r.name = f[3];
+        r.cum_count = strtoll(f[4].c_str(), nullptr, 10);
+        r.tps = strtod(f[5].c_str(), nullptr);
+        r.avg = strtod(f[6].c_str(), nullptr);
+        r.min = strtoll(f[7].c_str(), nullptr, 10);
+        r.max = strtoll(f[8].c_str(), nullptr, 10);
+        r.count = strtoll(f[9].c_str(), nullptr, 10);
+        r.errors = strtoll(f[10].c_str(), nullptr, 10);
+        r.eps = strtod(f[11].c_str(), nullptr);
         rows.push_back(std::move(r));
     }
     return rows;
@@ -556,7 +602,7 @@ std::vector<PercentileRow> read_percentiles(const std::string& path)
     std::vector<PercentileRow> rows;
     std::ifstream in(path);
     for (std::string line; std::getline(in, line);) {
-        const std::vector<std::string> f = tab_fields(line);
+        const std::vector<std::string> f = tsv_fields(line);
         if (f.size() != 14 || line == kPercentilesHeader) continue;
         PercentileRow r;
         r.conn = static_cast<unsigned>(strtoul(f[0].c_str(), nullptr, 10));

@@ -10,8 +10,9 @@
  * application ids and the vector (tier, server, instance) every record
  * names must be the ones it gave.
  *
- * Nothing here touches a socket or a file, except read_bt_monitor and
- * read_percentiles, which read back the files the server writes. Pure
+ * Nothing here touches a socket or a file, except read_bt_monitor,
+ * read_backend_monitor and read_percentiles, which read back the files the
+ * server writes. Pure
  * functions, and ExactTotals, one per connection; any thread.
  */
 #ifndef VXC_LITE_AUTO_SENSOR_H
@@ -61,6 +62,18 @@ struct BtMonitorLine {
     std::vector<std::string> fields; /* the 40 fields as they stand */
 };
 
+/* A record 75 of the backend monitor: "75,<tierID>|<appID>|<backend id>:
+ * <tier>><server>><instance>><backend name>|" then 22 fields separated by
+ * blanks, "%lld %lf %lf %lld %lld %lld %lld 0.0 0 0 %lld 0.0 0 0 %lld %lf
+ * 0 0 0 0 0 0": calls of the session, calls a second, mean, minimum and
+ * maximum duration, calls, failed calls, ..., failed calls a second. There
+ * is no overall line: the id is a backend's, 1 or more. */
+struct BackendMonitorLine {
+    long long id = 0;
+    std::string name;
+    std::vector<std::string> fields; /* the 22 fields as they stand */
+};
+
 /* The head of a digest record, printed with "%s%ld|%d:%s%s,%lld,%d" (96,
  * t-digest) or "%s%ld|%d|%d:%s%s|%s|%lld,%d" (121, c-digest) behind the
  * number: "<tierID>|<appID>|", group id, graph id, for 121 the series id (0
@@ -77,19 +90,21 @@ struct DigestHead {
 };
 
 enum class AsKind {
-    BtMonitor,     /* record 74 */
-    ThreadSummary, /* record 53 */
-    HotSpot,       /* record 52 */
-    GcReport,      /* "<id>,<tierID>|<appID>|0:<tier>><server>><instance>|<report>" */
-    Digest,        /* the head of a record 96 or 121 */
-    Other,         /* 61, 63 or 75: framing only so far */
+    BtMonitor,      /* record 74 */
+    BackendMonitor, /* record 75 */
+    ThreadSummary,  /* record 53 */
+    HotSpot,        /* record 52 */
+    GcReport,       /* "<id>,<tierID>|<appID>|0:<tier>><server>><instance>|<report>" */
+    Digest,         /* the head of a record 96 or 121 */
+    Other,          /* 61 or 63: framing only so far */
 };
 
 struct AsRecord {
     int number = -1; /* for a garbage-collection report, the host's id */
     AsKind kind = AsKind::Other;
-    BtMonitorLine bt;  /* a record 74's parts */
-    DigestHead digest; /* a record 96's or 121's */
+    BtMonitorLine bt;           /* a record 74's parts */
+    BackendMonitorLine backend; /* a record 75's */
+    DigestHead digest;          /* a record 96's or 121's */
 };
 
 /*
@@ -135,6 +150,33 @@ struct BtMonitorRow {
 
 /* The rows of a bt_monitor.tsv; rows that do not read are skipped. */
 std::vector<BtMonitorRow> read_bt_monitor(const std::string& path);
+
+/*
+ * backend_monitor.tsv, one row per record 75 accepted, under the header
+ * kBackendMonitorHeader: the connection, the interval counted as in
+ * bt_monitor.tsv (the overall records 74 the connection sent before the
+ * row), the backend id and name, then fields 1 to 7 and 16 as they stand
+ * on the record.
+ */
+constexpr const char* kBackendMonitorHeader =
+    "conn\tinterval\tid\tname\tcum_count\ttps\tavg\tmin\tmax\tcount\terrors\teps";
+
+std::string backend_monitor_row(unsigned conn, unsigned long long interval,
+                                const BackendMonitorLine& b);
+
+struct BackendMonitorRow {
+    unsigned conn = 0;
+    unsigned long long interval = 0;
+    long long id = 0;
+    std::string name;
+    long long cum_count = 0;
+    double tps = 0, avg = 0;
+    long long min = 0, max = 0, count = 0, errors = 0;
+    double eps = 0;
+};
+
+/* The rows of a backend_monitor.tsv; rows that do not read are skipped. */
+std::vector<BackendMonitorRow> read_backend_monitor(const std::string& path);
 
 /*
  * The values the collector can rebuild, from a connection's records 74, of

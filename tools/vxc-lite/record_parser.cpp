@@ -1,5 +1,7 @@
 #include "record_parser.h"
 
+#include <charconv>
+#include <climits>
 #include <cstring>
 
 namespace vxc {
@@ -133,16 +135,12 @@ bool is_instance(std::string_view s)
     return is_int(s, false);
 }
 
-/* Record 2's first field: the instance, or "<instance>:<first>:<previous>"
- * for a flowpath that continues one of another tier. */
-bool is_instance_chain(std::string_view s)
+/* One number of record 2's ids: digits, "F" behind them when forced. */
+bool take_instance(std::string_view s, long long* v, bool* forced)
 {
-    const size_t a = s.find(':');
-    if (a == std::string_view::npos) return is_instance(s);
-    const size_t b = s.find(':', a + 1);
-    if (b == std::string_view::npos) return false;
-    return is_instance(s.substr(0, a)) && is_instance(s.substr(a + 1, b - a - 1)) &&
-           is_instance(s.substr(b + 1));
+    *forced = !s.empty() && s.back() == 'F';
+    if (*forced) s.remove_suffix(1);
+    return printf_int(s, 0, LLONG_MAX, v);
 }
 
 std::string join(const std::vector<std::string>& f, size_t from, size_t to)
@@ -169,11 +167,16 @@ bool check_record_2(const std::vector<std::string>& f, std::string* error)
      * more only when the URL holds commas. */
     const size_t n = f.size();
     if (n < 16) return fail(error, "record 2 has " + std::to_string(n + 1) + " fields, needs 17");
-    if (!is_instance_chain(f[0])) return fail(error, "record 2: bad flowpath instance");
+    FlowpathIds ids;
+    if (parse_flowpath_ids(f[0], &ids) != 0) return fail(error, "record 2: bad flowpath instance");
     if (!is_int(f[1])) return fail(error, "record 2: bad start time");
     if (!is_int(f[2])) return fail(error, "record 2: bad thread id");
     if (f[3].size() < 3 || f[3].compare(f[3].size() - 2, 2, ".1") != 0)
         return fail(error, "record 2: sequence does not end in \".1\"");
+    /* Outside a chain the tier sequence is the thread id. */
+    if (!ids.chained && f[3] != f[2] + ".1")
+        return fail(error,
+                    "record 2: sequence " + f[3] + " is not the thread id " + f[2] + " and \".1\"");
     if (!is_int(f[4])) return fail(error, "record 2: bad business transaction id");
     if (!f[n - 6].empty()) return fail(error, "record 2: field 12 is not empty");
     if (!is_int(f[n - 5])) return fail(error, "record 2: bad flowpath type");
@@ -234,6 +237,18 @@ bool check_shape(const Record& r, std::string* error)
                 return fail(error, "record 19: value is not \"2:...:<...>|\"");
             return true;
         }
+        case 26:
+            /* "26,%lld,%s": the name may hold commas. */
+            if (n < 2 || !printf_int(f[0], LLONG_MIN, LLONG_MAX))
+                return fail(error, "record 26 is not \"26,<id>,<name>\" with a whole-number id");
+            return true;
+        case 91:
+            /* Caller's backend, caller's tier, own tier, caller's server and
+             * instance, own server and instance, then the literal NA. */
+            if (n != 8 || f[7] != "NA")
+                return fail(error, "record 91 is not seven names and NA: " + std::to_string(n + 1) +
+                                       " fields" + (n == 8 ? ", the last not NA" : ""));
+            return true;
         case 99:
             if (n != 2 || f[0] != "NewConnection" || f[1].compare(0, 11, "FPGVersion:") != 0)
                 return fail(error, "record 99 must be \"99,NewConnection,FPGVersion:<version>\"");
@@ -281,6 +296,42 @@ std::vector<std::string> missing_fields(const ControlLine& req, const char* cons
 }
 
 }  // namespace
+
+bool printf_int(std::string_view s, long long lo, long long hi, long long* out)
+{
+    std::string_view digits = s;
+    if (!digits.empty() && digits[0] == '-') digits.remove_prefix(1);
+    if (digits.empty() || (digits[0] == '0' && (digits.size() > 1 || digits.size() < s.size())))
+        return false;
+    for (char c : digits)
+        if (c < '0' || c > '9') return false;
+    long long v = 0;
+    const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
+    if (ec != std::errc() || end != s.data() + s.size() || v < lo || v > hi) return false;
+    if (out) *out = v;
+    return true;
+}
+
+int parse_flowpath_ids(std::string_view s, FlowpathIds* out)
+{
+    FlowpathIds ids;
+    const size_t a = s.find(':');
+    if (a == std::string_view::npos) {
+        if (!take_instance(s, &ids.instance, &ids.forced)) return -1;
+    } else {
+        const size_t b = s.find(':', a + 1);
+        if (b == std::string_view::npos) return -1;
+        bool f1 = false, f2 = false;
+        if (!take_instance(s.substr(0, a), &ids.instance, &ids.forced) ||
+            !take_instance(s.substr(a + 1, b - a - 1), &ids.first, &f1) ||
+            !take_instance(s.substr(b + 1), &ids.previous, &f2) || f1 != ids.forced ||
+            f2 != ids.forced || ids.first == 0)
+            return -1;
+        ids.chained = true;
+    }
+    if (out) *out = ids;
+    return 0;
+}
 
 const CatalogueEntry* catalogue_find(int number)
 {

@@ -112,12 +112,34 @@ struct Record {
 /*
  * Parses one record line (without its line feed) and checks it against the
  * catalogue and, for the records the agent writes so far (2, 3, 4, 5, 7, 10,
- * 19, 99, 100), against their field shape. Returns 0 and fills out, or -1 and
+ * 19, 26, 91, 99, 100), against their field shape. Returns 0 and fills out, or -1 and
  * puts the reason in error. An empty line is not a record (it is a
  * heartbeat; the caller tells them apart). Records that belong on the
  * auto-sensor connection are refused on the data connection.
  */
 int parse_record(std::string_view line, Record* out, std::string* error);
+
+/* A whole number as printf writes it with %d or %lld: digits with "-" ahead
+ * of a negative one, no "+", no leading zero, within [lo, hi]. */
+bool printf_int(std::string_view s, long long lo, long long hi, long long* out = nullptr);
+
+/*
+ * Record 2's second field: the flowpath instance alone, or the triple
+ * "<instance>:<first>:<previous>" of a flowpath that continues one of
+ * another tier. A forced flowpath has "F" behind every number, so either
+ * all of the triple carry it or none does, and a triple's first instance
+ * is never 0 (a flowpath without one is written alone).
+ */
+struct FlowpathIds {
+    long long instance = 0;
+    long long first = 0;
+    long long previous = 0;
+    bool chained = false;
+    bool forced = false;
+};
+
+/* 0 and the ids in out, or -1 when the text is not of that grammar. */
+int parse_flowpath_ids(std::string_view s, FlowpathIds* out);
 
 /* A control line: "<head>:<key>=<value>;<key>=<value>;...". Fields without an
  * "=" keep an empty value with the whole field as key (the agent's heartbeat

@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include "auto_sensor.h"
+#include "topology.h"
 
 namespace vxc {
 
@@ -27,6 +28,24 @@ int make_dirs(const std::string& path)
     struct stat st;
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) ? 0 : -1;
 }
+
+void append_row(FILE* f, std::string_view row)
+{
+    if (!f) return;
+    fprintf(f, "%.*s\n", static_cast<int>(row.size()), row.data());
+    fflush(f);
+}
+
+/* In the order of RunStore::Table. */
+struct TableFile {
+    const char* name;
+    const char* header;
+};
+constexpr TableFile kTableFiles[] = {
+    {"bt_monitor.tsv", kBtMonitorHeader},    {"backend_monitor.tsv", kBackendMonitorHeader},
+    {"percentiles.tsv", kPercentilesHeader}, {"topology.tsv", kTopologyHeader},
+    {"resources.tsv", kResourcesHeader},     {"callouts.tsv", kCalloutsHeader},
+};
 
 }  // namespace
 
@@ -48,16 +67,18 @@ int RunStore::open(const std::string& dir, std::string* error)
     dir_ = dir;
     log_ = fopen((dir_ + "/vxc-lite.log").c_str(), "a");
     malformed_ = fopen((dir_ + "/malformed.txt").c_str(), "w");
-    bt_monitor_ = fopen((dir_ + "/bt_monitor.tsv").c_str(), "w");
-    percentiles_ = fopen((dir_ + "/percentiles.tsv").c_str(), "w");
-    if (!log_ || !malformed_ || !bt_monitor_ || !percentiles_) {
+    bool tables_open = true;
+    for (size_t i = 0; i < kTables; ++i) {
+        tables_[i] = fopen((dir_ + "/" + kTableFiles[i].name).c_str(), "w");
+        tables_open = tables_open && tables_[i];
+    }
+    if (!log_ || !malformed_ || !tables_open) {
         if (error) *error = "cannot open files in " + dir + ": " + strerror(errno);
         close();
         return -1;
     }
     /* The header stands before any row: readers find the file at once. */
-    bt_monitor_row(kBtMonitorHeader);
-    percentiles_row(kPercentilesHeader);
+    for (size_t i = 0; i < kTables; ++i) append_row(tables_[i], kTableFiles[i].header);
     return 0;
 }
 
@@ -65,12 +86,12 @@ void RunStore::close()
 {
     if (log_) fclose(log_);
     if (malformed_) fclose(malformed_);
-    if (bt_monitor_) fclose(bt_monitor_);
-    if (percentiles_) fclose(percentiles_);
+    for (FILE*& f : tables_) {
+        if (f) fclose(f);
+        f = nullptr;
+    }
     log_ = nullptr;
     malformed_ = nullptr;
-    bt_monitor_ = nullptr;
-    percentiles_ = nullptr;
 }
 
 FILE* RunStore::open_connection_file(unsigned id, const char* kind)
@@ -114,25 +135,22 @@ void RunStore::malformed(unsigned conn, std::string_view reason, std::string_vie
     fflush(malformed_);
 }
 
-namespace {
-
-void append_row(FILE* f, std::string_view row)
+void RunStore::row(Table t, std::string_view row)
 {
-    if (!f) return;
-    fprintf(f, "%.*s\n", static_cast<int>(row.size()), row.data());
-    fflush(f);
+    append_row(tables_[static_cast<size_t>(t)], row);
 }
 
-}  // namespace
-
-void RunStore::bt_monitor_row(std::string_view row)
+int RunStore::write_links(const std::vector<std::string>& rows)
 {
-    append_row(bt_monitor_, row);
-}
-
-void RunStore::percentiles_row(std::string_view row)
-{
-    append_row(percentiles_, row);
+    if (dir_.empty()) return -1;
+    FILE* f = fopen((dir_ + "/links.tsv").c_str(), "w");
+    if (!f) {
+        log("cannot write %s/links.tsv: %s", dir_.c_str(), strerror(errno));
+        return -1;
+    }
+    fprintf(f, "%s\n", kLinksHeader);
+    for (const std::string& r : rows) fprintf(f, "%s\n", r.c_str());
+    return fclose(f) == 0 ? 0 : -1;
 }
 
 int RunStore::write_summary()
@@ -162,15 +180,20 @@ int RunStore::write_summary()
             c.failed_file_replies, c.fetches_dropped);
     fprintf(f, "bt_declarations=%llu\nundeclared_bt=%llu\n", c.bt_declarations, c.undeclared_bt);
     fprintf(f,
+            "records_91=%llu\nrecords_91_repeated=%llu\nrecords_26=%llu\n"
+            "chained_flowpaths=%llu\nchained_unresolved=%llu\n",
+            c.records_91, c.records_91_repeated, c.records_26, c.chained_flowpaths,
+            c.chained_unresolved);
+    fprintf(f,
             "as_connections=%llu\nas_bad_opening=%llu\nas_records_74=%llu\n"
             "as_overall_lines=%llu\nas_records_53=%llu\nas_records_52=%llu\nas_gc_reports=%llu\n"
-            "as_records_other=%llu\nas_records_96=%llu\nas_records_121=%llu\n"
+            "as_records_75=%llu\nas_records_other=%llu\nas_records_96=%llu\nas_records_121=%llu\n"
             "as_digest_malformed=%llu\nas_malformed=%llu\nas_unread_connections=%llu\n"
             "as_closed_by_collector=%llu\nas_state_zero_heartbeats=%llu\n",
             c.as_connections, c.as_bad_opening, c.as_records_74, c.as_overall_lines,
-            c.as_records_53, c.as_records_52, c.as_gc_reports, c.as_records_other, c.as_records_96,
-            c.as_records_121, c.as_digest_malformed, c.as_malformed, c.as_unread_connections,
-            c.as_closed_by_collector, c.as_state_zero_heartbeats);
+            c.as_records_53, c.as_records_52, c.as_gc_reports, c.as_records_75, c.as_records_other,
+            c.as_records_96, c.as_records_121, c.as_digest_malformed, c.as_malformed,
+            c.as_unread_connections, c.as_closed_by_collector, c.as_state_zero_heartbeats);
     for (const auto& [number, n] : c.per_record) fprintf(f, "record.%d=%llu\n", number, n);
     for (const auto& [id, name] : c.bts.names())
         fprintf(f, "bt.%lld=%.*s\n", id, static_cast<int>(name.size()), name.data());

@@ -5,7 +5,15 @@
  *   conn-<n>-<kind>.lines  every line a connection sent, NUL bytes removed
  *   bt_monitor.tsv         one row per record 74 of the auto-sensor
  *                          connections (see auto_sensor.h)
+ *   backend_monitor.tsv    one row per record 75 (ditto)
  *   percentiles.tsv        one row per digest record 96 or 121 (ditto)
+ *   topology.tsv           one row per record 91 of the data connections
+ *                          (see topology.h)
+ *   resources.tsv          one row per record 26 (ditto)
+ *   callouts.tsv           one row per callout token of records 3 and 4
+ *                          (ditto)
+ *   links.tsv              one row per chained record 2 (ditto), written
+ *                          when the run ends
  *   malformed.txt          "<conn> <reason> | <line, cut to 200 bytes>"
  *   summary.txt            key=value counts, one line a declared business
  *                          transaction ("bt.<id>=<name>"), then one line a
@@ -23,6 +31,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "bt_registry.h"
 
@@ -79,6 +88,14 @@ struct Counts {
      * id neither a record 7 nor the served rules declared before them. */
     unsigned long long bt_declarations = 0;
     unsigned long long undeclared_bt = 0;
+    /* Tiers and resources: records 91 and 26 received, records 91 of a
+     * caller the connection named before, records 2 of a chained flowpath
+     * and, when the run ends, those whose caller's record 2 never came. */
+    unsigned long long records_91 = 0;
+    unsigned long long records_91_repeated = 0;
+    unsigned long long records_26 = 0;
+    unsigned long long chained_flowpaths = 0;
+    unsigned long long chained_unresolved = 0;
     /* Auto-sensor connections: openings refused, records by kind (overall
      * lines are records 74 too), lines refused (also in malformed), and
      * what the stress options did. */
@@ -89,7 +106,8 @@ struct Counts {
     unsigned long long as_records_53 = 0;
     unsigned long long as_records_52 = 0;
     unsigned long long as_gc_reports = 0;
-    unsigned long long as_records_other = 0; /* 61, 63, 75 */
+    unsigned long long as_records_75 = 0;
+    unsigned long long as_records_other = 0; /* 61, 63 */
     /* Digest records whose head and body were good; those whose body did
      * not decode or lacked its line feed (also in malformed). */
     unsigned long long as_records_96 = 0;
@@ -124,10 +142,12 @@ public:
 
     void log(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
     void malformed(unsigned conn, std::string_view reason, std::string_view line);
-    /* Append one row, without its line feed, to bt_monitor.tsv or
-     * percentiles.tsv. */
-    void bt_monitor_row(std::string_view row);
-    void percentiles_row(std::string_view row);
+    /* The files written row by row as records arrive. */
+    enum class Table { BtMonitor, BackendMonitor, Percentiles, Topology, Resources, Callouts };
+    /* Appends one row, without its line feed, to the table's file. */
+    void row(Table t, std::string_view row);
+    /* Writes links.tsv whole: the header, then each row. */
+    int write_links(const std::vector<std::string>& rows);
     int write_summary();
 
     Counts counts;
@@ -138,8 +158,8 @@ private:
     std::string dir_;
     FILE* log_ = nullptr;
     FILE* malformed_ = nullptr;
-    FILE* bt_monitor_ = nullptr;
-    FILE* percentiles_ = nullptr;
+    static constexpr size_t kTables = 6;
+    FILE* tables_[kTables] = {};
 };
 
 }  // namespace vxc

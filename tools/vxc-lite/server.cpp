@@ -13,6 +13,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "auto_sensor.h"
@@ -20,6 +21,7 @@
 #include "digest_decode.h"
 #include "record_parser.h"
 #include "session.h"
+#include "topology.h"
 
 namespace vxc {
 
@@ -34,6 +36,9 @@ constexpr size_t kMaxPendingSend = 1024 * 1024; /* a peer that never reads */
 constexpr size_t kMaxPendingFiles = 4 * kMaxServedFile;
 constexpr size_t kCompactOutAt = 1024 * 1024; /* sent bytes dropped from the queue's front */
 constexpr apr_interval_time_t kSummaryEvery = 1000 * 1000; /* 1 s */
+/* Method names and record 91 callers kept per data connection; an agent
+ * has a few thousand methods at most. */
+constexpr size_t kMaxNamesPerConn = 1u << 16;
 
 enum class Kind { Unknown, Control, Data, AutoSensor };
 
@@ -97,6 +102,10 @@ struct Conn {
     AsRecord as_digest;
     bool as_digest_ok = false;
     std::string as_digest_line;
+    /* A data connection's records 5 (method id to name), for the names of
+     * callout tokens, and the callers its records 91 named. */
+    std::map<long long, std::string> method_names;
+    std::set<std::string> callers_91;
     apr_time_t last_read = 0;
     char peer[64] = "";
     ConnectionSeen* seen = nullptr; /* null when the summary's list is full */
@@ -134,6 +143,7 @@ struct Server {
     bool start_given = false; /* for --start-once */
     bool fetch_dropped = false;
     bool as_closed = false; /* --as-close-after-ms has closed one */
+    LinkTable links;        /* the run's records 2, for links.tsv */
 };
 
 namespace {
@@ -473,11 +483,16 @@ void on_auto_sensor_line(Server* s, Conn* c, std::string_view line)
         case AsKind::Digest:
             await_digest_body(c, std::move(r), true, line);
             return;
+        case AsKind::BackendMonitor:
+            ++counts.as_records_75;
+            s->store.row(RunStore::Table::BackendMonitor,
+                         backend_monitor_row(c->id, c->as_interval, r.backend));
+            return;
         case AsKind::BtMonitor:
             break;
     }
     ++counts.as_records_74;
-    s->store.bt_monitor_row(bt_monitor_row(c->id, c->as_interval, r.bt));
+    s->store.row(RunStore::Table::BtMonitor, bt_monitor_row(c->id, c->as_interval, r.bt));
     c->as_exact.add(r.bt);
     if (r.bt.id == 0) {
         ++counts.as_overall_lines;
@@ -545,7 +560,7 @@ void on_digest_body(Server* s, Conn* c, std::string_view body, bool line_feed_be
     row.exact_p50 = exact_quantile(exact, 0.5);
     row.exact_p90 = exact_quantile(exact, 0.9);
     row.exact_p99 = exact_quantile(exact, 0.99);
-    s->store.percentiles_row(percentiles_row(row));
+    s->store.row(RunStore::Table::Percentiles, percentiles_row(row));
 }
 
 void first_line(Server* s, Conn* c, std::string_view line)
@@ -641,6 +656,79 @@ void check_business_transaction(Server* s, Conn* c, const Record& r, std::string
                        line);
 }
 
+/* What a data record tells of tiers, resources and callouts: records 91,
+ * 26 and 5 for the names, records 2 for the links, and the callout tokens
+ * of records 3 and 4. */
+void follow_topology(Server* s, Conn* c, const Record& r)
+{
+    Counts& counts = s->store.counts;
+    switch (r.number) {
+        case 91: {
+            ++counts.records_91;
+            std::string key = topology_key(r);
+            if (c->callers_91.count(key)) {
+                ++counts.records_91_repeated;
+                s->store.log("conn %u: record 91 repeats the caller %s of backend %s", c->id,
+                             printable(r.fields[1]).c_str(), printable(r.fields[0]).c_str());
+            } else if (c->callers_91.size() < kMaxNamesPerConn) {
+                c->callers_91.insert(std::move(key));
+            }
+            s->store.row(RunStore::Table::Topology, topology_row(c->id, r));
+            return;
+        }
+        case 26:
+            ++counts.records_26;
+            s->store.row(RunStore::Table::Resources, resource_row(c->id, r));
+            return;
+        case 5: {
+            long long id = 0;
+            std::string name;
+            if (method_declaration(r, &id, &name) &&
+                (c->method_names.size() < kMaxNamesPerConn || c->method_names.count(id)))
+                c->method_names[id] = std::move(name);
+            return;
+        }
+        case 2:
+            if (s->links.add(c->id, r)) ++counts.chained_flowpaths;
+            return;
+        case 3:
+        case 4: {
+            CalloutRow row;
+            std::string blob;
+            if (!record_blob(r, &row.fpi, &blob)) return;
+            row.conn = c->id;
+            for (const CalloutToken& t : callout_tokens(blob)) {
+                row.kind = t.kind;
+                row.seq = t.seq;
+                row.backend_id = t.backend_id;
+                row.duration = t.duration;
+                const auto it = c->method_names.find(t.backend_id);
+                row.backend_name = it == c->method_names.end() ? "-" : it->second;
+                s->store.row(RunStore::Table::Callouts, callout_row(row));
+            }
+            return;
+        }
+        default:
+            return;
+    }
+}
+
+/* links.tsv and its counts, once every record 2 of the run is in. */
+void write_links(Server* s)
+{
+    std::vector<std::string> rows;
+    unsigned long long unresolved = 0;
+    for (const LinkRow& r : s->links.resolve()) {
+        if (r.caller_conn < 0) ++unresolved;
+        rows.push_back(link_row(r));
+    }
+    s->store.counts.chained_unresolved = unresolved;
+    if (s->links.dropped())
+        s->store.log("%llu records 2 not kept for links.tsv: the table is full",
+                     s->links.dropped());
+    s->store.write_links(rows);
+}
+
 void on_line(Server* s, Conn* c, std::string_view line)
 {
     if (c->closing) return;
@@ -673,6 +761,7 @@ void on_line(Server* s, Conn* c, std::string_view line)
             ++counts.per_record[r.number];
             if (c->seen) ++c->seen->records;
             check_business_transaction(s, c, r, line);
+            follow_topology(s, c, r);
             if (s->opts.verbose) s->store.log("conn %u: record %d", c->id, r.number);
             return;
         }
@@ -999,6 +1088,7 @@ int server_run(Server* s)
         free_conn(s, c.get());
     }
     s->conns.clear();
+    write_links(s);
     s->store.write_summary();
     const Counts& k = s->store.counts;
     s->store.log("stopped: %llu connections, %llu records, %llu malformed, %llu overlong",

@@ -85,8 +85,11 @@ std::string usage()
            "\n"
            "On start it prints \"listening on 127.0.0.1:<port>\". Files in the run directory:\n"
            "conn-<n>-control.lines, conn-<n>-data.lines, conn-<n>-autosensor.lines (lines as\n"
-           "received), malformed.txt, bt_monitor.tsv (records 74), summary.txt (counts),\n"
-           "vxc-lite.log (also every session line sent).\n";
+           "received), malformed.txt, bt_monitor.tsv (records 74), backend_monitor.tsv\n"
+           "(records 75), percentiles.tsv (records 96 and 121), topology.tsv (records 91),\n"
+           "resources.tsv (records 26), callouts.tsv (callout tokens of records 3 and 4),\n"
+           "links.tsv (chained records 2, at the end), summary.txt (counts), vxc-lite.log\n"
+           "(also every session line sent).\n";
 }
 
 int parse_args(int argc, const char* const* argv, Options* opts, std::string* out,

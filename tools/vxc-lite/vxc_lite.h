@@ -6,7 +6,8 @@
  *
  * This header holds the settings of one run and the texts built from them.
  * The server itself is in server.h, the line and record checks in
- * record_parser.h, the files in run_store.h.
+ * record_parser.h, the files in run_store.h, the tiers and links in
+ * topology.h.
  */
 #ifndef VXC_LITE_H
 #define VXC_LITE_H

@@ -105,7 +105,8 @@ TEST(AutoSensorRecords, GoldenLinesAreAcceptedAndReadBack)
         {with(k52, "at a.b(c.java:1)|at d.e(f.java:2)|", ""), vxc::AsKind::HotSpot},
         {"7,1|2|0:front>web1>shop|GC pause, 12 ms", vxc::AsKind::GcReport},
         {"74,1|2|0:front>web1>shop|young gen", vxc::AsKind::GcReport}, /* the host's id 74 */
-        {"75,1|2|3:front>web1>shop>db|1 2", vxc::AsKind::Other},
+        {"75,1|2|0:front>web1>shop|young gen", vxc::AsKind::GcReport}, /* the host's id 75 */
+        {"61,1|2|3:front>web1>shop>m|1 2", vxc::AsKind::Other},
     };
     for (const auto& [line, kind] : good) {
         std::string error;
@@ -150,6 +151,50 @@ TEST(AutoSensorRecords, LinesThatMissTheirFormatAreRefused)
     };
     for (const std::string& line : bad) {
         std::string error;
+        EXPECT_EQ(vxc::parse_as_record(line, &o, nullptr, &error), -1) << "accepted: " << line;
+        EXPECT_FALSE(error.empty()) << line;
+    }
+}
+
+/* 4 calls of 10, 20, 30 and 40 ms in 10 s, one failed, of backend 3, whose
+ * name holds the '|' of its description. */
+const std::string k75 =
+    "75,1|2|3:front>web1>shop>HTTP_pay|8080|4 0.400000 25.000000 10 40 4 1 0.0 0 0 4 0.0 0 0 4 "
+    "0.100000 0 0 0 0 0 0";
+
+TEST(AutoSensorRecords, BackendMonitorLinesAreCheckedValueByValue)
+{
+    const vxc::AsOpening o = opening();
+    vxc::AsRecord r;
+    std::string error;
+    ASSERT_EQ(vxc::parse_as_record(k75, &o, &r, &error), 0) << error;
+    EXPECT_EQ(r.kind, vxc::AsKind::BackendMonitor);
+    EXPECT_EQ(vxc::backend_monitor_row(2, 1, r.backend),
+              "2\t1\t3\tHTTP_pay|8080\t4\t0.400000\t25.000000\t10\t40\t4\t1\t0.100000");
+    /* An interval without calls of a backend a thread has counted before. */
+    const std::string idle =
+        "75,1|2|3:front>web1>shop>db|4 0.000000 0.000000 2147483647 0 0 0 0.0 0 0 0 0.0 0 0 0 "
+        "0.000000 0 0 0 0 0 0";
+    ASSERT_EQ(vxc::parse_as_record(idle, &o, &r, &error), 0) << error;
+
+    const std::string bad[] = {
+        k75 + " 0",                                  /* 23 values */
+        with(k75, " 0 0 0 0 0 0", " 0 0 0 0 0"),     /* 21 values */
+        with(k75, "0.400000", "0.4"),                /* %lf */
+        with(k75, "25.000000 10", "25.000000 10.0"), /* %lld */
+        with(k75, "1 0.0 0 0 4", "1 0 0 0 4"),       /* literal 0.0 at 8 */
+        with(k75, "0 4 0.0 0 0 4", "0 4 0.0 0 1 4"), /* literal 0 at 14 */
+        with(k75, "0.100000 0 0 0 0 0 0", "0.100000 0 0 0 0 0 1"),
+        with(k75, "1 0.0 0 0 4", "1 0.0 0 0 5"),       /* 11 repeats the count */
+        with(k75, "0 0 4 0.100000", "0 0 3 0.100000"), /* so does 15 */
+        with(k75, "40 4 1 0.0", "40 4 5 0.0"),         /* more errors than calls */
+        with(k75, "|4 0.400000", "|3 0.400000"),       /* fewer calls in the session */
+        with(k75, "|3:", "|0:"),                       /* no overall line */
+        with(k75, "75,1|", "75,9|"),
+        with(k75, "front>", "back>"),
+        with(k75, "HTTP_pay|8080|", "|"),
+    };
+    for (const std::string& line : bad) {
         EXPECT_EQ(vxc::parse_as_record(line, &o, nullptr, &error), -1) << "accepted: " << line;
         EXPECT_FALSE(error.empty()) << line;
     }
@@ -255,8 +300,9 @@ TEST_F(Loopback, AutoSensorRecordsAreStoredCheckedCountedAndNeverAnswered)
     ASSERT_TRUE(wait_for_text(dir_, "-data.lines", "7,5,"));
     Client as(port_);
     const std::string undeclared = with(kBt5, "|5:", "|9:");
-    const std::string lines = kBt5 + "\n" + undeclared + "\n" + kOverall + "\n" + k53 + "\n" + k52 +
-                              "\n7,1|2|0:front>web1>shop|gc\n\n10,\n" + kOverall + "\n";
+    const std::string lines = kBt5 + "\n" + undeclared + "\n" + k75 + "\n" + kOverall + "\n" + k75 +
+                              "\n" + k53 + "\n" + k52 + "\n7,1|2|0:front>web1>shop|gc\n\n10,\n" +
+                              kOverall + "\n";
     ASSERT_TRUE(as.send(std::string(kAsOpening) + lines));
     std::string reply;
     EXPECT_FALSE(as.read_line(&reply, std::chrono::milliseconds(300))) << reply;
@@ -279,6 +325,13 @@ TEST_F(Loopback, AutoSensorRecordsAreStoredCheckedCountedAndNeverAnswered)
     EXPECT_EQ(rows[3].interval, 1u);
     EXPECT_EQ(rows[4].conn, 3u);
     EXPECT_EQ(rows[4].interval, 0u);
+    const std::vector<vxc::BackendMonitorRow> backends = collector_->backend_monitor();
+    ASSERT_EQ(backends.size(), 2u);
+    EXPECT_EQ(backends[0].interval, 0u);
+    EXPECT_EQ(backends[1].interval, 1u) << "counted by the overall lines of record 74";
+    EXPECT_EQ(backends[1].name, "HTTP_pay|8080");
+    EXPECT_EQ(backends[1].cum_count * 100 + backends[1].count * 10 + backends[1].errors, 441);
+    EXPECT_DOUBLE_EQ(backends[1].eps, 0.1);
     const std::vector<std::string> malformed = read_lines(dir_ + "/malformed.txt");
     ASSERT_EQ(malformed.size(), 3u) << slurp(dir_ + "/malformed.txt");
     EXPECT_EQ(malformed[0],
@@ -288,9 +341,11 @@ TEST_F(Loopback, AutoSensorRecordsAreStoredCheckedCountedAndNeverAnswered)
     EXPECT_EQ(malformed[2].rfind("2 record 10 belongs on the data connection", 0), 0u);
     expect_summary(
         "as_connections=2 as_bad_opening=1 as_records_74=5 as_overall_lines=2 as_records_53=1 "
-        "as_records_52=1 as_gc_reports=1 as_malformed=2 undeclared_bt=1 malformed=3 records=1");
+        "as_records_52=1 as_gc_reports=1 as_records_75=2 as_malformed=2 undeclared_bt=1 "
+        "malformed=3 "
+        "records=1");
     EXPECT_NE(summary_value("conn.2").find("autosensor peer="), std::string::npos);
-    EXPECT_NE(summary_value("conn.2").find(" records=7 malformed=3 "), std::string::npos);
+    EXPECT_NE(summary_value("conn.2").find(" records=9 malformed=3 "), std::string::npos);
 }
 
 TEST_F(Loopback, DigestBodiesAreTakenByLengthDecodedAndSetBesideRecord74Totals)

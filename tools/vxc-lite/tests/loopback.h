@@ -27,6 +27,7 @@
 
 #include "auto_sensor.h"
 #include "server.h"
+#include "topology.h"
 
 namespace vxc_test {
 
@@ -267,6 +268,31 @@ public:
     std::vector<vxc::BtMonitorRow> bt_monitor() const
     {
         return vxc::read_bt_monitor(opts_.run_dir + "/bt_monitor.tsv");
+    }
+    /* The records 75 received, as backend_monitor.tsv has them. */
+    std::vector<vxc::BackendMonitorRow> backend_monitor() const
+    {
+        return vxc::read_backend_monitor(opts_.run_dir + "/backend_monitor.tsv");
+    }
+    /* The records 91 and 26 received, as topology.tsv and resources.tsv
+     * have them. */
+    std::vector<vxc::TopologyRow> topology() const
+    {
+        return vxc::read_topology(opts_.run_dir + "/topology.tsv");
+    }
+    std::vector<vxc::ResourceRow> resources() const
+    {
+        return vxc::read_resources(opts_.run_dir + "/resources.tsv");
+    }
+    /* Once stopped: the chained records 2 with their callers (links.tsv). */
+    std::vector<vxc::LinkRow> links() const
+    {
+        return vxc::read_links(opts_.run_dir + "/links.tsv");
+    }
+    /* The callout tokens of the flowpaths' blobs (callouts.tsv). */
+    std::vector<vxc::CalloutRow> callouts() const
+    {
+        return vxc::read_callouts(opts_.run_dir + "/callouts.tsv");
     }
     /* The digest records received, as percentiles.tsv has them. */
     std::vector<vxc::PercentileRow> percentiles() const

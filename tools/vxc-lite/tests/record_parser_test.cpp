@@ -49,6 +49,11 @@ const char* const kGoodRecords[] = {
     "100,123456789,entered 17",
     "100:at main (app.c:10)",
     "22,1,5,select 1",
+    "2,501:111:222,5000,77,9.4.1,3,/a,,501,000000000000000000077,55,,0,15,,,",
+    "91,HTTP_api&#95;host,front,back,web1,shop,app1,pay,NA",
+    "91,,,,,,,,NA",
+    "26,3,http://pay/api?a=1,2",
+    "26,-1,",
 };
 
 TEST(RecordParser, GoldenRecordsOfTheAgentAreAccepted)
@@ -83,6 +88,16 @@ TEST(RecordParser, MalformedRecordsAreReportedWithAReason)
         "2,123456789,5000,77,77.2,3,/shop/cart,,123456789,2,55,,0,15,,,",
         "2,123456789,5000,77,77.1,3,/shop/cart,,123456789,2,55,x,0,15,,,",
         "2,1:2,5000,77,77.1,3,/shop/cart,,123456789,2,55,,0,15,,,",
+        "2,501F:111:222F,5000,77,7.3.1,3,/a,,501,2,55,,0,15,,,", /* F on two of three */
+        "2,501:0:222,5000,77,7.3.1,3,/a,,501,2,55,,0,15,,,",     /* no first: no triple */
+        "2,0501,5000,77,77.1,3,/a,,501,2,55,,0,15,,,",
+        "2,123456789,5000,77,78.1,3,/shop/cart,,123456789,2,55,,0,15,,,", /* not the thread */
+        "91,HTTP_x,front,back,web1,shop,app1,pay",
+        "91,HTTP_x,front,back,web1,shop,app1,pay,NA,NA",
+        "91,HTTP_x,front,back,web1,shop,app1,pay,na",
+        "26,03,/a",
+        "26,x,/a",
+        "26,3",
         "3,123456789",
         "3,abc,5:0_0_0__",
         "4,123456789,200,10,250000,40,3,0,,0", /* 10 fields */

@@ -127,9 +127,10 @@ const char* category_name(const std::string& c)
 
 void print_records(std::map<std::string, std::string> bt_names /* BT id -> name */)
 {
-    std::map<std::string, std::string> names;                 /* method id -> name (record 5) */
-    std::map<std::string, std::string> bt_of;                 /* flowpath -> BT id (record 2) */
-    std::map<std::string, std::string> url_of;                /* flowpath -> URL (record 2) */
+    std::map<std::string, std::string> names;     /* method id -> name (record 5) */
+    std::map<std::string, std::string> bt_of;     /* flowpath -> BT id (record 2) */
+    std::map<std::string, std::string> url_of;    /* flowpath -> URL (record 2) */
+    std::map<std::string, std::string> caller_of; /* flowpath -> calling flowpath (record 2) */
     std::map<std::string, std::map<std::string, int>> per_bt; /* BT -> category -> count */
     std::map<int, int> per_type;
     for (const std::string& r : g_records) {
@@ -142,8 +143,10 @@ void print_records(std::map<std::string, std::string> bt_names /* BT id -> name 
             bt_names[f[1]] = f[2];
         } else if (r.rfind("2,", 0) == 0) {
             auto f = fields(r, 8);
-            const std::string own =
-                f[1].substr(0, f[1].find(':')); /* a callee names its callers too */
+            /* A callee's id is "<own>:<first>:<caller>". */
+            const size_t colon = f[1].find(':');
+            const std::string own = f[1].substr(0, colon);
+            if (colon != std::string::npos) caller_of[own] = f[1].substr(f[1].rfind(':') + 1);
             bt_of[own] = f[5];
             url_of[own] = f[6];
         } else if (r.rfind("4,", 0) == 0) {
@@ -162,8 +165,11 @@ void print_records(std::map<std::string, std::string> bt_names /* BT id -> name 
     for (const std::string& r : g_records) {
         if (r.rfind("4,", 0) != 0 || shown == 3) continue;
         auto f = fields(r, 12);
-        printf("  flowpath %s  %s  status %s, %s, %s ms:\n", f[1].c_str(), url_of[f[1]].c_str(),
-               f[2].c_str(), category_name(f[3]), f[5].c_str());
+        const auto caller = caller_of.find(f[1]);
+        const std::string called_by =
+            caller == caller_of.end() ? "" : ", called by flowpath " + caller->second;
+        printf("  flowpath %s  %s  status %s, %s, %s ms%s:\n", f[1].c_str(), url_of[f[1]].c_str(),
+               f[2].c_str(), category_name(f[3]), f[5].c_str(), called_by.c_str());
         print_blob(f[11], names);
         ++shown;
     }

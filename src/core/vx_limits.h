@@ -27,6 +27,7 @@ inline constexpr int kIncomingFPISize = 1024;       /* copy of the caller's corr
 inline constexpr int kCalloutHeaderSize = 4096;     /* outgoing correlation header */
 inline constexpr int kBackendCacheSize = 4;         /* backends remembered per record */
 inline constexpr int kBackendCacheDescSize = 240;   /* longest description remembered */
+inline constexpr size_t kTierSeqMax = 512;          /* caller's sequence text in a header */
 inline constexpr int kATDMax = 1024;                /* distinct callers kept (8 KiB each) */
 inline constexpr int kRecord91Size = 8192;          /* topology record: seven names */
 inline constexpr int kCookieSize = 1024;            /* session and user-experience cookies */

@@ -20,6 +20,33 @@ constexpr int kTierField = 6;
 constexpr int kServerField = 7;
 constexpr int kInstanceField = 8;
 
+/* An instance field: digits, then an "F" when the caller was forced. */
+bool is_instance(const char* f)
+{
+    const char* p = f;
+    while (*p >= '0' && *p <= '9') ++p;
+    if (p == f || p - f > 19) return false;
+    if (*p == 'F' || *p == 'f') ++p;
+    return *p == '\0';
+}
+
+/* The caller's sequence: numbers joined by ".", as record 2 carries it. */
+bool is_sequence(const char* f)
+{
+    if (!*f || strlen(f) > vx::kTierSeqMax) return false;
+    for (const char* p = f; *p; ++p)
+        if (!((*p >= '0' && *p <= '9') || *p == '.' || *p == '-')) return false;
+    return true;
+}
+
+/* The text for the log: control characters shown as '?'. */
+void printable_copy(char* out, size_t cap, const char* in)
+{
+    vx::copy_text(out, cap, in);
+    for (char* p = out; *p; ++p)
+        if (static_cast<unsigned char>(*p) < 0x20) *p = '?';
+}
+
 const char* field_or_empty(char** f, int n, int i)
 {
     return i < n ? f[i] : "";
@@ -63,10 +90,16 @@ extern "C" int setTierCallOut(VXPerThreadData_t* vxTD, char* str)
     if (!vxTD || !str || !app) return -1;
     char* f[kHeaderFieldsMax];
     char shown[vx::kIncomingFPISize];
-    vx::copy_text(shown, sizeof shown, str);
+    printable_copy(shown, sizeof shown, str);
     const int n = tokenize(str, f, const_cast<char*>("_"), kHeaderFieldsMax);
     if (n < kMinFields) {
         VX_ERROR("FLOWPATH", "Error in received string '%s'", shown);
+        return -1;
+    }
+    /* The chain fields go into record 2 as they stand: a header from the
+     * wire whose fields are not what a caller writes is refused whole. */
+    if (!is_instance(f[0]) || !is_instance(f[1]) || !is_sequence(f[2])) {
+        VX_ERROR("FLOWPATH", "Error in received string '%s': not a caller's chain, ignored", shown);
         return -1;
     }
     vxTD->firstFlowpathInstance = atoll(f[0]);

@@ -27,6 +27,18 @@
  *                    ("path?query|METHOD"), each lasting HOLD_MS and ending
  *                    with status 200, 5 ms apart; report how many the agent
  *                    took, then wait (up to 15 s) for the session to stop
+ *   front SECONDS FILE
+ *                    once the data connection has been open for 200 ms, run
+ *                    ten transactions "/front/pay" that each call another
+ *                    tier through Http.post: the call's correlation header
+ *                    goes to FILE, one line "<instance> <header>" each;
+ *                    report the count, then wait for the session to stop
+ *   back SECONDS FILE
+ *                    serve, as the called tier, one transaction "/back/stock"
+ *                    per line of FILE as the lines appear (up to ten), with
+ *                    the header as the caller's correlation text, then three
+ *                    with headers no caller would send; report how many the
+ *                    agent took, then wait for the session to stop
  *
  * Until the collector starts sessions itself, the session is opened here by
  * raising its flags and starting the data thread.
@@ -306,6 +318,85 @@ int run_urls(VXProxyInstance_t* app, int seconds, int threads, int hold_ms,
     return 0;
 }
 
+
+/* Waits up to 30 s for the data connection, then 200 ms more. */
+bool wait_data(VXProxyInstance_t* app)
+{
+    if (!wait_for([app] { return data_open(app); }, 30000)) return false;
+    sleep_ms(200);
+    return true;
+}
+
+void wait_session_end(VXProxyInstance_t* app)
+{
+    wait_for([app] { return !vx::load_acquire(app->Server.testRunRunning); }, 15000);
+    wait_for([app] { return !vx::load_relaxed(app->VXBCISetting.data_thread_running); }, 15000);
+}
+
+constexpr int kTierCalls = 10;
+
+int run_front(VXProxyInstance_t* app, const char* path)
+{
+    if (!wait_data(app)) return 3;
+    std::ofstream out(path);
+    char url[] = "/front/pay|POST";
+    char post[] = "Http.post";
+    char backend[] = "HTTP|back|8080|/back/stock";
+    int sent = 0;
+    for (int i = 0; i < kTierCalls; ++i) {
+        auto* fp = static_cast<VXPerThreadData_t*>(
+            startFP(nullptr, url, nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
+        if (!fp) continue;
+        void* h = vxMethodEntry(nullptr, fp, post, nullptr, nullptr, 0, nullptr, nullptr, 0, nullptr);
+        const char* header = getTierCallOut(fp, backend);
+        if (header) {
+            out << fp->flowpathInstance << ' ' << header << std::endl;
+            ++sent;
+        }
+        sleep_ms(5);
+        vxMethodExit(h, fp, post, 0, -1, backend, 0, 0, 1, nullptr, 1, nullptr, 0, nullptr);
+        endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
+        reset(fp);
+        sleep_ms(20);
+    }
+    printf("calls=%d\n", sent);
+    wait_session_end(app);
+    return 0;
+}
+
+int run_back(VXProxyInstance_t* app, int seconds, const char* path)
+{
+    if (!wait_data(app)) return 3;
+    /* A collector gives each agent a range of instance numbers of its own
+     * (the flowpath mask); vxc-lite gives both tiers the same, so this one
+     * moves to another range, as the collector's mask would put it. */
+    app->VXSys.flowPathInstanceInitialID += 1LL << 60;
+    char url[] = "/back/stock|GET";
+    auto serve = [&](const std::string& caller) {
+        auto* fp = static_cast<VXPerThreadData_t*>(startFP(const_cast<char*>(caller.c_str()), url, nullptr,
+                                                           nullptr, nullptr, nullptr, nullptr, -1, 0));
+        if (!fp) return 0;
+        endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
+        reset(fp);
+        return 1;
+    };
+    int taken = 0;
+    size_t done = 0;
+    const long long end = now_ms() + seconds * 1000LL;
+    while (done < kTierCalls && now_ms() < end) {
+        std::ifstream in(path);
+        std::vector<std::string> lines;
+        for (std::string l; std::getline(in, l);) lines.push_back(l);
+        for (; done < lines.size(); ++done) taken += serve(lines[done].substr(lines[done].find(' ') + 1));
+        sleep_ms(20);
+    }
+    for (const char* hostile : {"1_2", "_______________", "9F_x_\n91,evil_NA_0_NA_t_s_i"})
+        taken += serve(hostile);
+    printf("transactions=%d\n", taken);
+    wait_session_end(app);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -313,7 +404,7 @@ int main(int argc, char** argv)
     if (argc < 3) {
         fprintf(stderr,
                 "usage: %s stream SECONDS | load SECONDS THREADS | idle SECONDS | methods SECONDS "
-                "[eager] | urls SECONDS THREADS HOLD_MS URL...\n",
+                "[eager] | urls SECONDS THREADS HOLD_MS URL... | front SECONDS FILE | back SECONDS FILE\n",
                 argv[0]);
         return 64;
     }
@@ -333,6 +424,8 @@ int main(int argc, char** argv)
     if (mode == "urls" && argc > 5)
         rc = run_urls(app, seconds, atoi(argv[3]), atoi(argv[4]),
                       std::vector<std::string>(argv + 5, argv + argc));
+    if (mode == "front" && argc > 3) rc = run_front(app, argv[3]);
+    if (mode == "back" && argc > 3) rc = run_back(app, seconds, argv[3]);
     fflush(stdout);
     agent_shutdown();
     return rc;

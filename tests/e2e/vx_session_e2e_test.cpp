@@ -885,3 +885,59 @@ TEST(Percentiles, EachBTsDigestHoldsWhatItsIntervalsServedAndAModifySendsIt)
         ++test_idx;
     }
 }
+
+namespace {
+
+/* A front tier calling a back tier: both agents register with one vxc-lite,
+ * which runs a session for each. */
+const std::map<std::string, std::string> kTierFiles = {
+    {"entry.txt", "e2e|Http.post|HTTP_CALLOUT|2\n"},
+    {"bt_rules.txt", "# one business transaction per URL path\n"},
+    {"profile.txt", "e2e|Http|post|0|1\n"},
+};
+
+}  // namespace
+
+TEST(Tiers, TheBackTierReadsTheFrontsHeaderAndItsFlowpathsJoinTheFrontsChain)
+{
+    vxc::Options opts = session_options(session_keywords(51), kTierFiles);
+    opts.stop_after_ms = 9000;
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    const std::string headers = vx_test::make_temp_dir("vx_e2e_tiers_") + "/headers.txt";
+    e2e::Host front({"front", "10", headers}, vxc.port(), {"KLV_APP_AGENT_TIER=Front_End"});
+    e2e::Host back({"back", "10", headers}, vxc.port(), {"KLV_APP_AGENT_TIER=Back"});
+    ASSERT_EQ(front.wait(60), 0);
+    ASSERT_EQ(back.wait(60), 0);
+    vxc.stop();
+    vxc.expect_counts("start_answers=2 malformed=0 records_91=1 records_91_repeated=0 chained_unresolved=0");
+
+    ASSERT_EQ(front.number("calls"), 10);
+    EXPECT_EQ(back.number("transactions"), 13) << "hostile headers still run their transactions";
+    const std::string log = back.trace_log();
+    EXPECT_NE(log.find("Error in received string '1_2'"), std::string::npos);
+    EXPECT_NE(log.find("not a caller's chain"), std::string::npos);
+
+    /* Every header the front sent links a back flowpath to the front's. */
+    std::set<long long> callers;
+    std::ifstream in(headers);
+    for (std::string line; std::getline(in, line);) callers.insert(atoll(line.c_str()));
+    ASSERT_EQ(callers.size(), 10u);
+    int linked = 0;
+    for (const auto& l : vxc.links()) {
+        EXPECT_TRUE(callers.count(l.prev)) << "a chain no header made: " << l.prev;
+        EXPECT_EQ(l.first, l.prev) << "the front starts its chain";
+        EXPECT_EQ(l.caller_url, "/front/pay");
+        EXPECT_FALSE(l.forced);
+        linked += callers.count(l.prev) ? 1 : 0;
+    }
+    EXPECT_EQ(linked, 10);
+
+    /* One record 91 names the caller as the back tier saw it: the front's
+     * tier with its underscore decoded, and the backend by the HTTP rule. */
+    const auto topo = vxc.topology();
+    ASSERT_EQ(topo.size(), 1u);
+    EXPECT_EQ(topo[0].caller_backend, "HTTP_back");
+    EXPECT_EQ(topo[0].caller_tier, "Front_End");
+    EXPECT_EQ(topo[0].tier, "Back");
+}

@@ -1,210 +1,105 @@
 /*
- * The demo around the example host: it runs the host through one session
- * and shows what the agent produced.
+ * The demo's program: one binary for the shop's two tiers and for the report.
  *
- * The host loads libvxagent.so as a language module would; the agent
+ *   vx_example_host --stock-service [--port N]   the back tier
+ *   vx_example_host --stock-port N               the front tier
+ *   vx_example_host --report FILE [SUMMARY]      what vxc-lite stored
+ *
+ * Each tier loads libvxagent.so as a language module would; its agent
  * registers with the collector named in its settings (vxc-lite in the demo),
- * which starts a session with a profile of the example's methods, and
- * streams its records there; the host waits for the collector's stop.
- *
- * "--report FILE [SUMMARY]" prints a readable account of the records in FILE,
- * the data lines vxc-lite stored. Business transactions are named by the
- * records 7 in FILE and, when given, by the "bt.<id>=<name>" lines of
- * vxc-lite's summary.txt: under pattern rules the names come from the rule
- * file the collector served, and the agent sends no record 7 for them.
+ * which starts a session with a profile of the example's methods; the agent
+ * streams its records there, and the tier waits for the collector's stop.
+ * The two agents differ by their tier (KLV_APP_AGENT_TIER).
  */
+#include <libwebsockets.h>
+
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <map>
-#include <string>
-#include <vector>
 
+#include "vx_demo_report.h"
 #include "vx_example_host.h"
+#include "vx_shop_front.h"
+#include "vx_stock_service.h"
 
 namespace {
 
-std::vector<std::string> g_records;
-
-/* A record's fields (the blob, the last field, may hold no commas). */
-std::vector<std::string> fields(const std::string& line, int count)
+int usage()
 {
-    std::vector<std::string> out;
-    size_t at = 0;
-    for (int i = 0; i < count - 1; ++i) {
-        size_t comma = line.find(',', at);
-        if (comma == std::string::npos) break;
-        out.push_back(line.substr(at, comma - at));
-        at = comma + 1;
-    }
-    out.push_back(line.substr(at, line.find('\n', at) - at));
-    return out;
+    fprintf(stderr,
+            "usage: vx_example_host --stock-service [--port N]\n"
+            "       vx_example_host --stock-port N\n"
+            "       vx_example_host --report FILE [SUMMARY]\n");
+    return 2;
 }
 
-/* The tokens of a blob, as a person reads them. */
-void print_blob(const std::string& blob, const std::map<std::string, std::string>& names)
+/* A port from the command line: 0 to 65535, or -1. */
+int port_of(const char* text)
 {
-    auto name_of = [&names](const std::string& id) {
-        auto it = names.find(id);
-        return it == names.end() ? "#" + id : it->second;
-    };
-    size_t i = 0;
-    while (i < blob.size()) {
-        char c = blob[i];
-        if (c == 'T' || c == 'E' || c == 'e' || c == 't') {
-            size_t end = blob.find('_', i);
-            std::string tok = blob.substr(i, end - i);
-            if (c == 'T' || c == 'E') {
-                /* <seq>:<mid>:<duration>:... */
-                size_t a = tok.find(':'), b = tok.find(':', a + 1), d = tok.find(':', b + 1);
-                printf("      %s call to %s, %s ms\n", c == 'T' ? "ok" : "failed",
-                       name_of(tok.substr(a + 1, b - a - 1)).c_str(),
-                       tok.substr(b + 1, d - b - 1).c_str());
-            } else {
-                printf("      %s at event %s\n", c == 'e' ? "exception" : "thread",
-                       tok.substr(1).c_str());
-            }
-            i = end == std::string::npos ? blob.size() : end + 1;
-            continue;
-        }
-        /* mid:tid[:1:url]_event[:seq]_value[_cpu]__ */
-        size_t colon = blob.find(':', i);
-        size_t us = blob.find('_', colon);
-        size_t us2 = blob.find('_', us + 1);
-        if (colon == std::string::npos || us == std::string::npos || us2 == std::string::npos)
-            break;
-        std::string mid = blob.substr(i, colon - i);
-        std::string event = blob.substr(us + 1, us2 - us - 1);
-        size_t value_end = blob.find('_', us2 + 1);
-        std::string value = blob.substr(us2 + 1, value_end - us2 - 1);
-        size_t next = value_end;
-        std::string cpu;
-        if (event[0] == '0') {
-            printf("      enter %s at +%s ms\n", name_of(mid).c_str(), value.c_str());
-            next = value_end + 2;
-        } else {
-            if (blob.compare(value_end, 4, "____") == 0) {
-                next = value_end + 4;
-            } else {
-                size_t cpu_end = blob.find('_', value_end + 1);
-                cpu = blob.substr(value_end + 1, cpu_end - value_end - 1);
-                next = cpu_end + 3;
-            }
-            printf("      leave %s after %s ms%s\n", name_of(mid).c_str(), value.c_str(),
-                   cpu.empty() ? "" : (", cpu " + cpu + " ns").c_str());
-        }
-        i = next;
-    }
+    char* end = nullptr;
+    const long port = strtol(text, &end, 10);
+    return end != text && *end == '\0' && port >= 0 && port <= 65535 ? static_cast<int>(port) : -1;
 }
 
-/* Records of a data connection as vxc-lite stored them, one a line. */
-bool load_records(const char* path)
+int start_agent(const char* app_name, const char* process_name)
 {
-    std::ifstream in(path);
-    if (!in) return false;
-    std::string line;
-    while (std::getline(in, line))
-        if (!line.empty() && line.rfind("vx_data_msg_req:", 0) != 0)
-            g_records.push_back(line + "\n");
-    return true;
+    if (example_host_start(app_name, process_name) == 0) return 0;
+    fprintf(stderr,
+            "no session from the collector (is VXHOME an existing directory? see the agent's "
+            "trace log)\n");
+    example_host_stop();
+    return -1;
 }
 
-/* "bt.<id>=<name>" lines of a vxc-lite summary into `bt_names`. */
-bool load_bt_names(const char* path, std::map<std::string, std::string>* bt_names)
+void on_stop_signal(int)
 {
-    std::ifstream in(path);
-    if (!in) return false;
-    std::string line;
-    while (std::getline(in, line)) {
-        const size_t eq = line.find('=');
-        if (line.rfind("bt.", 0) == 0 && eq != std::string::npos)
-            (*bt_names)[line.substr(3, eq - 3)] = line.substr(eq + 1);
-    }
-    return true;
+    stock_service_request_stop();
 }
 
-const char* category_name(const std::string& c)
+/* The back tier: its session first, so that the front's first call is
+ * reported, then the service until SIGINT or SIGTERM. */
+int run_stock_service(int port)
 {
-    if (c == "10") return "normal";
-    if (c == "11") return "slow";
-    if (c == "12") return "very slow";
-    if (c == "13") return "error";
-    return "other";
+    if (start_agent("stock", "stock-service") != 0) return 1;
+    signal(SIGINT, on_stop_signal);
+    signal(SIGTERM, on_stop_signal);
+    const int rc = stock_service_run(port);
+    /* The collector has normally stopped this session before the front's
+     * ended; waiting lets the agent send what is left either way. */
+    example_host_wait_stop();
+    example_host_stop();
+    return rc == 0 ? 0 : 1;
 }
 
-void print_report(std::map<std::string, std::string> bt_names /* BT id -> name */)
+/* The front tier: the shop's pages, then the collector's stop. */
+int run_shop_front(int stock_port)
 {
-    std::map<std::string, std::string> names;                 /* method id -> name (record 5) */
-    std::map<std::string, std::string> bt_of;                 /* flowpath -> BT id (record 2) */
-    std::map<std::string, std::string> url_of;                /* flowpath -> URL (record 2) */
-    std::map<std::string, std::map<std::string, int>> per_bt; /* BT -> category -> count */
-    std::map<int, int> per_type;
-    for (const std::string& r : g_records) {
-        per_type[atoi(r.c_str())]++;
-        if (r.rfind("5,", 0) == 0) {
-            size_t last = r.rfind(',');
-            names[r.substr(last + 1, r.size() - last - 2)] = r.substr(2, last - 2);
-        } else if (r.rfind("7,", 0) == 0) {
-            auto f = fields(r, 3);
-            bt_names[f[1]] = f[2];
-        } else if (r.rfind("2,", 0) == 0) {
-            auto f = fields(r, 8);
-            const std::string own =
-                f[1].substr(0, f[1].find(':')); /* a callee names its callers too */
-            bt_of[own] = f[5];
-            url_of[own] = f[6];
-        } else if (r.rfind("4,", 0) == 0) {
-            auto f = fields(r, 12);
-            per_bt[bt_of[f[1]]][category_name(f[3])]++;
-        }
+    if (start_agent("shop", "shop-front") != 0) return 1;
+    const int served = shop_front_serve(stock_port);
+    if (served < 0) {
+        example_host_stop();
+        return 1;
     }
-    printf("\ntransactions per business transaction:\n");
-    for (const auto& [bt, cats] : per_bt) {
-        printf("  %-4s %-22s", bt.c_str(), bt_names.count(bt) ? bt_names[bt].c_str() : "?");
-        for (const auto& [cat, n] : cats) printf("  %s %d", cat.c_str(), n);
-        printf("\n");
-    }
-    printf("\na few flowpaths, method names from record 5:\n");
-    int shown = 0;
-    for (const std::string& r : g_records) {
-        if (r.rfind("4,", 0) != 0 || shown == 3) continue;
-        auto f = fields(r, 12);
-        printf("  flowpath %s  %s  status %s, %s, %s ms:\n", f[1].c_str(), url_of[f[1]].c_str(),
-               f[2].c_str(), category_name(f[3]), f[5].c_str());
-        print_blob(f[11], names);
-        ++shown;
-    }
-    printf("\nrecord counts:");
-    for (auto [type, n] : per_type) printf("  %d: %d", type, n);
-    printf("\n");
+    printf("shop: %d pages reported; waiting for the collector to stop the session\n", served);
+    fflush(stdout);
+    example_host_wait_stop();
+    example_host_stop();
+    return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    if ((argc == 3 || argc == 4) && strcmp(argv[1], "--report") == 0) {
-        if (!load_records(argv[2])) {
-            fprintf(stderr, "cannot read %s\n", argv[2]);
-            return 1;
-        }
-        std::map<std::string, std::string> bt_names;
-        if (argc == 4 && !load_bt_names(argv[3], &bt_names))
-            fprintf(stderr, "cannot read %s; names from records 7 only\n", argv[3]);
-        print_report(bt_names);
-        return 0;
-    }
-    if (example_host_start() != 0) {
-        fprintf(stderr,
-                "no session from the collector (is VXHOME an existing directory? see the "
-                "agent's trace log)\n");
-        example_host_stop();
-        return 1;
-    }
-    int served = example_host_serve();
-    printf("host: %d requests reported; waiting for the collector to stop the session\n", served);
-    example_host_wait_stop();
-    example_host_stop();
-    return 0;
+    if ((argc == 3 || argc == 4) && strcmp(argv[1], "--report") == 0)
+        return demo_report(argv[2], argc == 4 ? argv[3] : nullptr) == 0 ? 0 : 1;
+    lws_set_log_level(LLL_ERR | LLL_WARN, nullptr); /* lws's notices are not the demo's */
+    if (argc == 2 && strcmp(argv[1], "--stock-service") == 0) return run_stock_service(0);
+    if (argc == 4 && strcmp(argv[1], "--stock-service") == 0 && strcmp(argv[2], "--port") == 0 &&
+        port_of(argv[3]) >= 0)
+        return run_stock_service(port_of(argv[3]));
+    if (argc == 3 && strcmp(argv[1], "--stock-port") == 0 && port_of(argv[2]) > 0)
+        return run_shop_front(port_of(argv[2]));
+    return usage();
 }

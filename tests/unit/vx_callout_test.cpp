@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -50,7 +51,10 @@ class Tiers : public testing::Test {
 protected:
     void SetUp() override
     {
-        saved_ = app_->VXBCISetting;
+        /* The setters free the names they replace: keep copies. */
+        const VXBCISetting_t& b = app_->VXBCISetting;
+        saved_ = {b.tierName ? b.tierName : "", b.appServerName ? b.appServerName : "",
+                  b.appName ? b.appName : ""};
         setTierName(S("shop_front"), nullptr, 0);
         setAppServerName(S("host_1"), nullptr, 0);
         setAppName(S("front_a"), nullptr, 0);
@@ -58,9 +62,9 @@ protected:
     }
     void TearDown() override
     {
-        setTierName(saved_.tierName, nullptr, 0);
-        setAppServerName(saved_.appServerName, nullptr, 0);
-        setAppName(saved_.appName, nullptr, 0);
+        setTierName(saved_[0].data(), nullptr, 0);
+        setAppServerName(saved_[1].data(), nullptr, 0);
+        setAppName(saved_[2].data(), nullptr, 0);
         free_backendNameHashMap();
     }
     VXPerThreadData_t* begin(const char* fpi)
@@ -75,7 +79,7 @@ protected:
     }
 
     VXProxyInstance_t* app_ = vx_test::agent();
-    VXBCISetting_t saved_{};
+    std::array<std::string, 3> saved_;
     FrozenClock clock_{kStart, 0};
     SessionScope session_{7, kEpoch};
     RecordSink sink_;

@@ -2,6 +2,8 @@
  * The BT monitor: the update a flowpath's end makes (one and two threads,
  * each on a record of its own, all on one BT), the interval's fold over R
  * records x B BTs, and the memory of 100 sessions of 256 BTs on 16 threads.
+ * The backend monitor: the update a callout's exit makes (one and two
+ * threads, each on a record of its own, all on one backend).
  *
  *   ./build/bench/vx_monitor_bench --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
  *
@@ -26,6 +28,8 @@
 #include "bt/vx_bt_object.h"
 #include "core/vx_retire_list.h"
 #include "core/vx_thread.h"
+#include "flowpath/vx_method_table.h"
+#include "monitor/vx_backend_monitor.h"
 #include "monitor/vx_bt_monitor.h"
 #include "monitor/vx_monitor_model.h"
 #include "session/vx_session_data.h"
@@ -149,6 +153,35 @@ void BM_MonitorUpdate(benchmark::State& state)
     free_tls_slot(td);
 }
 BENCHMARK(BM_MonitorUpdate)->Threads(1)->Threads(2)->UseRealTime();
+
+/* The backend update a callout's exit makes: each thread on a record of its
+ * own, all calling one backend of the method table. */
+void BM_BackendUpdate(benchmark::State& state)
+{
+    start_agent();
+    static methodPropProperties* backend = [] {
+        if (!tlvxApplication->methodTable.methodHashMapNode) setMethodHashMapNode(nullptr);
+        return searchAndUpdateMethodHashMap(const_cast<char*>("bench-db"),
+                                            tlvxApplication->methodTable.methodHashMapNode, 1, 2,
+                                            10);
+    }();
+    VXPerThreadData_t* td = get_free_tls_slot();
+    long long ms = 3;
+    if (updateCounterAndDurationForBackend(td, backend, ms, 0) != 0) /* makes the counters */
+        state.SkipWithError("the backend update did not count");
+    const long long before = t_allocs;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(updateCounterAndDurationForBackend(td, backend, ms, 0));
+        ms = (ms + 7) & 255;
+    }
+    state.counters["allocs_per_update"] = benchmark::Counter(
+        static_cast<double>(t_allocs - before) / static_cast<double>(state.iterations()),
+        benchmark::Counter::kAvgThreads);
+    state.SetItemsProcessed(state.iterations());
+    resetAllThreadLocals(td, nullptr);
+    free_tls_slot(td);
+}
+BENCHMARK(BM_BackendUpdate)->Threads(1)->Threads(2)->UseRealTime();
 
 /* The fold of R records x B BTs: records and BTs stay between iterations,
  * only the fold is timed. */

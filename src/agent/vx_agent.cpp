@@ -169,6 +169,7 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
     if (apr_pool_create(&app->tlsPool.pool, app->control_pool) == APR_SUCCESS)
         app->tlsPool.tlsMutex = vx::mutex_create(app->tlsPool.pool);
     VXBTConfigModelInit();
+    VXBackendMonitorInit();
     /* The link runs what the session layer registered: command lines, and
      * the data connection's opening and end. */
     vx::session_register_hooks();

@@ -127,6 +127,27 @@ extern "C" void escapeHTML(char* sb, int len, char* msgData, int is_underscore)
     entities_into(sb, len, msgData, [is_underscore](char c) { return html_entity(c, is_underscore != 0); });
 }
 
+extern "C" void decodeHTML(char* sb, const char* msgData)
+{
+    if (!sb) return;
+    size_t o = 0;
+    for (const char* p = msgData; p && *p;) {
+        if (p[0] == '&' && p[1] == '#') {
+            int code = 0, digits = 0;
+            const char* q = p + 2;
+            for (; *q >= '0' && *q <= '9' && digits < 4; ++q, ++digits)
+                code = code * 10 + (*q - '0');
+            if (digits > 0 && *q == ';' && code >= 1 && code <= 255) {
+                sb[o++] = static_cast<char>(code);
+                p = q + 1;
+                continue;
+            }
+        }
+        sb[o++] = *p++;
+    }
+    sb[o] = '\0';
+}
+
 extern "C" void encoded_with_underscore(char* sb, int len, char* msgData)
 {
     if (!sb || len <= 0) return;

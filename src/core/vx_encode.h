@@ -27,6 +27,12 @@ char escapeURLDecoding(char* BTHeaderName, char* New_BT, int k);
  * than 5 bytes remain in `len`. */
 void escapeHTML(char* sb, int len, char* msgData, int is_underscore);
 
+/* The inverse of the numeric entities above: each "&#<decimal>;" of a code
+ * from 1 to 255 becomes its character, in one pass (an escaped "&" does not
+ * start a new entity); anything else is copied. `sb` holds at least
+ * strlen(msgData) + 1 bytes: the text only shrinks. Always terminated. */
+void decodeHTML(char* sb, const char* msgData);
+
 /* escapeHTML with "_" always escaped, and tab, blank and "+" too; for bound
  * query values. `sb` holds six times the text's length plus one. */
 void DBQueryParamEncoding(char* sb, int len, char* msgData);

@@ -192,6 +192,9 @@ inline constexpr int kBTSlotMax = 1048576;          /* BT monitor counter slots:
  * the reporting buffer is handed on once it holds more than its size less
  * one record and its terminator, so the next record always fits. */
 inline constexpr int kMonitorRecordMax = 4096;
+inline constexpr int kIPAggArrayInitial = 128;   /* aggIPDataArr at set-up */
+inline constexpr int kBackendIdMax = 1048576;    /* backend ids the backend monitor counts */
+inline constexpr int kIPRetireGraceSeconds = 60; /* a retired aggIPDataArr outlives its readers */
 
 /* Percentile digests. A t-digest's node block follows its compression
  * (K / delta, cap = compression * 6 + 10 nodes of 16 bytes), so the

@@ -13,6 +13,8 @@
 #include "link/vx_as_buffers.h"
 #include "link/vx_as_link.h"
 #include "link/vx_control_link.h"
+#include "monitor/vx_backend_monitor.h"
+#include "monitor/vx_backend_percentiles.h"
 #include "monitor/vx_bt_monitor.h"
 #include "monitor/vx_bt_percentiles.h"
 
@@ -81,9 +83,14 @@ void dump_monitors(VXProxyInstance_t* app, char* buf)
         dumpASData(buf, len);
         len = 0;
     }
-    /* STAND-IN(monitors): the backend (if isBackendMonitorOn), method and
-     * exception monitors write their rows here, in that order, each
-     * followed by dumpASData and a length of 0. */
+    if (vx::load_relaxed(app->VXBackendMonitor.isBackendMonitorOn)) {
+        generateAndDumpBackendMonitoringRecord(buf, &len, vx::kASWorkBufferSize);
+        dumpASData(buf, len);
+        len = 0;
+    }
+    /* STAND-IN(method-monitor, exceptions): the method and exception
+     * monitors write their rows here, in that order, each followed by
+     * dumpASData and a length of 0. */
     sendASReport();
 }
 
@@ -94,7 +101,7 @@ void report_loop(VXProxyInstance_t* app, const Pacing& pacing)
     const VXASSettings_t& s = app->vxAutoSensorUsingStackTrace;
     long long curTimeStamp = vx_agent_now(app);
     long long nextLoggingBufferTime = curTimeStamp;
-    /* STAND-IN(monitors): the backends' digests are scheduled first. */
+    vx::ip_percentiles_schedule(curTimeStamp);
     vx::bt_percentiles_schedule(curTimeStamp);
     for (;;) {
         checkAndStopASThread();
@@ -126,7 +133,7 @@ void report_loop(VXProxyInstance_t* app, const Pacing& pacing)
                      vx::kASWorkBufferSize);
         else {
             if (curTimeStamp >= nextLoggingBufferTime && sample > 0) dump_monitors(app, buf);
-            /* STAND-IN(monitors): the backends' digests come first when due. */
+            vx::ip_percentiles_dump_due(buf, vx::kASWorkBufferSize, curTimeStamp);
             vx::bt_percentiles_dump_due(buf, vx::kASWorkBufferSize, curTimeStamp);
         }
         if (control_lost(app)) cleanAutoSensorThread();

@@ -405,31 +405,8 @@ bool ensure_report(VXBTMonitorDataCounters*& arr, int& size, int need)
     return true;
 }
 
-/* The fold's values for the BTs' digests, fed once the model locks are
- * released: a digest's first value may map a large block. Under reportLock;
- * grown, never shrunk. */
-struct DigestFeeds {
-    vx::VXBTDigestFeed* at = nullptr;
-    int n = 0;
-    int cap = 0;
-
-    void add(int btId, long long duration)
-    {
-        if (n == cap) {
-            const int grown = cap ? 2 * cap : 256;
-            auto* p = static_cast<vx::VXBTDigestFeed*>(
-                realloc(at, static_cast<size_t>(grown) * sizeof(vx::VXBTDigestFeed)));
-            if (!p) {
-                VX_ERROR("BT_MON", "No memory for the digests' values; BT %d's is not kept", btId);
-                return;
-            }
-            at = p;
-            cap = grown;
-        }
-        at[n++] = {btId, duration};
-    }
-};
-DigestFeeds g_feeds;
+/* The fold's values for the BTs' digests, under reportLock. */
+vx::DigestFeeds g_feeds;
 
 struct FoldCtx {
     VXBTMonitor_t* m;
@@ -513,12 +490,7 @@ extern "C" void createVectorPrefix(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
-    const VXBCISetting_t& s = app->VXBCISetting;
-    const char sep = app->monitorSettings.vxVectorSeperator;
-    VXBTMonitor_t& m = app->VXBTMonitor;
-    snprintf(m.vectorPrefix, sizeof m.vectorPrefix, "%s%c%s%c%s%c", s.tierName ? s.tierName : "",
-             sep, s.appServerName ? s.appServerName : "", sep, s.appName ? s.appName : "", sep);
-    snprintf(m.vectorPrefixID, sizeof m.vectorPrefixID, "%d|%d|", s.tierID, s.appID);
+    vx::monitor_vector_prefix(app->VXBTMonitor.vectorPrefix, app->VXBTMonitor.vectorPrefixID);
 }
 
 extern "C" void VXBTMonitorInit(void)

@@ -35,7 +35,7 @@ const BTObject* owner(const VXBTMonitorDataCounters& e, int id)
 
 }  // namespace
 
-void vx::bt_digests_feed(const VXBTDigestFeed* feeds, int n)
+void vx::bt_digests_feed(const DigestFeed* feeds, int n)
 {
     VXProxyInstance_t* app = vx_app();
     VXBTMonitor_t& m = app->VXBTMonitor;
@@ -44,7 +44,7 @@ void vx::bt_digests_feed(const VXBTDigestFeed* feeds, int n)
     const VXTDigestPercentileBT_t& cfg = p.TDigestPercentileBT;
     if (!cfg.is_enabled) return;
     for (int i = 0; i < n; ++i) {
-        const int id = feeds[i].btId;
+        const int id = feeds[i].id;
         if (id < 1 || id >= m.reportArrSize) continue;
         VXBTMonitorDataCounters& e = m.reportArr[id];
         BTObject* bound = vx::bt_bound_to(id, nullptr);
@@ -175,12 +175,7 @@ void vx::bt_percentiles_schedule(long long now)
 {
     VXPercentiles_t& p = vx_app()->percentiles;
     vx::VXLockGuard guard(p.lock);
-    VXTDigestPercentileBT_t& cfg = p.TDigestPercentileBT;
-    /* Set at the first connection; a reconnect does not put a pending dump
-     * off, and one already due stays due. A time further away than a
-     * period belongs to another clock base. */
-    if (cfg.nextLogTime <= 0 || cfg.nextLogTime > now + cfg.aggregate_time)
-        cfg.nextLogTime = now + cfg.aggregate_time;
+    percentile_schedule(p.TDigestPercentileBT, now);
 }
 
 void vx::bt_percentiles_dump_due(char* buf, int bufLen, long long now)

@@ -15,6 +15,8 @@
 #ifndef VX_BT_PERCENTILES_H
 #define VX_BT_PERCENTILES_H
 
+#include "monitor/vx_percentiles.h"
+
 struct BTObject;
 struct VXBTMonitorDataCounters;
 
@@ -37,16 +39,9 @@ void generateAndDumpPartialDigestBTRecords(void);
 
 namespace vx {
 
-/* One value of the fold: a thread's summed duration (ms) of a BT in the
- * interval. */
-struct VXBTDigestFeed {
-    int btId;
-    long long duration;
-};
-
 /* Feeds the fold's values into the BTs' digests (reportArr grown to hold
  * every id already). Caller holds reportLock; takes the percentiles' lock. */
-void bt_digests_feed(const VXBTDigestFeed* feeds, int n);
+void bt_digests_feed(const DigestFeed* feeds, int n);
 
 /* Frees every BT digest. Session start; takes the locks. */
 void bt_digests_release_all();

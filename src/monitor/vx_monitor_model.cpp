@@ -1,5 +1,6 @@
 #include "monitor/vx_monitor_model.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -310,6 +311,16 @@ VXMonitorDataModel* vx::monitor_model_of(VXPerThreadData_t* vxTD)
         resetMonitorCounters(vxTD->tlMonitorDataModel);
     }
     return vxTD->tlMonitorDataModel;
+}
+
+void vx::monitor_vector_prefix(char (&prefix)[1024], char (&prefixID)[64])
+{
+    VXProxyInstance_t* app = vx_app();
+    const VXBCISetting_t& s = app->VXBCISetting;
+    const char sep = app->monitorSettings.vxVectorSeperator;
+    snprintf(prefix, sizeof prefix, "%s%c%s%c%s%c", s.tierName ? s.tierName : "", sep,
+             s.appServerName ? s.appServerName : "", sep, s.appName ? s.appName : "", sep);
+    snprintf(prefixID, sizeof prefixID, "%d|%d|", s.tierID, s.appID);
 }
 
 int vx::monitor_models_each(void (*fn)(VXMonitorDataModel* model, void* ctx), void* ctx)

@@ -30,10 +30,11 @@
 struct VXPerThreadData_t;
 struct VXBTMonitorDataCounters;
 struct BTTagArray;
-/* STAND-IN(monitors): counters of the backend, method and exception
- * monitors; their arrays keep their slots and are freed with the model. */
-struct VXMethodMonitorDataCounters;
 struct VXBackendMonitorDataCounters;
+/* STAND-IN(method-monitor, exceptions): counters of the method and
+ * exception monitors; their arrays keep their slots and are freed with the
+ * model. */
+struct VXMethodMonitorDataCounters;
 struct _VXExceptionMonitorDataCounters_t;
 
 /* One tag sequence of one flowpath; tagSeq is owned. */
@@ -61,7 +62,7 @@ struct VXMonitorDataModel {
     BTTagArray** btPerThreadArray;               /* resolved tags by BT id */
     BTTagSeqArray** btTagSeqArray;               /* the current flowpath's tag sequences by BT id */
     VXMethodMonitorDataCounters** mmDataArray;   /* placeholder, stays null */
-    VXBackendMonitorDataCounters** ipmDataArray; /* placeholder, stays null */
+    VXBackendMonitorDataCounters** ipmDataArray; /* by backend id, made on first use */
     _VXExceptionMonitorDataCounters_t** excepDataArray; /* placeholder, stays null */
     long long threadId;            /* the key in threadBasedModelMap: tlThreadId */
     VXMonitorDataModel* nextShell; /* proxy process: kept shells */
@@ -74,7 +75,6 @@ struct VXMonitorSettings_t {
     char vxVectorSeperator;
     int isNewMonitorRecordEnabled;
     int BTAggDataArraySize;
-    int enableBackendMonitor;
 };
 
 /* The instance's models. */
@@ -130,6 +130,11 @@ namespace vx {
  * when there is none (the update is then not counted). The record's own
  * thread. */
 VXMonitorDataModel* monitor_model_of(VXPerThreadData_t* vxTD);
+
+/* A monitor's vector prefixes: `prefix` "<tier>><server>><instance>>" and
+ * `prefixID` "<tier id>|<app id>|", with vxVectorSeperator. Each monitor
+ * keeps its own copy. Control thread. */
+void monitor_vector_prefix(char (&prefix)[1024], char (&prefixID)[64]);
 
 /* Calls fn on every model under controlThreadTmpLock; the number of models.
  * fn takes the model's own locks. The reporting thread. */

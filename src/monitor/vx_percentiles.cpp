@@ -142,6 +142,23 @@ void vx::digest_feed(const VXTDigestPercentileBT_t& cfg, DigestSlot slot, long l
     }
 }
 
+void vx::DigestFeeds::add(int id, long long duration)
+{
+    if (n == cap) {
+        const int grown = cap ? 2 * cap : 256;
+        auto* p =
+            static_cast<DigestFeed*>(realloc(at, static_cast<size_t>(grown) * sizeof(DigestFeed)));
+        if (!p) {
+            VX_ERROR("PERCENTILE", "No memory for the digests' values; series %d's is not kept",
+                     id);
+            return;
+        }
+        at = p;
+        cap = grown;
+    }
+    at[n++] = {id, duration};
+}
+
 void vx::digest_release(DigestSlot slot)
 {
     td_free(slot.tdigest_key);
@@ -244,6 +261,12 @@ bool vx::percentile_settings_parse(VXTDigestPercentileBT_t& cfg, const char* key
     cfg = next;
     if (cfg.is_enabled == 2) cDigest_Init();
     return true;
+}
+
+void vx::percentile_schedule(VXTDigestPercentileBT_t& cfg, long long now)
+{
+    if (cfg.nextLogTime <= 0 || cfg.nextLogTime > now + cfg.aggregate_time)
+        cfg.nextLogTime = now + cfg.aggregate_time;
 }
 
 bool vx::percentile_due(VXTDigestPercentileBT_t& cfg, long long now)

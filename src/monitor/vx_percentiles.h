@@ -62,6 +62,26 @@ struct DigestSlot {
     char& cdigestDataExist;
 };
 
+/* One value of a fold: a thread's summed duration (ms) of one series (a BT
+ * or backend id) in the interval. */
+struct DigestFeed {
+    int id;
+    long long duration;
+};
+
+/* A fold's values, noted while a model's lock is held and fed to the
+ * digests once every model lock is released: a digest's first value may map
+ * a large block, which a host thread waiting on its model's lock should not
+ * pay for. Grown, never shrunk; a monitor's own, under its report lock. */
+struct DigestFeeds {
+    DigestFeed* at = nullptr;
+    int n = 0;
+    int cap = 0;
+
+    /* Notes a value; without memory it is logged and dropped. */
+    void add(int id, long long duration);
+};
+
 /* Feeds one thread's summed duration (ms) of a series: a t-digest takes it
  * when at least 1, a c-digest when above 0; negative values count as 0. The
  * digest is made when absent; a digest that cannot be made is not fed. Caller
@@ -96,6 +116,12 @@ int write_record_121(char* buff, int* len, int bufLen, const VXTDigestPercentile
  * then dumps what was gathered, during a session). Caller holds the
  * lock. */
 bool percentile_settings_parse(VXTDigestPercentileBT_t& cfg, const char* keyword, char* value);
+
+/* The first periodic dump a period after `now`, unless one is pending
+ * already: a reconnect of the stream does not put a pending dump off, and
+ * one already due stays due. A time further away than a period belongs to
+ * another clock base and is replaced. Caller holds the lock. */
+void percentile_schedule(VXTDigestPercentileBT_t& cfg, long long now);
 
 /* True when the family is on and its dump is due at `now`; the due time
  * then moves ahead by whole periods past now. Caller holds the family's

@@ -67,8 +67,9 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
     makeInstrProfTableFree();
     vxlb_init_all_keywords();
     VXBTConfigModelInit();
-    /* STAND-IN(http-capture, monitors, exceptions): the HTTP, backend,
-     * method and exception tables are made again here once they exist. */
+    VXBackendMonitorInit();
+    /* STAND-IN(http-capture, method-monitor, exceptions): the HTTP, method
+     * and exception tables are made again here once they exist. */
     resetMonitorDataModelFromTLS();
     transfer_data_callback(const_cast<char*>("AgentTraceLevel"), app->VXSys.agentTraceLevel, nullptr,
                            nullptr);
@@ -82,7 +83,9 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
     if (vx::load_relaxed(app->VXSys.closeCtrlConFlag))
         return; /* a critical file is missing: no answer */
     hashMapForAgent();
-    createVectorPrefix(); /* the keywords may have named the tier anew */
+    /* The keywords may have named the tier anew. */
+    createVectorPrefix();
+    createVectorPrefixBackend();
     /* A session without a profile still has a table: its root method. */
     if (!vx::load_acquire(app->methodTable.methodHashMapNode)) setMethodHashMapNode(nullptr);
     synchronise_time(srv);

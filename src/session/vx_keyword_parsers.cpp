@@ -10,18 +10,19 @@
 
 #include "agent/vx_feature_settings.h"
 #include "agent/vx_host_callbacks.h"
-#include "core/vx_host_call.h"
 #include "agent/vx_instance.h"
-#include "monitor/vx_backend_monitor.h"
-#include "monitor/vx_bt_monitor.h"
-#include "monitor/vx_bt_percentiles.h"
 #include "bt/vx_bt_object.h"
 #include "core/vx_atomic.h"
+#include "core/vx_host_call.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "flowpath/vx_session_settings.h"
 #include "http/vx_trace_context.h"
+#include "monitor/vx_backend_monitor.h"
+#include "monitor/vx_backend_percentiles.h"
+#include "monitor/vx_bt_monitor.h"
+#include "monitor/vx_bt_percentiles.h"
 #include "session/vx_file_keywords.h"
 
 vxAppLogStruct_t vxAppLogStruct = {};
@@ -187,7 +188,11 @@ extern "C" void parseMaxIPCount(char* value, char* keyword, int)
     if (const int n = count_in(keyword, value, vx::kBackendCountMax))
         app()->VXBackendMonitor.maxIPCount = n;
 }
-extern "C" void setBackendMonitorEnabled(char* value, char*, int) { app()->monitorSettings.enableBackendMonitor = atoi(value); }
+extern "C" void setBackendMonitorEnabled(char* value, char*, int)
+{
+    vx::store_relaxed(app()->VXBackendMonitor.isBackendMonitorOn,
+                      value && atoi(value) >= 1 ? 1 : 0);
+}
 
 extern "C" void setVXVectorSeperator(char* value, char*, int)
 {

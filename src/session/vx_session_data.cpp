@@ -13,6 +13,7 @@
 #include "link/vx_as_link.h"
 #include "link/vx_control_link.h"
 #include "link/vx_control_thread.h"
+#include "monitor/vx_backend_monitor.h"
 #include "monitor/vx_bt_monitor.h"
 #include "monitor/vx_monitor_model.h"
 #include "session/vx_control_dispatch.h"
@@ -30,6 +31,7 @@ extern "C" void free_agent_data(void)
         vx::wait_or_shutdown(apr_time_from_sec(vx::kMetaDrainSeconds));
         vx::retire_method_table(table);
     }
+    vx::backend_monitor_unbind_all(); /* the table's backends are gone with it */
     /* The models' counters and the slots go: the next session numbers its
      * slots from 0. */
     free_threadBasedModelMap();

@@ -1,5 +1,6 @@
 #include "vx_test_support.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,8 +16,10 @@
 #include "diag/vx_autosensor_thread.h"
 #include "link/vx_as_link.h"
 #include "link/vx_data_dispatcher.h"
+#include "monitor/vx_backend_monitor.h"
 #include "monitor/vx_bt_monitor.h"
 #include "monitor/vx_monitor_model.h"
+#include "monitor/vx_tdigest.h"
 #include "session/vx_session.h"
 #include "vx_sdk.h"
 
@@ -222,6 +225,48 @@ void fresh_bt_monitor()
     s.tierID = 3;
     s.appID = 4;
     createVectorPrefix();
+}
+
+void fresh_backend_monitor()
+{
+    fresh_bt_monitor();
+    VXBackendMonitorInit();
+}
+
+std::vector<std::string> split_lines(const std::string& text)
+{
+    std::vector<std::string> out;
+    for (size_t at = 0, nl; at < text.size(); at = nl + 1)
+        out.push_back(text.substr(at, (nl = text.find('\n', at)) - at + 1));
+    return out;
+}
+
+std::vector<DigestRecord> digest_records(const std::string& bytes)
+{
+    std::vector<DigestRecord> out;
+    for (size_t at = 0; at < bytes.size();) {
+        const size_t nl = bytes.find('\n', at);
+        EXPECT_NE(nl, std::string::npos);
+        if (nl == std::string::npos) break;
+        DigestRecord r{bytes.substr(at, nl - at), {}};
+        const size_t n = std::stoul(r.head.substr(r.head.rfind(',') + 1));
+        r.body = bytes.substr(nl + 1, n);
+        EXPECT_EQ(bytes.substr(nl + 1 + n, 1), "\n") << r.head;
+        at = nl + 2 + n;
+        out.push_back(r);
+    }
+    return out;
+}
+
+std::vector<double> tdigest_means(const std::string& body)
+{
+    td_histogram_t* h = td_deserialize(body.data(), body.size(), 0);
+    std::vector<double> out;
+    if (!h) return out;
+    td_compress(h);
+    for (int i = 0; i < h->merged_nodes; ++i) out.push_back(h->nodes[i].mean);
+    td_free(h);
+    return out;
 }
 
 }  // namespace vx_test

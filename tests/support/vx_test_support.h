@@ -134,6 +134,25 @@ public:
  * begin "<n>,3|4|<id>:T>S>I>". The caller restores app->VXBCISetting. */
 void fresh_bt_monitor();
 
+/* fresh_bt_monitor, and the backend monitor as a session's start leaves it
+ * (no counters, no digests), with the same record heads. */
+void fresh_backend_monitor();
+
+/* The lines of a text, each with its line feed. */
+std::vector<std::string> split_lines(const std::string& text);
+
+/* A digest record (96 or 121) as the auto-sensor channel carries it: its
+ * head line, without the line feed, and its binary body. */
+struct DigestRecord {
+    std::string head;
+    std::string body;
+};
+/* The digest records of the channel's bytes; a malformed one fails the
+ * test. */
+std::vector<DigestRecord> digest_records(const std::string& bytes);
+/* The centroid means of a record 96 body. */
+std::vector<double> tdigest_means(const std::string& body);
+
 /* Opens a session on construction and closes it (closing every flowpath still
  * open) on destruction; restores the VXSys values tests commonly change. */
 class SessionScope {

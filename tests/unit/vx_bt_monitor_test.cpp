@@ -54,11 +54,7 @@ protected:
         std::vector<char> buf(static_cast<size_t>(bufLen));
         int len = 0;
         generateAndDumpBTMonitoringRecord(buf.data(), &len, bufLen);
-        const std::string text(buf.data(), static_cast<size_t>(len));
-        Lines out;
-        for (size_t at = 0, nl; at < text.size(); at = nl + 1)
-            out.push_back(text.substr(at, (nl = text.find('\n', at)) - at + 1));
-        return out;
+        return vx_test::split_lines(std::string(buf.data(), static_cast<size_t>(len)));
     }
 
     /* Counts one transaction of `bt` on record `td` directly. */

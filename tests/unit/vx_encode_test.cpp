@@ -40,6 +40,17 @@ TEST(VxEncode, EachEncoderEscapesItsOwnSetAndLeavesTheRest)
     for (const auto& c : cases) EXPECT_EQ(encode(c.fn, c.in), c.want) << c.in;
 }
 
+TEST(VxEncode, DecodeHTMLUndoesEscapeHTMLInOnePassAndCopiesWhatIsNoEntity)
+{
+    std::string in = "HTTP_a.b:80|\"x\"&#46;\n_";
+    char esc[256], back[256];
+    escapeHTML(esc, sizeof esc, in.data(), 1);
+    decodeHTML(back, esc);
+    EXPECT_EQ(std::string(back), in) << esc;
+    decodeHTML(back, "&#;&#1234;&#46&#0;&#x41;&");
+    EXPECT_STREQ(back, "&#;&#1234;&#46&#0;&#x41;&");
+}
+
 /* Every encoder stops 2 bytes from `len`, terminates, never writes past
  * `len`, and never leaves half an escape at the end: the output is the
  * encoding of the longest prefix of the input that fits in len - 2. */

@@ -28,39 +28,10 @@ using vx_test::S;
 constexpr long long kEpoch = 1388534400000LL;
 constexpr long long kStart = kEpoch + 7000000;
 
-/* A record as the channel carries it: its head line and its binary body. */
-struct DigestRecord {
-    std::string head;
-    std::string body;
-};
+using vx_test::DigestRecord;
 
-std::vector<DigestRecord> records(const std::string& bytes)
-{
-    std::vector<DigestRecord> out;
-    for (size_t at = 0; at < bytes.size();) {
-        const size_t nl = bytes.find('\n', at);
-        EXPECT_NE(nl, std::string::npos);
-        if (nl == std::string::npos) break;
-        DigestRecord r{bytes.substr(at, nl - at), {}};
-        const size_t n = std::stoul(r.head.substr(r.head.rfind(',') + 1));
-        r.body = bytes.substr(nl + 1, n);
-        EXPECT_EQ(bytes.substr(nl + 1 + n, 1), "\n") << r.head;
-        at = nl + 2 + n;
-        out.push_back(r);
-    }
-    return out;
-}
-
-std::vector<double> means(const std::string& body)
-{
-    td_histogram_t* h = td_deserialize(body.data(), body.size(), 0);
-    std::vector<double> out;
-    if (!h) return out;
-    td_compress(h);
-    for (int i = 0; i < h->merged_nodes; ++i) out.push_back(h->nodes[i].mean);
-    td_free(h);
-    return out;
-}
+const auto records = vx_test::digest_records;
+const auto means = vx_test::tdigest_means;
 
 class Percentiles : public testing::Test {
 protected:

@@ -61,6 +61,7 @@
 
 #include "agent/vx_instance.h"
 #include "core/vx_atomic.h"
+#include "core/vx_platform.h"
 #include "core/vx_thread.h"
 #include "link/vx_data_dispatcher.h"
 #include "session/vx_session.h"
@@ -318,7 +319,6 @@ int run_urls(VXProxyInstance_t* app, int seconds, int threads, int hold_ms,
     return 0;
 }
 
-
 /* Waits up to 30 s for the data connection, then 200 ms more. */
 bool wait_data(VXProxyInstance_t* app)
 {
@@ -347,14 +347,16 @@ int run_front(VXProxyInstance_t* app, const char* path)
         auto* fp = static_cast<VXPerThreadData_t*>(
             startFP(nullptr, url, nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
         if (!fp) continue;
-        void* h = vxMethodEntry(nullptr, fp, post, nullptr, nullptr, 0, nullptr, nullptr, 0, nullptr);
+        void* h =
+            vxMethodEntry(nullptr, fp, post, nullptr, nullptr, 0, nullptr, nullptr, 0, nullptr);
         const char* header = getTierCallOut(fp, backend);
         if (header) {
             out << fp->flowpathInstance << ' ' << header << std::endl;
             ++sent;
         }
         sleep_ms(5);
-        vxMethodExit(h, fp, post, 0, -1, backend, 0, 0, 1, nullptr, 1, nullptr, 0, nullptr);
+        vxMethodExit(h, fp, post, 0, -1, backend, 0, 0, 1, nullptr, 1, nullptr, my_gettimeofday(),
+                     nullptr);
         endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
         reset(fp);
         sleep_ms(20);
@@ -373,8 +375,9 @@ int run_back(VXProxyInstance_t* app, int seconds, const char* path)
     app->VXSys.flowPathInstanceInitialID += 1LL << 60;
     char url[] = "/back/stock|GET";
     auto serve = [&](const std::string& caller) {
-        auto* fp = static_cast<VXPerThreadData_t*>(startFP(const_cast<char*>(caller.c_str()), url, nullptr,
-                                                           nullptr, nullptr, nullptr, nullptr, -1, 0));
+        auto* fp =
+            static_cast<VXPerThreadData_t*>(startFP(const_cast<char*>(caller.c_str()), url, nullptr,
+                                                    nullptr, nullptr, nullptr, nullptr, -1, 0));
         if (!fp) return 0;
         endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
         reset(fp);
@@ -387,7 +390,8 @@ int run_back(VXProxyInstance_t* app, int seconds, const char* path)
         std::ifstream in(path);
         std::vector<std::string> lines;
         for (std::string l; std::getline(in, l);) lines.push_back(l);
-        for (; done < lines.size(); ++done) taken += serve(lines[done].substr(lines[done].find(' ') + 1));
+        for (; done < lines.size(); ++done)
+            taken += serve(lines[done].substr(lines[done].find(' ') + 1));
         sleep_ms(20);
     }
     for (const char* hostile : {"1_2", "_______________", "9F_x_\n91,evil_NA_0_NA_t_s_i"})
@@ -404,7 +408,8 @@ int main(int argc, char** argv)
     if (argc < 3) {
         fprintf(stderr,
                 "usage: %s stream SECONDS | load SECONDS THREADS | idle SECONDS | methods SECONDS "
-                "[eager] | urls SECONDS THREADS HOLD_MS URL... | front SECONDS FILE | back SECONDS FILE\n",
+                "[eager] | urls SECONDS THREADS HOLD_MS URL... | front SECONDS FILE | back SECONDS "
+                "FILE\n",
                 argv[0]);
         return 64;
     }

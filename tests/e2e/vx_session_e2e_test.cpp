@@ -716,7 +716,8 @@ std::map<long long, std::vector<long long>> response_times(const std::vector<std
 vxc::Options monitor_session(int test_idx)
 {
     vxc::Options o = pattern_session(test_idx, kPatternRules, "ALL|20|40\n");
-    std::ofstream(o.session_file, std::ios::app) << "ASReportInterval=1000\nvxMonitorInterval=1000\n";
+    std::ofstream(o.session_file, std::ios::app)
+        << "ASReportInterval=1000\nvxMonitorInterval=1000\n";
     return o;
 }
 
@@ -739,8 +740,9 @@ TEST(Monitors, EachIntervalReportsTheTransactionsOfEveryBTOnTheAutoSensorStream)
     ASSERT_EQ(host.wait(60), 0);
     vxc.stop();
 
-    vxc.expect_counts("as_connections=1 as_bad_opening=0 as_malformed=0 malformed=0 "
-                      "undeclared_bt=0");
+    vxc.expect_counts(
+        "as_connections=1 as_bad_opening=0 as_malformed=0 malformed=0 "
+        "undeclared_bt=0");
     const auto as = vxc.auto_sensor_connections();
     ASSERT_EQ(as.size(), 1u);
     EXPECT_NE(as[0][0].find(";VXCollectorPort=" + std::to_string(vxc.port()) + ",testIdx=81;"),
@@ -783,9 +785,11 @@ TEST(Monitors, EachIntervalReportsTheTransactionsOfEveryBTOnTheAutoSensorStream)
         for (long long d : durations) total += d;
         EXPECT_EQ(s.count, static_cast<long long>(durations.size()));
         EXPECT_EQ(s.errors, 0);
-        EXPECT_EQ(s.min, static_cast<double>(*std::min_element(durations.begin(), durations.end())));
+        EXPECT_EQ(s.min,
+                  static_cast<double>(*std::min_element(durations.begin(), durations.end())));
         EXPECT_EQ(s.max, *std::max_element(durations.begin(), durations.end()));
-        EXPECT_NEAR(s.total, static_cast<double>(total), 0.01 * static_cast<double>(durations.size()));
+        EXPECT_NEAR(s.total, static_cast<double>(total),
+                    0.01 * static_cast<double>(durations.size()));
     }
 }
 
@@ -852,8 +856,8 @@ TEST(Percentiles, EachBTsDigestHoldsWhatItsIntervalsServedAndAModifySendsIt)
         opts.stop_after_ms = 7000;
         e2e::Collector vxc(opts);
         ASSERT_EQ(vxc.start(), 0);
-        e2e::Host host({"urls", "5", "1", "700", "/shop/item/42|GET", "/shop/cart|GET"},
-                       vxc.port(), kMonitorEnv);
+        e2e::Host host({"urls", "5", "1", "700", "/shop/item/42|GET", "/shop/cart|GET"}, vxc.port(),
+                       kMonitorEnv);
         ASSERT_EQ(host.wait(60), 0);
         vxc.stop();
 
@@ -876,8 +880,8 @@ TEST(Percentiles, EachBTsDigestHoldsWhatItsIntervalsServedAndAModifySendsIt)
             }
             EXPECT_GE(r.count, name == "AllTransactions" ? 6u : 3u);
             EXPECT_EQ(r.count, r.exact_n) << "one value per interval served";
-            for (auto [got, want] : {std::pair{r.p50, r.exact_p50}, {r.p90, r.exact_p90},
-                                     {r.p99, r.exact_p99}})
+            for (auto [got, want] :
+                 {std::pair{r.p50, r.exact_p50}, {r.p90, r.exact_p90}, {r.p99, r.exact_p99}})
                 EXPECT_NEAR(got, want, want * c.tolerance + 1e-6);
         }
         EXPECT_EQ(by_name["AllTransactions"].count,
@@ -893,24 +897,30 @@ namespace {
 const std::map<std::string, std::string> kTierFiles = {
     {"entry.txt", "e2e|Http.post|HTTP_CALLOUT|2\n"},
     {"bt_rules.txt", "# one business transaction per URL path\n"},
-    {"profile.txt", "e2e|Http|post|0|1\n"},
+    /* The profile keeps the entry file's callout: flag 2, callout kind 3. */
+    {"profile.txt", "e2e|Http|post|3|2\n"},
 };
 
 }  // namespace
 
 TEST(Tiers, TheBackTierReadsTheFrontsHeaderAndItsFlowpathsJoinTheFrontsChain)
 {
-    vxc::Options opts = session_options(session_keywords(51), kTierFiles);
+    vxc::Options opts =
+        session_options(session_keywords(51) + "ASReportInterval=1000\n", kTierFiles);
     opts.stop_after_ms = 9000;
     e2e::Collector vxc(opts);
     ASSERT_EQ(vxc.start(), 0);
     const std::string headers = vx_test::make_temp_dir("vx_e2e_tiers_") + "/headers.txt";
-    e2e::Host front({"front", "10", headers}, vxc.port(), {"KLV_APP_AGENT_TIER=Front_End"});
-    e2e::Host back({"back", "10", headers}, vxc.port(), {"KLV_APP_AGENT_TIER=Back"});
+    std::vector<std::string> front_env = kMonitorEnv, back_env = kMonitorEnv;
+    front_env.push_back("KLV_APP_AGENT_TIER=Front_End");
+    back_env.push_back("KLV_APP_AGENT_TIER=Back");
+    e2e::Host front({"front", "10", headers}, vxc.port(), front_env);
+    e2e::Host back({"back", "10", headers}, vxc.port(), back_env);
     ASSERT_EQ(front.wait(60), 0);
     ASSERT_EQ(back.wait(60), 0);
     vxc.stop();
-    vxc.expect_counts("start_answers=2 malformed=0 records_91=1 records_91_repeated=0 chained_unresolved=0");
+    vxc.expect_counts(
+        "start_answers=2 malformed=0 records_91=1 records_91_repeated=0 chained_unresolved=0");
 
     ASSERT_EQ(front.number("calls"), 10);
     EXPECT_EQ(back.number("transactions"), 13) << "hostile headers still run their transactions";
@@ -940,4 +950,17 @@ TEST(Tiers, TheBackTierReadsTheFrontsHeaderAndItsFlowpathsJoinTheFrontsChain)
     EXPECT_EQ(topo[0].caller_backend, "HTTP_back");
     EXPECT_EQ(topo[0].caller_tier, "Front_End");
     EXPECT_EQ(topo[0].tier, "Back");
+
+    /* The front's ten calls are counted on its backend, named by the HTTP
+     * rule, once each, none in error. */
+    long long calls = 0, last_cum = 0;
+    for (const auto& row : vxc.backend_monitor()) {
+        EXPECT_EQ(row.name, "HTTP_back") << "interval " << row.interval;
+        EXPECT_EQ(row.errors, 0);
+        EXPECT_GE(row.min, 5) << "each call slept 5 ms";
+        calls += row.count;
+        last_cum = row.cum_count;
+    }
+    EXPECT_EQ(calls, 10);
+    EXPECT_EQ(last_cum, 10);
 }

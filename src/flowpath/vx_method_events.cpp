@@ -241,68 +241,6 @@ extern "C" void* vxMethodExit(void* methodPtr, VXPerThreadData_t* vxTD, char* mN
 
 namespace {
 
-/* The backend `description` named for callout method `m` when this record
- * saw it last in the current table and rules; null otherwise. */
-methodPropProperties* cached_backend(VXPerThreadData_t* vxTD, const methodPropProperties* m,
-                                     const char* description, const void* generation, int rules)
-{
-    for (const VXBackendCacheEntry& e : vxTD->backendCache)
-        if (e.method == m && e.generation == generation && e.rules == rules &&
-            strcmp(e.description, description) == 0)
-            return e.backend;
-    return nullptr;
-}
-
-void remember_backend(VXPerThreadData_t* vxTD, const methodPropProperties* m, const char* description,
-                      methodPropProperties* backend, const void* generation, int rules)
-{
-    if (strlen(description) >= sizeof vxTD->backendCache[0].description) return;
-    VXBackendCacheEntry& e = vxTD->backendCache[vxTD->backendCacheNext];
-    vxTD->backendCacheNext = (vxTD->backendCacheNext + 1) % vx::kBackendCacheSize;
-    e.method = m;
-    e.backend = backend;
-    e.generation = generation;
-    e.rules = rules;
-    strcpy(e.description, description);
-}
-
-/* Backend of a callout exit (steps shared by the normal and the exception
- * exit): the method itself, or the entry named by the backend description.
- * A record that called the same backend before finds it in its own cache
- * without the method lock: the table and the rules it was named by must
- * still be the current ones. Resource ids are not cached (they are given
- * under their own lock). */
-methodPropProperties* callout_backend(VXProxyInstance_t* app, VXPerThreadData_t* vxTD,
-                                      methodPropProperties* m, char* encodedBackend,
-                                      long long* resourceID, bool exception_path)
-{
-    const bool wants_resource = m->type_ == kMethodTypeHttp && app->VXSys.enableIPResourceURL && !exception_path;
-    const bool cacheable = encodedBackend && *encodedBackend && !wants_resource;
-    const void* generation = vx::load_acquire(app->methodTable.methodHashMapNode);
-    const int rules = vx::load_acquire(app->backendNaming.version);
-    if (cacheable)
-        if (methodPropProperties* b = cached_backend(vxTD, m, encodedBackend, generation, rules)) return b;
-
-    /* Backends are made in the current generation, under the lock that
-     * chose it (the lock is nested: the lookup takes it again). */
-    vx::VXLockGuard guard(app->methodTable.methodEntryLock);
-    node_t* node = app->methodTable.methodHashMapNode;
-    if (!node) return m;
-    if (!encodedBackend || !*encodedBackend) {
-        if (m->type_ != kMethodTypeDatabase) return m;
-        return searchAndUpdateMethodHashMap(encodedBackend, node, 0, m->type_, m->callOutValue);
-    }
-    if (wants_resource) *resourceID = getIDForIPResourceURL(encodedBackend);
-    char rule[kBackendRuleSize];
-    vx::copy_text(rule, sizeof rule, vx::backend_rule(m->type_));
-    char name[kBackendNameSize];
-    settingBackendName(encodedBackend, rule, name, sizeof name);
-    methodPropProperties* b = searchAndUpdateMethodHashMap(name, node, 1, m->type_, m->callOutValue);
-    if (!b) return m;
-    if (cacheable && node == generation) remember_backend(vxTD, m, encodedBackend, b, generation, rules);
-    return b;
-}
-
 /* The backend description with the separators of records turned into
  * numeric entities (the pipe stays), into `out` of kBackendDescSize bytes.
  * Null for no description. */
@@ -340,6 +278,73 @@ char* encode_backend_name(const char* backendName, char* out)
     out[o] = '\0';
     return out;
 }
+
+/* The backend `description` named for callout method `m` when this record
+ * saw it last in the current table and rules; null otherwise. */
+methodPropProperties* cached_backend(VXPerThreadData_t* vxTD, const methodPropProperties* m,
+                                     const char* description, const void* generation, int rules)
+{
+    for (const VXBackendCacheEntry& e : vxTD->backendCache)
+        if (e.method == m && e.generation == generation && e.rules == rules &&
+            strcmp(e.description, description) == 0)
+            return e.backend;
+    return nullptr;
+}
+
+void remember_backend(VXPerThreadData_t* vxTD, const methodPropProperties* m, const char* description,
+                      methodPropProperties* backend, const void* generation, int rules)
+{
+    if (strlen(description) >= sizeof vxTD->backendCache[0].description) return;
+    VXBackendCacheEntry& e = vxTD->backendCache[vxTD->backendCacheNext];
+    vxTD->backendCacheNext = (vxTD->backendCacheNext + 1) % vx::kBackendCacheSize;
+    e.method = m;
+    e.backend = backend;
+    e.generation = generation;
+    e.rules = rules;
+    strcpy(e.description, description);
+}
+
+/* Backend of a callout exit (steps shared by the normal and the exception
+ * exit): the method itself, or the entry named by the backend description.
+ * A record that called the same backend before finds it in its own cache
+ * without the method lock: the table and the rules it was named by must
+ * still be the current ones. Resource ids are not cached (they are given
+ * under their own lock). */
+methodPropProperties* callout_backend(VXProxyInstance_t* app, VXPerThreadData_t* vxTD,
+                                      methodPropProperties* m, const char* backendName,
+                                      long long* resourceID, bool exception_path)
+{
+    const bool wants_resource = m->type_ == kMethodTypeHttp && app->VXSys.enableIPResourceURL && !exception_path;
+    const bool cacheable = backendName && *backendName && !wants_resource;
+    const void* generation = vx::load_acquire(app->methodTable.methodHashMapNode);
+    const int rules = vx::load_acquire(app->backendNaming.version);
+    if (cacheable)
+        if (methodPropProperties* b = cached_backend(vxTD, m, backendName, generation, rules)) return b;
+    /* The cache holds descriptions as the host gave them: a hit skips the
+     * encoding too. */
+    char encodedBuf[kBackendDescSize];
+    char* encodedBackend = encode_backend_name(backendName, encodedBuf);
+
+    /* Backends are made in the current generation, under the lock that
+     * chose it (the lock is nested: the lookup takes it again). */
+    vx::VXLockGuard guard(app->methodTable.methodEntryLock);
+    node_t* node = app->methodTable.methodHashMapNode;
+    if (!node) return m;
+    if (!encodedBackend || !*encodedBackend) {
+        if (m->type_ != kMethodTypeDatabase) return m;
+        return searchAndUpdateMethodHashMap(encodedBackend, node, 0, m->type_, m->callOutValue);
+    }
+    if (wants_resource) *resourceID = getIDForIPResourceURL(encodedBackend);
+    char rule[kBackendRuleSize];
+    vx::copy_text(rule, sizeof rule, vx::backend_rule(m->type_));
+    char name[kBackendNameSize];
+    settingBackendName(encodedBackend, rule, name, sizeof name);
+    methodPropProperties* b = searchAndUpdateMethodHashMap(name, node, 1, m->type_, m->callOutValue);
+    if (!b) return m;
+    if (cacheable && node == generation) remember_backend(vxTD, m, backendName, b, generation, rules);
+    return b;
+}
+
 
 }  // namespace
 
@@ -388,13 +393,11 @@ extern "C" void* vxMethodExitEx(void* methodPtr, VXPerThreadData_t* vxTD, char* 
     }
     if (skipped_by_host(app, m)) return nullptr;
 
-    char encodedBuf[kBackendDescSize];
-    char* encoded = encode_backend_name(backendName, encodedBuf);
     const bool callout = (m->isEntryPoint & kEntryPointCallout) && !vxTD->tlIsBTExcluded;
     methodPropProperties* backend = m;
     long long resourceID = 0;
     if (callout) {
-        backend = callout_backend(app, vxTD, m, encoded, &resourceID, false);
+        backend = callout_backend(app, vxTD, m, backendName, &resourceID, false);
         if (m->type_ != kMethodTypeDatabase) {
             ++vxTD->seqNum;
             --vxTD->httpCallOutDepth;
@@ -474,10 +477,8 @@ extern "C" void* vxMethodExitException(void* methodPtr, VXPerThreadData_t* vxTD,
     const int mid = m->methodId;
 
     if ((m->isEntryPoint & kEntryPointCallout) && !vxTD->tlIsBTExcluded) {
-        char encodedBuf[kBackendDescSize];
-        char* encoded = encode_backend_name(backendName, encodedBuf);
         long long resourceID = 0;
-        methodPropProperties* backend = callout_backend(app, vxTD, m, encoded, &resourceID, true);
+        methodPropProperties* backend = callout_backend(app, vxTD, m, backendName, &resourceID, true);
         bool token = true;
         if (m->type_ != kMethodTypeDatabase) {
             --vxTD->httpCallOutDepth;

@@ -6,7 +6,8 @@
  *   vx_ip_db_callout_begin / _end     the cart's query
  *   vx_ip_http_callout_begin          the call to the stock service, which
  *   get_custom_vx_header                carries the agent's correlation text
- *   vx_ip_http_callout_end              so the service's transaction links to it
+ *   sdk_get_propagation_header          and the trace context, so the service's
+ *   vx_ip_http_callout_end              transaction links to it in one trace
  *   sdk_httpReqRespWrapper("resp")    the response headers and status
  *   sdk_getVXSessionCookie            the session cookie to set
  *   vx_bt_end                         the response is sent
@@ -17,6 +18,7 @@
 #include <cstdio>
 #include <thread>
 
+#include "vx_example_host.h"
 #include "vx_sdk.h"
 #include "vx_stock_client.h"
 
@@ -30,6 +32,10 @@ char* S(const char* s)
 {
     return const_cast<char*>(s);
 }
+
+/* A request that arrives with the trace context of an upstream caller, as
+ * the header block gives it: the whole trace keeps that caller's id. */
+#define UPSTREAM_TRACE "\x7ftraceparent$00-4bf92f3577b34da6a3ce929d0e0e4736-00f067aa0ba902b7-01"
 
 struct StockService {
     StockClient* client;
@@ -53,10 +59,16 @@ int check_stock(vxBTHandle h, const StockService& stock, const char* path)
     char url[128];
     snprintf(url, sizeof url, "http://127.0.0.1:%d%s", stock.port, path);
     vx_ip_http_callout_begin(S("Http.get"), h, url);
-    /* Null while the agent has no correlation text to give: the call then
-     * goes without the header. */
+    /* Either is null while the agent has nothing to give: the call then goes
+     * without it. */
     const char* correlation = get_custom_vx_header(h);
-    const int status = stock_client_get(stock.client, path, correlation, kStockCallTimeoutMs);
+    char* trace = sdk_get_propagation_header(h);
+    char headers[3072];
+    snprintf(headers, sizeof headers, "%s%s%s\n%s",
+             correlation ? EXAMPLE_CORRELATION_HEADER : "", correlation ? ":" : "",
+             correlation ? correlation : "", trace ? trace : "");
+    sdk_free_memory(trace);
+    const int status = stock_client_get(stock.client, path, headers, kStockCallTimeoutMs);
     char backend[160];
     snprintf(backend, sizeof backend, "HTTP|127.0.0.1|%d|%s", stock.port, path);
     vx_ip_http_callout_end(S("Http.get"), backend, h, nullptr);
@@ -107,7 +119,7 @@ int shop_front_serve(int stock_port)
     static const Page kPages[] = {
         {"/cart|GET", "User-Agent$demo", true, nullptr, 200, 0},
         {"/api/stock/17|GET", "User-Agent$demo", false, "/api/stock/17", 200, 0},
-        {"/checkout?step=2|POST", "User-Agent$demo", true, "/api/stock/17", 200, 0},
+        {"/checkout?step=2|POST", "User-Agent$demo" UPSTREAM_TRACE, true, "/api/stock/17", 200, 0},
         {"/health|GET", "User-Agent$probe", false, nullptr, 200, 0},
         {"/cart|GET", "User-Agent$demo", true, nullptr, 200, 0},
         {"/api/stock/42|GET", "User-Agent$demo", false, "/api/stock/42", 200, 0},

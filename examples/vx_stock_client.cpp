@@ -1,6 +1,6 @@
 /*
  * One HTTP/1.1 GET per connection over libwebsockets' client: the call opens
- * a connection, adds the correlation header while lws writes the request,
+ * a connection, adds the caller's headers while lws writes the request,
  * reads the status and drains the body, and closes. A deadline on lws's own
  * scheduler bounds the call: when it fires, the connection is killed and the
  * call ends without an answer.
@@ -15,21 +15,19 @@
 #include <new>
 
 #include "vx_example_host.h"
+#include "vx_header_lines.h"
 
 namespace {
 
 /* The call in flight, as the callback sees it (the connection's user data). */
 struct Call {
     lws_sorted_usec_list_t deadline; /* on the context's scheduler while the call runs */
-    const char* correlation;
+    const char* headers; /* "Name:value" lines to add, or null */
     lws* wsi;      /* the connection; null once lws has destroyed it */
     int status;    /* from the answer's status line */
     bool answered; /* the whole body was read */
     bool gone;     /* lws destroyed the connection: nothing refers to the call now */
 };
-
-/* lws names custom headers with their colon. */
-constexpr char kHeaderName[] = EXAMPLE_CORRELATION_HEADER ":";
 
 int on_client_event(lws* wsi, lws_callback_reasons reason, void* user, void* in, size_t len)
 {
@@ -37,12 +35,8 @@ int on_client_event(lws* wsi, lws_callback_reasons reason, void* user, void* in,
     if (!call) return lws_callback_http_dummy(wsi, reason, user, in, len);
     switch (reason) {
         case LWS_CALLBACK_CLIENT_APPEND_HANDSHAKE_HEADER: {
-            if (!call->correlation || !*call->correlation) break;
             auto** p = static_cast<unsigned char**>(in);
-            const auto* value = reinterpret_cast<const unsigned char*>(call->correlation);
-            if (lws_add_http_header_by_name(
-                    wsi, reinterpret_cast<const unsigned char*>(kHeaderName), value,
-                    static_cast<int>(strlen(call->correlation)), p, *p + len))
+            if (add_header_lines(wsi, call->headers, p, *p + len))
                 return -1; /* too long for lws's buffer: no call rather than a wrong one */
             break;
         }
@@ -129,11 +123,11 @@ void stock_client_destroy(StockClient* client)
     delete client;
 }
 
-int stock_client_get(StockClient* client, const char* path, const char* correlation, int timeout_ms)
+int stock_client_get(StockClient* client, const char* path, const char* headers, int timeout_ms)
 {
     Call& call = client->call;
     memset(&call, 0, sizeof call);
-    call.correlation = correlation;
+    call.headers = headers;
     call.status = -1;
 
     lws_client_connect_info info;

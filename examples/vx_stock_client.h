@@ -1,6 +1,7 @@
 /*
  * The shop's HTTP client for the stock service: one GET at a time, with the
- * correlation header when the agent gives one, in bounded time.
+ * headers the agent gives for it (correlation, trace context), in bounded
+ * time.
  *
  * The client owns a libwebsockets context that only the thread which created
  * it may use (libwebsockets is single-threaded): the shop serves its pages on
@@ -17,11 +18,10 @@ struct StockClient;
 StockClient* stock_client_create(int port);
 void stock_client_destroy(StockClient* client);
 
-/* GET `path` ("/api/stock/17"), with `correlation` as the value of
- * EXAMPLE_CORRELATION_HEADER unless it is null or empty. Waits at most
- * `timeout_ms` for the whole answer. Returns the answer's HTTP status, or -1
- * when no answer came (refused, reset, timed out). */
-int stock_client_get(StockClient* client, const char* path, const char* correlation,
-                     int timeout_ms);
+/* GET `path` ("/api/stock/17") with `headers`, "Name:value" lines (null:
+ * none). Waits at most `timeout_ms` for the whole answer. Returns the
+ * answer's HTTP status, or -1 when no answer came (refused, reset, timed out,
+ * a header lws cannot take). */
+int stock_client_get(StockClient* client, const char* path, const char* headers, int timeout_ms);
 
 #endif

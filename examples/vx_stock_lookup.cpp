@@ -68,22 +68,44 @@ int query_quantity(vxBTHandle h, int item)
 
 }  // namespace
 
-int stock_lookup(const char* path, const char* correlation, char* body, size_t room)
+namespace {
+
+/* Appends "\x7f<name>$<value>" to the header block when `value` is given. */
+void add_entry(char* block, size_t room, const char* name, const char* value)
 {
+    if (!value || !*value) return;
+    const size_t used = strlen(block);
+    snprintf(block + used, room - used, "\x7f%s$%s", name, value);
+}
+
+}  // namespace
+
+int stock_lookup(const StockRequest& request, char* body, size_t room, char* trace, size_t trace_room)
+{
+    if (trace_room) trace[0] = '\0';
     char url[128];
-    snprintf(url, sizeof url, "%s|GET", path);
+    snprintf(url, sizeof url, "%s|GET", request.path);
+    const char* correlation = request.correlation;
     const bool linked = correlation && *correlation;
     /* The agent's header block: "name$value" entries apart by the byte 0x7F. */
-    char headers[1200];
-    snprintf(headers, sizeof headers, "Accept$application/json%s%s",
-             linked ? "\x7f" EXAMPLE_CORRELATION_HEADER "$" : "", linked ? correlation : "");
+    char headers[4096] = "Accept$application/json";
+    add_entry(headers, sizeof headers, EXAMPLE_CORRELATION_HEADER, correlation);
+    add_entry(headers, sizeof headers, "traceparent", request.traceparent);
+    add_entry(headers, sizeof headers, "tracestate", request.tracestate);
     /* No cookies: the caller is another tier, not a browser. */
     vxBTHandle h =
         vx_bt_begin(url, nullptr, nullptr, nullptr, headers, linked ? S(correlation) : nullptr);
-    if (h) sdk_httpReqRespWrapper(h, headers, S("req"), 0);
+    if (h) {
+        sdk_httpReqRespWrapper(h, headers, S("req"), 0);
+        /* The context this tier carries on, for the answer's headers. */
+        if (char* lines = sdk_get_propagation_header(h)) {
+            snprintf(trace, trace_room, "%s", lines);
+            sdk_free_memory(lines);
+        }
+    }
 
     enter(h, "Stock.handle");
-    const int item = item_of(path);
+    const int item = item_of(request.path);
     int status = 404;
     if (item) {
         enter(h, "Stock.lookup");

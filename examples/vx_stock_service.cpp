@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "vx_example_host.h"
+#include "vx_header_lines.h"
 #include "vx_stock_lookup.h"
 
 namespace {
@@ -33,8 +34,15 @@ void on_stop_tick(lws_sorted_usec_list_t* sul)
 
 /* lws stores the names of headers it does not know in lower case, with their
  * colon. */
-constexpr char kHeaderName[] = "x-vx-correlation:";
-static_assert(sizeof kHeaderName == sizeof EXAMPLE_CORRELATION_HEADER + 1);
+constexpr char kCorrelationName[] = "x-vx-correlation:";
+static_assert(sizeof kCorrelationName == sizeof EXAMPLE_CORRELATION_HEADER + 1);
+
+/* A custom header's value into `out`, or "" when absent or too long. */
+template <size_t N>
+void custom_header(lws* wsi, const char (&name)[N], char* out, int room)
+{
+    if (lws_hdr_custom_copy(wsi, out, room, name, static_cast<int>(N - 1)) < 0) out[0] = '\0';
+}
 
 /* One request's answer, kept between its headers and its body. */
 struct Answer {
@@ -51,20 +59,22 @@ int answer_request(lws* wsi, Answer* answer)
         if (lws_return_http_status(wsi, HTTP_STATUS_METHOD_NOT_ALLOWED, nullptr)) return -1;
         return lws_http_transaction_completed(wsi) ? -1 : 0;
     }
-    char correlation[1024];
-    if (lws_hdr_custom_copy(wsi, correlation, sizeof correlation, kHeaderName,
-                            sizeof kHeaderName - 1) < 0)
-        correlation[0] = '\0'; /* none, or too long to be a correlation text */
-    const int status = stock_lookup(path, correlation, answer->body, sizeof answer->body);
+    char correlation[1024], traceparent[256], tracestate[512];
+    custom_header(wsi, kCorrelationName, correlation, sizeof correlation);
+    custom_header(wsi, "traceparent:", traceparent, sizeof traceparent);
+    custom_header(wsi, "tracestate:", tracestate, sizeof tracestate);
+    char trace[2048];
+    const int status = stock_lookup({path, correlation, traceparent, tracestate}, answer->body,
+                                    sizeof answer->body, trace, sizeof trace);
     answer->length = static_cast<int>(strlen(answer->body));
 
-    unsigned char buffer[LWS_PRE + 512];
+    unsigned char buffer[LWS_PRE + 3072];
     unsigned char* start = buffer + LWS_PRE;
     unsigned char* p = start;
     unsigned char* end = buffer + sizeof buffer - 1;
     if (lws_add_http_common_headers(wsi, static_cast<unsigned>(status), "application/json",
                                     static_cast<lws_filepos_t>(answer->length), &p, end) ||
-        lws_finalize_write_http_header(wsi, start, &p, end))
+        add_header_lines(wsi, trace, &p, end) || lws_finalize_write_http_header(wsi, start, &p, end))
         return -1;
     lws_callback_on_writable(wsi);
     return 0;

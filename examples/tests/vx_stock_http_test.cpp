@@ -52,7 +52,7 @@ TEST(StockHttp, CallsEndInBoundedTimeWhenNoAnswerComes)
     /* Twice: a killed connection must not hold the next call up either. */
     for (int i = 0; i < 2; ++i) {
         const auto t0 = std::chrono::steady_clock::now();
-        EXPECT_EQ(stock_client_get(client, "/api/stock/1", "1_2_3.4_NA_5_NA_t_s_i", 300), -1);
+        EXPECT_EQ(stock_client_get(client, "/api/stock/1", "X-VX-Correlation:1_2_3.4_NA_5_NA_t_s_i", 300), -1);
         EXPECT_LT(ms_since(t0), 1500);
     }
     stock_client_destroy(client);
@@ -81,9 +81,14 @@ TEST(StockHttp, ServiceAnswersItemsAndStopsWhenAsked)
     std::thread service([&rc, port] { rc = stock_service_run(port); });
     StockClient* client = stock_client_create(port);
     ASSERT_NE(client, nullptr);
+    /* What the front sends: correlation and trace context, an empty line
+     * between them as when the agent gives no correlation text. */
+    static const char kHeaders[] =
+        "X-VX-Correlation:1_2_3.4_NA_5_NA_t_s_i\n\n"
+        "traceparent:00-4bf92f3577b34da6a3ce929d0e0e4736-00f067aa0ba902b7-01\ntracestate:a=1";
     int status = -1;
     for (int i = 0; i < 50 && status == -1; ++i) {
-        status = stock_client_get(client, "/api/stock/17", "1_2_3.4_NA_5_NA_t_s_i", 1000);
+        status = stock_client_get(client, "/api/stock/17", kHeaders, 1000);
         if (status == -1) std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     EXPECT_EQ(status, 200);
@@ -91,6 +96,8 @@ TEST(StockHttp, ServiceAnswersItemsAndStopsWhenAsked)
     EXPECT_EQ(stock_client_get(client, "/api/stock/0", nullptr, 1000), 404);
     EXPECT_EQ(stock_client_get(client, "/api/stock/17x", nullptr, 1000), 404);
     EXPECT_EQ(stock_client_get(client, "/cart", nullptr, 1000), 404);
+    EXPECT_EQ(stock_client_get(client, "/api/stock/17", "no colon here", 1000), -1)
+        << "a header without a name is not sent half-made";
     stock_client_destroy(client);
 
     stock_service_request_stop();

@@ -30,15 +30,19 @@
  *   front SECONDS FILE
  *                    once the data connection has been open for 200 ms, run
  *                    ten transactions "/front/pay" that each call another
- *                    tier through Http.post: the call's correlation header
- *                    goes to FILE, one line "<instance> <header>" each;
- *                    report the count, then wait for the session to stop
+ *                    tier through Http.post; every other one arrives with an
+ *                    upstream caller's traceparent (trace id kUpstreamTrace).
+ *                    The call's correlation header and traceparent go to
+ *                    FILE, one line "<instance> <header> <traceparent>" each
+ *                    ("-" for none); report the count, then wait for the
+ *                    session to stop
  *   back SECONDS FILE
  *                    serve, as the called tier, one transaction "/back/stock"
  *                    per line of FILE as the lines appear (up to ten), with
- *                    the header as the caller's correlation text, then three
- *                    with headers no caller would send; report how many the
- *                    agent took, then wait for the session to stop
+ *                    the header as the caller's correlation text and the
+ *                    traceparent among its request headers, then three with
+ *                    headers no caller would send; report how many the agent
+ *                    took, then wait for the session to stop
  *
  * Until the collector starts sessions itself, the session is opened here by
  * raising its flags and starting the data thread.
@@ -55,6 +59,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,6 +68,8 @@
 #include "core/vx_atomic.h"
 #include "core/vx_platform.h"
 #include "core/vx_thread.h"
+#include "http/vx_http_capture.h"
+#include "http/vx_trace_headers.h"
 #include "link/vx_data_dispatcher.h"
 #include "session/vx_session.h"
 #include "vx_sdk.h"
@@ -334,6 +341,19 @@ void wait_session_end(VXProxyInstance_t* app)
 }
 
 constexpr int kTierCalls = 10;
+constexpr char kUpstreamTrace[] = "4bf92f3577b34da6a3ce929d0e0e4736";
+
+/* The value of the "traceparent:" line of the agent's outgoing headers, or
+ * "-" when it gives none. */
+std::string outgoing_traceparent(VXPerThreadData_t* fp)
+{
+    char lines[2048] = "";
+    get_propagation_header(fp, lines);
+    const char* at = strstr(lines, "traceparent:");
+    if (!at) return "-";
+    at += strlen("traceparent:");
+    return std::string(at, strcspn(at, "\n"));
+}
 
 int run_front(VXProxyInstance_t* app, const char* path)
 {
@@ -347,11 +367,16 @@ int run_front(VXProxyInstance_t* app, const char* path)
         auto* fp = static_cast<VXPerThreadData_t*>(
             startFP(nullptr, url, nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
         if (!fp) continue;
+        std::string request = "User-Agent$e2e";
+        if (i % 2 == 0)
+            request += std::string("\x7ftraceparent$00-") + kUpstreamTrace + "-00f067aa0ba902b7-01";
+        httpReqRespWrapper(fp, request.data(), const_cast<char*>("req"), 0);
         void* h =
             vxMethodEntry(nullptr, fp, post, nullptr, nullptr, 0, nullptr, nullptr, 0, nullptr);
         const char* header = getTierCallOut(fp, backend);
         if (header) {
-            out << fp->flowpathInstance << ' ' << header << std::endl;
+            out << fp->flowpathInstance << ' ' << header << ' ' << outgoing_traceparent(fp)
+                << std::endl;
             ++sent;
         }
         sleep_ms(5);
@@ -374,11 +399,16 @@ int run_back(VXProxyInstance_t* app, int seconds, const char* path)
      * moves to another range, as the collector's mask would put it. */
     app->VXSys.flowPathInstanceInitialID += 1LL << 60;
     char url[] = "/back/stock|GET";
-    auto serve = [&](const std::string& caller) {
+    auto serve = [&](const std::string& caller, const std::string& traceparent) {
         auto* fp =
             static_cast<VXPerThreadData_t*>(startFP(const_cast<char*>(caller.c_str()), url, nullptr,
                                                     nullptr, nullptr, nullptr, nullptr, -1, 0));
         if (!fp) return 0;
+        std::string request = "Accept$text/plain";
+        if (traceparent != "-") request += "\x7ftraceparent$" + traceparent;
+        httpReqRespWrapper(fp, request.data(), const_cast<char*>("req"), 0);
+        char response[] = "Content-Type$text/plain";
+        httpReqRespWrapper(fp, response, const_cast<char*>("resp"), 200);
         endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
         reset(fp);
         return 1;
@@ -390,12 +420,16 @@ int run_back(VXProxyInstance_t* app, int seconds, const char* path)
         std::ifstream in(path);
         std::vector<std::string> lines;
         for (std::string l; std::getline(in, l);) lines.push_back(l);
-        for (; done < lines.size(); ++done)
-            taken += serve(lines[done].substr(lines[done].find(' ') + 1));
+        for (; done < lines.size(); ++done) {
+            std::istringstream fields(lines[done]);
+            std::string instance, header, traceparent;
+            fields >> instance >> header >> traceparent;
+            taken += serve(header, traceparent);
+        }
         sleep_ms(20);
     }
     for (const char* hostile : {"1_2", "_______________", "9F_x_\n91,evil_NA_0_NA_t_s_i"})
-        taken += serve(hostile);
+        taken += serve(hostile, "-");
     printf("transactions=%d\n", taken);
     wait_session_end(app);
     return 0;

@@ -325,13 +325,8 @@ extern "C" void dump75RecordForEveryIP(char* buff, int* len, int bufLen,
     if (!app || !buff || !len || !counterObj) return;
     const VXBackendMonitor_t& m = app->VXBackendMonitor;
     const VXBackendMonitorDataCounters& c = *counterObj;
-    const int secs = app->monitorSettings.vxMonitorIntervalInSecs;
-    const double interval = secs > 0 ? secs : 1; /* a zero interval would make rates infinite */
-    if (bufLen - *len < vx::kMonitorRecordMax + 1 && *len > 0) {
-        dumpASData(buff, *len);
-        *len = 0;
-    }
-    const int cap = bufLen - *len < vx::kMonitorRecordMax ? bufLen - *len : vx::kMonitorRecordMax;
+    const double interval = vx::monitor_interval_secs(app);
+    const int cap = vx::monitor_record_begin(buff, len, bufLen);
     if (cap < 2) return;
     char* out = buff + *len;
     const int n = snprintf(
@@ -341,14 +336,7 @@ extern "C" void dump75RecordForEveryIP(char* buff, int* len, int bufLen,
         static_cast<double>(c.count) / interval, mean(c.duration, c.count), c.minDuration,
         c.maxDuration, c.count, c.errorCount, c.count, c.count,
         c.errorCount > 0 ? static_cast<double>(c.errorCount) / interval : 0.0);
-    if (n < 0) return;
-    *len += static_cast<int>(vx::end_line(out, static_cast<size_t>(n), static_cast<size_t>(cap)));
-    /* At the buffer's own limit: a buffer past it may not have room for the
-     * next record. */
-    if (*len > bufLen - (vx::kMonitorRecordMax + 1)) {
-        dumpASData(buff, *len);
-        *len = 0;
-    }
+    vx::monitor_record_end(buff, len, bufLen, n, cap);
 }
 
 extern "C" int generateAndDumpBackendMonitoringRecord(char* buff, int* len, int bufLen)

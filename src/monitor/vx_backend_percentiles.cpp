@@ -108,67 +108,45 @@ extern "C" int generateAndDumpCDigestDataForIP(char* buff, int* len, int bufLen)
     return emitted;
 }
 
-extern "C" void generateAndDumpPartialDigestIPRecords(void)
+namespace {
+
+/* Frees every c-digest of the family; caller holds both locks. */
+void drop_cdigests()
+{
+    VXBackendMonitor_t& m = vx_app()->VXBackendMonitor;
+    for (int id = 0; id < m.reportArrSize; ++id) {
+        VXBackendMonitorDataCounters& e = m.reportArr[id];
+        tslb_free_cdigest(e.cdigest_key);
+        e.cdigest_key = nullptr;
+        e.cdigestDataExist = 0;
+    }
+}
+
+vx::DigestFamily family()
 {
     VXProxyInstance_t* app = vx_app();
-    VXBackendMonitor_t& m = app->VXBackendMonitor;
-    char* buf = static_cast<char*>(malloc(vx::kASWorkBufferSize));
-    if (!buf) {
-        VX_ERROR("PERCENTILE", "No memory for the digests' records; they wait for the next dump");
-        return;
-    }
-    {
-        vx::VXLockGuard report(m.reportLock);
-        vx::VXLockGuard guard(app->percentiles.lock);
-        int len = 0;
-        generateAndDumpTDigestDataForIP(buf, &len, vx::kASWorkBufferSize);
-        generateAndDumpCDigestDataForIP(buf, &len, vx::kASWorkBufferSize);
-        if (len > 0) dumpASData(buf, len);
-        VXTDigestPercentileIP_t& cfg = app->percentiles.TDigestPercentileIP;
-        /* A kind no longer chosen would never be dumped again. */
-        if (cfg.is_enabled != 2)
-            for (int id = 0; id < m.reportArrSize; ++id) {
-                VXBackendMonitorDataCounters& e = m.reportArr[id];
-                tslb_free_cdigest(e.cdigest_key);
-                e.cdigest_key = nullptr;
-                e.cdigestDataExist = 0;
-            }
-        cfg.nextLogTime = vx_agent_now(app) + cfg.aggregate_time;
-    }
-    free(buf);
+    return {app->percentiles.TDigestPercentileIP, app->VXBackendMonitor.reportLock, generateAndDumpTDigestDataForIP,
+            generateAndDumpCDigestDataForIP, drop_cdigests};
+}
+
+}  // namespace
+
+extern "C" void generateAndDumpPartialDigestIPRecords(void)
+{
+    vx::percentiles_dump_now(family());
 }
 
 void vx::ip_percentiles_keyword(const char* keyword, char* value)
 {
-    VXProxyInstance_t* app = vx_app();
-    bool taken;
-    {
-        vx::VXLockGuard guard(app->percentiles.lock);
-        taken = percentile_settings_parse(app->percentiles.TDigestPercentileIP, keyword, value);
-    }
-    if (taken && vx::load_acquire(app->Server.testRunRunning) == 1)
-        generateAndDumpPartialDigestIPRecords();
+    vx::percentiles_keyword(family(), keyword, value);
 }
 
 void vx::ip_percentiles_schedule(long long now)
 {
-    VXPercentiles_t& p = vx_app()->percentiles;
-    vx::VXLockGuard guard(p.lock);
-    percentile_schedule(p.TDigestPercentileIP, now);
+    vx::percentiles_schedule(vx_app()->percentiles.TDigestPercentileIP, now);
 }
 
 void vx::ip_percentiles_dump_due(char* buf, int bufLen, long long now)
 {
-    VXProxyInstance_t* app = vx_app();
-    vx::VXLockGuard report(app->VXBackendMonitor.reportLock);
-    vx::VXLockGuard guard(app->percentiles.lock);
-    VXTDigestPercentileIP_t& cfg = app->percentiles.TDigestPercentileIP;
-    const char kind = cfg.is_enabled;
-    if (!percentile_due(cfg, now)) return;
-    int len = 0;
-    if (kind == 1)
-        generateAndDumpTDigestDataForIP(buf, &len, bufLen);
-    else
-        generateAndDumpCDigestDataForIP(buf, &len, bufLen);
-    if (len > 0) dumpASData(buf, len);
+    vx::percentiles_dump_due(family(), buf, bufLen, now);
 }

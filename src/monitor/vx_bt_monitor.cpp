@@ -693,13 +693,8 @@ extern "C" void dump74RecordForEveryBT(char* buff, int* len, int bufLen,
     if (!app || !buff || !len || !counterObj) return;
     const VXBTMonitor_t& m = app->VXBTMonitor;
     const VXBTMonitorDataCounters& c = *counterObj;
-    const int secs = app->monitorSettings.vxMonitorIntervalInSecs;
-    const double interval = secs > 0 ? secs : 1; /* a zero interval would make rates infinite */
-    if (bufLen - *len < vx::kMonitorRecordMax + 1 && *len > 0) {
-        dumpASData(buff, *len);
-        *len = 0;
-    }
-    const int cap = bufLen - *len < vx::kMonitorRecordMax ? bufLen - *len : vx::kMonitorRecordMax;
+    const double interval = vx::monitor_interval_secs(app);
+    const int cap = vx::monitor_record_begin(buff, len, bufLen);
     if (cap < 2) return;
     char* out = buff + *len;
     int n;
@@ -740,13 +735,7 @@ extern "C" void dump74RecordForEveryBT(char* buff, int* len, int bufLen,
             mean(c.cumSyncTime, c.syncCount), c.minSyncTime, c.maxSyncTime, c.syncCount,
             mean(c.cumWaitTime, c.waitCount), c.minWaitTime, c.maxWaitTime, c.waitCount,
             mean(c.cumQueueTime, c.queueCount), c.minQueueTime, c.maxQueueTime, c.queueCount);
-    *len += static_cast<int>(vx::end_line(out, static_cast<size_t>(n), static_cast<size_t>(cap)));
-    /* At the buffer's own limit: a buffer past it may not have room for the
-     * next record. */
-    if (*len > bufLen - (vx::kMonitorRecordMax + 1)) {
-        dumpASData(buff, *len);
-        *len = 0;
-    }
+    vx::monitor_record_end(buff, len, bufLen, n, cap);
 }
 
 extern "C" int generateAndDumpBTMonitoringRecord(char* buff, int* len, int bufLen)

@@ -129,67 +129,45 @@ extern "C" int generateAndDumpCDigestDataForBT(char* buff, int* len, int bufLen)
     return emitted;
 }
 
-extern "C" void generateAndDumpPartialDigestBTRecords(void)
+namespace {
+
+/* Frees every c-digest of the family; caller holds both locks. */
+void drop_cdigests()
+{
+    VXBTMonitor_t& m = vx_app()->VXBTMonitor;
+    for (int id = 0; id < m.reportArrSize; ++id) {
+        VXBTMonitorDataCounters& e = m.reportArr[id];
+        tslb_free_cdigest(e.cdigest_key);
+        e.cdigest_key = nullptr;
+        e.cdigestDataExist = 0;
+    }
+}
+
+vx::DigestFamily family()
 {
     VXProxyInstance_t* app = vx_app();
-    VXBTMonitor_t& m = app->VXBTMonitor;
-    char* buf = static_cast<char*>(malloc(vx::kASWorkBufferSize));
-    if (!buf) {
-        VX_ERROR("PERCENTILE", "No memory for the digests' records; they wait for the next dump");
-        return;
-    }
-    {
-        vx::VXLockGuard report(m.reportLock);
-        vx::VXLockGuard guard(app->percentiles.lock);
-        int len = 0;
-        generateAndDumpTDigestDataForBT(buf, &len, vx::kASWorkBufferSize);
-        generateAndDumpCDigestDataForBT(buf, &len, vx::kASWorkBufferSize);
-        if (len > 0) dumpASData(buf, len);
-        VXTDigestPercentileBT_t& cfg = app->percentiles.TDigestPercentileBT;
-        /* A kind no longer chosen would never be dumped again. */
-        if (cfg.is_enabled != 2)
-            for (int id = 0; id < m.reportArrSize; ++id) {
-                VXBTMonitorDataCounters& e = m.reportArr[id];
-                tslb_free_cdigest(e.cdigest_key);
-                e.cdigest_key = nullptr;
-                e.cdigestDataExist = 0;
-            }
-        cfg.nextLogTime = vx_agent_now(app) + cfg.aggregate_time;
-    }
-    free(buf);
+    return {app->percentiles.TDigestPercentileBT, app->VXBTMonitor.reportLock, generateAndDumpTDigestDataForBT,
+            generateAndDumpCDigestDataForBT, drop_cdigests};
+}
+
+}  // namespace
+
+extern "C" void generateAndDumpPartialDigestBTRecords(void)
+{
+    vx::percentiles_dump_now(family());
 }
 
 void vx::bt_percentiles_keyword(const char* keyword, char* value)
 {
-    VXProxyInstance_t* app = vx_app();
-    bool taken;
-    {
-        vx::VXLockGuard guard(app->percentiles.lock);
-        taken = percentile_settings_parse(app->percentiles.TDigestPercentileBT, keyword, value);
-    }
-    if (taken && vx::load_acquire(app->Server.testRunRunning) == 1)
-        generateAndDumpPartialDigestBTRecords();
+    vx::percentiles_keyword(family(), keyword, value);
 }
 
 void vx::bt_percentiles_schedule(long long now)
 {
-    VXPercentiles_t& p = vx_app()->percentiles;
-    vx::VXLockGuard guard(p.lock);
-    percentile_schedule(p.TDigestPercentileBT, now);
+    vx::percentiles_schedule(vx_app()->percentiles.TDigestPercentileBT, now);
 }
 
 void vx::bt_percentiles_dump_due(char* buf, int bufLen, long long now)
 {
-    VXProxyInstance_t* app = vx_app();
-    vx::VXLockGuard report(app->VXBTMonitor.reportLock);
-    vx::VXLockGuard guard(app->percentiles.lock);
-    VXTDigestPercentileBT_t& cfg = app->percentiles.TDigestPercentileBT;
-    const char kind = cfg.is_enabled;
-    if (!percentile_due(cfg, now)) return;
-    int len = 0;
-    if (kind == 1)
-        generateAndDumpTDigestDataForBT(buf, &len, bufLen);
-    else
-        generateAndDumpCDigestDataForBT(buf, &len, bufLen);
-    if (len > 0) dumpASData(buf, len);
+    vx::percentiles_dump_due(family(), buf, bufLen, now);
 }

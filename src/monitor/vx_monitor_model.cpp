@@ -9,6 +9,9 @@
 #include "core/vx_atomic.h"
 #include "core/vx_hashmap.h"
 #include "core/vx_platform.h"
+#include "link/vx_as_buffers.h"
+#include "core/vx_record_door.h"
+#include "core/vx_limits.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_per_thread_data.h"
@@ -333,4 +336,29 @@ int vx::monitor_models_each(void (*fn)(VXMonitorDataModel* model, void* ctx), vo
          hi = apr_hash_next(hi), ++n)
         fn(static_cast<VXMonitorDataModel*>(apr_hash_this_val(hi)), ctx);
     return n;
+}
+
+int vx::monitor_record_begin(char* buff, int* len, int bufLen)
+{
+    if (bufLen - *len < vx::kMonitorRecordMax + 1 && *len > 0) {
+        dumpASData(buff, *len);
+        *len = 0;
+    }
+    return bufLen - *len < vx::kMonitorRecordMax ? bufLen - *len : vx::kMonitorRecordMax;
+}
+
+void vx::monitor_record_end(char* buff, int* len, int bufLen, int n, int cap)
+{
+    if (n < 0) return;
+    *len += static_cast<int>(vx::end_line(buff + *len, static_cast<size_t>(n), static_cast<size_t>(cap)));
+    if (*len > bufLen - (vx::kMonitorRecordMax + 1)) {
+        dumpASData(buff, *len);
+        *len = 0;
+    }
+}
+
+double vx::monitor_interval_secs(const VXProxyInstance_t* app)
+{
+    const int secs = app->monitorSettings.vxMonitorIntervalInSecs;
+    return secs > 0 ? secs : 1; /* a zero interval would make rates infinite */
 }

@@ -28,6 +28,7 @@
 #include <apr_thread_mutex.h>
 
 struct VXPerThreadData_t;
+struct VXProxyInstance_t;
 struct VXBTMonitorDataCounters;
 struct BTTagArray;
 struct VXBackendMonitorDataCounters;
@@ -139,6 +140,20 @@ void monitor_vector_prefix(char (&prefix)[1024], char (&prefixID)[64]);
 /* Calls fn on every model under controlThreadTmpLock; the number of models.
  * fn takes the model's own locks. The reporting thread. */
 int monitor_models_each(void (*fn)(VXMonitorDataModel* model, void* ctx), void* ctx);
+
+/* Room for one monitor record at the end of an interval's buffer (`*len`
+ * used of `bufLen`): the buffer goes to the auto-sensor channel first when
+ * it could not take a whole record. The record's capacity; below 2 there is
+ * no room. */
+int monitor_record_begin(char* buff, int* len, int bufLen);
+
+/* Ends the record of `n` bytes (snprintf's count) written at buff + *len in
+ * `cap`: its line end, the length, and the buffer handed on once it is at
+ * its own limit, where it may not hold the next record. */
+void monitor_record_end(char* buff, int* len, int bufLen, int n, int cap);
+
+/* The reporting interval in seconds, as rates divide by it (never 0). */
+double monitor_interval_secs(const VXProxyInstance_t* app);
 
 }  // namespace vx
 

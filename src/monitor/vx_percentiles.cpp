@@ -275,3 +275,56 @@ bool vx::percentile_due(VXTDigestPercentileBT_t& cfg, long long now)
     cfg.nextLogTime += ((now - cfg.nextLogTime) / cfg.aggregate_time + 1) * cfg.aggregate_time;
     return true;
 }
+
+void vx::percentiles_dump_now(const DigestFamily& f)
+{
+    VXProxyInstance_t* app = vx_app();
+    char* buf = static_cast<char*>(malloc(vx::kASWorkBufferSize));
+    if (!buf) {
+        VX_ERROR("PERCENTILE", "No memory for the digests' records; they wait for the next dump");
+        return;
+    }
+    {
+        vx::VXLockGuard report(f.reportLock);
+        vx::VXLockGuard guard(app->percentiles.lock);
+        int len = 0;
+        f.write_tdigests(buf, &len, vx::kASWorkBufferSize);
+        f.write_cdigests(buf, &len, vx::kASWorkBufferSize);
+        if (len > 0) dumpASData(buf, len);
+        /* A kind no longer chosen would never be dumped again. */
+        if (f.cfg.is_enabled != 2) f.drop_cdigests();
+        f.cfg.nextLogTime = vx_agent_now(app) + f.cfg.aggregate_time;
+    }
+    free(buf);
+}
+
+void vx::percentiles_keyword(const DigestFamily& f, const char* keyword, char* value)
+{
+    VXProxyInstance_t* app = vx_app();
+    bool taken;
+    {
+        vx::VXLockGuard guard(app->percentiles.lock);
+        taken = percentile_settings_parse(f.cfg, keyword, value);
+    }
+    if (taken && vx::load_acquire(app->Server.testRunRunning) == 1) percentiles_dump_now(f);
+}
+
+void vx::percentiles_schedule(VXTDigestPercentileBT_t& cfg, long long now)
+{
+    vx::VXLockGuard guard(vx_app()->percentiles.lock);
+    percentile_schedule(cfg, now);
+}
+
+void vx::percentiles_dump_due(const DigestFamily& f, char* buf, int bufLen, long long now)
+{
+    vx::VXLockGuard report(f.reportLock);
+    vx::VXLockGuard guard(vx_app()->percentiles.lock);
+    const char kind = f.cfg.is_enabled;
+    if (!percentile_due(f.cfg, now)) return;
+    int len = 0;
+    if (kind == 1)
+        f.write_tdigests(buf, &len, bufLen);
+    else
+        f.write_cdigests(buf, &len, bufLen);
+    if (len > 0) dumpASData(buf, len);
+}

@@ -128,6 +128,34 @@ void percentile_schedule(VXTDigestPercentileBT_t& cfg, long long now);
  * lock. */
 bool percentile_due(VXTDigestPercentileBT_t& cfg, long long now);
 
+/* One family's series (BTs, backends) as the dumps below see them: its
+ * settings, the lock of its report array, the two record writers (called
+ * under both locks, contract of write_record_96/121) and what frees every
+ * c-digest of the family. */
+struct DigestFamily {
+    VXTDigestPercentileBT_t& cfg;
+    apr_thread_mutex_t* reportLock;
+    int (*write_tdigests)(char* buff, int* len, int bufLen);
+    int (*write_cdigests)(char* buff, int* len, int bufLen);
+    void (*drop_cdigests)();
+};
+
+/* What the family's digests hold now, sent at once (both kinds; a kind no
+ * longer chosen is then released), and the next periodic dump a period
+ * away. Control thread; takes the locks. */
+void percentiles_dump_now(const DigestFamily& f);
+
+/* The family's keyword: settings, then during a session the dump of what
+ * was gathered. Control thread. */
+void percentiles_keyword(const DigestFamily& f, const char* keyword, char* value);
+
+/* The first periodic dump a period after `now`; takes the lock. */
+void percentiles_schedule(VXTDigestPercentileBT_t& cfg, long long now);
+
+/* The periodic dump when due, with the work buffer (handed on before
+ * returning). The reporting thread. */
+void percentiles_dump_due(const DigestFamily& f, char* buf, int bufLen, long long now);
+
 }  // namespace vx
 
 extern "C" {

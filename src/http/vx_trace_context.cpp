@@ -55,17 +55,36 @@ int decimal(const char* s)
  * `value` untouched) unless there are exactly four. */
 bool four_fields(char* value, char* f[4])
 {
-    int dashes = 0;
-    for (const char* p = value; *p; ++p)
-        if (*p == '-' && ++dashes > 3) return false;
-    if (dashes != 3) return false;
+    char* dash[3];
+    const char* from = value;
+    for (int i = 0; i < 3; ++i) {
+        if (!(dash[i] = strchr(const_cast<char*>(from), '-'))) return false;
+        from = dash[i] + 1;
+    }
+    if (strchr(from, '-')) return false;
     f[0] = value;
-    for (int i = 1; i < 4; ++i) {
-        char* d = strchr(f[i - 1], '-');
-        *d = '\0';
-        f[i] = d + 1;
+    for (int i = 0; i < 3; ++i) {
+        *dash[i] = '\0';
+        f[i + 1] = dash[i] + 1;
     }
     return true;
+}
+
+/* HexToDec over [b, e). Adding up digit * 16^k in 64 bits, k counting
+ * hexadecimal digits from the end, wraps the weight to 0 after 16 digits
+ * and cannot overflow before: the sum is not 0 exactly when one of the last
+ * 16 digits is not 0. Other characters are skipped. */
+bool hex_nonzero(const char* b, const char* e)
+{
+    int digits = 0;
+    while (e > b && digits < 16) {
+        const char c = *--e;
+        if (c == '0')
+            ++digits;
+        else if ((c >= '1' && c <= '9') || ((c | 0x20) >= 'a' && (c | 0x20) <= 'f'))
+            return true;
+    }
+    return false;
 }
 
 bool fits_id(const char* id)
@@ -145,25 +164,7 @@ extern "C" int store_propagation_header(Propheaderdata* pdata, const char* name,
 
 extern "C" int HexToDec(const char* hex)
 {
-    if (!hex) return 0;
-    /* Unsigned so that the weight wraps to 0 after 16 digits, as intended:
-     * only the last 16 digits count. */
-    unsigned long long sum = 0, weight = 1;
-    for (size_t i = strlen(hex); i-- > 0;) {
-        const char c = hex[i];
-        unsigned d;
-        if (c >= '0' && c <= '9')
-            d = static_cast<unsigned>(c - '0');
-        else if (c >= 'a' && c <= 'f')
-            d = static_cast<unsigned>(c - 'a' + 10);
-        else if (c >= 'A' && c <= 'F')
-            d = static_cast<unsigned>(c - 'A' + 10);
-        else
-            continue;
-        sum += d * weight;
-        weight *= 16;
-    }
-    return sum != 0 ? 1 : 0;
+    return hex && hex_nonzero(hex, hex + strlen(hex)) ? 1 : 0;
 }
 
 extern "C" int HexDivider(const char* traceID, char* leftHalf, char* rightHalf)
@@ -180,10 +181,12 @@ extern "C" int HexDivider(const char* traceID, char* leftHalf, char* rightHalf)
 
 extern "C" bool ValidateTraceId(const char* traceID)
 {
-    if (!traceID || strlen(traceID) < 32) return false;
-    char left[vx::kOTLHalfSize], right[vx::kOTLHalfSize];
-    if (HexDivider(traceID, left, right) != 0) return false;
-    return HexToDec(left) || HexToDec(right);
+    if (!traceID) return false;
+    const size_t len = strlen(traceID);
+    /* The halves as HexDivider cuts them, read in place; an id whose half
+     * would not fit HexDivider's buffers is refused as there. */
+    if (len < 32 || len - len / 2 >= static_cast<size_t>(vx::kOTLHalfSize)) return false;
+    return hex_nonzero(traceID, traceID + len / 2) || hex_nonzero(traceID + len / 2, traceID + len);
 }
 
 extern "C" int OTL_storeData(VXPerThreadData_t* vxTD, int OTL_version, int OTL_traceflag,

@@ -20,9 +20,15 @@ struct Part {
     char* end; /* last byte, kept for the terminator */
     bool ok = true;
 
-    Part& put(const char* s)
+    Part& put(const char* s) { return put(s, s ? strlen(s) : 0); }
+    /* A literal, its length known. */
+    template <size_t N>
+    Part& lit(const char (&s)[N])
     {
-        const size_t n = s ? strlen(s) : 0;
+        return put(s, N - 1);
+    }
+    Part& put(const char* s, size_t n)
+    {
         if (!ok || n > static_cast<size_t>(end - at)) {
             ok = false;
             return *this;
@@ -46,13 +52,12 @@ struct Part {
             ++digits;
         } while (u || digits < 2);
         if (v < 0) *--p = '-';
-        return put(p);
+        return put(p, static_cast<size_t>(d + sizeof d - 1 - p));
     }
     Part& hex(unsigned long long v)
     {
         char h[20];
-        vx::put_hex(h, v);
-        return put(h);
+        return put(h, vx::put_hex(h, v));
     }
     /* Terminates; false (and the buffer as before the part) when it did
      * not fit. */
@@ -83,9 +88,9 @@ extern "C" char* get_otl_traceparent_header(VXPerThreadData_t* vxTD) VX_NOEXCEPT
         return nullptr;
     }
     Part p{buf, buf + vx::kOTLTextSize - 1};
-    p.two(vxTD->OTL_version).put("-").put(vxTD->OTL_traceID).put("-");
+    p.two(vxTD->OTL_version).lit("-").put(vxTD->OTL_traceID).lit("-");
     p.hex(static_cast<unsigned long long>(vxTD->flowpathInstance))
-        .put("-")
+        .lit("-")
         .two(vxTD->OTL_traceflag);
     p.close(buf); /* ids are bounded well below the buffer */
     return buf;
@@ -112,22 +117,22 @@ extern "C" void get_propagation_header(VXPerThreadData_t* vxTD, char* str) VX_NO
     char* start = str + strnlen(str, vx::kOTLTextSize - 1);
     if (arrPropagationHeaders[0] == 1) {
         Part p{start, end};
-        p.put("traceparent:").two(vxTD->OTL_version).put("-").put(vxTD->OTL_traceID).put("-");
-        p.put(vxTD->trans_span_id).put("-").two(vxTD->OTL_traceflag).put("\ntracestate:");
-        p.put(text(vxTD->OTL_tracestate)).put("\n");
+        p.lit("traceparent:").two(vxTD->OTL_version).lit("-").put(vxTD->OTL_traceID).lit("-");
+        p.put(vxTD->trans_span_id).lit("-").two(vxTD->OTL_traceflag).lit("\ntracestate:");
+        p.put(text(vxTD->OTL_tracestate)).lit("\n");
         if (p.close(start)) start = p.at;
     }
     if (arrPropagationHeaders[1] == 1) {
         Part p{start, end};
-        p.put("X-B3-TraceId:").put(vxTD->OTL_traceID).put("\nX-B3-ParentSpanId:");
-        p.put(vxTD->trans_span_id).put("\nX-B3-SpanId:").put(vxTD->callout_span_id);
-        p.put("\nX-B3-Sampled:").two(vxTD->OTL_traceflag).put("\n");
+        p.lit("X-B3-TraceId:").put(vxTD->OTL_traceID).lit("\nX-B3-ParentSpanId:");
+        p.put(vxTD->trans_span_id).lit("\nX-B3-SpanId:").put(vxTD->callout_span_id);
+        p.lit("\nX-B3-Sampled:").two(vxTD->OTL_traceflag).lit("\n");
         if (p.close(start)) start = p.at;
     }
     if (arrPropagationHeaders[2] == 1) {
         Part p{start, end};
-        p.put("B3:").put(vxTD->OTL_traceID).put("-").put(vxTD->callout_span_id).put("-");
-        p.two(vxTD->OTL_traceflag).put("-").put(vxTD->trans_span_id);
+        p.lit("B3:").put(vxTD->OTL_traceID).lit("-").put(vxTD->callout_span_id).lit("-");
+        p.two(vxTD->OTL_traceflag).lit("-").put(vxTD->trans_span_id);
         p.close(start);
     }
 }

@@ -213,6 +213,21 @@ extern "C" int OTL_storeData(VXPerThreadData_t* vxTD, int OTL_version, int OTL_t
     return 0;
 }
 
+extern "C" int vx_otl_store_tracestate(VXPerThreadData_t* vxTD, const char* text)
+{
+    if (!vxTD) return -1;
+    if (!text) {
+        vxTD->OTL_tracestate = nullptr;
+        return 0;
+    }
+    const size_t n = strnlen(text, vx::kOTLTextSize);
+    char* store = n < static_cast<size_t>(vx::kOTLTextSize) ? store_of(vxTD) : nullptr;
+    if (!store) return -1;
+    memmove(store + kStateAt, text, n + 1);
+    vxTD->OTL_tracestate = store + kStateAt;
+    return 0;
+}
+
 extern "C" int Validate_traceparent(VXPerThreadData_t* vxTD, Propheaderdata* pdata)
 {
     if (!vxTD || !pdata || !pdata->OTL_traceparent) return 0;

@@ -94,6 +94,12 @@ int OTL_generate_traceparent(VXPerThreadData_t* vxTD);
 int OTL_storeData(VXPerThreadData_t* vxTD, int OTL_version, int OTL_traceflag,
                   const char* OTL_traceID, const char* OTL_parentID);
 
+/* Replaces OTL_tracestate by a copy of `text` (null unsets it), for a
+ * context made elsewhere (a proxied agent's frame). 0, or -1 with nothing
+ * changed when `text` is kOTLTextSize bytes or longer or the record's store
+ * cannot be made. */
+int vx_otl_store_tracestate(VXPerThreadData_t* vxTD, const char* text);
+
 /* OTL_tracestate becomes "kelvane=<Base64 of OTL_parentID>". */
 void generatetracestate(VXPerThreadData_t* vxTD);
 

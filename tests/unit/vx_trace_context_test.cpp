@@ -207,6 +207,10 @@ TEST_F(TraceContext, OutgoingTextsOfTheWorkedExample)
     EXPECT_EQ(in->OTL_tracestate, nullptr);
     EXPECT_EQ(in->otlStore, store);
     EXPECT_EQ(get_otl_traceparent_header(in.get()), nullptr);
+    /* A state made elsewhere (a proxied agent's frame) is copied, within bounds. */
+    EXPECT_EQ(vx_otl_store_tracestate(in.get(), std::string(vx::kOTLTextSize, 'a').c_str()), -1);
+    EXPECT_EQ(vx_otl_store_tracestate(in.get(), "p=q"), 0);
+    EXPECT_EQ(str(get_otl_tracestate_header(in.get())), "p=q");
 }
 
 TEST_F(TraceContext, BlockOfAProxiedAgentIsReadLikeCapturedHeaders)

@@ -163,6 +163,19 @@ size_t copy_text(char* dst, size_t cap, const char* src)
     return n;
 }
 
+size_t put_hex(char* out, unsigned long long v)
+{
+    char rev[16];
+    size_t n = 0;
+    do {
+        rev[n++] = "0123456789abcdef"[v & 15];
+        v >>= 4;
+    } while (v);
+    for (size_t i = 0; i < n; ++i) out[i] = rev[n - 1 - i];
+    out[n] = '\0';
+    return n;
+}
+
 bool number_in(const char* what, const char* text, long long lo, long long hi, long long* out)
 {
     const char* digits = text ? text : "";

@@ -55,6 +55,11 @@ inline bool starts_with(const char* text, const char* prefix)
  * always terminated. Returns the length copied. */
 size_t copy_text(char* dst, size_t cap, const char* src);
 
+/* "%llx" of `v` into `out`, which holds at least 17 bytes; terminated.
+ * Returns the length. For ids on hot paths, where snprintf costs more than
+ * the rest of the work. */
+size_t put_hex(char* out, unsigned long long v);
+
 /* The number `text` begins with, read as atoll reads it (blanks, a sign,
  * digits; no digits is 0), into *out when it lies within [lo, hi]. Otherwise,
  * and when it does not fit 64 bits, *out is left alone, an error naming

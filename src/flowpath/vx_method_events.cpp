@@ -165,6 +165,11 @@ extern "C" void* vxMethodEntryEx(void* methodPtr, VXPerThreadData_t* vxTD, char*
 
     if (!vxTD->tlIsBTExcluded && (m->isEntryPoint & kEntryPointCallout)) {
         /* STAND-IN(spans): callout spans are started here. */
+        if (app->VXSys.enableOTELStandard &&
+            (m->type_ == kMethodTypeHttp || m->type_ == kMethodTypeDatabase))
+            /* The span id of this call, sent on in the X-B3 and B3 headers. */
+            vx::put_hex(vxTD->callout_span_id,
+                        static_cast<unsigned long long>(generate_flowpath_instance()));
         if (m->type_ == kMethodTypeDatabase) {
             char* encoded = nullptr;
             if (DBQueryParam && *DBQueryParam) {

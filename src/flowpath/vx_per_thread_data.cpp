@@ -200,12 +200,15 @@ extern "C" void resetAllThreadLocals(VXPerThreadData_t* vxTD, TLSDataStruct* tls
     char** owned[] = {&vxTD->prevTierSeq,        &vxTD->tierCallOutHeader, &vxTD->excepMessage,
                       &vxTD->excepClassName,     &vxTD->throwingCName,     &vxTD->throwingMName,
                       &vxTD->exceptionBackendName, &vxTD->exceptionStackTrace,
-                      &vxTD->tlSQLObj.DBQueryParam, &vxTD->OTL_tracestate, &vxTD->OTL_traceID,
-                      &vxTD->OTL_parentID};
+                      &vxTD->tlSQLObj.DBQueryParam};
     for (char** p : owned) {
         free(*p);
         *p = nullptr;
     }
+    /* The trace context's strings live in otlStore, which the record keeps
+     * for its next flowpath: dropping them is nulling them. */
+    vxTD->OTL_tracestate = vxTD->OTL_traceID = vxTD->OTL_parentID = nullptr;
+    vxTD->trans_span_id[0] = vxTD->callout_span_id[0] = '\0';
     vxTD->tlCorrelationIdHeader[0] = '\0';
     vxTD->sequenceBlob[0] = '\0';
     vxTD->tlURLParameters[0] = '\0';

@@ -152,6 +152,11 @@ struct VXPerThreadData_t {
     char trans_span_id[vx::kSpanIdSize];
     char callout_span_id[vx::kSpanIdSize];
     char* OTL_tracestate;
+    /* Where the three strings above live when set: one block made on the
+     * record's first trace context and kept across its flowpaths, so that
+     * reading a context allocates nothing. Set them only through the trace
+     * context unit (OTL_storeData and its kin); reset nulls the pointers. */
+    char* otlStore;
     /* End. */
     int tracerequest;
     VXOpenCalls* sdkAgentHash; /* open-method records */

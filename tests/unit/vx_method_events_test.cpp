@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -186,8 +187,13 @@ TEST_F(MethodEvents, DatabaseCalloutWritesOnlyTheOutermostCallAndErrorsUseE)
                          {{"db", backend}}));
 
     td = begin();
+    vx_test::Restore otel(app_->VXSys.enableOTELStandard);
+    app_->VXSys.enableOTELStandard = 1;
     at(5, 2000);
     enter(td, "Db.query", 0, "select 3");
+    char* end = nullptr; /* the call's span id: a fresh instance number in hex */
+    EXPECT_GT(strtoull(td->callout_span_id, &end, 16), 0u);
+    EXPECT_EQ(*end, '\0');
     at(12, 2300);
     leave(td, "Db.query", 0, 500, "mysql|dbhost|3306");
     EXPECT_EQ(finish(td, -1), golden("{r}:0_0_0__{q}:0_0_5__{q}:0_1_7_300___"

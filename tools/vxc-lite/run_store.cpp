@@ -45,6 +45,7 @@ constexpr TableFile kTableFiles[] = {
     {"bt_monitor.tsv", kBtMonitorHeader},    {"backend_monitor.tsv", kBackendMonitorHeader},
     {"percentiles.tsv", kPercentilesHeader}, {"topology.tsv", kTopologyHeader},
     {"resources.tsv", kResourcesHeader},     {"callouts.tsv", kCalloutsHeader},
+    {"traces.tsv", kTracesHeader},
 };
 
 }  // namespace

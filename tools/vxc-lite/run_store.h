@@ -11,6 +11,7 @@
  *                          (see topology.h)
  *   resources.tsv          one row per record 26 (ditto)
  *   callouts.tsv           one row per callout token of records 3 and 4
+ *   traces.tsv             one row per record 2: ids, trace id, parent id, flags
  *                          (ditto)
  *   links.tsv              one row per chained record 2 (ditto), written
  *                          when the run ends
@@ -143,7 +144,15 @@ public:
     void log(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
     void malformed(unsigned conn, std::string_view reason, std::string_view line);
     /* The files written row by row as records arrive. */
-    enum class Table { BtMonitor, BackendMonitor, Percentiles, Topology, Resources, Callouts };
+    enum class Table {
+        BtMonitor,
+        BackendMonitor,
+        Percentiles,
+        Topology,
+        Resources,
+        Callouts,
+        Traces
+    };
     /* Appends one row, without its line feed, to the table's file. */
     void row(Table t, std::string_view row);
     /* Writes links.tsv whole: the header, then each row. */
@@ -158,7 +167,7 @@ private:
     std::string dir_;
     FILE* log_ = nullptr;
     FILE* malformed_ = nullptr;
-    static constexpr size_t kTables = 6;
+    static constexpr size_t kTables = 7;
     FILE* tables_[kTables] = {};
 };
 

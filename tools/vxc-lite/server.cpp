@@ -688,9 +688,12 @@ void follow_topology(Server* s, Conn* c, const Record& r)
                 c->method_names[id] = std::move(name);
             return;
         }
-        case 2:
+        case 2: {
             if (s->links.add(c->id, r)) ++counts.chained_flowpaths;
+            const std::string row = trace_row(c->id, r);
+            if (!row.empty()) s->store.row(RunStore::Table::Traces, row);
             return;
+        }
         case 3:
         case 4: {
             CalloutRow row;

@@ -136,6 +136,27 @@ std::vector<LinkRow> LinkTable::resolve() const
     return rows;
 }
 
+std::string trace_row(unsigned conn, const Record& r2)
+{
+    const std::vector<std::string>& f = r2.fields;
+    FlowpathIds ids;
+    if (r2.number != 2 || f.size() < 16 || parse_flowpath_ids(f[0], &ids) != 0) return {};
+    /* The URL may hold commas: the trace fields are counted from the end. */
+    const size_t n = f.size();
+    return std::to_string(conn) + "\t" + std::to_string(ids.instance) + "\t" +
+           std::to_string(ids.chained ? ids.first : 0) + "\t" + tsv_text(f[n - 3]) + "\t" +
+           tsv_text(f[n - 2]) + "\t" + tsv_text(f[n - 1]);
+}
+
+std::vector<TraceRow> read_traces(const std::string& path)
+{
+    std::vector<TraceRow> out;
+    for (const auto& f : rows_of(path, kTracesHeader, 6))
+        out.push_back(
+            {static_cast<unsigned>(number(f[0])), number(f[1]), number(f[2]), f[3], f[4], f[5]});
+    return out;
+}
+
 std::vector<CalloutToken> callout_tokens(std::string_view blob)
 {
     std::vector<CalloutToken> out;

@@ -11,6 +11,8 @@
  *                  "<instance>:<first>:<previous>", with the connection and
  *                  URL of the caller's own record 2, found by its instance
  *                  on any data connection of the run; written at the end
+ *   traces.tsv     one row per record 2: its ids and the trace id, parent
+ *                  id and flags it carries
  *   callouts.tsv   one row per callout token (T or E) of a sequence blob in
  *                  records 3 and 4, with the backend's name from the
  *                  records 5 of the same connection
@@ -102,6 +104,22 @@ private:
     std::vector<LinkRow> chained_;
     unsigned long long dropped_ = 0;
 };
+
+/* traces.tsv: the trace context of every record 2, as it arrives: its
+ * instance (without "F"), the first instance of its chain (0 outside one),
+ * and the last three fields, trace id, parent id and flags, as sent (empty
+ * when the agent sent none). */
+constexpr const char* kTracesHeader = "conn\tfpi\tfirst\ttrace_id\tparent_id\tflags";
+
+struct TraceRow {
+    unsigned conn = 0;
+    long long fpi = 0, first = 0;
+    std::string trace_id, parent_id, flags;
+};
+
+/* The row of a record 2 that passed parse_record; empty for any other. */
+std::string trace_row(unsigned conn, const Record& r2);
+std::vector<TraceRow> read_traces(const std::string& path);
 
 /* A callout token of a sequence blob: "T" (the call went well) or "E", then
  * "<seq>:<backend id>:<duration>:<kind>:" and the rest of its form, which

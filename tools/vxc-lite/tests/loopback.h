@@ -289,6 +289,11 @@ public:
     {
         return vxc::read_links(opts_.run_dir + "/links.tsv");
     }
+    /* The trace id, parent id and flags of every record 2 (traces.tsv). */
+    std::vector<vxc::TraceRow> traces() const
+    {
+        return vxc::read_traces(opts_.run_dir + "/traces.tsv");
+    }
     /* The callout tokens of the flowpaths' blobs (callouts.tsv). */
     std::vector<vxc::CalloutRow> callouts() const
     {

@@ -48,7 +48,8 @@ TEST_F(Loopback, TiersResourcesLinksAndCalloutsAreWrittenForTheirReaders)
     ASSERT_TRUE(wait_for_text(dir_, "0001-data.lines", "26,1,"));
     Client back(port_);
     ASSERT_TRUE(back.send(std::string(kOpening) +
-                          "2,200:100:100,6000,5,77.3.1,3,/pay,,200,-1,55,,0,15,,,\n"
+                          "2,200:100:100,6000,5,77.3.1,3,/pay,,200,-1,55,,0,15,"
+                          "00000000000000000000000000000064,64,01\n"
                           "2,300F:100F:999F,6001,5,77.4.1,3,/pay,,300,-1,55,,0,15,,,\n"
                           "2,400:100:500,6002,5,78.2.1,3,/pay,,400,-1,55,,0,15,,,\n"));
     ASSERT_TRUE(wait_for_text(dir_, "0002-data.lines", "2,400:"));
@@ -65,6 +66,15 @@ TEST_F(Loopback, TiersResourcesLinksAndCalloutsAreWrittenForTheirReaders)
     ASSERT_EQ(links.size(), 3u);
     EXPECT_TRUE(links[1].forced);
     EXPECT_EQ(links[2].caller_conn, 1);
+
+    /* One trace id across the tiers: the callee's record 2 carries it. */
+    const std::vector<vxc::TraceRow> traces = collector_->traces();
+    ASSERT_EQ(traces.size(), 5u);
+    EXPECT_EQ(traces[0].trace_id + traces[0].parent_id + traces[0].flags, "") << "none sent";
+    const std::string first_rows =
+        std::string(vxc::kTracesHeader) +
+        "\n1\t100\t0\t\t\t\n2\t200\t100\t00000000000000000000000000000064\t64\t01\n";
+    EXPECT_EQ(slurp(dir_ + "/traces.tsv").substr(0, first_rows.size()), first_rows);
 
     const std::vector<vxc::TopologyRow> topology = collector_->topology();
     ASSERT_EQ(topology.size(), 3u) << "a repeated caller is still a row";

@@ -21,7 +21,10 @@ namespace {
 /* Room for "6,", the comma, the id and the line feed in a metadata record. */
 constexpr size_t kRecord6NameMax = vx::kMetaRecordSize - 24;
 
-apr_hash_t* table_of(void* node) { return static_cast<apr_hash_t*>(node); }
+apr_hash_t* table_of(void* node)
+{
+    return static_cast<apr_hash_t*>(node);
+}
 
 void dump_record6(VXProxyInstance_t* app, const httpHeaderInfo* e)
 {
@@ -37,11 +40,12 @@ bool name_fits_record(const char* name)
     return n <= kRecord6NameMax && !memchr(name, '\n', n) && !memchr(name, '\r', n);
 }
 
-httpHeaderInfo* add_entry(VXProxyInstance_t* app, apr_hash_t* map, const char* name, const char* type)
+httpHeaderInfo* add_entry(VXProxyInstance_t* app, apr_hash_t* map, const char* name,
+                          const char* type)
 {
     if (!name_fits_record(name)) {
-        VX_ERROR("HTTP_CAPTURE", "Header name or value of %zu bytes or with a line break gets no id",
-                 strlen(name));
+        VX_ERROR("HTTP_CAPTURE",
+                 "Header name or value of %zu bytes or with a line break gets no id", strlen(name));
         return nullptr;
     }
     apr_pool_t* pool = apr_hash_pool_get(map);
@@ -140,7 +144,8 @@ extern "C" int readHttpHeaderListFile(char* fileData)
         if (add_entry(app, map, line, type)) ++added;
     }
     free(copy);
-    VX_TRACE(app->VXSys.controlTraceLevel, 1, "HTTP_CAPTURE", "Header list file gave %d new headers", added);
+    VX_TRACE(app->VXSys.controlTraceLevel, 1, "HTTP_CAPTURE",
+             "Header list file gave %d new headers", added);
     return added;
 }
 
@@ -157,7 +162,8 @@ extern "C" void updateHashMapForhdrListForValueAsId(char* headerslistForValueAsI
     VXProxyInstance_t* app = vx_app();
     if (!app || !headerslistForValueAsId) return;
     const VXHttpSettings_t& h = app->httpSettings;
-    if (h.vxHttpReqCaptureSettings.captureLevel == 0 && h.vxHttpRespCaptureSettings.captureLevel == 0)
+    if (h.vxHttpReqCaptureSettings.captureLevel == 0 &&
+        h.vxHttpRespCaptureSettings.captureLevel == 0)
         return;
     apr_hash_t* map = table_of(vx::load_acquire(app->httpHashMapNode));
     if (!map) return;
@@ -169,7 +175,8 @@ extern "C" void updateHashMapForhdrListForValueAsId(char* headerslistForValueAsI
     char* names[kHdrListForValueAsIdMax + 1];
     int n = tokenize(copy, names, const_cast<char*>(","), kHdrListForValueAsIdMax + 1);
     if (n > kHdrListForValueAsIdMax) {
-        VX_ERROR("HTTP_CAPTURE", "hdrListForValueAsId: names after the first %d ignored", kHdrListForValueAsIdMax);
+        VX_ERROR("HTTP_CAPTURE", "hdrListForValueAsId: names after the first %d ignored",
+                 kHdrListForValueAsIdMax);
         n = kHdrListForValueAsIdMax;
     }
     vx::VXLockGuard guard(app->httpEntryLock);
@@ -196,7 +203,8 @@ extern "C" void dumpHttpHeaderMetaData(void)
     }
 }
 
-extern "C" void parseBufferAndGenerateHttpHeaderValueid(VXPerThreadData_t* vxTD, char* buffer) VX_NOEXCEPT
+extern "C" void parseBufferAndGenerateHttpHeaderValueid(VXPerThreadData_t* vxTD,
+                                                        char* buffer) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD || !buffer || !*buffer) return;
@@ -214,8 +222,8 @@ extern "C" void parseBufferAndGenerateHttpHeaderValueid(VXPerThreadData_t* vxTD,
         if (!h || !vx::load_relaxed(h->valueAsId) || !h->type) continue;
         const bool req = strcasecmp(h->type, "Req") == 0;
         if (!req && strcasecmp(h->type, "Rep") != 0) continue;
-        const VXHttpReqRespCaptureSettings& s =
-            req ? app->httpSettings.vxHttpReqCaptureSettings : app->httpSettings.vxHttpRespCaptureSettings;
+        const VXHttpReqRespCaptureSettings& s = req ? app->httpSettings.vxHttpReqCaptureSettings
+                                                    : app->httpSettings.vxHttpRespCaptureSettings;
         vx_encode_header_value(value, &s, encoded, sizeof encoded);
         searchAndUpdatehttpHashMapNode(encoded, map, 1);
     }

@@ -23,7 +23,7 @@ struct httpHeaderInfo {
     int id;
 };
 
-inline constexpr int kHttpBlockScanMax = 4095;   /* bytes of a header block looked at */
+inline constexpr int kHttpBlockScanMax = 4095;    /* bytes of a header block looked at */
 inline constexpr int kHttpBlockEntriesMax = 1024; /* entries of a header block */
 
 extern "C" {
@@ -36,7 +36,8 @@ void free_HttpHashMapNode(void);
  * `updateFlag` is set it is added (updateHttpHashMapNode). Null when absent,
  * when `name` holds a line break or is too long for its record 6, or when
  * memory runs out. Any thread. */
-httpHeaderInfo* searchAndUpdatehttpHashMapNode(char* name, void* httpHashMapNodeLocal, int updateFlag);
+httpHeaderInfo* searchAndUpdatehttpHashMapNode(char* name, void* httpHashMapNodeLocal,
+                                               int updateFlag);
 
 /* Adds `name` with the next id and valueAsId 0 and writes its record 6.
  * The caller holds httpEntryLock. Null on refusal (see above). */

@@ -94,7 +94,10 @@ bool wanted(const VXHttpReqRespCaptureSettings& s, const char* name)
     return s.hdrMode == 0 || (s.hdrMode == 1 && in_name_list(s, name));
 }
 
-int bt_id_of(const VXPerThreadData_t* vxTD) { return vxTD->tlBTObj ? vxTD->tlBTObj->bt_id : 0; }
+int bt_id_of(const VXPerThreadData_t* vxTD)
+{
+    return vxTD->tlBTObj ? vxTD->tlBTObj->bt_id : 0;
+}
 
 bool dotnet_without_status(const VXProxyInstance_t* app, int statusCode)
 {
@@ -104,7 +107,8 @@ bool dotnet_without_status(const VXProxyInstance_t* app, int statusCode)
 
 }  // namespace
 
-size_t vx_encode_header_value(const char* value, const VXHttpReqRespCaptureSettings* s, char* out, size_t cap)
+size_t vx_encode_header_value(const char* value, const VXHttpReqRespCaptureSettings* s, char* out,
+                              size_t cap)
 {
     if (!out || cap == 0) return 0;
     char cut[kHttpValueCut + 1];
@@ -116,8 +120,8 @@ size_t vx_encode_header_value(const char* value, const VXHttpReqRespCaptureSetti
             /* The limit is reported, not applied: the value is cut at 1023
              * bytes either way. */
             VX_TRACE(app ? app->VXSys.fpTraceLevel : 0, 2, "HTTP_CAPTURE",
-                     "Header value over hdrValueMaxLength %d; cut at %d bytes", s->hdrValueMaxLength,
-                     kHttpValueCut);
+                     "Header value over hdrValueMaxLength %d; cut at %d bytes",
+                     s->hdrValueMaxLength, kHttpValueCut);
         }
         memcpy(cut, in, len > kHttpValueCut ? kHttpValueCut : len);
         cut[len > kHttpValueCut ? kHttpValueCut : len] = '\0';
@@ -127,7 +131,8 @@ size_t vx_encode_header_value(const char* value, const VXHttpReqRespCaptureSetti
     return strlen(out);
 }
 
-extern "C" char* checkHdrModeLengthAndEncodeHeadeValue(char* value, VXHttpReqRespCaptureSettings* settings)
+extern "C" char* checkHdrModeLengthAndEncodeHeadeValue(char* value,
+                                                       VXHttpReqRespCaptureSettings* settings)
 {
     const size_t cap = (value ? strlen(value) : 0) * 6 + 1;
     auto* out = static_cast<char*>(malloc(cap < 2 ? 2 : cap));
@@ -139,7 +144,8 @@ extern "C" char* checkHdrModeLengthAndEncodeHeadeValue(char* value, VXHttpReqRes
     return out;
 }
 
-extern "C" void dumpHttpReqRepRecord(VXPerThreadData_t* vxTD, char* httpBuffer, int recType, int statusCode)
+extern "C" void dumpHttpReqRepRecord(VXPerThreadData_t* vxTD, char* httpBuffer, int recType,
+                                     int statusCode)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD || !httpBuffer) return;
@@ -148,7 +154,8 @@ extern "C" void dumpHttpReqRepRecord(VXPerThreadData_t* vxTD, char* httpBuffer, 
     if (recType == 12)
         vx::dump_record(rec, sizeof rec, "%d,%lld,%s\n", 12, vxTD->flowpathInstance, httpBuffer);
     else
-        vx::dump_record(rec, sizeof rec, "%d,%lld,%d,%s\n", 13, vxTD->flowpathInstance, statusCode, httpBuffer);
+        vx::dump_record(rec, sizeof rec, "%d,%lld,%d,%s\n", 13, vxTD->flowpathInstance, statusCode,
+                        httpBuffer);
 }
 
 extern "C" void sendHttpHdrReq(VXPerThreadData_t* vxTD, char* buffer, char*, int statusCode)
@@ -188,9 +195,11 @@ extern "C" void sendHttpHdrReq(VXPerThreadData_t* vxTD, char* buffer, char*, int
         }
     });
 
-    if (readContext && (arrPropagationHeaders[0] || arrPropagationHeaders[1] || arrPropagationHeaders[2]))
+    if (readContext &&
+        (arrPropagationHeaders[0] || arrPropagationHeaders[1] || arrPropagationHeaders[2]))
         Validate_propheader(vxTD, &pdata, OTL_flag);
-    if (level == 3 && !dotnet_without_status(app, statusCode)) dumpHttpReqRepRecord(vxTD, text.buf, 12, -1);
+    if (level == 3 && !dotnet_without_status(app, statusCode))
+        dumpHttpReqRepRecord(vxTD, text.buf, 12, -1);
 }
 
 extern "C" void sendHttpHdrRep(VXPerThreadData_t* vxTD, char* buffer, char*, int statusCode)
@@ -225,15 +234,18 @@ extern "C" void sendHttpHdrRep(VXPerThreadData_t* vxTD, char* buffer, char*, int
         }
     });
 
-    if (level == 2 && !dotnet_without_status(app, statusCode)) dumpHttpReqRepRecord(vxTD, text.buf, 13, statusCode);
+    if (level == 2 && !dotnet_without_status(app, statusCode))
+        dumpHttpReqRepRecord(vxTD, text.buf, 13, statusCode);
 }
 
-extern "C" void httpReqRespWrapper(VXPerThreadData_t* vxTD, char* buffer, char* type, int statusCode) VX_NOEXCEPT
+extern "C" void httpReqRespWrapper(VXPerThreadData_t* vxTD, char* buffer, char* type,
+                                   int statusCode) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD) return;
     const bool otel = app->VXSys.enableOTELStandard != 0;
-    if (otel) snprintf(vxTD->trans_span_id, sizeof vxTD->trans_span_id, "%llx", vxTD->flowpathInstance);
+    if (otel)
+        snprintf(vxTD->trans_span_id, sizeof vxTD->trans_span_id, "%llx", vxTD->flowpathInstance);
     const bool request = type && strcmp(type, "req") == 0;
     if (vx_agent_behind_proxy(app)) {
         if (request && otel) OTL_headers(vxTD, buffer);

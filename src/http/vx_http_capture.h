@@ -30,7 +30,8 @@ extern "C" {
 /* `buffer` holds the headers of the request (`type` exactly "req") or of the
  * response (any other type) whose status is `statusCode`. The strings stay
  * the caller's and are not changed. Any thread. */
-void httpReqRespWrapper(VXPerThreadData_t* vxTD, char* buffer, char* type, int statusCode) VX_NOEXCEPT;
+void httpReqRespWrapper(VXPerThreadData_t* vxTD, char* buffer, char* type,
+                        int statusCode) VX_NOEXCEPT;
 
 /* The capture of one direction (direct agent and proxy). */
 void sendHttpHdrReq(VXPerThreadData_t* vxTD, char* buffer, char* type, int statusCode);
@@ -46,7 +47,7 @@ char* checkHdrModeLengthAndEncodeHeadeValue(char* value, VXHttpReqRespCaptureSet
 
 /* The encoding of checkHdrModeLengthAndEncodeHeadeValue into `out` of `cap`
  * bytes, cut to fit; the length written. */
-size_t vx_encode_header_value(const char* value, const VXHttpReqRespCaptureSettings* settings, char* out,
-                              size_t cap);
+size_t vx_encode_header_value(const char* value, const VXHttpReqRespCaptureSettings* settings,
+                              char* out, size_t cap);
 
 #endif

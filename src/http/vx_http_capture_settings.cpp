@@ -16,7 +16,10 @@ namespace {
 constexpr const char* kModule = "CONTROL_THREAD";
 constexpr int kCaptureFields = 4;
 
-VXHttpSettings_t& settings() { return vx_app()->httpSettings; }
+VXHttpSettings_t& settings()
+{
+    return vx_app()->httpSettings;
+}
 
 bool parse_int(const char* text, long long lo, long long hi, long long* out)
 {
@@ -50,7 +53,9 @@ extern "C" int setCaptureLevel(VXHttpReqRespCaptureSettings* s, const char* valu
     const int top = isRequest ? 3 : 2;
     const int level = atoi(value);
     if (level < 0 || level > top) {
-        VX_ERROR(kModule, "VXHttpCaptureSettings: Not set captureLevel for '%s' as value is less than 0. Value = %d",
+        VX_ERROR(kModule,
+                 "VXHttpCaptureSettings: Not set captureLevel for '%s' as value is less than 0. "
+                 "Value = %d",
                  keyword, level);
         return -1;
     }
@@ -91,7 +96,8 @@ extern "C" int setHdrMode(VXHttpReqRespCaptureSettings* s, const char* value)
     return 0;
 }
 
-extern "C" int setHdrValueLengthMode(VXHttpReqRespCaptureSettings* s, const char* value, bool isRequest)
+extern "C" int setHdrValueLengthMode(VXHttpReqRespCaptureSettings* s, const char* value,
+                                     bool isRequest)
 {
     long long mode = 0;
     if (!parse_int(value, isRequest ? 0 : CHAR_MIN, isRequest ? 1 : CHAR_MAX, &mode)) return -1;
@@ -113,7 +119,8 @@ extern "C" void setHttpReqRespCaptureSettings(char* value, char* keyword, int)
     if (!app || !keyword) return;
     if (!value || !*value) {
         VX_ERROR(kModule,
-                 "VXHttpCaptureSettings: Retrurning without setting HttpCaptureSettings for '%s' as keyword "
+                 "VXHttpCaptureSettings: Retrurning without setting HttpCaptureSettings for '%s' "
+                 "as keyword "
                  "value is not provided.",
                  keyword);
         return;
@@ -131,12 +138,14 @@ extern "C" void setHttpReqRespCaptureSettings(char* value, char* keyword, int)
         /* Off is a normal value: only a refused one is an error. */
         if (refused)
             VX_ERROR(kModule,
-                 "VXHttpCaptureSettings: Retrurning without setting HttpCaptureSettings for '%s' as keyword "
+                     "VXHttpCaptureSettings: Retrurning without setting HttpCaptureSettings for "
+                     "'%s' as keyword "
                      "value is invalidi.Default value will be used",
                      keyword);
         else
             VX_TRACE(app->VXSys.controlTraceLevel, 1, kModule,
-                     "VXHttpCaptureSettings: Retrurning without setting HttpCaptureSettings for '%s' as keyword "
+                     "VXHttpCaptureSettings: Retrurning without setting HttpCaptureSettings for "
+                     "'%s' as keyword "
                      "value is invalidi.Default value will be used",
                      keyword);
         return;
@@ -144,16 +153,20 @@ extern "C" void setHttpReqRespCaptureSettings(char* value, char* keyword, int)
     initHttpHashMapNode();
     if (n < 2) return;
     if (setHdrMode(s, fields[1]) != 0)
-        VX_ERROR(kModule, "VXHttpCaptureSettings: header mode '%s' of '%s' refused", fields[1], keyword);
+        VX_ERROR(kModule, "VXHttpCaptureSettings: header mode '%s' of '%s' refused", fields[1],
+                 keyword);
     if (n < 3) return;
     if (setHdrValueLengthMode(s, fields[2], isRequest) != 0)
-        VX_ERROR(kModule, "VXHttpCaptureSettings: value length mode '%s' of '%s' refused", fields[2], keyword);
+        VX_ERROR(kModule, "VXHttpCaptureSettings: value length mode '%s' of '%s' refused",
+                 fields[2], keyword);
     if (n < 4) return;
     if (sethdrValueMaxLength(s, fields[3]) != 0)
-        VX_ERROR(kModule, "VXHttpCaptureSettings: value maximum length '%s' of '%s' refused", fields[3], keyword);
+        VX_ERROR(kModule, "VXHttpCaptureSettings: value maximum length '%s' of '%s' refused",
+                 fields[3], keyword);
     VX_TRACE(app->VXSys.controlTraceLevel, 1, kModule,
-             "VXHttpCaptureSettings: %s level %d mode %d length mode %d maximum %d names %d", keyword,
-             s->captureLevel, s->hdrMode, s->hdrValueLengthMode, s->hdrValueMaxLength, s->hdrNameListCount);
+             "VXHttpCaptureSettings: %s level %d mode %d length mode %d maximum %d names %d",
+             keyword, s->captureLevel, s->hdrMode, s->hdrValueLengthMode, s->hdrValueMaxLength,
+             s->hdrNameListCount);
 }
 
 extern "C" void sethdrListForValueAsId(char* value, char*, int)

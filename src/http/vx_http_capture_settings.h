@@ -12,14 +12,14 @@
 
 #include "vx_sdk.h"
 
-inline constexpr int kHdrNameListSize = 15;        /* names of a mode list */
+inline constexpr int kHdrNameListSize = 15;          /* names of a mode list */
 inline constexpr int kHdrListForValueAsIdMax = 1024; /* names of hdrListForValueAsId */
 
 struct VXHttpReqRespCaptureSettings {
-    int captureLevel;       /* 0 off; requests record at 3, responses at 2 */
-    char hdrMode;           /* 0 all headers, 1 those of hdrNameList, 2 none */
-    char hdrValueLengthMode; /* not 0: values are cut at 1023 bytes */
-    int hdrValueMaxLength;  /* stored and logged; the text does not depend on it */
+    int captureLevel;                    /* 0 off; requests record at 3, responses at 2 */
+    char hdrMode;                        /* 0 all headers, 1 those of hdrNameList, 2 none */
+    char hdrValueLengthMode;             /* not 0: values are cut at 1023 bytes */
+    int hdrValueMaxLength;               /* stored and logged; the text does not depend on it */
     char* hdrNameList[kHdrNameListSize]; /* owned (malloc) */
     int hdrNameListCount;
 };
@@ -45,7 +45,8 @@ void setHttpReqRespCaptureSettings(char* value, char* keyword, int kwIdx);
 void sethdrListForValueAsId(char* value, char* keyword, int kwIdx);
 
 /* 0 when the value was taken, -1 when refused. */
-int setCaptureLevel(VXHttpReqRespCaptureSettings* s, const char* value, bool isRequest, const char* keyword);
+int setCaptureLevel(VXHttpReqRespCaptureSettings* s, const char* value, bool isRequest,
+                    const char* keyword);
 int setHdrMode(VXHttpReqRespCaptureSettings* s, const char* value);
 int setHdrValueLengthMode(VXHttpReqRespCaptureSettings* s, const char* value, bool isRequest);
 int sethdrValueMaxLength(VXHttpReqRespCaptureSettings* s, const char* value);

@@ -63,7 +63,7 @@ protected:
         absorb(sink_.lines());
         sink_.clear();
         auto* td = static_cast<VXPerThreadData_t*>(
-            startFP(S("777"), S("/pay"), nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
+            startFP(nullptr, S("/pay"), nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
         EXPECT_NE(td, nullptr);
         if (!td) return {};
         fpi_ = std::to_string(td->flowpathInstance);
@@ -244,7 +244,7 @@ TEST_F(HttpCapture, ResponseKeepsServerTextAndStatusAndDotNetNeedsAStatus)
     set("captureHTTPRespFullFp", "2%20X-User");
     r13 = of(capture(block({"X-User$" + std::string(1100, 'u'), "Other$o"}), "rep", 200), "13,");
     ASSERT_EQ(r13.size(), 1u);
-    EXPECT_EQ(r13[0], golden("13,{fpi},200,{X-User}:<" + std::string(2047 - ids_["X-User"].size() - 2, 'u') + "\n"))
+    EXPECT_EQ(r13[0], golden("13,{fpi},200,{X-User}:<" + std::string(1100, 'u') + ">\n"))
         << "the first entry falls back to text when its value gets no id";
 
     set("captureHTTPReqFullFp", "3%20ALL");
@@ -265,7 +265,7 @@ TEST_F(HttpCapture, ListFileTypesHeadersAndHostValuesGetIdsOnlyForMarkedTypedHea
     EXPECT_EQ(sink_.size(), 0u) << "list file entries write no record 6";
     sethdrListForValueAsId(S("X-A,X-B,X-C"), nullptr, 0);
     auto* td = static_cast<VXPerThreadData_t*>(
-        startFP(S("778"), S("/pay"), nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
+        startFP(nullptr, S("/pay"), nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
     ASSERT_NE(td, nullptr);
     std::string items = "X-A=v.1&X-B=w&X-C=nope&Host=zz&bad";
     parseBufferAndGenerateHttpHeaderValueid(td, items.data());

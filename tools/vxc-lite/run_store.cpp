@@ -1,5 +1,7 @@
 #include "run_store.h"
 
+#include "http_headers.h"
+
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -45,6 +47,7 @@ constexpr TableFile kTableFiles[] = {
     {"bt_monitor.tsv", kBtMonitorHeader},    {"backend_monitor.tsv", kBackendMonitorHeader},
     {"percentiles.tsv", kPercentilesHeader}, {"topology.tsv", kTopologyHeader},
     {"resources.tsv", kResourcesHeader},     {"callouts.tsv", kCalloutsHeader},
+    {"headers.tsv", kHeadersHeader},
 };
 
 }  // namespace

@@ -12,6 +12,8 @@
  *   resources.tsv          one row per record 26 (ditto)
  *   callouts.tsv           one row per callout token of records 3 and 4
  *                          (ditto)
+ *   headers.tsv            one row per captured header of records 12 and
+ *                          13 (see http_headers.h)
  *   links.tsv              one row per chained record 2 (ditto), written
  *                          when the run ends
  *   malformed.txt          "<conn> <reason> | <line, cut to 200 bytes>"
@@ -143,7 +145,7 @@ public:
     void log(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
     void malformed(unsigned conn, std::string_view reason, std::string_view line);
     /* The files written row by row as records arrive. */
-    enum class Table { BtMonitor, BackendMonitor, Percentiles, Topology, Resources, Callouts };
+    enum class Table { BtMonitor, BackendMonitor, Percentiles, Topology, Resources, Callouts, Headers };
     /* Appends one row, without its line feed, to the table's file. */
     void row(Table t, std::string_view row);
     /* Writes links.tsv whole: the header, then each row. */
@@ -158,7 +160,7 @@ private:
     std::string dir_;
     FILE* log_ = nullptr;
     FILE* malformed_ = nullptr;
-    static constexpr size_t kTables = 6;
+    static constexpr size_t kTables = 7;
     FILE* tables_[kTables] = {};
 };
 

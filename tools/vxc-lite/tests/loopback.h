@@ -27,6 +27,7 @@
 
 #include "auto_sensor.h"
 #include "server.h"
+#include "http_headers.h"
 #include "topology.h"
 
 namespace vxc_test {
@@ -288,6 +289,11 @@ public:
     std::vector<vxc::LinkRow> links() const
     {
         return vxc::read_links(opts_.run_dir + "/links.tsv");
+    }
+    /* The captured headers of records 12 and 13 (headers.tsv). */
+    std::vector<vxc::HeaderRow> headers() const
+    {
+        return vxc::read_headers(opts_.run_dir + "/headers.tsv");
     }
     /* The callout tokens of the flowpaths' blobs (callouts.tsv). */
     std::vector<vxc::CalloutRow> callouts() const

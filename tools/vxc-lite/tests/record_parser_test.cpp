@@ -171,8 +171,9 @@ TEST(RecordParser, CapturedHeadersResolveThroughRecord6AndOnlyA2047ByteTextMayEn
         EXPECT_EQ(vxc::parse_capture_text(text, &items, &error), 0) << tail << ": " << error;
         EXPECT_EQ(items.size(), std::string(tail) == "|5:1" ? 2u : 1u) << tail;
         text.pop_back();
-        if (std::string(tail) != "|")
+        if (std::string(tail) != "|") {
             EXPECT_EQ(vxc::parse_capture_text(text, &items, &error), -1) << "cut below 2047: " << tail;
+        }
     }
     EXPECT_EQ(vxc::parse_capture_text(std::string(2048, '1'), &items, &error), -1);
     EXPECT_EQ(vxc::parse_capture_text("|5:<a|b>", &items, &error), -1);

@@ -161,10 +161,7 @@ extern "C" void updateHashMapForhdrListForValueAsId(char* headerslistForValueAsI
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !headerslistForValueAsId) return;
-    const VXHttpSettings_t& h = app->httpSettings;
-    if (h.vxHttpReqCaptureSettings.captureLevel == 0 &&
-        h.vxHttpRespCaptureSettings.captureLevel == 0)
-        return;
+    if (getHttpReqCaptureLevel() == 0 && getHttpRespCaptureLevel() == 0) return;
     apr_hash_t* map = table_of(vx::load_acquire(app->httpHashMapNode));
     if (!map) return;
     char* copy = strdup(headerslistForValueAsId);

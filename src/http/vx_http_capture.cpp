@@ -83,15 +83,19 @@ void for_each_entry(char* work, Fn&& fn)
 
 bool in_name_list(const VXHttpReqRespCaptureSettings& s, const char* name)
 {
-    const int n = s.hdrNameListCount < kHdrNameListSize ? s.hdrNameListCount : kHdrNameListSize;
-    for (int i = 0; i < n; ++i)
-        if (s.hdrNameList[i] && strcmp(s.hdrNameList[i], name) == 0) return true;
+    const int count = vx::load_acquire(s.hdrNameListCount);
+    const int n = count < kHdrNameListSize ? count : kHdrNameListSize;
+    for (int i = 0; i < n; ++i) {
+        const char* listed = vx::load_acquire(s.hdrNameList[i]);
+        if (listed && strcmp(listed, name) == 0) return true;
+    }
     return false;
 }
 
 bool wanted(const VXHttpReqRespCaptureSettings& s, const char* name)
 {
-    return s.hdrMode == 0 || (s.hdrMode == 1 && in_name_list(s, name));
+    const char mode = vx::load_relaxed(s.hdrMode);
+    return mode == 0 || (mode == 1 && in_name_list(s, name));
 }
 
 int bt_id_of(const VXPerThreadData_t* vxTD)
@@ -113,15 +117,16 @@ size_t vx_encode_header_value(const char* value, const VXHttpReqRespCaptureSetti
     if (!out || cap == 0) return 0;
     char cut[kHttpValueCut + 1];
     const char* in = value ? value : "";
-    if (s && s->hdrValueLengthMode != 0) {
+    if (s && vx::load_relaxed(s->hdrValueLengthMode) != 0) {
         const size_t len = strnlen(in, kHttpValueCut + 1);
-        if (s->hdrValueMaxLength > 0 && len * 6 > static_cast<size_t>(s->hdrValueMaxLength)) {
+        const int most = vx::load_relaxed(s->hdrValueMaxLength);
+        if (most > 0 && len * 6 > static_cast<size_t>(most)) {
             VXProxyInstance_t* app = vx_app();
             /* The limit is reported, not applied: the value is cut at 1023
              * bytes either way. */
             VX_TRACE(app ? app->VXSys.fpTraceLevel : 0, 2, "HTTP_CAPTURE",
-                     "Header value over hdrValueMaxLength %d; cut at %d bytes",
-                     s->hdrValueMaxLength, kHttpValueCut);
+                     "Header value over hdrValueMaxLength %d; cut at %d bytes", most,
+                     kHttpValueCut);
         }
         memcpy(cut, in, len > kHttpValueCut ? kHttpValueCut : len);
         cut[len > kHttpValueCut ? kHttpValueCut : len] = '\0';
@@ -163,7 +168,7 @@ extern "C" void sendHttpHdrReq(VXPerThreadData_t* vxTD, char* buffer, char*, int
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD || !buffer || !*buffer) return;
     const VXHttpReqRespCaptureSettings& s = app->httpSettings.vxHttpReqCaptureSettings;
-    const int level = s.captureLevel;
+    const int level = vx::load_relaxed(s.captureLevel);
     const int btId = bt_id_of(vxTD);
     const bool tag = btId > 0 && is_tag_applied_per_bt_or_globally(btId, kTagRequest);
     const bool otel = app->VXSys.enableOTELStandard != 0;
@@ -207,7 +212,7 @@ extern "C" void sendHttpHdrRep(VXPerThreadData_t* vxTD, char* buffer, char*, int
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD || !buffer || !*buffer) return;
     const VXHttpReqRespCaptureSettings& s = app->httpSettings.vxHttpRespCaptureSettings;
-    const int level = s.captureLevel;
+    const int level = vx::load_relaxed(s.captureLevel);
     const int btId = bt_id_of(vxTD);
     const bool tag = btId > 0 && is_tag_applied_per_bt_or_globally(btId, kTagResponse);
     if (level <= 1 && !tag) return;
@@ -229,7 +234,7 @@ extern "C" void sendHttpHdrRep(VXPerThreadData_t* vxTD, char* buffer, char*, int
             text.text_item(index == 0, h->id, encoded);
         } else if (httpHeaderInfo* v = searchAndUpdatehttpHashMapNode(encoded, table, 1)) {
             text.id_item(index == 0, h->id, v->id);
-        } else if (s.hdrMode == 1 && index == 0) {
+        } else if (vx::load_relaxed(s.hdrMode) == 1 && index == 0) {
             text.text_item(true, h->id, encoded);
         }
     });

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "http/vx_header_ids.h"
@@ -30,20 +31,21 @@ bool parse_int(const char* text, long long lo, long long hi, long long* out)
 
 extern "C" void initVXHttpReqRespCaptureSettings(VXHttpReqRespCaptureSettings* s)
 {
-    s->captureLevel = 0;
-    s->hdrMode = 0;
-    s->hdrValueLengthMode = 0;
-    s->hdrValueMaxLength = 0;
+    vx::store_relaxed(s->captureLevel, 0);
+    vx::store_relaxed(s->hdrMode, 0);
+    vx::store_relaxed(s->hdrValueLengthMode, 0);
+    vx::store_relaxed(s->hdrValueMaxLength, 0);
     /* The count, not the names: an unlisted count of 15 reads whatever the
      * last list left, exactly as the mode list is kept between sessions. */
-    s->hdrNameListCount = kHdrNameListSize;
+    vx::store_relaxed(s->hdrNameListCount, kHdrNameListSize);
 }
 
 extern "C" void freeHdrNameList(VXHttpReqRespCaptureSettings* s)
 {
-    for (char*& name : s->hdrNameList) {
-        free(name);
-        name = nullptr;
+    for (int i = 0; i < kHdrNameListSize; ++i) {
+        free(s->hdrNameList[i]);
+        free(s->hdrNameListRetired[i]);
+        s->hdrNameList[i] = s->hdrNameListRetired[i] = nullptr;
     }
 }
 
@@ -59,18 +61,18 @@ extern "C" int setCaptureLevel(VXHttpReqRespCaptureSettings* s, const char* valu
                  keyword, level);
         return -1;
     }
-    s->captureLevel = level;
+    vx::store_relaxed(s->captureLevel, level);
     return 0;
 }
 
 extern "C" int setHdrMode(VXHttpReqRespCaptureSettings* s, const char* value)
 {
     if (strcasecmp(value, "ALL") == 0) {
-        s->hdrMode = 0;
+        vx::store_relaxed(s->hdrMode, 0);
         return 0;
     }
     if (strcasecmp(value, "CONFIGURED") == 0) {
-        s->hdrMode = 2;
+        vx::store_relaxed(s->hdrMode, 2);
         return 0;
     }
     if (!*value) return -1;
@@ -81,18 +83,25 @@ extern "C" int setHdrMode(VXHttpReqRespCaptureSettings* s, const char* value)
     /* tokenize leaves the rest in the last field: a 16th name and beyond
      * are dropped. */
     if (n > kHdrNameListSize) n = kHdrNameListSize;
-    freeHdrNameList(s);
+    char* fresh[kHdrNameListSize] = {};
     int kept = 0;
     for (int i = 0; i < n; ++i) {
-        char* name = strdup(names[i]);
-        if (!name) {
+        fresh[kept] = strdup(names[i]);
+        if (!fresh[kept]) {
             VX_ERROR(kModule, "VXHttpCaptureSettings: no memory for header name '%s'", names[i]);
             continue;
         }
-        s->hdrNameList[kept++] = name;
+        ++kept;
     }
-    s->hdrNameListCount = kept;
-    s->hdrMode = 1;
+    /* The old names are retired, not freed: see hdrNameListRetired. */
+    vx::store_relaxed(s->hdrNameListCount, 0);
+    for (int i = 0; i < kHdrNameListSize; ++i) {
+        free(s->hdrNameListRetired[i]);
+        s->hdrNameListRetired[i] = s->hdrNameList[i];
+        vx::store_release(s->hdrNameList[i], fresh[i]);
+    }
+    vx::store_release(s->hdrNameListCount, kept);
+    vx::store_relaxed(s->hdrMode, 1);
     return 0;
 }
 
@@ -101,7 +110,7 @@ extern "C" int setHdrValueLengthMode(VXHttpReqRespCaptureSettings* s, const char
 {
     long long mode = 0;
     if (!parse_int(value, isRequest ? 0 : CHAR_MIN, isRequest ? 1 : CHAR_MAX, &mode)) return -1;
-    s->hdrValueLengthMode = static_cast<char>(mode);
+    vx::store_relaxed(s->hdrValueLengthMode, static_cast<char>(mode));
     return 0;
 }
 
@@ -109,7 +118,7 @@ extern "C" int sethdrValueMaxLength(VXHttpReqRespCaptureSettings* s, const char*
 {
     long long most = 0;
     if (!parse_int(value, 0, INT_MAX, &most)) return -1;
-    s->hdrValueMaxLength = static_cast<int>(most);
+    vx::store_relaxed(s->hdrValueMaxLength, static_cast<int>(most));
     return 0;
 }
 
@@ -187,11 +196,11 @@ extern "C" void sethdrListForValueAsId(char* value, char*, int)
 extern "C" int getHttpReqCaptureLevel(void)
 {
     VXProxyInstance_t* app = vx_app();
-    return app ? app->httpSettings.vxHttpReqCaptureSettings.captureLevel : 0;
+    return app ? vx::load_relaxed(app->httpSettings.vxHttpReqCaptureSettings.captureLevel) : 0;
 }
 
 extern "C" int getHttpRespCaptureLevel(void)
 {
     VXProxyInstance_t* app = vx_app();
-    return app ? app->httpSettings.vxHttpRespCaptureSettings.captureLevel : 0;
+    return app ? vx::load_relaxed(app->httpSettings.vxHttpRespCaptureSettings.captureLevel) : 0;
 }

@@ -4,8 +4,8 @@
  * the last value of hdrListForValueAsId.
  *
  * Written by the control thread while it applies keywords; read by host
- * threads during capture without a lock (a capture that overlaps a change
- * sees the old or the new value of each field).
+ * threads during capture without a lock, through atomic loads (a capture
+ * that overlaps a change sees the old or the new value of each field).
  */
 #ifndef VX_HTTP_CAPTURE_SETTINGS_H
 #define VX_HTTP_CAPTURE_SETTINGS_H
@@ -22,6 +22,9 @@ struct VXHttpReqRespCaptureSettings {
     int hdrValueMaxLength;               /* stored and logged; the text does not depend on it */
     char* hdrNameList[kHdrNameListSize]; /* owned (malloc) */
     int hdrNameListCount;
+    /* The list before the last change, freed at the next one: a capture
+     * in flight may still be reading it. */
+    char* hdrNameListRetired[kHdrNameListSize];
 };
 
 struct VXHttpCapture_t {
@@ -51,7 +54,8 @@ int setHdrMode(VXHttpReqRespCaptureSettings* s, const char* value);
 int setHdrValueLengthMode(VXHttpReqRespCaptureSettings* s, const char* value, bool isRequest);
 int sethdrValueMaxLength(VXHttpReqRespCaptureSettings* s, const char* value);
 
-/* Frees the names of a mode list (session start). */
+/* Frees the names of a mode list and of the one before it; no capture may
+ * run on these settings. */
 void freeHdrNameList(VXHttpReqRespCaptureSettings* s);
 
 int getHttpReqCaptureLevel(void);

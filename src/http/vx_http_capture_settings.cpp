@@ -126,6 +126,8 @@ extern "C" void setHttpReqRespCaptureSettings(char* value, char* keyword, int)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !keyword) return;
+    /* The log texts below, misspellings included, are the ones operators
+     * search for: keep them as they are. */
     if (!value || !*value) {
         VX_ERROR(kModule,
                  "VXHttpCaptureSettings: Retrurning without setting HttpCaptureSettings for '%s' "

@@ -334,6 +334,9 @@ VX_API void sdk_dumpLogMessage(vxBTHandle bt_handle, char* logmsg) VX_NOEXCEPT;
  * with the response's status, while a session runs. */
 VX_API void sdk_httpReqRespWrapper(vxBTHandle bt_handle, char* buffer, char* type,
                                    int statusCode) VX_NOEXCEPT;
+/* Items "name=value" separated by "&": the value of each header marked
+ * for values as ids gets its id now. `buffer` stays the caller's. */
+VX_API void parseBufferAndGenerateHttpHeaderValueid(VXPerThreadData_t* vxTD, char* buffer) VX_NOEXCEPT;
 /* The session cookie value to set on the response; NULL when sessions are
  * off. */
 VX_API char* sdk_getVXSessionCookie(vxBTHandle bt_handle) VX_NOEXCEPT;

@@ -48,20 +48,6 @@ struct VXSQLProcessor_t {
     char DBIPName[kFeatureTextSize]; /* "DB_SQLDB" for "-", "NA" or empty */
 };
 
-/* STAND-IN(http-capture): one block for requests, one for responses. */
-struct VXHttpReqRespCaptureSettings_t {
-    int captureLevel;
-    int headerMode;
-    int valueLengthMode;
-    int further;
-};
-
-struct VXHttpSettings_t {
-    VXHttpReqRespCaptureSettings_t vxHttpReqCaptureSettings;
-    VXHttpReqRespCaptureSettings_t vxHttpRespCaptureSettings;
-    char hdrListForValueAsId[kFeatureTextSize];
-};
-
 /* STAND-IN(log-forwarder): process-wide, vxAppLogStruct. */
 struct vxAppLogStruct_t {
     long long flushInterval;

@@ -25,6 +25,7 @@
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_feature_settings.h"
 #include "agent/vx_sys.h"
+#include "http/vx_http_capture_settings.h"
 #include "bt/vx_bt_data_rules.h"
 #include "bt/vx_bt_object.h"
 #include "bt/vx_bt_rule_file.h"
@@ -162,7 +163,7 @@ struct VXProxyInstance_t {
     int isModifiedHashmap;
 
     long long TimeOut;
-    void* httpHashMapNode;         /* header name -> id */
+    void* httpHashMapNode;         /* apr_hash_t: header name -> httpHeaderInfo */
     apr_thread_mutex_t* httpEntryLock;
     int httpid;
     int resourceMetaID;

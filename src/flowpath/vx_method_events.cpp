@@ -639,7 +639,7 @@ extern "C" void dump19RecordForSpecificMethodArg(VXPerThreadData_t* vxTD, int mi
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !vxTD || !app->httpHashMapNode) return;
-    httpHashMapNode_t* header =
+    httpHeaderInfo* header =
         searchAndUpdatehttpHashMapNode(const_cast<char*>("Custom_Header"), app->httpHashMapNode, 1);
     if (!header) return;
     ++vxTD->seqNum;

@@ -18,6 +18,7 @@
 #include "diag/vx_autosensor_thread.h"
 #include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
+#include "http/vx_header_ids.h"
 #include "link/vx_as_link.h"
 #include "link/vx_control_thread.h"
 #include "link/vx_data_dispatcher.h"
@@ -68,8 +69,11 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
     vxlb_init_all_keywords();
     VXBTConfigModelInit();
     VXBackendMonitorInit();
-    /* STAND-IN(http-capture, method-monitor, exceptions): the HTTP, method
-     * and exception tables are made again here once they exist. */
+    /* Header ids are made anew; httpid goes on, so the collector never sees
+     * one id for two names. */
+    free_HttpHashMapNode();
+    /* STAND-IN(method-monitor, exceptions): the method and exception tables
+     * are made again here once they exist. */
     resetMonitorDataModelFromTLS();
     transfer_data_callback(const_cast<char*>("AgentTraceLevel"), app->VXSys.agentTraceLevel, nullptr,
                            nullptr);

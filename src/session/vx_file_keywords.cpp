@@ -20,6 +20,7 @@
 #include "flowpath/vx_backend_naming.h"
 #include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
+#include "http/vx_header_ids.h"
 #include "link/vx_socket.h"
 #include "session/vx_control_dispatch.h"
 #include "session/vx_keywords.h"
@@ -421,8 +422,11 @@ extern "C" void useFileBasedKeyword(char* text, char* keyword, int kwIdx)
         case kw::vxBackendNamingRulesFile:
             parseBackendRuleFile(text);
             break;
+        case kw::vxHttpHdrCaptureFileList:
+            setHttpHashMapNode(text);
+            break;
         default:
-            /* STAND-IN(monitors, http-capture, filter-lists, dynamic-diagnostics): their parsers take the text
+            /* STAND-IN(monitors, filter-lists, dynamic-diagnostics): their parsers take the text
              * here once they exist; the file is kept in its slot. */
             VX_TRACE(a->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                      "File of keyword %s received (%zu bytes); no reader for it yet", keyword,

@@ -204,11 +204,6 @@ extern "C" void setMonitorEnabledForID(char* value, char*, int)
     app()->monitorSettings.isNewMonitorRecordEnabled = atoi(value) >= 1 ? 1 : 0;
 }
 
-extern "C" void sethdrListForValueAsId(char* value, char*, int)
-{
-    copy_feature_text(app()->httpSettings.hdrListForValueAsId, value);
-}
-
 extern "C" void setEnableVXSession(char* value, char* keyword, int)
 {
     VXSys_t& s = app()->VXSys;
@@ -271,20 +266,6 @@ extern "C" void setCorrelationID(char* value, char*, int)
     strcat(text, "=");
     vx::copy_text(s.correlationIdHeader, sizeof s.correlationIdHeader, text);
     vx::store_relaxed(s.captureCorrelationEnabled, 1);
-}
-
-extern "C" void setHttpReqRespCaptureSettings(char* value, char* keyword, int)
-{
-    VXHttpSettings_t& h = app()->httpSettings;
-    VXHttpReqRespCaptureSettings_t& c = strcmp(keyword, "captureHTTPReqFullFp") == 0
-                                            ? h.vxHttpReqCaptureSettings
-                                            : h.vxHttpRespCaptureSettings;
-    int v[4];
-    sub_numbers(value, v, 4);
-    c.captureLevel = v[0];
-    c.headerMode = v[1];
-    c.valueLengthMode = v[2];
-    c.further = v[3];
 }
 
 extern "C" void setClassWeight(char* value, char*, int) { app()->vxAutoInstrumentation.classWeight = atoi(value); }

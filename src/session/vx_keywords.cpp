@@ -15,6 +15,7 @@
 #include "diag/vx_thread_reports.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_resource_ids.h"
+#include "http/vx_http_capture_settings.h"
 #include "session/vx_control_dispatch.h"
 #include "session/vx_file_keywords.h"
 #include "session/vx_keyword_parsers.h"
@@ -376,8 +377,8 @@ extern "C" void vxlb_init_all_keywords(void)
      * exist. */
     app->monitorSettings.vxVectorSeperator = '>';
     VXASSettingInit();
-    memset(&app->httpSettings.vxHttpReqCaptureSettings, 0, sizeof(VXHttpReqRespCaptureSettings_t));
-    memset(&app->httpSettings.vxHttpRespCaptureSettings, 0, sizeof(VXHttpReqRespCaptureSettings_t));
+    initVXHttpReqRespCaptureSettings(&app->httpSettings.vxHttpReqCaptureSettings);
+    initVXHttpReqRespCaptureSettings(&app->httpSettings.vxHttpRespCaptureSettings);
     setDefaultCriticalFile();
 }
 

@@ -8,6 +8,7 @@
 #include "diag/vx_autosensor_thread.h"
 #include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
+#include "http/vx_header_ids.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "link/vx_data_dispatcher.h"
 #include "link/vx_data_thread.h"
@@ -41,10 +42,7 @@ void session_start(int testIdx, long long klvEpochDiffTime, SessionData data)
     if (data == SessionData::kDataThread) vx::prepare_data_channel();
     vx::store_release(app->Server.testRunRunning, 1); /* so that the table's record 5 goes out */
     if (!vx::load_acquire(app->methodTable.methodHashMapNode)) setMethodHashMapNode(nullptr);
-    if (!app->httpHashMapNode) {
-        app->httpHashMapNode = create_hashmap(app->control_pool);
-        app->httpEntryLock = vx::mutex_create(app->control_pool);
-    }
+    initHttpHashMapNode();
     vx::store_relaxed(app->Server.TestRunIDValue, testIdx);
     vx::store_relaxed(app->Server.klvEpochDiffTime, klvEpochDiffTime);
     vx::store_relaxed(app->Server.gettingstopInstrumenatation, 0);

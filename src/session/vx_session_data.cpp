@@ -46,7 +46,8 @@ void replay_metadata()
 {
     VXProxyInstance_t* app = vx_app();
     /* STAND-IN(metadata-replay): BTs, backends, queries and tags follow the
-     * method table here once their caches exist. */
+     * method table here once their caches exist; header ids (record 6) come
+     * from dumpHttpHeaderMetaData. */
     if (app && app->Server.doNotDumpMetaData == 1) dumpMethodTableMetaData();
 }
 

@@ -145,7 +145,7 @@ TEST_F(MethodEvents, ArgumentAndExceptionExitsHaveTheirOwnForms)
 
     auto r19 = sink_.of_type(19);
     ASSERT_EQ(r19.size(), 1u);
-    httpHashMapNode_t* header =
+    httpHeaderInfo* header =
         searchAndUpdatehttpHashMapNode(S("Custom_Header"), app_->httpHashMapNode, 0);
     ASSERT_NE(header, nullptr);
     EXPECT_EQ(r19[0],

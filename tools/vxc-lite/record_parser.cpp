@@ -1,7 +1,10 @@
 #include "record_parser.h"
 
+#include "http_headers.h"
+
 #include <charconv>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 
 namespace vxc {
@@ -220,6 +223,27 @@ bool check_shape(const Record& r, std::string* error)
             if (!is_int(f[n - 1])) return fail(error, "record 5: bad method id");
             if (join(f, 0, n - 1).empty()) return fail(error, "record 5: empty method name");
             return true;
+        case 6:
+            /* "6,%s,%d": the name may hold commas; it may be empty. */
+            if (n < 2 || !printf_int(f[n - 1], 1, INT32_MAX))
+                return fail(error, "record 6 is not \"6,<name>,<id>\" with an id above 0");
+            return true;
+        case 12:
+        case 13: {
+            /* Escaped values hold no comma: the field count is exact. */
+            const size_t want = r.number == 12 ? 2 : 3;
+            if (n != want)
+                return fail(error, "record " + std::to_string(r.number) + " has " + std::to_string(n + 1) +
+                                       " fields, needs " + std::to_string(want + 1));
+            if (!printf_int(f[0], 0, LLONG_MAX)) return fail(error, "record " + std::to_string(r.number) + ": bad flowpath instance");
+            if (r.number == 13 && !printf_int(f[1], INT32_MIN, INT32_MAX))
+                return fail(error, "record 13: bad status code");
+            std::vector<CaptureItem> items;
+            std::string why;
+            if (parse_capture_text(f[n - 1], &items, &why) != 0)
+                return fail(error, "record " + std::to_string(r.number) + ": " + why);
+            return true;
+        }
         case 7:
             if (n < 2) return fail(error, "record 7 needs an id and a name");
             if (!is_int(f[0])) return fail(error, "record 7: bad business transaction id");

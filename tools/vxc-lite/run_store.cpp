@@ -1,5 +1,7 @@
 #include "run_store.h"
 
+#include "http_headers.h"
+
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -46,6 +48,7 @@ constexpr TableFile kTableFiles[] = {
     {"percentiles.tsv", kPercentilesHeader}, {"topology.tsv", kTopologyHeader},
     {"resources.tsv", kResourcesHeader},     {"callouts.tsv", kCalloutsHeader},
     {"traces.tsv", kTracesHeader},
+    {"headers.tsv", kHeadersHeader},
 };
 
 }  // namespace

@@ -13,6 +13,8 @@
  *   callouts.tsv           one row per callout token of records 3 and 4
  *   traces.tsv             one row per record 2: ids, trace id, parent id, flags
  *                          (ditto)
+ *   headers.tsv            one row per captured header of records 12 and
+ *                          13 (see http_headers.h)
  *   links.tsv              one row per chained record 2 (ditto), written
  *                          when the run ends
  *   malformed.txt          "<conn> <reason> | <line, cut to 200 bytes>"
@@ -151,7 +153,8 @@ public:
         Topology,
         Resources,
         Callouts,
-        Traces
+        Traces,
+        Headers
     };
     /* Appends one row, without its line feed, to the table's file. */
     void row(Table t, std::string_view row);

@@ -22,6 +22,7 @@
 #include "record_parser.h"
 #include "session.h"
 #include "topology.h"
+#include "http_headers.h"
 
 namespace vxc {
 
@@ -105,6 +106,7 @@ struct Conn {
     /* A data connection's records 5 (method id to name), for the names of
      * callout tokens, and the callers its records 91 named. */
     std::map<long long, std::string> method_names;
+    std::map<long long, std::string> header_ids; /* records 6 */
     std::set<std::string> callers_91;
     apr_time_t last_read = 0;
     char peer[64] = "";
@@ -656,7 +658,8 @@ void check_business_transaction(Server* s, Conn* c, const Record& r, std::string
                        line);
 }
 
-/* What a data record tells of tiers, resources and callouts: records 91,
+/* What a data record tells of tiers, resources, callouts and captured
+ * headers (records 6, 12 and 13): records 91,
  * 26 and 5 for the names, records 2 for the links, and the callout tokens
  * of records 3 and 4. */
 void follow_topology(Server* s, Conn* c, const Record& r)
@@ -694,6 +697,18 @@ void follow_topology(Server* s, Conn* c, const Record& r)
             if (!row.empty()) s->store.row(RunStore::Table::Traces, row);
             return;
         }
+        case 6: {
+            long long id = 0;
+            printf_int(r.fields.back(), 1, INT32_MAX, &id);
+            if (c->header_ids.size() < kMaxNamesPerConn || c->header_ids.count(id))
+                c->header_ids[id] = join(r.fields, 0, r.fields.size() - 1);
+            return;
+        }
+        case 12:
+        case 13:
+            for (const std::string& row : header_rows(c->id, r.number, r.fields, c->header_ids))
+                s->store.row(RunStore::Table::Headers, row);
+            return;
         case 3:
         case 4: {
             CalloutRow row;

@@ -27,6 +27,7 @@
 
 #include "auto_sensor.h"
 #include "server.h"
+#include "http_headers.h"
 #include "topology.h"
 
 namespace vxc_test {
@@ -293,6 +294,11 @@ public:
     std::vector<vxc::TraceRow> traces() const
     {
         return vxc::read_traces(opts_.run_dir + "/traces.tsv");
+    }
+    /* The captured headers of records 12 and 13 (headers.tsv). */
+    std::vector<vxc::HeaderRow> headers() const
+    {
+        return vxc::read_headers(opts_.run_dir + "/headers.tsv");
     }
     /* The callout tokens of the flowpaths' blobs (callouts.tsv). */
     std::vector<vxc::CalloutRow> callouts() const

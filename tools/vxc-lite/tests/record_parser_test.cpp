@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
+#include "http_headers.h"
 #include "loopback.h"
 
 namespace {
@@ -54,6 +57,15 @@ const char* const kGoodRecords[] = {
     "91,,,,,,,,NA",
     "26,3,http://pay/api?a=1,2",
     "26,-1,",
+    "6,Host,4",
+    "6,,5",
+    "6,a,b,11",
+    "12,123456789,4:<a%2Eb>|9:<*/*>",
+    "12,123456789,|9:<*/*>|10:11",
+    "12,123456789,",
+    "12,123456789,4:<a>b<>",
+    "13,123456789,404,4:<edge 1%2E2>|10:11",
+    "13,123456789,-1,",
 };
 
 TEST(RecordParser, GoldenRecordsOfTheAgentAreAccepted)
@@ -118,12 +130,53 @@ TEST(RecordParser, MalformedRecordsAreReportedWithAReason)
         "100,abc,text",
         "5:not the colon form",
         "12345,too many digits",
+        "6,Host",
+        "6,Host,0",
+        "6,Host,x",
+        "12,123456789",
+        "12,123456789,4:<a>,5:<b>", /* a raw comma: values come escaped */
+        "12,123456789,4:<a",        /* cut inside an item, but not at 2047 bytes */
+        "12,123456789,4:<a>||5:<b>",
+        "12,123456789,x:<a>",
+        "12,123456789,4:07",
+        "12,123456789,4",
+        "12,-5,4:<a>",
+        "13,123456789,4:<a>",
+        "13,123456789,20x,4:<a>",
     };
     for (const char* line : bad) {
         std::string error;
         EXPECT_EQ(parse(line, &error), -1) << "accepted: \"" << line << "\"";
         EXPECT_FALSE(error.empty()) << line;
     }
+}
+
+TEST(RecordParser, CapturedHeadersResolveThroughRecord6AndOnlyA2047ByteTextMayEndCut)
+{
+    const std::map<long long, std::string> ids{{4, "Host"}, {10, "X-User"}, {11, "bob"}};
+    const std::vector<std::string> rep{"77", "404", "|4:<a%2Eb>|10:11|12:<x>"};
+    EXPECT_EQ(vxc::header_rows(3, 13, rep, ids),
+              (std::vector<std::string>{"3\t77\trep\t404\t4\tHost\t-\ta%2Eb",
+                                        "3\t77\trep\t404\t10\tX-User\t11\tbob",
+                                        "3\t77\trep\t404\t12\t-\t-\tx"}));
+    EXPECT_EQ(vxc::header_rows(3, 12, {"77", "4:<tab\there>"}, ids),
+              (std::vector<std::string>{"3\t77\treq\t-\t4\tHost\t-\ttab here"}));
+
+    /* The agent stops at 2047 bytes wherever an item stands. */
+    std::vector<vxc::CaptureItem> items;
+    std::string error;
+    for (const char* tail : {"|5:<xx", "|5:", "|5", "|", "|5:1"}) {
+        std::string text = "4:<" + std::string(2047 - 4 - strlen(tail), 'v') + ">" + tail;
+        ASSERT_EQ(text.size(), 2047u);
+        EXPECT_EQ(vxc::parse_capture_text(text, &items, &error), 0) << tail << ": " << error;
+        EXPECT_EQ(items.size(), std::string(tail) == "|5:1" ? 2u : 1u) << tail;
+        text.pop_back();
+        if (std::string(tail) != "|") {
+            EXPECT_EQ(vxc::parse_capture_text(text, &items, &error), -1) << "cut below 2047: " << tail;
+        }
+    }
+    EXPECT_EQ(vxc::parse_capture_text(std::string(2048, '1'), &items, &error), -1);
+    EXPECT_EQ(vxc::parse_capture_text("|5:<a|b>", &items, &error), -1);
 }
 
 TEST(LineSplitter, LinesStraddlingReadsComeOutWholeWithoutTheirNulBytes)

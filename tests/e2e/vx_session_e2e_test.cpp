@@ -905,8 +905,13 @@ const std::map<std::string, std::string> kTierFiles = {
 
 TEST(Tiers, TheBackTierReadsTheFrontsHeaderAndItsFlowpathsJoinTheFrontsChain)
 {
-    vxc::Options opts =
-        session_options(session_keywords(51) + "ASReportInterval=1000\n", kTierFiles);
+    /* Monitors each second; traces in the W3C form; the back captures its
+     * request headers. */
+    vxc::Options opts = session_options(session_keywords(51) +
+                                            "ASReportInterval=1000\n"
+                                            "enableOTELStandard=1%201%200%200%200%200%200%200%200\n"
+                                            "captureHTTPReqFullFp=3%20traceparent,Accept\n",
+                                        kTierFiles);
     opts.stop_after_ms = 9000;
     e2e::Collector vxc(opts);
     ASSERT_EQ(vxc.start(), 0);
@@ -933,6 +938,34 @@ TEST(Tiers, TheBackTierReadsTheFrontsHeaderAndItsFlowpathsJoinTheFrontsChain)
     std::ifstream in(headers);
     for (std::string line; std::getline(in, line);) callers.insert(atoll(line.c_str()));
     ASSERT_EQ(callers.size(), 10u);
+
+    /* One trace across both tiers: a front flowpath keeps its upstream
+     * caller's trace id or makes one of its instance number, and the back
+     * flowpath it called carries the same id with the front's span as
+     * parent. */
+    std::map<long long, vxc::TraceRow> trace_of;
+    for (const auto& t : vxc.traces()) trace_of[t.fpi] = t;
+    int upstream = 0;
+    for (long long fpi : callers) {
+        ASSERT_TRUE(trace_of.count(fpi)) << fpi;
+        const vxc::TraceRow& t = trace_of[fpi];
+        char own[64];
+        snprintf(own, sizeof own, "0000000000000000%llx", static_cast<unsigned long long>(fpi));
+        EXPECT_TRUE(t.trace_id == own || t.trace_id == "4bf92f3577b34da6a3ce929d0e0e4736")
+            << t.trace_id;
+        upstream += t.trace_id != own;
+    }
+    EXPECT_EQ(upstream, 5) << "every other front transaction came with a traceparent";
+
+    /* The back captured each traceparent the front sent, as sent. */
+    std::set<std::string> sent_parents, captured;
+    std::ifstream again(headers);
+    for (std::string instance, header, parent; again >> instance >> header >> parent;)
+        sent_parents.insert(parent);
+    for (const auto& h : vxc.headers())
+        if (h.direction == "req" && h.name == "traceparent" && !callers.count(h.fpi))
+            captured.insert(h.value);
+    EXPECT_EQ(captured, sent_parents);
     int linked = 0;
     for (const auto& l : vxc.links()) {
         EXPECT_TRUE(callers.count(l.prev)) << "a chain no header made: " << l.prev;
@@ -940,6 +973,10 @@ TEST(Tiers, TheBackTierReadsTheFrontsHeaderAndItsFlowpathsJoinTheFrontsChain)
         EXPECT_EQ(l.caller_url, "/front/pay");
         EXPECT_FALSE(l.forced);
         linked += callers.count(l.prev) ? 1 : 0;
+        char front_span[32];
+        snprintf(front_span, sizeof front_span, "%llx", static_cast<unsigned long long>(l.prev));
+        EXPECT_EQ(trace_of[l.fpi].trace_id, trace_of[l.prev].trace_id) << "back fpi " << l.fpi;
+        EXPECT_EQ(trace_of[l.fpi].parent_id, front_span);
     }
     EXPECT_EQ(linked, 10);
 

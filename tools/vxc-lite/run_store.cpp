@@ -6,6 +6,7 @@
 #include <sys/time.h>
 
 #include <cerrno>
+#include <iterator>
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
@@ -50,6 +51,7 @@ constexpr TableFile kTableFiles[] = {
     {"traces.tsv", kTracesHeader},
     {"headers.tsv", kHeadersHeader},
 };
+static_assert(std::size(kTableFiles) == RunStore::kTables, "one file for each table");
 
 }  // namespace
 

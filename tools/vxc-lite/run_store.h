@@ -156,6 +156,7 @@ public:
         Traces,
         Headers
     };
+    static constexpr size_t kTables = static_cast<size_t>(Table::Headers) + 1;
     /* Appends one row, without its line feed, to the table's file. */
     void row(Table t, std::string_view row);
     /* Writes links.tsv whole: the header, then each row. */
@@ -170,7 +171,6 @@ private:
     std::string dir_;
     FILE* log_ = nullptr;
     FILE* malformed_ = nullptr;
-    static constexpr size_t kTables = 7;
     FILE* tables_[kTables] = {};
 };
 

@@ -227,9 +227,12 @@ extern "C" void FREE_PROPFILELIST(apr_hash_t* propfilelist)
 extern "C" void processTags(apr_hash_t* list)
 {
     if (!list) return;
-    /* Resolvers change entries' values, never the table: one walk does. */
-    for (apr_hash_index_t* hi = apr_hash_first(nullptr, list); hi; hi = apr_hash_next(hi)) {
-        auto* tag = static_cast<VXTag_t*>(apr_hash_this_val(hi));
+    /* The entries first: a resolver walks the table itself (a property file
+     * serves every tag on it), and a table has one built-in iterator. */
+    std::vector<VXTag_t*> tags;
+    for (apr_hash_index_t* hi = apr_hash_first(nullptr, list); hi; hi = apr_hash_next(hi))
+        tags.push_back(static_cast<VXTag_t*>(apr_hash_this_val(hi)));
+    for (VXTag_t* tag : tags) {
         if (tag->c_file == 2 || tag->resolvedValue) continue;
         resolve_one(tag, list);
         VX_TRACE(trace_level(), 1, "CONTROL_THREAD", "Tag '%s' (%s:%s) resolved to '%s'",

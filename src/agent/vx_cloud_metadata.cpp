@@ -152,12 +152,14 @@ int vx::cloud_metadata_get(Cloud cloud, const char* name, char* out, size_t cap)
     if (reqLen < 0 || static_cast<size_t>(reqLen) >= sizeof req) return -1;
     const int fd = connect_within(sa, vx::kCloudConnectTimeoutMs);
     if (fd < 0) {
-        VX_ERROR("CONTROL_THREAD", "Cloud metadata service at %s is not reachable; cloud tags stay unresolved", addr);
+        VX_ERROR("CONTROL_THREAD",
+                 "Cloud metadata service at %s is not reachable; cloud tags stay unresolved", addr);
         g_down.store(true, std::memory_order_relaxed);
         return -1;
     }
     char* buf = static_cast<char*>(malloc(vx::kCloudAnswerMax));
-    const int got = buf ? exchange(fd, req, buf, vx::kCloudAnswerMax, now_ms() + vx::kCloudReadTimeoutMs) : -1;
+    const int got =
+        buf ? exchange(fd, req, buf, vx::kCloudAnswerMax, now_ms() + vx::kCloudReadTimeoutMs) : -1;
     close(fd);
     int rc = -1;
     if (got < 0) {

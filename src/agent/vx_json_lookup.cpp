@@ -35,11 +35,21 @@ struct Reader {
                 if (p >= end) return false;
                 c = *p++;
                 switch (c) {
-                    case 'n': c = '\n'; break;
-                    case 't': c = '\t'; break;
-                    case 'r': c = '\r'; break;
-                    case 'b': c = '\b'; break;
-                    case 'f': c = '\f'; break;
+                    case 'n':
+                        c = '\n';
+                        break;
+                    case 't':
+                        c = '\t';
+                        break;
+                    case 'r':
+                        c = '\r';
+                        break;
+                    case 'b':
+                        c = '\b';
+                        break;
+                    case 'f':
+                        c = '\f';
+                        break;
                     case 'u': {
                         if (end - p < 4) return false;
                         const unsigned long u = strtoul(std::string(p, 4).c_str(), nullptr, 16);
@@ -47,7 +57,8 @@ struct Reader {
                         c = u < 0x80 ? static_cast<char>(u) : '?';
                         break;
                     }
-                    default: break; /* '"', '\\', '/' stand for themselves */
+                    default:
+                        break; /* '"', '\\', '/' stand for themselves */
                 }
             }
             s += c;

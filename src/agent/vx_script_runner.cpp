@@ -66,7 +66,8 @@ void kill_and_reap(pid_t pid)
 
 }  // namespace
 
-vx::ScriptResult vx::run_script(const char* exe, const char* const* argv, char* out, size_t cap, int timeoutMs)
+vx::ScriptResult vx::run_script(const char* exe, const char* const* argv, char* out, size_t cap,
+                                int timeoutMs)
 {
     if (!out || cap == 0) return ScriptResult::Failed;
     out[0] = '\0';

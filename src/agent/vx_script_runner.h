@@ -18,18 +18,19 @@
 namespace vx {
 
 enum class ScriptResult : int {
-    Ok = 0,          /* exited; `out` holds its last line */
+    Ok = 0,           /* exited; `out` holds its last line */
     NotRunnable = -1, /* no such program, or spawn failed */
-    TimedOut = -2,   /* killed after the time limit */
-    TooLong = -3,    /* killed after printing more than the bound */
-    Failed = -4,     /* pipe or wait failed */
+    TimedOut = -2,    /* killed after the time limit */
+    TooLong = -3,     /* killed after printing more than the bound */
+    Failed = -4,      /* pipe or wait failed */
 };
 
 /* Runs the program `exe` with argv (null-terminated); `out` (cap bytes)
  * receives the last non-empty line of standard output without its line
  * end, cut at cap - 1, or "" when there is none. Standard input and error
  * are /dev/null. Every failure is logged. */
-ScriptResult run_script(const char* exe, const char* const* argv, char* out, size_t cap, int timeoutMs);
+ScriptResult run_script(const char* exe, const char* const* argv, char* out, size_t cap,
+                        int timeoutMs);
 
 }  // namespace vx
 

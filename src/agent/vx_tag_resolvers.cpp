@@ -164,10 +164,11 @@ extern "C" enum vx_tag_namespace getnamespace(char* str)
         const char* text;
         vx_tag_namespace ns;
     } kNames[] = {
-        {"inline", namespace_inline}, {"env", namespace_enviournment}, {"nds", namespace_nds},
-        {"prop", namespace_propfile}, {"aws", namespace_aws},          {"k8s", namespace_kubernetes},
-        {"gcp", namespace_gcp},       {"azure", namespace_ms_azure},   {"sys", namespace_system},
-        {"json", namespace_json},
+        {"inline", namespace_inline}, {"env", namespace_enviournment},
+        {"nds", namespace_nds},       {"prop", namespace_propfile},
+        {"aws", namespace_aws},       {"k8s", namespace_kubernetes},
+        {"gcp", namespace_gcp},       {"azure", namespace_ms_azure},
+        {"sys", namespace_system},    {"json", namespace_json},
     };
     for (const auto& n : kNames)
         if (str && strcasecmp(str, n.text) == 0) return n.ns;
@@ -179,8 +180,8 @@ extern "C" void ParseTags(char* ptr, apr_hash_t* list, apr_hash_t* propfilelist)
     if (!ptr || !*ptr || !list) return;
     std::string copy = ptr;
     std::vector<char*> items(vx::kTagConfItemsMax);
-    const int n = vxlb_get_tokens_with_multi_delimiter(copy.data(), items.data(), const_cast<char*>(","),
-                                                       vx::kTagConfItemsMax);
+    const int n = vxlb_get_tokens_with_multi_delimiter(
+        copy.data(), items.data(), const_cast<char*>(","), vx::kTagConfItemsMax);
     std::vector<char*> fields(vx::kTagConfItemsMax);
     for (int i = 0; i < n; ++i) {
         char* eq = strchr(items[i], '=');
@@ -191,8 +192,8 @@ extern "C" void ParseTags(char* ptr, apr_hash_t* list, apr_hash_t* propfilelist)
         if (!*key || strcasecmp(key, "Technology") == 0 || searchTagKey(key, list) ||
             TagExistsinStaticList(key))
             continue;
-        const int k = vxlb_get_tokens_with_multi_delimiter(eq + 1, fields.data(), const_cast<char*>(":"),
-                                                           vx::kTagConfItemsMax);
+        const int k = vxlb_get_tokens_with_multi_delimiter(
+            eq + 1, fields.data(), const_cast<char*>(":"), vx::kTagConfItemsMax);
         auto* t = static_cast<VXTag_t*>(calloc(1, sizeof(VXTag_t)));
         if (!t) {
             VX_ERROR("CONTROL_THREAD", "No memory for the tag '%s'", key);
@@ -305,7 +306,8 @@ extern "C" char* search_keyword_propfile(char* buf, char* keyword)
     for (const char* line = buf; line && *line;) {
         const char* eol = strchr(line, '\n');
         const std::string_view l(line, eol ? static_cast<size_t>(eol - line) : strlen(line));
-        for (size_t at = l.find(keyword); at != std::string_view::npos; at = l.find(keyword, at + 1)) {
+        for (size_t at = l.find(keyword); at != std::string_view::npos;
+             at = l.find(keyword, at + 1)) {
             if (at > 0 && l[at - 1] != ' ' && l[at - 1] != '\t') continue;
             /* The key must be whole: "host" does not take "hostname". */
             const size_t after = at + klen;
@@ -315,7 +317,8 @@ extern "C" char* search_keyword_propfile(char* buf, char* keyword)
             if (sep == std::string_view::npos) sep = rest.find('=');
             if (sep == std::string_view::npos) continue;
             rest.remove_prefix(sep + 1);
-            while (!rest.empty() && (rest.front() == ' ' || rest.front() == '\t')) rest.remove_prefix(1);
+            while (!rest.empty() && (rest.front() == ' ' || rest.front() == '\t'))
+                rest.remove_prefix(1);
             while (!rest.empty() && rest.back() == '\r') rest.remove_suffix(1);
             const size_t n = rest.size() < sizeof value - 1 ? rest.size() : sizeof value - 1;
             memcpy(value, rest.data(), n);
@@ -400,13 +403,12 @@ extern "C" char* scriptRes(char* path, char* key, int flag)
 
 extern "C" void resolveScript(VXTag_t* tag, int flag)
 {
-    static const char* const kScripts[] = {nullptr, "/scripts/script.sh",
-                                           "/scripts/awsmetadataresolver.sh",
-                                           "/scripts/gcpmetadataresolve.sh",
-                                           "/scripts/azuremetadataresolve.sh"};
+    static const char* const kScripts[] = {
+        nullptr, "/scripts/script.sh", "/scripts/awsmetadataresolver.sh",
+        "/scripts/gcpmetadataresolve.sh", "/scripts/azuremetadataresolve.sh"};
     if (flag < 0 || flag > 4) return;
-    std::string path = flag == 0 ? (tag->tagParam ? tag->tagParam : "")
-                                 : std::string(home()) + kScripts[flag];
+    std::string path =
+        flag == 0 ? (tag->tagParam ? tag->tagParam : "") : std::string(home()) + kScripts[flag];
     char* v = scriptRes(path.data(), tag->tagField, flag);
     set_value(tag, v);
     free(v);

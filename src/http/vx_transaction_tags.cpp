@@ -37,7 +37,8 @@ bool chain_room(VXMonitorDataModel* m, int btId)
     while (!m->btPerThreadArray || btId >= m->currentSizeOfBTPerThreadArray) {
         const int old = m->currentSizeOfBTPerThreadArray;
         const int size = old > 0 ? old * 2 : kMonitorArrayInitial;
-        auto* grown = static_cast<BTTagArray**>(realloc(m->btPerThreadArray, sizeof(BTTagArray*) * size));
+        auto* grown =
+            static_cast<BTTagArray**>(realloc(m->btPerThreadArray, sizeof(BTTagArray*) * size));
         if (!grown) {
             VX_ERROR("BT_MON", "Could not grow the tag chains to %d entries", size);
             return false;
@@ -120,7 +121,9 @@ void process_each_record(VXMonitorDataModel* m, const char* key, const char* val
     for (; decl; decl = decl->next) {
         if (decl->type != type) continue;
         if (type == namespace_http_request_headers || type == namespace_http_response_headers) {
-            if (key && decl->tagField && strcmp(decl->tagField, key) == 0 && chain_room(m, btId))
+            /* An empty value is absent after decoding: nothing to keep. */
+            if (key && value && decl->tagField && strcmp(decl->tagField, key) == 0 &&
+                chain_room(m, btId))
                 set_value(m, btId, decl, value);
         } else if (type == namespace_http_url_query_param) {
             query_tag(m, btId, decl, key);

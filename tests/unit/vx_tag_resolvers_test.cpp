@@ -148,8 +148,9 @@ protected:
 
 TEST_F(TagResolvers, ParsingDropsBadAndDuplicateItemsAndTagsGetTechnology)
 {
-    const char* conf = "b=inline:y,a=inline:x,noequals,=inline:e,Technology=inline:t,"
-                       "technology=inline:u,a=inline:again,o=other:z";
+    const char* conf =
+        "b=inline:y,a=inline:x,noequals,=inline:e,Technology=inline:t,"
+        "technology=inline:u,a=inline:again,o=other:z";
     EXPECT_EQ(resolve(conf, 1), "{\"Technology\":\"cppAgent\",\"a\":\"x\",\"b\":\"y\"}");
     EXPECT_EQ(apr_hash_count(list_), 3u); /* a, b and the unknown namespace */
     EXPECT_EQ(convertTagsToJson(nullptr, 0), nullptr);
@@ -167,8 +168,8 @@ TEST_F(TagResolvers, EnvironmentNdsAndPropertySources)
     conf_file[0] = '\0'; /* unknown yet: the parameter names the file */
     const int reads = vx_tag_propfile_reads();
     const std::string conf = "e=env:VX_TAG_T_SET,u=env:VX_TAG_T_UNSET,h=prop:host:" + prop +
-                             ",p=prop:port:" + prop + ",m=prop:missing:" + dir_ + "/none.properties" +
-                             ",r=nds:region:" + nds;
+                             ",p=prop:port:" + prop + ",m=prop:missing:" + dir_ +
+                             "/none.properties" + ",r=nds:region:" + nds;
     EXPECT_EQ(resolve(conf), "{\"e\":\"a_b\",\"h\":\"h1_\",\"p\":\"80\",\"r\":\"eu-1\"}");
     EXPECT_EQ(vx_tag_propfile_reads() - reads, 1); /* one read serves both tags */
     snprintf(conf_file, sizeof conf_file, "%s", saved.c_str());
@@ -184,8 +185,9 @@ TEST_F(TagResolvers, JsonSystemAndFileTypedSources)
     const std::string conf = "j=json:a.b:" + json + ",n=json:n:" + json + ",z=json:z:" + json +
                              ",t=sys:AGENTTYPE,mt=sys:machineType,k=k8s:pod:" + k8s +
                              ",k2=k8s:pod,c=aws:zone:" + json;
-    EXPECT_EQ(resolve(conf), "{\"j\":\"v_q\",\"k\":\"p-1\",\"mt\":\"Linux\",\"n\":\"3\","
-                             "\"t\":\"cppAgent\"}");
+    EXPECT_EQ(resolve(conf),
+              "{\"j\":\"v_q\",\"k\":\"p-1\",\"mt\":\"Linux\",\"n\":\"3\","
+              "\"t\":\"cppAgent\"}");
     EXPECT_NE(vx_test::trace_log_text().find("other field is mandatory while resolving k8s"),
               std::string::npos);
 
@@ -193,8 +195,13 @@ TEST_F(TagResolvers, JsonSystemAndFileTypedSources)
         std::string name, text;
         int type;
     } files[] = {
-        {"a.TXT", "x", 1},   {"b.Json", "x", 2}, {"c.sh", "x", 3},  {"d.xyz", "a=b", 0},
-        {"e", "{\"a\":1}", 2}, {"f", "#!/bin/sh", 3}, {"g", "# c\n\na=1\nb: 2\n", 1},
+        {"a.TXT", "x", 1},
+        {"b.Json", "x", 2},
+        {"c.sh", "x", 3},
+        {"d.xyz", "a=b", 0},
+        {"e", "{\"a\":1}", 2},
+        {"f", "#!/bin/sh", 3},
+        {"g", "# c\n\na=1\nb: 2\n", 1},
         {"h", "a=1\nplain\n", 0},
     };
     for (const auto& f : files) {
@@ -222,7 +229,9 @@ TEST_F(TagResolvers, HangingOrFloodingScriptsAreKilledInBoundedTime)
     const std::string hang = dir_ + "/hang.sh";
     write_file(hang, "echo partial\nsleep 30 &\nwait\n");
     const std::string flood = dir_ + "/flood.sh";
-    write_file(flood, "while :; do echo xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx; done\n");
+    write_file(
+        flood,
+        "while :; do echo xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx; done\n");
     const struct {
         const std::string& script;
         vx::ScriptResult result;
@@ -248,7 +257,8 @@ TEST_F(TagResolvers, HangingOrFloodingScriptsAreKilledInBoundedTime)
 
 TEST_F(TagResolvers, CloudTagsAskTheMetadataServiceWhenNoScriptIsInstalled)
 {
-    LoopbackHttp service("HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n\r\ni-0abc\nmore\n", false);
+    LoopbackHttp service("HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n\r\ni-0abc\nmore\n",
+                         false);
     setenv("VX_CLOUD_METADATA_ADDR", service.addr().c_str(), 1);
     EXPECT_EQ(resolve("id=aws:instance-id"), "{\"id\":\"i-0abc\"}");
     EXPECT_EQ(service.request().rfind("GET /latest/meta-data/instance-id HTTP/1.0\r\n", 0), 0u);

@@ -43,7 +43,8 @@ protected:
     void clear_lists()
     {
         vx::bt_tags_clear(-1);
-        for (int id = 0; id < app_->VXBTMonitor.currentSizeOfBTTagArray; ++id) vx::bt_tags_clear(id);
+        for (int id = 0; id < app_->VXBTMonitor.currentSizeOfBTTagArray; ++id)
+            vx::bt_tags_clear(id);
     }
 
     /* The record's tag sequence of a BT, "" when there is none. */
@@ -116,7 +117,7 @@ TEST_F(TransactionTags, HeaderTagsMatchTheirNamespaceAndNameExactlyAfterDecoding
     header("X-Req", "a%20b", 2);
     header("x-req", "lower", 2);
     header("X-Resp", "not-a-response", 2); /* a request header of that name */
-    header("X%2DResp", "", 3);             /* empty value: no value */
+    header("X-Resp", "", 3);               /* empty value: no value */
     EXPECT_EQ(chain_value(kBT, "g"), "a b");
     EXPECT_EQ(chain_value(kBT, "b"), "a b");
     EXPECT_EQ(chain_value(kBT, "r"), "(none)");

@@ -260,8 +260,8 @@ struct VXBTTagEntry {
 
 /* The id of a tag sequence, numbered by the count of tag_obj_map when new
  * (record 112 then announces it). -1 without memory.
- * STAND-IN(transaction-tags): entries stay for the instance's life; the tag
- * work frees them with the maps at a session's end. */
+ * Entries stay for the instance's life: the map is made once, if missing, so
+ * a tag sequence keeps its id (and its record 112) across sessions. */
 int tag_id_of(VXProxyInstance_t* app, const char* seq)
 {
     VXBTTagManager& t = app->tagManager;

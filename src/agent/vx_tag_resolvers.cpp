@@ -561,7 +561,25 @@ extern "C" void FREE_STATIC_DATA(void)
     FREE_HASHLIST(app->VXBCISetting.attributelist);
 }
 
+namespace {
+
+void configure(int attributes, const char* text);
+
+}  // namespace
+
 void vx::agent_tags_configure(int attributes, const char* text)
+{
+    try {
+        configure(attributes, text);
+    } catch (...) { /* no memory: the tags stay as they were; start-up goes on */
+        VX_ERROR("CONTROL_THREAD", "No memory to resolve the %s",
+                 attributes ? "attributes" : "tags");
+    }
+}
+
+namespace {
+
+void configure(int attributes, const char* text)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !text) return;
@@ -578,7 +596,7 @@ void vx::agent_tags_configure(int attributes, const char* text)
     apr_pool_t* scratch = nullptr;
     if (apr_pool_create(&scratch, g_listPool) != APR_SUCCESS) return;
     apr_hash_t* propfiles = apr_hash_make(scratch);
-    cloud_metadata_reset(); /* one try of the service per configuration */
+    vx::cloud_metadata_reset(); /* one try of the service per configuration */
     ParseTags(const_cast<char*>(text), list, propfiles);
     processTags(list);
     FREE_PROPFILELIST(propfiles);
@@ -592,3 +610,5 @@ void vx::agent_tags_configure(int attributes, const char* text)
     VX_TRACE(trace_level(), 1, "CONTROL_THREAD", "%s: %s", attributes ? "attributes" : "tags",
              dst ? dst : "(none)");
 }
+
+}  // namespace

@@ -17,6 +17,8 @@
 
 namespace {
 
+constexpr int kHeaderTextSize = 1024; /* decoded header name or value looked at */
+
 bool tags_on(const VXProxyInstance_t* app)
 {
     return app && app->VXSys.enableTagsSupport;
@@ -131,13 +133,14 @@ void process_each_record(VXMonitorDataModel* m, const char* key, const char* val
     }
 }
 
-/* The decoded copy of a header name or value: absent when empty. */
-const char* decoded(std::string& store, const char* text)
+/* The decoded copy of a header name or value in `buf`: null when absent
+ * or empty. A text longer than the buffer is cut (a value is kept to 254
+ * characters anyway). */
+const char* decoded(char (&buf)[kHeaderTextSize], const char* text)
 {
     if (!text || !*text) return nullptr;
-    store.resize(strlen(text) + 1);
-    vx::tag_url_decode(store.data(), store.size(), text);
-    return store.c_str();
+    vx::tag_url_decode(buf, sizeof buf, text);
+    return buf;
 }
 
 }  // namespace
@@ -166,7 +169,8 @@ extern "C" void resolveTransactionTag(VXPerThreadData_t* vxTD, char* key, char* 
     if (!tags_on(app) || !vxTD || btId < 0) return;
     VXMonitorDataModel* m = vx::monitor_model_of(vxTD);
     if (!m) return;
-    std::string keyCopy, valueCopy;
+    /* Decoded on the stack: this runs for each header of a request. */
+    char keyCopy[kHeaderTextSize], valueCopy[kHeaderTextSize];
     const char* k = key;
     const char* v = value;
     if (type == namespace_http_request_headers || type == namespace_http_response_headers) {
@@ -234,7 +238,7 @@ extern "C" BTTagSeqArray* get_json_bt_per_thread(VXPerThreadData_t* vxTD, int bt
     VXMonitorDataModel* m = vxTD ? vxTD->tlMonitorDataModel : nullptr;
     if (!m || btID < 0) return nullptr;
     std::string json;
-    {
+    try {
         vx::VXLockGuard guard(m->lockForBT);
         if (!m->btPerThreadArray || btID >= m->currentSizeOfBTPerThreadArray) return nullptr;
         char* keys[vx::kTagSeqPairsMax];
@@ -254,6 +258,9 @@ extern "C" BTTagSeqArray* get_json_bt_per_thread(VXPerThreadData_t* vxTD, int bt
             EncodeTagsandAttributes(values[i]);
         }
         vx::tag_pairs_to_json(json, keys, values, n);
+    } catch (...) { /* no memory for the text: no sequence, never an exception out */
+        VX_ERROR("BT_MON", "No memory for a tag sequence of BT %d", btID);
+        return nullptr;
     }
     if (json.size() <= 4) return nullptr;
     auto* node = static_cast<BTTagSeqArray*>(calloc(1, sizeof(BTTagSeqArray)));

@@ -13,9 +13,11 @@
 #include <string>
 
 #include "agent/vx_instance.h"
+#include "bt/vx_bt_object.h"
 #include "bt/vx_bt_tags.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "monitor/vx_monitor_model.h"
+#include "vx_sdk.h"
 #include "vx_test_support.h"
 
 namespace {
@@ -192,6 +194,29 @@ TEST_F(TransactionTags, DeclaredKeysAreFoundInTheirList)
     EXPECT_EQ(TagExistInPatternList(S("g")), 0);
     EXPECT_NE(vx_test::trace_log_text().find("Tag p exists in the patten list for btid 5."),
               std::string::npos);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(TransactionTags, StartFPResolvesQueryTagsOfItsBT)
+{
+    vx_test::SessionScope session;
+    parse_global_tags(S("q%201%20a"));
+    auto* td = static_cast<VXPerThreadData_t*>(startFP(
+        nullptr, S("/tags/query?b=1&a=x%20y"), nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
+    ASSERT_NE(td, nullptr);
+    ASSERT_NE(td->tlBTObj, nullptr);
+    const int bt = td->tlBTObj->bt_id;
+    ASSERT_GT(bt, 0);
+    BTTagSeqArray* n = get_json_bt_per_thread(td, bt);
+    ASSERT_NE(n, nullptr);
+    EXPECT_STREQ(n->tagSeq, "{\"q\":\"x_y\"}");
+    free(n->tagSeq);
+    free(n);
+    resetMonitorCounters(td->tlMonitorDataModel);
+    reset(td);
 }
 
 }  // namespace

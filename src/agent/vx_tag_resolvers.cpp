@@ -548,9 +548,13 @@ extern "C" int TagExistsinStaticList(char* key)
 extern "C" void FREE_HASHLIST(apr_hash_t* List)
 {
     if (!List) return;
-    for (apr_hash_index_t* hi = apr_hash_first(nullptr, List); hi; hi = apr_hash_next(hi))
-        free_tag(static_cast<VXTag_t*>(apr_hash_this_val(hi)));
-    apr_hash_clear(List);
+    /* The key is the tag's own name: the entry goes before the tag (removing
+     * the current entry while iterating is safe). */
+    for (apr_hash_index_t* hi = apr_hash_first(nullptr, List); hi; hi = apr_hash_next(hi)) {
+        auto* tag = static_cast<VXTag_t*>(apr_hash_this_val(hi));
+        apr_hash_set(List, tag->tagName, APR_HASH_KEY_STRING, nullptr);
+        free_tag(tag);
+    }
 }
 
 extern "C" void FREE_STATIC_DATA(void)

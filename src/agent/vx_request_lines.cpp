@@ -44,8 +44,8 @@ extern "C" void setControlConnectionReqMessage(void)
     getMachineType();
     VXBCISetting_t& s = app->VXBCISetting;
     setAuthtoken(s.authToken);
-    /* STAND-IN(tags): json_tag is not built
-     * yet; tierAttr comes from KLV_APP_AGENT_TIERATTRIBUTES only. */
+    /* Unset (no tags configured, or none resolved): empty behind a proxy,
+     * "{}" otherwise. */
     const char* none = app->VXSys.proxyMode ? "" : "{}";
     const char* tags = text_or(s.json_tag, none);
     const char* attributes = text_or(s.tierAttr, none);

@@ -13,6 +13,7 @@
 #include "agent/vx_collector_servers.h"
 #include "agent/vx_instance.h"
 #include "agent/vx_sys.h"
+#include "agent/vx_tag_resolvers.h"
 #include "core/vx_atomic.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
@@ -243,12 +244,9 @@ void apply_conf_line(VXProxyInstance_t* app, ConfPass& pass, char* line)
                 break;
             case ConfKey::Tags:
             case ConfKey::Attributes:
-                /* STAND-IN(tags): the lists are not
-                 * parsed yet, so json_tag and tierAttr stay null and the request
-                 * lines send "{}". Lists set from the environment are kept. */
+                /* Lists set from the environment (or an earlier read) are kept. */
                 if (!list_filled(def.key == ConfKey::Tags ? s.taglist : s.attributelist))
-                    VX_TRACE(app->VXSys.agentTraceLevel, 1, "CONTROL_THREAD",
-                             "%s not resolved: '%s'", def.name, value);
+                    vx::agent_tags_configure(def.key == ConfKey::Attributes, value);
                 break;
             case ConfKey::LogRetention:
                 setPastLogTime(atoi(value));
@@ -448,8 +446,8 @@ extern "C" int read_env_var(void)
         apply_protocol_list(app, const_cast<char*>(v));
         protocolSeen = true;
     }
-    /* STAND-IN(tags): KLV_APP_AGENT_TAGS and
-     * KLV_APP_AGENT_ATTRIBUTES are not resolved yet; the lists stay empty. */
+    if ((v = getenv_set("KLV_APP_AGENT_TAGS"))) vx::agent_tags_configure(0, v);
+    if ((v = getenv_set("KLV_APP_AGENT_ATTRIBUTES"))) vx::agent_tags_configure(1, v);
     if ((v = getenv_set("KLV_APP_AGENT_TIERATTRIBUTES")))
         setTierAttr(const_cast<char*>(v), nullptr, 0);
     if ((v = getenv_set("KLV_APP_AGENT_APPNAME"))) setAgentAppName(const_cast<char*>(v));

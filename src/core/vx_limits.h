@@ -194,6 +194,21 @@ inline constexpr int kBTAggArrayInitial = 128;      /* aggBTDataArr, btTagArray 
 inline constexpr int kBTRetireGraceSeconds = 60;    /* a retired rule set outlives its readers */
 inline constexpr int kBTSlotMax = 1048576;          /* BT monitor counter slots: BTs and tag sets */
 
+/* Tags. A resolved value is at most 254 characters in its own buffer. */
+inline constexpr int kTagValueSize = 255;           /* resolvedValue of a tag, 254 characters */
+inline constexpr int kTagQueryBufferSize = 2048;    /* decoded query string looked at for tags */
+inline constexpr int kTagQueryItemsMax = 50;        /* query items looked at for tags */
+inline constexpr int kTagSeqPairsMax = 128;         /* pairs of one flowpath's tag sequence */
+inline constexpr int kTagJsonPairsMax = 127;        /* pairs of the agent's tags or attributes */
+inline constexpr int kTagConfItemsMax = 1024;       /* items of a "tags" text, fields of an item */
+inline constexpr int kTagPropFileMax = 1048575;     /* bytes read of a property file */
+inline constexpr int kTagScriptLineSize = 1024;     /* last output line of a tag script kept */
+inline constexpr long kTagScriptOutputMax = 1 << 20; /* bytes read of a script's output */
+inline constexpr int kTagScriptTimeoutMs = 5000;    /* a tag script is killed after this */
+inline constexpr int kCloudConnectTimeoutMs = 500;  /* metadata service: connect */
+inline constexpr int kCloudReadTimeoutMs = 1000;    /* metadata service: whole answer */
+inline constexpr int kCloudAnswerMax = 16384;       /* bytes read of a metadata answer */
+
 /* Monitors. An interval record (74, 75, 61, 63) is cut at this many bytes;
  * the reporting buffer is handed on once it holds more than its size less
  * one record and its terminator, so the next record always fits. */

@@ -11,6 +11,7 @@
 #include "agent/vx_instance.h"
 #include "bt/vx_bt_object.h"
 #include "bt/vx_bt_rule_exec.h"
+#include "bt/vx_bt_tags.h"
 #include "core/vx_atomic.h"
 #include "core/vx_encode.h"
 #include "core/vx_hashmap.h"
@@ -26,6 +27,7 @@
 #include "flowpath/vx_session_cookie.h"
 #include "flowpath/vx_td_key_map.h"
 #include "http/vx_trace_context.h"
+#include "http/vx_transaction_tags.h"
 #include "monitor/vx_bt_monitor.h"
 #include "proxy/vx_frame_encoder.h"
 
@@ -267,7 +269,12 @@ extern "C" void* startFP(char* flowpathinstance, char* url, char* btHeaderValue,
             VX_TRACE(sys.fpTraceLevel, 2, "FLOWPATH", "Flowpath instance '%s' is already running",
                      vxTD->flowpathInstanceStr);
         saveNodeAndIncrementMethodRefCount(vxTD);
-        /* Transaction tags of the BT are resolved here once tags exist. */
+        if (vxTD->tlBTObj && vxTD->tlURLParameters[0]) {
+            const int btId = vx::load_relaxed(vxTD->tlBTObj->bt_id);
+            if (btId > 0 && is_tag_applied_per_bt_or_globally(btId, namespace_http_url_query_param))
+                resolveTransactionTag(vxTD, vxTD->tlURLParameters, nullptr, btId,
+                                      namespace_http_url_query_param);
+        }
         vxMethodEntryEx(vx::load_acquire(app->methodTable.DefaultMethod), vxTD,
                         const_cast<char*>(kRootMethodName), url, nullptr, 0, nullptr, 1, TLS,
                         startTimeFP, nullptr);

@@ -18,6 +18,7 @@
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_per_thread_data.h"
+#include "http/vx_transaction_tags.h"
 #include "link/vx_as_buffers.h"
 #include "monitor/vx_bt_percentiles.h"
 #include "monitor/vx_monitor_model.h"
@@ -249,13 +250,6 @@ VXBTMonitorDataCounters* object_at(VXMonitorDataModel* m, int slot, int btId, co
 
 /* ---- Tag sequences ----------------------------------------------------- */
 
-/* STAND-IN(transaction-tags): the tag resolver builds a flowpath's sequence;
- * until it exists there is none. */
-BTTagSeqArray* get_json_bt_per_thread(VXPerThreadData_t*, int)
-{
-    return nullptr;
-}
-
 vx::BTTagSeqSource g_tag_source = get_json_bt_per_thread;
 
 /* An entry of tag_obj_map made here: the tag object and its key. */
@@ -266,8 +260,8 @@ struct VXBTTagEntry {
 
 /* The id of a tag sequence, numbered by the count of tag_obj_map when new
  * (record 112 then announces it). -1 without memory.
- * STAND-IN(transaction-tags): entries stay for the instance's life; the tag
- * work frees them with the maps at a session's end. */
+ * Entries stay for the instance's life: the map is made once, if missing, so
+ * a tag sequence keeps its id (and its record 112) across sessions. */
 int tag_id_of(VXProxyInstance_t* app, const char* seq)
 {
     VXBTTagManager& t = app->tagManager;
@@ -310,7 +304,7 @@ void free_seq_list(BTTagSeqArray* n)
  * The record's thread. */
 void UpdateTagSeqForBT(VXPerThreadData_t* vxTD, VXMonitorDataModel* m, int id)
 {
-    /* STAND-IN(transaction-tags): resolveInlineTag(vxTD, id) comes first. */
+    resolveInlineTag(vxTD, id);
     BTTagSeqArray* node = g_tag_source(vxTD, id);
     if (!node) return;
     VXProxyInstance_t* app = vx_app();

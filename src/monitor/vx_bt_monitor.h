@@ -224,8 +224,7 @@ int bt_monitor_grown_size(int oldLength, int id);
 int bt_monitor_tag_id(const VXPerThreadData_t* vxTD);
 
 /* Where a flowpath's tag sequence comes from: a new node the monitor takes
- * over, or null. STAND-IN(transaction-tags): until the tag resolver exists
- * the source gives none; tests install one. */
+ * over, or null: get_json_bt_per_thread unless a test installs another. */
 using BTTagSeqSource = BTTagSeqArray* (*)(VXPerThreadData_t* vxTD, int btID);
 void bt_tag_seq_source_set(BTTagSeqSource source);
 

@@ -22,8 +22,9 @@ extern "C" void free_agent_data(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
-    /* STAND-IN(sql, transaction-tags): their per-session tables are freed
-     * here once they exist. */
+    /* STAND-IN(sql): its per-session tables are freed here once they exist.
+     * Transaction tags keep their values on the monitor models: they go with
+     * free_threadBasedModelMap below. */
     vx::bt_session_free();
     if (node_t* table = vx::load_acquire(app->methodTable.methodHashMapNode)) {
         /* Method events already inside the table when the session's flag

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "agent/vx_instance.h"
+#include "agent/vx_request_lines.h"
 #include "core/vx_trace_log.h"
 #include "vx_sdk.h"
 #include "vx_test_support.h"
@@ -131,3 +132,46 @@ TEST(SettingsAtStart, EnvironmentPortAndProtocol)
 }
 
 }  // namespace
+
+TEST(SettingsAtStart, TagsAndAttributesAreResolvedOnceEnvironmentFirst)
+{
+    const struct {
+        const char* name;
+        const char* vxcHost; /* KLV_APP_AGENT_VXCHOST, null: unset */
+        const char* envTags; /* KLV_APP_AGENT_TAGS */
+        const char* tags;
+        const char* attributes; /* null: unset, the line says "{}" */
+    } cases[] = {
+        {"file only", nullptr, "e=inline:env", "{\"Technology\":\"cppAgent\",\"a\":\"x\"}",
+         "{\"r\":\"eu\"}"},
+        {"environment only", "10.3.3.3", "e=inline:env",
+         "{\"Technology\":\"cppAgent\",\"e\":\"env\"}", nullptr},
+        /* A refused host: the environment is read, then the file on top,
+         * whose tags do not replace those of the environment. */
+        {"environment kept", "collector.example.com", "e=inline:env",
+         "{\"Technology\":\"cppAgent\",\"e\":\"env\"}", "{\"r\":\"eu\"}"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_IN_CHILD([&c](const std::string& home) {
+            unsetenv("KLV_APP_AGENT_VXCHOST");
+            unsetenv("VX_TAG_UNSET");
+            if (c.vxcHost) setenv("KLV_APP_AGENT_VXCHOST", c.vxcHost, 1);
+            setenv("KLV_APP_AGENT_TAGS", c.envTags, 1);
+            mkdir((home + "/cppAgent").c_str(), 0755);
+            mkdir((home + "/cppAgent/config").c_str(), 0755);
+            std::ofstream(home + "/cppAgent/config/vxsettings.conf")
+                << "tags=a=inline:x,u=env:VX_TAG_UNSET\nattributes=r=inline:eu\n";
+            agent_init(S("shop"), 0, S("worker"), S("cppAgent"), S("1.0"));
+            const VXBCISetting_t& s = tlvxApplication->VXBCISetting;
+            CHILD_CHECK(s.json_tag && strcmp(s.json_tag, c.tags) == 0);
+            CHILD_CHECK(c.attributes ? s.tierAttr && strcmp(s.tierAttr, c.attributes) == 0
+                                     : s.tierAttr == nullptr);
+            setControlConnectionReqMessage();
+            const std::string line = s.controlConnectionReqMessage;
+            CHILD_CHECK(line.find(std::string(";tags=") + c.tags + ";attributes=" +
+                                  (c.attributes ? c.attributes : "{}") + ";") != std::string::npos);
+            return 0;
+        });
+    }
+}

@@ -171,6 +171,7 @@ TEST_F(Tiers, ForcedCallerForcesTheCalleeAndHostileHeadersAreRefused)
         auto* td = begin(bad);
         ASSERT_NE(td, nullptr) << bad;
         EXPECT_GT(td->flowpathInstance, 0) << bad;
+        EXPECT_EQ(td->firstFlowpathInstance, 0) << bad;
         end(td);
     }
     EXPECT_NE(vx_test::trace_log_text().find("Error in received string '1_2'"), std::string::npos);

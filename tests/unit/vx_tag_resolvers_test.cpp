@@ -45,11 +45,11 @@ void write_file(const std::string& path, const std::string& text, bool exec = fa
 }
 
 /* A metadata service stand-in on loopback: answers each connection with
- * `answer` (or holds it open, silent, when `silent`), and keeps the last
- * request it read. */
+ * `answer` and keeps the last request it read. A silent one only listens:
+ * connections are made by the kernel and never answered. */
 class LoopbackHttp {
 public:
-    LoopbackHttp(std::string answer, bool silent) : answer_(std::move(answer)), silent_(silent)
+    LoopbackHttp(std::string answer, bool silent) : answer_(std::move(answer))
     {
         fd_ = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in sa{};
@@ -60,14 +60,14 @@ public:
         getsockname(fd_, reinterpret_cast<sockaddr*>(&sa), &len);
         port_ = ntohs(sa.sin_port);
         listen(fd_, 4);
-        thread_ = std::thread([this] { serve(); });
+        if (!silent) thread_ = std::thread([this] { serve(); });
     }
     ~LoopbackHttp()
     {
         stop_ = true;
         shutdown(fd_, SHUT_RDWR);
         close(fd_);
-        thread_.join();
+        if (thread_.joinable()) thread_.join();
     }
     std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
     std::string request()
@@ -88,15 +88,11 @@ private:
                 std::lock_guard<std::mutex> g(m_);
                 request_.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
             }
-            if (silent_)
-                while (!stop_) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            else
-                send(c, answer_.data(), answer_.size(), MSG_NOSIGNAL);
+            send(c, answer_.data(), answer_.size(), MSG_NOSIGNAL);
             close(c);
         }
     }
     std::string answer_;
-    bool silent_;
     int fd_ = -1;
     int port_ = 0;
     std::atomic<bool> stop_{false};

@@ -213,7 +213,8 @@ private:
  * header kPercentilesHeader: connection, record number, series id (121
  * only), name, time, body length, values in the digest, its quantiles 0.5,
  * 0.9 and 0.99, then exact_n, the number of totals ExactTotals had for the
- * series, and their quantiles (exact_quantile). A quantile of nothing is an
+ * series, and their quantiles (exact_quantile for record 96,
+ * exact_rank_quantile for record 121, the rules their digests are read by). A quantile of nothing is an
  * empty field; numbers are written in the fewest digits that read back to
  * the same double.
  */

@@ -1,4 +1,5 @@
 #include "digest_decode.h"
+#include <algorithm>
 
 #include <bit>
 #include <climits>
@@ -228,6 +229,13 @@ double exact_quantile(const std::vector<double>& sorted, double q)
     const size_t lo = static_cast<size_t>(at);
     if (lo + 1 >= sorted.size()) return sorted.back();
     return sorted[lo] + (sorted[lo + 1] - sorted[lo]) * (at - static_cast<double>(lo));
+}
+
+double exact_rank_quantile(const std::vector<double>& sorted, double q)
+{
+    if (sorted.empty()) return kNan;
+    const auto rank = static_cast<size_t>(static_cast<double>(sorted.size()) * q);
+    return sorted[std::clamp<size_t>(rank, 1, sorted.size()) - 1];
 }
 
 }  // namespace vxc

@@ -92,6 +92,13 @@ double cdigest_quantile(const CDigest& d, double q);
  * position (n - 1) * q. NaN when there are none. */
 double exact_quantile(const std::vector<double>& sorted, double q);
 
+/* Quantile q (0..1) of values sorted ascending by the rank cdigest_quantile
+ * reads: the value at rank count * q (truncated, at least 1). A c-digest's
+ * answer lies within its bucket's 1/32 of this value, where it may be far
+ * from the interpolated one when few values lie far apart. NaN when there
+ * are none. */
+double exact_rank_quantile(const std::vector<double>& sorted, double q);
+
 }  // namespace vxc
 
 #endif

@@ -559,9 +559,11 @@ void on_digest_body(Server* s, Conn* c, std::string_view body, bool line_feed_be
     row.ts = r.digest.ts;
     row.bytes = r.digest.bytes;
     row.exact_n = exact.size();
-    row.exact_p50 = exact_quantile(exact, 0.5);
-    row.exact_p90 = exact_quantile(exact, 0.9);
-    row.exact_p99 = exact_quantile(exact, 0.99);
+    /* Each digest is held to the quantile rule it is read by. */
+    const auto quantile = r.number == 96 ? exact_quantile : exact_rank_quantile;
+    row.exact_p50 = quantile(exact, 0.5);
+    row.exact_p90 = quantile(exact, 0.9);
+    row.exact_p99 = quantile(exact, 0.99);
     s->store.row(RunStore::Table::Percentiles, percentiles_row(row));
 }
 

@@ -227,11 +227,16 @@ TEST(CDigestDecode, HostileBodiesAreRefused)
     }
 }
 
-TEST(ExactQuantile, InterpolatesBetweenSortedValues)
+TEST(ExactQuantile, InterpolatesOrReadsTheDigestsRank)
 {
     EXPECT_TRUE(std::isnan(vxc::exact_quantile({}, 0.5)));
     EXPECT_EQ(vxc::exact_quantile({7}, 0.99), 7.0);
     EXPECT_EQ(vxc::exact_quantile({10, 15, 61}, 0.5), 15.0);
+    /* Rank rule: count * q truncated, at least the first value. */
+    EXPECT_TRUE(std::isnan(vxc::exact_rank_quantile({}, 0.5)));
+    EXPECT_EQ(vxc::exact_rank_quantile({700, 702, 737, 739}, 0.5), 702.0);
+    EXPECT_EQ(vxc::exact_rank_quantile({700, 702, 737, 739}, 0.1), 700.0);
+    EXPECT_EQ(vxc::exact_rank_quantile({700, 702, 737, 739}, 0.99), 737.0);
     EXPECT_DOUBLE_EQ(vxc::exact_quantile({10, 15, 61}, 0.9), 51.8);
     EXPECT_EQ(vxc::exact_quantile({10, 15, 61}, 1), 61.0);
 }

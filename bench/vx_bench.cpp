@@ -16,6 +16,7 @@
 #include "core/vx_hashmap.h"
 #include "agent/vx_instance.h"
 #include "core/vx_platform.h"
+#include "diag/vx_sql_processor.h"
 #include "flowpath/vx_backend_naming.h"
 #include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
@@ -206,6 +207,47 @@ void BM_DbCalloutPair(benchmark::State& state)
     callout_pair(state, "Db.query", "MySQL|db.internal|3306|shop", false);
 }
 BENCHMARK(BM_DbCalloutPair)->Threads(1)->Threads(2)->UseRealTime();
+
+/* A query text of 200 characters with separators to escape. */
+std::string bench_query(long long n)
+{
+    std::string q = "select o.id, o.total, c.name from orders o join customers c on c.id = o.cust "
+                    "where o.state = 'open' and o.total > 100 order by o.created desc limit " +
+                    std::to_string(n);
+    q.resize(200, ' ');
+    return q;
+}
+
+/* The id of a query already seen: its escape into the stack buffer and the
+ * look-up under the lock. Target: at most 1 us and no allocation. */
+void BM_SqlKnownQuery(benchmark::State& state)
+{
+    start_agent();
+    std::string q = bench_query(1);
+    dumpSQLQuery(nullptr, nullptr, q.data());
+    const long long before = g_mallocs.load();
+    for (auto _ : state) benchmark::DoNotOptimize(dumpSQLQuery(nullptr, nullptr, q.data()));
+    if (state.thread_index() == 0)
+        state.counters["allocs_per_query"] =
+            static_cast<double>(g_mallocs.load() - before) / static_cast<double>(state.iterations() * state.threads());
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_SqlKnownQuery)->Threads(1)->Threads(2)->UseRealTime();
+
+/* A text never seen: its entry, its id and its record 22. */
+void BM_SqlNewQuery(benchmark::State& state)
+{
+    start_agent();
+    static std::atomic<long long> next{1000000};
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::string q = bench_query(next++);
+        state.ResumeTiming();
+        benchmark::DoNotOptimize(dumpSQLQuery(nullptr, nullptr, q.data()));
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_SqlNewQuery);
 
 /* Naming a backend from its description by a rule: the whole cost of the
  * name on a callout's exit, before the table look-up. */

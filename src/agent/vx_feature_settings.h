@@ -43,9 +43,13 @@ struct VXExceptionSettings_t {
     char vxExceptionFilterList[kFeatureTextSize];
 };
 
-/* STAND-IN(sql) */
+/* The query dictionary's state; the dictionary itself and its lock live in
+ * the SQL processor, process-wide. */
 struct VXSQLProcessor_t {
-    char DBIPName[kFeatureTextSize]; /* "DB_SQLDB" for "-", "NA" or empty */
+    char isDefaultQueryRecordsDumped; /* the five fixed queries were sent */
+    char DBIPName[1024];              /* "DB_SQLDB" for "-", "NA" or empty */
+    int preparedQueryRecordID;        /* 22 */
+    long long sqlQueryID;             /* last id given */
 };
 
 /* STAND-IN(log-forwarder): process-wide, vxAppLogStruct. */

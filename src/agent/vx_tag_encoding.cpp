@@ -36,58 +36,6 @@ extern "C" void sortTags(char** k, char** v, int len)
         }
 }
 
-void vx::tag_remove_newlines(char* text)
-{
-    if (!text) return;
-    char* out = text;
-    for (const char* p = text; *p;) {
-        if (p[0] == '%' && p[1] == '4' && (p[2] == 'A' || p[2] == 'D')) {
-            p += 3;
-        } else if (p[0] == '\\' && (p[1] == 'n' || p[1] == 'r')) {
-            p += 2;
-        } else if (*p == '\n' || *p == '\r') {
-            ++p;
-        } else {
-            *out++ = *p++;
-        }
-    }
-    *out = '\0';
-}
-
-namespace {
-
-struct Escape {
-    char code[3];
-    char c;
-};
-
-constexpr Escape kEscapes[] = {
-    {"2C", ','}, {"4D", '\r'}, {"4A", '\n'}, {"27", '\''}, {"22", '"'}, {"5C", '\\'},
-    {"7C", '|'}, {"2E", '.'},  {"3A", ':'},  {"26", '&'},  {"5E", '^'}, {"20", ' '},
-    {"3D", '='}, {"3B", ';'},  {"25", '%'},  {"3E", '>'},  {"3C", '<'}, {"2F", '/'},
-};
-
-}  // namespace
-
-void vx::tag_url_decode(char* dst, size_t cap, const char* src)
-{
-    if (!dst || cap == 0) return;
-    size_t o = 0;
-    for (const char* p = src ? src : ""; *p && o + 1 < cap;) {
-        char c = 0;
-        if (*p == '%' && p[1] && p[2])
-            for (const Escape& e : kEscapes)
-                if (p[1] == e.code[0] && p[2] == e.code[1]) c = e.c;
-        if (c) {
-            dst[o++] = c;
-            p += 3;
-        } else {
-            dst[o++] = *p++;
-        }
-    }
-    dst[o] = '\0';
-}
-
 namespace {
 
 void json_string(std::string& out, const char* s)

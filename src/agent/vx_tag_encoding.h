@@ -22,15 +22,6 @@ void sortTags(char** k, char** v, int len);
 
 namespace vx {
 
-/* Removes in place the encoded and escaped line ends a value may carry:
- * "%4A", "%4D", the two-character texts \n and \r, and bytes 10 and 13. */
-void tag_remove_newlines(char* text);
-
-/* Decodes the percent escapes of names and values read from headers and
- * query strings into dst (cap bytes, always terminated); unknown escapes
- * and a '%' with fewer than two characters after it are copied. */
-void tag_url_decode(char* dst, size_t cap, const char* src);
-
 /* Appends {"k0":"v0",...} for n pairs in the given order; a key met again
  * replaces its earlier value in place. '"', '\' and control characters are
  * escaped; '/' is written plain. */

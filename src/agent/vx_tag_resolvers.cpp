@@ -18,6 +18,7 @@
 #include "agent/vx_settings.h"
 #include "agent/vx_tag_encoding.h"
 #include "agent/vx_tag_resolvers_private.h"
+#include "core/vx_encode.h"
 #include "core/vx_limits.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
@@ -260,7 +261,7 @@ extern "C" char* convertTagsToJson(apr_hash_t* List, int adddefaulttags)
     }
     std::vector<char*> k, v;
     for (size_t i = 0; i < names.size(); ++i) {
-        vx::tag_remove_newlines(values[i].data());
+        check_and_remove_slash_n(values[i].data());
         EncodeTagsandAttributes(names[i].data());
         EncodeTagsandAttributes(values[i].data());
         k.push_back(names[i].data());

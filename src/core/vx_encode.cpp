@@ -258,3 +258,95 @@ extern "C" char* hblb_encode_text_to_base64(char* text_input, int text_len, int*
     if (enc_len) *enc_len = n;
     return out;
 }
+
+extern "C" void encode_n_tag(char* sb, int len, char* msgData)
+{
+    if (!sb || len <= 0) return;
+    int o = 0;
+    for (const char* p = msgData ? msgData : ""; *p; ++p) {
+        if (*p == '\n') {
+            if (o + 2 >= len) break;
+            sb[o++] = '%';
+            sb[o++] = 'A';
+        } else {
+            if (o + 1 >= len) break;
+            sb[o++] = *p;
+        }
+    }
+    sb[o] = '\0';
+}
+
+extern "C" void check_and_remove_slash_n(char* ptr)
+{
+    if (!ptr) return;
+    char* out = ptr;
+    for (const char* p = ptr; *p;) {
+        if (p[0] == '%' && p[1] == '4' && (p[2] == 'A' || p[2] == 'D')) {
+            p += 3;
+        } else if (p[0] == '\\' && (p[1] == 'n' || p[1] == 'r')) {
+            p += 2;
+        } else if (*p == '\n' || *p == '\r') {
+            ++p;
+        } else {
+            *out++ = *p++;
+        }
+    }
+    *out = '\0';
+}
+
+namespace {
+
+struct Escape {
+    char code[3];
+    char c;
+};
+
+constexpr Escape kUrlEscapes[] = {
+    {"2C", ','}, {"4D", '\r'}, {"4A", '\n'}, {"27", '\''}, {"22", '"'}, {"5C", '\\'},
+    {"7C", '|'}, {"2E", '.'},  {"3A", ':'},  {"26", '&'},  {"5E", '^'}, {"20", ' '},
+    {"3D", '='}, {"3B", ';'},  {"25", '%'},  {"3E", '>'},  {"3C", '<'}, {"2F", '/'},
+};
+
+}  // namespace
+
+extern "C" void decodeurlencoding(char* sb, char* msgData, int deslen)
+{
+    if (!sb) return;
+    int o = 0;
+    const char* p = msgData ? msgData : "";
+    for (int i = 0; i < deslen && p[i];) {
+        char c = 0;
+        /* Both code characters must lie inside the text and the limit. */
+        if (p[i] == '%' && i + 2 < deslen && p[i + 1] && p[i + 2])
+            for (const Escape& e : kUrlEscapes)
+                if (p[i + 1] == e.code[0] && p[i + 2] == e.code[1]) c = e.c;
+        if (c) {
+            sb[o++] = c;
+            i += 3;
+        } else {
+            sb[o++] = p[i++];
+        }
+    }
+    sb[o] = '\0';
+}
+
+extern "C" char* decode_fun(char* str)
+{
+    if (!str) return nullptr;
+    char* out = static_cast<char*>(malloc(strlen(str) + 1));
+    if (!out) return nullptr;
+    char* o = out;
+    for (const char* p = str; *p;) {
+        if (p[0] == '%' && p[1] == '3' && p[2] == 'D') {
+            *o++ = '=';
+            p += 3;
+        } else if (p[0] == '%' && p[1] == '7' && p[2] == 'C') {
+            *o++ = '|';
+            p += 3;
+        } else {
+            *o++ = *p++;
+        }
+    }
+    *o = '\0';
+    return out;
+}

@@ -44,6 +44,18 @@ void encoded_with_underscore(char* sb, int len, char* msgData);
  * fit, always terminated). */
 void decodeUnderscore(char* sb, int len, const char* msgData);
 
+/* Newline becomes "%A"; into `sb` of `len` bytes, cut to fit, terminated. */
+void encode_n_tag(char* sb, int len, char* msgData);
+/* Removes in place "%4A", "%4D", the two-character texts \n and \r, and
+ * bytes 10 and 13. */
+void check_and_remove_slash_n(char* ptr);
+/* Decodes the percent escapes of , CR LF ' " \ | . : & ^ blank = ; % > < /
+ * in at most `deslen` characters of `msgData` into `sb` (deslen + 1 bytes);
+ * unknown escapes and a '%' without two characters after it are copied. */
+void decodeurlencoding(char* sb, char* msgData, int deslen);
+/* A new heap string (free()) in which "%3D" is '=' and "%7C" is '|'. */
+char* decode_fun(char* str);
+
 /* Base64 (RFC 4648, padded). A new zeroed buffer (free()) and its length in
  * *enc_len; null on failure. */
 char* hblb_encode_text_to_base64(char* text_input, int text_len, int* enc_len);

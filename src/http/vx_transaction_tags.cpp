@@ -8,6 +8,7 @@
 #include "agent/vx_instance.h"
 #include "agent/vx_tag_encoding.h"
 #include "bt/vx_bt_tags.h"
+#include "core/vx_encode.h"
 #include "core/vx_limits.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
@@ -100,7 +101,7 @@ void query_tag(VXMonitorDataModel* m, int btId, const BTTagArray* decl, const ch
 {
     if (!query || !decl->tagField) return;
     char buf[vx::kTagQueryBufferSize];
-    vx::tag_url_decode(buf, sizeof buf, query);
+    decodeurlencoding(buf, const_cast<char*>(query), static_cast<int>(sizeof buf) - 1);
     char* items[vx::kTagQueryItemsMax];
     const int n = vxlb_get_tokens_with_multi_delimiter(buf, items, const_cast<char*>("&"),
                                                        vx::kTagQueryItemsMax);
@@ -139,7 +140,7 @@ void process_each_record(VXMonitorDataModel* m, const char* key, const char* val
 const char* decoded(char (&buf)[kHeaderTextSize], const char* text)
 {
     if (!text || !*text) return nullptr;
-    vx::tag_url_decode(buf, sizeof buf, text);
+    decodeurlencoding(buf, const_cast<char*>(text), static_cast<int>(sizeof buf) - 1);
     return buf;
 }
 
@@ -253,7 +254,7 @@ extern "C" BTTagSeqArray* get_json_bt_per_thread(VXPerThreadData_t* vxTD, int bt
         sortTags(keys, values, n);
         /* Encoded after the sort, in place: the sort sees the plain texts. */
         for (int i = 0; i < n; ++i) {
-            vx::tag_remove_newlines(values[i]);
+            check_and_remove_slash_n(values[i]);
             EncodeTagsandAttributes(keys[i]);
             EncodeTagsandAttributes(values[i]);
         }

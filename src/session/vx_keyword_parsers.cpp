@@ -129,11 +129,6 @@ extern "C" void parseEnableCPUTime(char* value, char*, int)
 extern "C" void sethbWDir(char* value, char* keyword, int) { trace(keyword, value); }
 extern "C" void setASData(char* value, char* keyword, int) { trace(keyword, value); }
 
-extern "C" void setDBIPName(char* value, char*, int)
-{
-    copy_feature_text(app()->VXSQLProcessor.DBIPName, none(value) ? "DB_SQLDB" : value);
-}
-
 extern "C" void setVXMonitorInterval(char* value, char* keyword, int)
 {
     errno = 0;

@@ -15,7 +15,6 @@ void setCurrentTR(char* value, char* keyword, int index);
 void setKlvEpochDiff(char* value, char* keyword, int index);
 void parseEnableCPUTime(char* value, char* keyword, int index);
 void sethbWDir(char* value, char* keyword, int index);
-void setDBIPName(char* value, char* keyword, int index);
 void setVXMonitorInterval(char* value, char* keyword, int index);
 void parseBTMonitorKeyword(char* value, char* keyword, int index);
 void parseMaxBTCount(char* value, char* keyword, int index);

@@ -6,6 +6,7 @@
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "diag/vx_autosensor_thread.h"
+#include "diag/vx_sql_processor.h"
 #include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
 #include "http/vx_header_ids.h"
@@ -36,6 +37,7 @@ void session_start(int testIdx, long long klvEpochDiffTime, SessionData data)
     vx::store_relaxed(app->VXSys.dataConnState, 1);
     vx::store_relaxed(app->VXSys.discardCount, 0);
     vx::store_relaxed(app->VXSys.vxcBciDataConnectionHeartBeat, kDataHeartBeatTicks);
+    VXSQLProcessorInit(); /* the fixed queries go out again, ids from 6 */
     if (data == SessionData::kTapOnly) vx::store_relaxed(app->VXBCISetting.data_thread_running, 1);
     /* What records need is made before the flag rises (see
      * prepare_data_channel). */

@@ -7,6 +7,7 @@
 #include "core/vx_atomic.h"
 #include "core/vx_record_door.h"
 #include "diag/vx_autosensor_thread.h"
+#include "diag/vx_sql_processor.h"
 #include "flowpath/vx_method_announce.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
@@ -22,8 +23,8 @@ extern "C" void free_agent_data(void)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
-    /* STAND-IN(sql): its per-session tables are freed here once they exist.
-     * Transaction tags keep their values on the monitor models: they go with
+    free_preparedQueryIDLookup();
+    /* Transaction tags keep their values on the monitor models: they go with
      * free_threadBasedModelMap below. */
     vx::bt_session_free();
     if (node_t* table = vx::load_acquire(app->methodTable.methodHashMapNode)) {

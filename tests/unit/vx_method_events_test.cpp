@@ -183,7 +183,7 @@ TEST_F(MethodEvents, DatabaseCalloutWritesOnlyTheOutermostCallAndErrorsUseE)
     std::string ok = finish(td);
     const std::string backend = std::to_string(id("DB_dbhost"));
     EXPECT_EQ(ok, golden("{r}:0_0_0__{q}:0_0_5__{q}:0_0_5__{q}:0_1_7_300___{q}:0_1_7_300___"
-                         "T7:{db}:7:10:0:0::::200:_{r}:0_1_0_1300___",
+                         "T7:{db}:7:10:6:0::::200:_{r}:0_1_0_1300___",
                          {{"db", backend}}));
 
     td = begin();
@@ -197,7 +197,7 @@ TEST_F(MethodEvents, DatabaseCalloutWritesOnlyTheOutermostCallAndErrorsUseE)
     at(12, 2300);
     leave(td, "Db.query", 0, 500, "mysql|dbhost|3306");
     EXPECT_EQ(finish(td, -1), golden("{r}:0_0_0__{q}:0_0_5__{q}:0_1_7_300___"
-                                     "E4:{db}:7:10:0:0::::500:_{r}:0_1_0_1300___",
+                                     "E4:{db}:7:10:8:0::::500:_{r}:0_1_0_1300___",
                                      {{"db", backend}}));
 }
 
@@ -259,7 +259,7 @@ TEST_F(MethodEvents, UncapturedFlowpathStillWritesForcedTokensAndCallouts)
     enter(td, "Db.query", 0, "select 1");
     leave(td, "Db.query", 0, -1, "pg|h|5432");
     at(3500, 1000); /* slow, so it is reported */
-    EXPECT_EQ(finish(td), golden("{r}:0_0_0__{fe}:0_0_5__{tx}:0_1_0_0___T7:{db}:0:10:0:0::::200:_"
+    EXPECT_EQ(finish(td), golden("{r}:0_0_0__{fe}:0_0_5__{tx}:0_1_0_0___T7:{db}:0:10:6:0::::200:_"
                                  "{r}:0_1_0_0___",
                                  {{"db", std::to_string(id("DB_h"))}}));
 }

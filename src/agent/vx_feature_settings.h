@@ -37,12 +37,6 @@ struct VXDynamicSettings_t {
     long long ddAIInterval; /* seconds of a BT's auto-instrumentation window */
 };
 
-/* STAND-IN(exceptions) */
-struct VXExceptionSettings_t {
-    char instrExceptions[kFeatureTextSize];
-    char vxExceptionFilterList[kFeatureTextSize];
-};
-
 /* STAND-IN(sql) */
 struct VXSQLProcessor_t {
     char DBIPName[kFeatureTextSize]; /* "DB_SQLDB" for "-", "NA" or empty */

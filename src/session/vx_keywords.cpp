@@ -12,6 +12,7 @@
 #include "core/vx_atomic.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
+#include "diag/vx_exception_capture.h"
 #include "diag/vx_thread_reports.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_resource_ids.h"
@@ -373,8 +374,8 @@ extern "C" void vxlb_init_all_keywords(void)
     vx::store_relaxed(sys.dataConnState, 1);
     vx::store_relaxed(sys.autosensorConnState, 1);
     vx::store_relaxed(srv.isTenRecordDump, 0);
-    /* STAND-IN(exceptions, sql): their settings start again here once they
-     * exist. */
+    setdefaultValuesForException();
+    /* STAND-IN(sql): its settings start again here once it exists. */
     app->monitorSettings.vxVectorSeperator = '>';
     VXASSettingInit();
     initVXHttpReqRespCaptureSettings(&app->httpSettings.vxHttpReqCaptureSettings);

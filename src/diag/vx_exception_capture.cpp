@@ -433,8 +433,12 @@ extern "C" void getstacktracearray(VXPerThreadData_t* vxTD, char* stacktracearra
         VX_TRACE(e.exceptionCaptureTraceLevel, 1, "EXCEPTION", "Either vxTD or StacktraceArray is NULL");
         return;
     }
-    char* copy = strdup(stacktracearray);
-    if (copy) {
+    /* The thread's copy is overwritten when the new text fits in it: a
+     * host repeating one exception makes no allocation. */
+    const size_t len = strlen(stacktracearray);
+    if (vxTD->exceptionStackTrace && strlen(vxTD->exceptionStackTrace) >= len) {
+        memcpy(vxTD->exceptionStackTrace, stacktracearray, len + 1);
+    } else if (char* copy = strdup(stacktracearray)) {
         free(vxTD->exceptionStackTrace);
         vxTD->exceptionStackTrace = copy;
     }

@@ -1,3 +1,4 @@
+#include "exceptions.h"
 #include "record_parser.h"
 
 #include <gtest/gtest.h>
@@ -188,6 +189,22 @@ TEST(RecordParser, CapturedHeadersResolveThroughRecord6AndOnlyA2047ByteTextMayEn
     }
     EXPECT_EQ(vxc::parse_capture_text(std::string(2048, '1'), &items, &error), -1);
     EXPECT_EQ(vxc::parse_capture_text("|5:<a|b>", &items, &error), -1);
+}
+
+TEST(RecordParser, ExceptionRowsResolveTheirTextsThroughRecords32To36)
+{
+    vxc::ExceptionTexts texts;
+    vxc::Record r;
+    for (const char* meta : {"32,1,java.io.IOException", "33,1,-", "34,1,read", "35,2,a, b\tc"}) {
+        ASSERT_EQ(parse(meta, nullptr, &r), 0) << meta;
+        EXPECT_TRUE(texts.add(r.number, std::stoll(r.fields[0]), vxc::join(r.fields, 1, r.fields.size()), 10));
+    }
+    ASSERT_EQ(parse("38,77,7250,42,3,-1,-1,1,1,1,12,2,9,at a.B(B.java:3),x|at c.D", nullptr, &r), 0);
+    EXPECT_EQ(vxc::exception_row(4, r.fields, texts),
+              "4\t77\t7250\t42\t3\tjava.io.IOException\t-\tread\t12\ta, b c\t#9\tat a.B(B.java:3),x|at c.D");
+    ASSERT_EQ(parse("38,77,7250,42,0,-1,-1,-1,1,1,-1,-1,-1,", nullptr, &r), 0);
+    EXPECT_EQ(vxc::exception_row(4, r.fields, texts), "4\t77\t7250\t42\t0\t-\t-\tread\t-1\t-\t-\t");
+    EXPECT_FALSE(texts.add(32, 5, "more", 1)); /* the table is full */
 }
 
 TEST(LineSplitter, LinesStraddlingReadsComeOutWholeWithoutTheirNulBytes)

@@ -353,6 +353,16 @@ VX_API char* sdk_get_otl_tracestate(vxBTHandle bt_handle) VX_NOEXCEPT;
 VX_API char* sdk_get_propagation_header(vxBTHandle bt_handle) VX_NOEXCEPT;
 /* Release a string returned above. NULL is ignored. */
 VX_API void sdk_free_memory(char* str) VX_NOEXCEPT;
+/*
+ * An exception seen in the flowpath of `vxTD`, raised in an instrumented
+ * method (throwingClassName.throwingmethodName): its class, message (only
+ * the first 50 bytes count), cause, line and stack trace text. Any text but
+ * the stack trace may be NULL; fileName is not used. Texts are copied.
+ */
+VX_API void getstacktracearray(VXPerThreadData_t* vxTD, char* stacktracearray, char* fileName,
+                               char* className, char* throwingClassName, char* message,
+                               char* throwingmethodName, int lineNumber,
+                               char* ExceptionCause) VX_NOEXCEPT;
 /* 1 when the host should report exceptions from its logger, else 0. */
 VX_API int enableLOGGERFromPH(void) VX_NOEXCEPT;
 /* Hand over a garbage-collection report; `id` is the host's report number. */

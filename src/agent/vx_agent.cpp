@@ -22,6 +22,7 @@
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "diag/vx_autosensor_thread.h"
+#include "diag/vx_exception_capture.h"
 #include "diag/vx_thread_reports.h"
 #include "agent/vx_trace_setup.h"
 #include "flowpath/vx_method_table.h"
@@ -132,6 +133,7 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
     VXDigestPercentileInit();
     VXBCISettingInit();
     VXASSettingInit();
+    setdefaultValuesForException();
 
     if (!startedWithExc) {
         initializeVXApplicationGlobal();

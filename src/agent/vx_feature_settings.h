@@ -37,12 +37,6 @@ struct VXDynamicSettings_t {
     long long ddAIInterval; /* seconds of a BT's auto-instrumentation window */
 };
 
-/* STAND-IN(exceptions) */
-struct VXExceptionSettings_t {
-    char instrExceptions[kFeatureTextSize];
-    char vxExceptionFilterList[kFeatureTextSize];
-};
-
 /* The query dictionary's state; the dictionary itself and its lock live in
  * the SQL processor, process-wide. */
 struct VXSQLProcessor_t {

@@ -33,6 +33,7 @@
 #include "core/vx_limits.h"
 #include "core/vx_platform.h"
 #include "core/vx_retire_list.h"
+#include "diag/vx_exception_capture.h"
 #include "diag/vx_thread_reports.h"
 #include "flowpath/vx_backend_naming.h"
 #include "flowpath/vx_callout.h"
@@ -134,8 +135,12 @@ struct VXProxyInstance_t {
     VXAutoInstrumentation_t vxAutoInstrumentation;
     VXInterfaceProcessor_t VXInterfaceProcessor;
     VXDynamicSettings_t vxDynamicSettings;
-    VXExceptionSettings_t exceptionSettings;
     VXSQLProcessor_t VXSQLProcessor;
+    /* Exception capture: settings, next ids, dictionaries (made on first
+     * use, read with acquire). */
+    VXException_t vxException;
+    VXExceptionIDS_t vxExceptionIDS;
+    vx::ExceptionDictionaries* exceptionDicts;
     VXHttpSettings_t httpSettings;
 
     /* Files the collector served, by keyword index. */

@@ -88,7 +88,7 @@ void dump_monitors(VXProxyInstance_t* app, char* buf)
         dumpASData(buf, len);
         len = 0;
     }
-    /* STAND-IN(method-monitor, exceptions): the method and exception
+    /* STAND-IN(method-monitor, exception-monitor): the method and exception
      * monitors write their rows here, in that order, each followed by
      * dumpASData and a length of 0. */
     sendASReport();

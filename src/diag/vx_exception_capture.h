@@ -1,18 +1,109 @@
 /*
- * Exception capture: exceptions the host reports in a flowpath, their
- * dictionaries and record 38.
+ * Exception capture: exceptions the host reports in a flowpath, the five
+ * dictionaries that number their texts (records 32 to 36), and record 38.
  *
- * STAND-IN(exceptions): nothing is captured yet, so the mode
- * reads 0 (off) and hosts are not asked to report exceptions.
+ * Each dictionary has its own lock; a text's metadata record goes out inside
+ * that lock, so it always precedes any record 38 naming its id. Texts are
+ * made safe for a record line (line feeds rewritten, length bounded) in a
+ * stack buffer before the look-up: a text seen before costs no allocation.
  */
 #ifndef VX_EXCEPTION_CAPTURE_H
 #define VX_EXCEPTION_CAPTURE_H
 
+#include <cstddef>
+
 #include "vx_sdk.h"
 
+struct VXPerThreadData_t;
+struct methodPropProperties;
+
+/* Settings of the instance (vxException). The per-text pairs of fields are
+ * kept for the layout's sake; the dictionaries hold text and id themselves. */
+struct VXException_t {
+    int exceptionCaptureMode;      /* 0 off; 1 and 2 on */
+    int stackTraceCaptureMode;     /* 0 or 1 */
+    int exceptionCauseCaptureMode; /* 0 or 1 */
+    int exceptionType;             /* 0, 1 or 3; read by the host */
+    int stackTraceMaxDepth;        /* read by the host */
+    int exceptionCaptureTraceLevel;
+    char enableLogger;
+    char enableTrycatch;
+    int traceLevel;
+    char** currElement; /* filter list of exception class names */
+    int filterSizeCount;
+    int currSize; /* pointers allocated in currElement */
+    char isFilteringEnabled;
+};
+
+/* Next id of each dictionary; 1 at a session's start. */
+struct VXExceptionIDS_t {
+    int exceptionClassNameID;
+    int throwingClassNameID;
+    int throwingMethodNameID;
+    int msgID;
+    int causeID;
+};
+
+namespace vx {
+/* The five dictionaries of an instance; made on first use. */
+struct ExceptionDictionaries;
+
+/* Longest text a dictionary keeps (bytes after rewriting); longer texts are
+ * cut, so a metadata record always fits its 1024-byte buffer. */
+inline constexpr size_t kExceptionTextMax = 1000;
+/* Texts per dictionary and session; past it a new text gets id -1. */
+inline constexpr int kExceptionDictionaryMax = 16384;
+/* Bytes of a message kept before it is numbered. */
+inline constexpr size_t kExceptionMessageMax = 50;
+/* Most names in the filter list. */
+inline constexpr int kExceptionFilterMax = 1024;
+
+/* Copy `text` into `out` (cap bytes) so it cannot break a record line:
+ * '\r' becomes ' ', '\n' becomes '|', and at most `limit` bytes are kept,
+ * never splitting a UTF-8 sequence. Returns the length written. */
+size_t exception_text_clean(const char* text, size_t limit, char* out, size_t cap);
+}  // namespace vx
+
 extern "C" {
-/* exceptionCaptureMode: 0 off, 1 or 2 on. */
+/* getstacktracearray, the host's entry, is declared with the C API. */
+
+/* Number the texts and send record 38; also the proxy's entry for forwarded
+ * data, with a null `mPP`. `starttime` is wall-clock ms. */
+void handleExceptionParameters(VXPerThreadData_t* vxTD, methodPropProperties* mPP,
+                               long long starttime, char* exceptionClassName,
+                               char* exceptionMessage, char* throwingClassName,
+                               char* throwingMethodName, char* getexceptionCause,
+                               int exceptionLineNum, char* stackTraceArr);
+
+/* One per dictionary: the id of a text, made and announced (records 32 to
+ * 36) on first sight; -1 for an empty text or a full dictionary. */
+int checkAndgenerateIDForDiscoveredExceptions(char* exceptnName);
+int getIDAndDumpThrowingClassName(char* name);
+int getIDAndDumpThrowingMethodName(char* name);
+int getIDAndDumpExceptionMessage(char* message);
+int getIDAndDumpExceptionCause(char* cause);
+
+/* "<record>,<id>,<text>\n" cut to 1023 bytes; nothing for an empty text. */
+void dumpExceptionMetaRecord(int record_Id, int exceptionStatId, char* exceptionRecord);
+
+/* A session starts: counters to 1, dictionaries emptied. */
+void exceptionMapInit(void);
+/* Start values of the settings; the filter list is freed. */
+void setdefaultValuesForException(void);
+
+/* Keywords. */
+void setExceptionCaptureSettings(char* value, char* keyword, int index);
+void parseExceptionFilteringList(char* value, char* keyword, int index);
+void setBackendErrorDetectionMode(char* value, char* keyword, int index);
+
+/* Getters for the host. exceptionCaptureMode: 0 off, 1 or 2 on. */
 int getExceptionCaptureMode(void) VX_NOEXCEPT;
+int getExceptionCauseCaptureMode(void) VX_NOEXCEPT;
+int getStackTraceCaptureMode(void) VX_NOEXCEPT;
+int getExceptionType(void) VX_NOEXCEPT;
+int getStackTraceMaxDepth(void) VX_NOEXCEPT;
+int getExceptionCaptureTraceLevel(void) VX_NOEXCEPT;
+int checkIfFilteringIsEnabled(void) VX_NOEXCEPT;
 }
 
 #endif

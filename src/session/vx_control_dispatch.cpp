@@ -16,6 +16,7 @@
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 #include "diag/vx_autosensor_thread.h"
+#include "diag/vx_exception_capture.h"
 #include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
 #include "http/vx_header_ids.h"
@@ -72,8 +73,9 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
     /* Header ids are made anew; httpid goes on, so the collector never sees
      * one id for two names. */
     free_HttpHashMapNode();
-    /* STAND-IN(method-monitor, exceptions): the method and exception tables
-     * are made again here once they exist. */
+    exceptionMapInit();
+    /* STAND-IN(method-monitor, exception-monitor): the method and exception
+     * monitor tables are made again here once they exist. */
     resetMonitorDataModelFromTLS();
     transfer_data_callback(const_cast<char*>("AgentTraceLevel"), app->VXSys.agentTraceLevel, nullptr,
                            nullptr);

@@ -275,9 +275,6 @@ extern "C" void setMinStackDepthForDebugSession(char* value, char* keyword, int)
     set_in(keyword, value, 0, vx::kStackDepthMax, &app()->vxAutoInstrumentation.minStackDepth);
 }
 
-extern "C" void setBackendErrorDetectionMode(char* value, char*, int) { app()->VXSys.backendErrorDetectionMode = atoi(value); }
-extern "C" void setExceptionCaptureSettings(char* value, char*, int) { copy_feature_text(app()->exceptionSettings.instrExceptions, value); }
-extern "C" void parseExceptionFilteringList(char* value, char*, int) { copy_feature_text(app()->exceptionSettings.vxExceptionFilterList, value); }
 extern "C" void setEnableExceptionInSeqBlob(char* value, char*, int) { app()->VXSys.enableExceptionInSeqBlob = static_cast<char>(atoi(value)); }
 
 extern "C" void setEnableDDKeywd(char* value, char*, int) { sub_numbers(value, app()->vxDynamicSettings.enableDDAI, 5); }

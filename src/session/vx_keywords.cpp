@@ -12,6 +12,7 @@
 #include "core/vx_atomic.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
+#include "diag/vx_exception_capture.h"
 #include "diag/vx_sql_processor.h"
 #include "diag/vx_thread_reports.h"
 #include "flowpath/vx_method_table.h"
@@ -374,7 +375,7 @@ extern "C" void vxlb_init_all_keywords(void)
     vx::store_relaxed(sys.dataConnState, 1);
     vx::store_relaxed(sys.autosensorConnState, 1);
     vx::store_relaxed(srv.isTenRecordDump, 0);
-    /* STAND-IN(exceptions): its settings start again here once they exist. */
+    setdefaultValuesForException();
     VXSQLProcessorInit();
     app->monitorSettings.vxVectorSeperator = '>';
     VXASSettingInit();

@@ -204,6 +204,29 @@ bool check_record_4(const std::vector<std::string>& f, std::string* error)
     return true;
 }
 
+/* An exception: instance, seconds, method id, sequence number (0 without
+ * the blob token), the literals -1 and -1, the ids of class, throwing class,
+ * throwing method, the line, the ids of message and cause, then the stack
+ * trace, which may hold commas. Ids and the line are -1 or from 1. */
+bool check_record_38(const std::vector<std::string>& f, std::string* error)
+{
+    const size_t n = f.size();
+    if (n < 13) return fail(error, "record 38 has " + std::to_string(n + 1) + " fields, needs at least 14");
+    if (!printf_int(f[0], LLONG_MIN, LLONG_MAX)) return fail(error, "record 38: bad flowpath instance");
+    if (!printf_int(f[1], LLONG_MIN, LLONG_MAX)) return fail(error, "record 38: bad time");
+    if (!printf_int(f[2], 0, INT32_MAX)) return fail(error, "record 38: bad method id");
+    if (!printf_int(f[3], 0, LLONG_MAX)) return fail(error, "record 38: bad sequence number");
+    if (f[4] != "-1" || f[5] != "-1") return fail(error, "record 38: fields 6 and 7 must be -1");
+    static const char* const kNames[] = {"class id", "throwing class id", "throwing method id", "line",
+                                         "message id", "cause id"};
+    for (size_t i = 6; i < 12; ++i) {
+        long long v = 0;
+        if (!printf_int(f[i], -1, INT32_MAX, &v) || v == 0)
+            return fail(error, std::string("record 38: ") + kNames[i - 6] + " is not -1 or from 1");
+    }
+    return true;
+}
+
 bool check_shape(const Record& r, std::string* error)
 {
     const std::vector<std::string>& f = r.fields;
@@ -266,6 +289,19 @@ bool check_shape(const Record& r, std::string* error)
             if (n < 2 || !printf_int(f[0], LLONG_MIN, LLONG_MAX))
                 return fail(error, "record 26 is not \"26,<id>,<name>\" with a whole-number id");
             return true;
+        case 32:
+        case 33:
+        case 34:
+        case 35:
+        case 36:
+            /* "%d,%d,%s": an exception text's id from 1, then the text, which
+             * may hold commas and is never empty. */
+            if (n < 2 || !printf_int(f[0], 1, INT32_MAX) || join(f, 1, n).empty())
+                return fail(error, "record " + std::to_string(r.number) + " is not \"" + std::to_string(r.number) +
+                                       ",<id from 1>,<text>\"");
+            return true;
+        case 38:
+            return check_record_38(f, error);
         case 91:
             /* Caller's backend, caller's tier, own tier, caller's server and
              * instance, own server and instance, then the literal NA. */

@@ -1,5 +1,6 @@
 #include "run_store.h"
 
+#include "exceptions.h"
 #include "http_headers.h"
 
 #include <sys/stat.h>
@@ -50,6 +51,7 @@ constexpr TableFile kTableFiles[] = {
     {"resources.tsv", kResourcesHeader},     {"callouts.tsv", kCalloutsHeader},
     {"traces.tsv", kTracesHeader},
     {"headers.tsv", kHeadersHeader},
+    {"exceptions.tsv", kExceptionsHeader},
 };
 static_assert(std::size(kTableFiles) == RunStore::kTables, "one file for each table");
 

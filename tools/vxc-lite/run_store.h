@@ -15,6 +15,8 @@
  *                          (ditto)
  *   headers.tsv            one row per captured header of records 12 and
  *                          13 (see http_headers.h)
+ *   exceptions.tsv         one row per record 38, texts resolved through
+ *                          records 32 to 36 (see exceptions.h)
  *   links.tsv              one row per chained record 2 (ditto), written
  *                          when the run ends
  *   malformed.txt          "<conn> <reason> | <line, cut to 200 bytes>"
@@ -154,9 +156,10 @@ public:
         Resources,
         Callouts,
         Traces,
-        Headers
+        Headers,
+        Exceptions
     };
-    static constexpr size_t kTables = static_cast<size_t>(Table::Headers) + 1;
+    static constexpr size_t kTables = static_cast<size_t>(Table::Exceptions) + 1;
     /* Appends one row, without its line feed, to the table's file. */
     void row(Table t, std::string_view row);
     /* Writes links.tsv whole: the header, then each row. */

@@ -22,6 +22,7 @@
 #include "record_parser.h"
 #include "session.h"
 #include "topology.h"
+#include "exceptions.h"
 #include "http_headers.h"
 
 namespace vxc {
@@ -107,6 +108,7 @@ struct Conn {
      * callout tokens, and the callers its records 91 named. */
     std::map<long long, std::string> method_names;
     std::map<long long, std::string> header_ids; /* records 6 */
+    ExceptionTexts exception_texts;              /* records 32 to 36 */
     std::set<std::string> callers_91;
     apr_time_t last_read = 0;
     char peer[64] = "";
@@ -704,6 +706,21 @@ void follow_topology(Server* s, Conn* c, const Record& r)
             printf_int(r.fields.back(), 1, INT32_MAX, &id);
             if (c->header_ids.size() < kMaxNamesPerConn || c->header_ids.count(id))
                 c->header_ids[id] = join(r.fields, 0, r.fields.size() - 1);
+            return;
+        }
+        case 32:
+        case 33:
+        case 34:
+        case 35:
+        case 36: {
+            long long id = 0;
+            printf_int(r.fields[0], 1, INT32_MAX, &id);
+            c->exception_texts.add(r.number, id, join(r.fields, 1, r.fields.size()), kMaxNamesPerConn);
+            return;
+        }
+        case 38: {
+            const std::string row = exception_row(c->id, r.fields, c->exception_texts);
+            if (!row.empty()) s->store.row(RunStore::Table::Exceptions, row);
             return;
         }
         case 12:

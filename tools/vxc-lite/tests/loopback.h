@@ -27,6 +27,7 @@
 
 #include "auto_sensor.h"
 #include "server.h"
+#include "exceptions.h"
 #include "http_headers.h"
 #include "topology.h"
 
@@ -294,6 +295,11 @@ public:
     std::vector<vxc::TraceRow> traces() const
     {
         return vxc::read_traces(opts_.run_dir + "/traces.tsv");
+    }
+    /* The exceptions of records 38, texts resolved (exceptions.tsv). */
+    std::vector<vxc::ExceptionRow> exceptions() const
+    {
+        return vxc::read_exceptions(opts_.run_dir + "/exceptions.tsv");
     }
     /* The captured headers of records 12 and 13 (headers.tsv). */
     std::vector<vxc::HeaderRow> headers() const

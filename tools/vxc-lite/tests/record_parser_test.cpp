@@ -1,3 +1,4 @@
+#include "exceptions.h"
 #include "record_parser.h"
 
 #include <gtest/gtest.h>
@@ -33,6 +34,9 @@ int parse(std::string_view line, std::string* error = nullptr, vxc::Record* out 
 }
 
 const char* const kGoodRecords[] = {
+    "32,1,java.io.IOException", "33,2,-", "35,7,a, b, and c",
+    "38,123456789,7250,42,0,-1,-1,1,1,1,-1,-1,-1,",
+    "38,123456789,7250,0,9,-1,-1,-1,2,3,17,4,5,at a.B(B.java:3),x|at c.D",
     "2,123456789,5000,77,77.1,3,/shop/cart,,123456789,000000000000000000077,55,,0,15,,,",
     "2,501F:111F:222F,5000,77,7.3.1,3,/a?b=1,,501,000000000000000000077,55,,0,15,,,",
     "2,123456789,5000,77,77.1,3,/shop/cart,,123456789,000000000000000000077,55,,0,15,"
@@ -91,6 +95,14 @@ TEST(RecordParser, MalformedRecordsAreReportedWithAReason)
 {
     const char* const bad[] = {
         "",
+        "32,0,java.io.IOException", /* ids start at 1 */
+        "34,3,",
+        "36,07,x",
+        "38,123456789,7250,42,0,-1,-1,1,1,1,-1,-1", /* 13 fields */
+        "38,123456789,7250,42,0,-2,-1,1,1,1,-1,-1,-1,",
+        "38,123456789,7250,42,0,-1,-1,0,1,1,-1,-1,-1,", /* no id 0 */
+        "38,123456789,7250,42,0,-1,-1,1,1,1,0,-1,-1,",  /* a line of 0 is -1 */
+        "38,123456789,7250,-3,0,-1,-1,1,1,1,-1,-1,-1,",
         "2",
         "x2,1,2",
         "42,something",                                          /* not in the catalogue */
@@ -177,6 +189,22 @@ TEST(RecordParser, CapturedHeadersResolveThroughRecord6AndOnlyA2047ByteTextMayEn
     }
     EXPECT_EQ(vxc::parse_capture_text(std::string(2048, '1'), &items, &error), -1);
     EXPECT_EQ(vxc::parse_capture_text("|5:<a|b>", &items, &error), -1);
+}
+
+TEST(RecordParser, ExceptionRowsResolveTheirTextsThroughRecords32To36)
+{
+    vxc::ExceptionTexts texts;
+    vxc::Record r;
+    for (const char* meta : {"32,1,java.io.IOException", "33,1,-", "34,1,read", "35,2,a, b\tc"}) {
+        ASSERT_EQ(parse(meta, nullptr, &r), 0) << meta;
+        EXPECT_TRUE(texts.add(r.number, std::stoll(r.fields[0]), vxc::join(r.fields, 1, r.fields.size()), 10));
+    }
+    ASSERT_EQ(parse("38,77,7250,42,3,-1,-1,1,1,1,12,2,9,at a.B(B.java:3),x|at c.D", nullptr, &r), 0);
+    EXPECT_EQ(vxc::exception_row(4, r.fields, texts),
+              "4\t77\t7250\t42\t3\tjava.io.IOException\t-\tread\t12\ta, b c\t#9\tat a.B(B.java:3),x|at c.D");
+    ASSERT_EQ(parse("38,77,7250,42,0,-1,-1,-1,1,1,-1,-1,-1,", nullptr, &r), 0);
+    EXPECT_EQ(vxc::exception_row(4, r.fields, texts), "4\t77\t7250\t42\t0\t-\t-\tread\t-1\t-\t-\t");
+    EXPECT_FALSE(texts.add(32, 5, "more", 1)); /* the table is full */
 }
 
 TEST(LineSplitter, LinesStraddlingReadsComeOutWholeWithoutTheirNulBytes)

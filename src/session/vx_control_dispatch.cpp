@@ -72,8 +72,8 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
     /* Header ids are made anew; httpid goes on, so the collector never sees
      * one id for two names. */
     free_HttpHashMapNode();
-    /* STAND-IN(method-monitor, exceptions): the method and exception tables
-     * are made again here once they exist. */
+    VXMethodMonitorInit();
+    VXExceptionMonitorInit();
     resetMonitorDataModelFromTLS();
     transfer_data_callback(const_cast<char*>("AgentTraceLevel"), app->VXSys.agentTraceLevel, nullptr,
                            nullptr);

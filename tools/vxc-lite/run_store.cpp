@@ -50,6 +50,7 @@ constexpr TableFile kTableFiles[] = {
     {"resources.tsv", kResourcesHeader},     {"callouts.tsv", kCalloutsHeader},
     {"traces.tsv", kTracesHeader},
     {"headers.tsv", kHeadersHeader},
+    {"method_monitor.tsv", kMethodMonitorHeader}, {"exception_monitor.tsv", kExceptionMonitorHeader},
 };
 static_assert(std::size(kTableFiles) == RunStore::kTables, "one file for each table");
 

@@ -172,6 +172,8 @@ extern "C" void agent_init(char* pool, int connect_vxc, char* process_name, char
         app->tlsPool.tlsMutex = vx::mutex_create(app->tlsPool.pool);
     VXBTConfigModelInit();
     VXBackendMonitorInit();
+    VXMethodMonitorInit();
+    VXExceptionMonitorInit();
     /* The link runs what the session layer registered: command lines, and
      * the data connection's opening and end. */
     vx::session_register_hooks();

@@ -48,6 +48,8 @@
 #include "link/vx_socket.h"
 #include "monitor/vx_backend_monitor.h"
 #include "monitor/vx_bt_monitor.h"
+#include "monitor/vx_exception_monitor.h"
+#include "monitor/vx_method_monitor.h"
 #include "monitor/vx_monitor_model.h"
 #include "monitor/vx_percentiles.h"
 #include "proxy/vx_proxy_state.h"
@@ -94,6 +96,8 @@ struct VXProxyInstance_t {
 
     VXBTMonitor_t VXBTMonitor;
     VXBackendMonitor_t VXBackendMonitor;
+    VXMethodMonitor_t VXMethodMonitor;
+    _VXExceptionMonitor_t vxExceptionMonitor;
     VXMonitorModels_t monitorModels; /* per-record counter models */
     VXMonitorSettings_t monitorSettings;
     VXPercentiles_t percentiles;     /* digest settings of BTs and backends */

@@ -88,9 +88,16 @@ void dump_monitors(VXProxyInstance_t* app, char* buf)
         dumpASData(buf, len);
         len = 0;
     }
-    /* STAND-IN(method-monitor, exception-monitor): the method and exception
-     * monitors write their rows here, in that order, each followed by
-     * dumpASData and a length of 0. */
+    if (vx::load_relaxed(app->VXMethodMonitor.isMethodMonitorOn)) {
+        generateAndDumpMethodMonitoringRecord(buf, &len, vx::kASWorkBufferSize);
+        dumpASData(buf, len);
+        len = 0;
+    }
+    if (vx::load_relaxed(app->vxExceptionMonitor.isExceptionMonitorOn)) {
+        generateAndDumpExceptionMonitoringRecord(buf, &len, vx::kASWorkBufferSize);
+        dumpASData(buf, len);
+        len = 0;
+    }
     sendASReport();
 }
 

@@ -18,6 +18,7 @@
 #include "flowpath/vx_method_announce.h"
 #include "flowpath/vx_method_table.h"
 #include "monitor/vx_backend_monitor.h"
+#include "monitor/vx_method_monitor.h"
 
 namespace {
 
@@ -362,6 +363,58 @@ extern "C" void parseEntryFile(char* buffer)
             t.dbBackendId = db->methodId;
         }
     }
+}
+
+extern "C" void parseMethodMonitor(char* buffer)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app) return;
+    VXMethodTable_t& t = app->methodTable;
+    vx::VXLockGuard guard(t.methodEntryLock);
+    if (!t.methodHashMapNode) {
+        node_t* fresh = vx::new_method_generation();
+        if (!fresh) {
+            VX_ERROR("FLOWPATH", "Failed to malloced methodHashMapNode.");
+            return;
+        }
+        vx::store_release(t.methodHashMapNode, fresh);
+    } else if (!app->isRunTime) {
+        resetmethodHashMapNode(t.methodHashMapNode->ptr, 2);
+    } else {
+        /* Flowpaths in progress keep the generation they hold. */
+        makeHashmapCopyAndaddToLL(2);
+    }
+    node_t* node = t.methodHashMapNode;
+    if (!buffer) return;
+    for_each_line(buffer, [&](char* line) {
+        char* cols[4];
+        if (split_columns(line, cols, 4) < 4) return; /* fewer than three separators */
+        char* alias = cols[1];
+        char* name = cols[2];
+        if (methodPropProperties* m = vx::find_method(node, name)) {
+            m->isEntryPoint |= kEntryPointMonitor;
+            if (m->type_ == 0) m->type_ = kMethodTypeMonitor;
+            m->aliasMethodName = vx::pool_dup_or_null(node->pool, alias);
+            m->instrumentationProp = 2;
+            checkAndIncrementAggrMethodDataArray(m);
+            return;
+        }
+        methodPropProperties* m = vx::new_method_entry(node->pool);
+        m->moduleName = vx::pool_dup_or_null(node->pool, cols[0]);
+        m->aliasMethodName = vx::pool_dup_or_null(node->pool, alias);
+        m->methodName = apr_pstrdup(node->pool, name);
+        m->isEntryPoint = kEntryPointMonitor;
+        m->type_ = kMethodTypeMonitor;
+        m->methodId = t.methodIDGlobal;
+        m->instrumentationProp = 1;
+        if (vx::method_metadata_wanted()) {
+            vx::announce_method_id(m);
+            vx::store_relaxed(m->usedFlag, 1);
+        }
+        vx::insert_method(node, m);
+        checkAndIncrementAggrMethodDataArray(m);
+        ++t.methodIDGlobal;
+    });
 }
 
 extern "C" char* get_proces_name(void)

@@ -26,6 +26,10 @@ int readInstrProfFile(apr_pool_t* pool, char* buffer);
 
 /* Apply an entry-point file (null: none was sent). */
 void parseEntryFile(char* buffer);
+/* Method monitor file (module|alias|method|rest): marks the listed methods
+ * with flag 4, adding those not yet known, and binds them to the method
+ * monitor. Takes the method lock. */
+void parseMethodMonitor(char* buffer);
 
 /* Keep a copy of a received file for a Go host in <home>/.cache/
  * <fileName>_<process>_<pid>; only when the agent type is "go". */

@@ -75,6 +75,7 @@ enum : int {
     kMethodTypePlain = 0,
     kMethodTypeHttp = 1,
     kMethodTypeDatabase = 2,
+    kMethodTypeMonitor = 5, /* listed by the method monitor file */
     kMethodTypeCustom = 6,
     kMethodTypeMessageQueue = 27,
     kMethodTypeCustomLog = 83,

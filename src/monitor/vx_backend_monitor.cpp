@@ -82,19 +82,10 @@ VXBackendMonitorDataCounters* new_counters(int id)
  * memory runs out. */
 VXBackendMonitorDataCounters* object_at(VXMonitorDataModel* m, int id)
 {
-    if (!m->ipmDataArray) {
-        const int length = id < kMonitorArrayInitial
-                               ? kMonitorArrayInitial
-                               : vx::bt_monitor_grown_size(kMonitorArrayInitial, id);
-        m->ipmDataArray = static_cast<VXBackendMonitorDataCounters**>(
-            calloc(static_cast<size_t>(length), sizeof(VXBackendMonitorDataCounters*)));
-        m->currentSizeOfBackendArray = m->ipmDataArray ? length : 0;
-    } else if (id >= m->currentSizeOfBackendArray) {
-        m->currentSizeOfBackendArray = handleSizeDataArr(reinterpret_cast<void**>(&m->ipmDataArray),
-                                                         m->currentSizeOfBackendArray, id, 0);
-    }
-    if (id >= m->currentSizeOfBackendArray) return nullptr;
-    VXBackendMonitorDataCounters*& c = m->ipmDataArray[id];
+    void** slot = vx::monitor_slot(reinterpret_cast<void***>(&m->ipmDataArray),
+                                   &m->currentSizeOfBackendArray, id);
+    if (!slot) return nullptr;
+    auto*& c = reinterpret_cast<VXBackendMonitorDataCounters*&>(*slot);
     if (!c) c = new_counters(id);
     return c;
 }

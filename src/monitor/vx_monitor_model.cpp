@@ -362,3 +362,18 @@ double vx::monitor_interval_secs(const VXProxyInstance_t* app)
     const int secs = app->monitorSettings.vxMonitorIntervalInSecs;
     return secs > 0 ? secs : 1; /* a zero interval would make rates infinite */
 }
+
+void** vx::monitor_slot(void*** arr, int* len, int id)
+{
+    if (id < 0) return nullptr;
+    if (!*arr) {
+        const int length = id < kMonitorArrayInitial
+                               ? kMonitorArrayInitial
+                               : vx::bt_monitor_grown_size(kMonitorArrayInitial, id);
+        *arr = static_cast<void**>(calloc(static_cast<size_t>(length), sizeof(void*)));
+        *len = *arr ? length : 0;
+    } else if (id >= *len) {
+        *len = handleSizeDataArr(reinterpret_cast<void**>(arr), *len, id, 0);
+    }
+    return id < *len ? &(*arr)[id] : nullptr;
+}

@@ -32,9 +32,6 @@ struct VXProxyInstance_t;
 struct VXBTMonitorDataCounters;
 struct BTTagArray;
 struct VXBackendMonitorDataCounters;
-/* STAND-IN(method-monitor, exceptions): counters of the method and
- * exception monitors; their arrays keep their slots and are freed with the
- * model. */
 struct VXMethodMonitorDataCounters;
 struct _VXExceptionMonitorDataCounters_t;
 
@@ -62,9 +59,9 @@ struct VXMonitorDataModel {
     VXBTMonitorDataCounters** btmDataArray;      /* by slot (see vx_bt_monitor.h) */
     BTTagArray** btPerThreadArray;               /* resolved tags by BT id */
     BTTagSeqArray** btTagSeqArray;               /* the current flowpath's tag sequences by BT id */
-    VXMethodMonitorDataCounters** mmDataArray;   /* placeholder, stays null */
+    VXMethodMonitorDataCounters** mmDataArray;   /* by method id, made on first use */
     VXBackendMonitorDataCounters** ipmDataArray; /* by backend id, made on first use */
-    _VXExceptionMonitorDataCounters_t** excepDataArray; /* placeholder, stays null */
+    _VXExceptionMonitorDataCounters_t** excepDataArray; /* by exception id, made on first use */
     long long threadId;            /* the key in threadBasedModelMap: tlThreadId */
     VXMonitorDataModel* nextShell; /* proxy process: kept shells */
 };
@@ -151,6 +148,12 @@ int monitor_record_begin(char* buff, int* len, int bufLen);
  * `cap`: its line end, the length, and the buffer handed on once it is at
  * its own limit, where it may not hold the next record. */
 void monitor_record_end(char* buff, int* len, int bufLen, int n, int cap);
+
+/* The slot of `id` in a model's array of counter pointers (*arr of *len
+ * entries): the array is made (128 entries, or grown by the models' rule)
+ * or grown when `id` does not fit. Null when memory runs out. Caller holds
+ * the array's model lock. */
+void** monitor_slot(void*** arr, int* len, int id);
 
 /* The reporting interval in seconds, as rates divide by it (never 0). */
 double monitor_interval_secs(const VXProxyInstance_t* app);

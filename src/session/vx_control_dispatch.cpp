@@ -74,8 +74,8 @@ void handle_start(VXProxyInstance_t* app, char* clientMsg)
      * one id for two names. */
     free_HttpHashMapNode();
     exceptionMapInit();
-    /* STAND-IN(method-monitor, exception-monitor): the method and exception
-     * monitor tables are made again here once they exist. */
+    VXMethodMonitorInit();
+    VXExceptionMonitorInit();
     resetMonitorDataModelFromTLS();
     transfer_data_callback(const_cast<char*>("AgentTraceLevel"), app->VXSys.agentTraceLevel, nullptr,
                            nullptr);

@@ -425,8 +425,16 @@ extern "C" void useFileBasedKeyword(char* text, char* keyword, int kwIdx)
         case kw::vxHttpHdrCaptureFileList:
             setHttpHashMapNode(text);
             break;
+        case kw::vxMethodMonFile:
+            if (is_go_agent()) dumpFileforGoAgent(keyword, text);
+            parseMethodMonitor(text);
+            a->isModifiedHashmap = 1;
+            break;
+        case kw::vxExceptionMonFile:
+            parseExceptionMonFile(text);
+            break;
         default:
-            /* STAND-IN(monitors, filter-lists, dynamic-diagnostics): their parsers take the text
+            /* STAND-IN(filter-lists, dynamic-diagnostics): their parsers take the text
              * here once they exist; the file is kept in its slot. */
             VX_TRACE(a->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
                      "File of keyword %s received (%zu bytes); no reader for it yet", keyword,

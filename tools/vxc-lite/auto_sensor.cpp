@@ -27,6 +27,9 @@ constexpr char kThreadSummaryFormats[] = "QDLLLDDLLLD00000";
 /* Record 52 from its second field on. */
 constexpr char kHotSpotFormats[] = "DDDQNQQDSDD00QQ00000S";
 constexpr char kBackendMonitorFormats[] = "QLLQQQQZ00QZ00QL000000";
+constexpr char kMethodMonitorFormats[] = "DLLLQD";
+constexpr char kExceptionMonitorFormats[] = "DL";
+constexpr std::string_view kExceptionOverallName = "OverAll";
 static_assert(sizeof kBtMonitorFormats - 1 == 40);
 static_assert(sizeof kBackendMonitorFormats - 1 == 22);
 static_assert(sizeof kThreadSummaryFormats - 1 == 16);
@@ -196,6 +199,52 @@ bool check_bt_monitor(std::string_view s, const Head& h, const AsOpening* o, BtM
         return fail(error, what + ": value 28 (" + bt->fields[27] + ") is not the count " +
                                bt->fields[4] + " of value 5");
     return true;
+}
+
+/* The name ends at the last '|' (an alias may hold any); id below 1 is
+ * refused. The session's calls include the interval's. */
+bool check_method_monitor(std::string_view s, const Head& h, const AsOpening* o,
+                          MethodMonitorLine* m, std::string* error)
+{
+    const std::string what = "record 61";
+    if (!check_head_ids(h, o, what, error) || !take_vector(&s, '>', o, what, error)) return false;
+    if (h.id < 1) return fail(error, what + ": method id " + std::to_string(h.id) + " is below 1");
+    const size_t last = s.rfind('|');
+    if (last == std::string_view::npos) return fail(error, what + ": no '|' ends the head");
+    m->id = h.id;
+    m->name = std::string(s.substr(0, last));
+    if (m->name.empty()) return fail(error, what + ": empty method name");
+    if (!check_values(s.substr(last + 1), ' ', kMethodMonitorFormats, &m->fields, what, error))
+        return false;
+    const long long cum = strtoll(m->fields[0].c_str(), nullptr, 10);
+    const long long count = strtoll(m->fields[5].c_str(), nullptr, 10);
+    if (count < 0 || cum < count)
+        return fail(error, what + ": calls " + m->fields[5] + " are not 0 to the session's " +
+                               m->fields[0]);
+    return true;
+}
+
+/* Two values and a blank before the line end; id 0 is "OverAll" and only
+ * it. */
+bool check_exception_monitor(std::string_view s, const Head& h, const AsOpening* o,
+                             ExceptionMonitorLine* e, std::string* error)
+{
+    const std::string what = "record 63";
+    if (!check_head_ids(h, o, what, error) || !take_vector(&s, '>', o, what, error)) return false;
+    if (h.id < 0) return fail(error, what + ": id " + std::to_string(h.id) + " is below 0");
+    const size_t last = s.rfind('|');
+    if (last == std::string_view::npos) return fail(error, what + ": no '|' ends the head");
+    e->id = h.id;
+    e->name = std::string(s.substr(0, last));
+    if (e->name.empty()) return fail(error, what + ": empty exception name");
+    if ((h.id == 0) != (e->name == kExceptionOverallName))
+        return fail(error, what + ": id 0 is the overall line, named OverAll, and only it; not " +
+                               std::to_string(h.id) + " \"" + shown(e->name) + "\"");
+    std::string_view values = s.substr(last + 1);
+    if (values.empty() || values.back() != ' ')
+        return fail(error, what + ": no blank before the line end");
+    values.remove_suffix(1);
+    return check_values(values, ' ', kExceptionMonitorFormats, &e->fields, what, error);
 }
 
 /* Values 11 and 15 repeat the count of value 6; a failed call is a call
@@ -444,7 +493,21 @@ int parse_as_record(std::string_view line, const AsOpening* opening, AsRecord* o
             r.kind = AsKind::GcReport;
             ok = true;
         }
-    } else if (as_record && n != 52 && n != 53 && n != 74 && n != 75) {
+    } else if (headed && n == 61) {
+        r.kind = AsKind::MethodMonitor;
+        ok = check_method_monitor(rest, h, opening, &r.method, error);
+        if (!ok && h.id == 0 && check_gc_report(rest, h, opening, nullptr)) {
+            r.kind = AsKind::GcReport;
+            ok = true;
+        }
+    } else if (headed && n == 63) {
+        r.kind = AsKind::ExceptionMonitor;
+        ok = check_exception_monitor(rest, h, opening, &r.exception, error);
+        if (!ok && h.id == 0 && check_gc_report(rest, h, opening, nullptr)) {
+            r.kind = AsKind::GcReport;
+            ok = true;
+        }
+    } else if (as_record && n != 52 && n != 53 && n != 61 && n != 63 && n != 74 && n != 75) {
         r.kind = AsKind::Other;
         ok = comma + 1 < line.size() || fail(error, "record " + std::to_string(n) + " is empty");
     } else if (headed && n == 74) {
@@ -552,6 +615,66 @@ std::vector<BackendMonitorRow> read_backend_monitor(const std::string& path)
         r.count = strtoll(f[9].c_str(), nullptr, 10);
         r.errors = strtoll(f[10].c_str(), nullptr, 10);
         r.eps = strtod(f[11].c_str(), nullptr);
+        rows.push_back(std::move(r));
+    }
+    return rows;
+}
+
+std::string method_monitor_row(unsigned conn, unsigned long long interval,
+                               const MethodMonitorLine& m)
+{
+    std::string row = std::to_string(conn) + "\t" + std::to_string(interval) + "\t" +
+                      std::to_string(m.id) + "\t" + tsv_text(m.name);
+    for (const std::string& f : m.fields) row += "\t" + f;
+    return row;
+}
+
+std::vector<MethodMonitorRow> read_method_monitor(const std::string& path)
+{
+    std::vector<MethodMonitorRow> rows;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        const std::vector<std::string> f = tsv_fields(line);
+        if (f.size() != 10 || line == kMethodMonitorHeader) continue;
+        MethodMonitorRow r;
+        r.conn = static_cast<unsigned>(strtoul(f[0].c_str(), nullptr, 10));
+        r.interval = strtoull(f[1].c_str(), nullptr, 10);
+        r.id = strtoll(f[2].c_str(), nullptr, 10);
+        r.name = f[3];
+        r.cum_count = strtoll(f[4].c_str(), nullptr, 10);
+        r.tps = strtod(f[5].c_str(), nullptr);
+        r.avg = strtod(f[6].c_str(), nullptr);
+        r.min = strtod(f[7].c_str(), nullptr);
+        r.max = strtoll(f[8].c_str(), nullptr, 10);
+        r.count = strtoll(f[9].c_str(), nullptr, 10);
+        rows.push_back(std::move(r));
+    }
+    return rows;
+}
+
+std::string exception_monitor_row(unsigned conn, unsigned long long interval,
+                                  const ExceptionMonitorLine& e)
+{
+    std::string row = std::to_string(conn) + "\t" + std::to_string(interval) + "\t" +
+                      std::to_string(e.id) + "\t" + tsv_text(e.name);
+    for (const std::string& f : e.fields) row += "\t" + f;
+    return row;
+}
+
+std::vector<ExceptionMonitorRow> read_exception_monitor(const std::string& path)
+{
+    std::vector<ExceptionMonitorRow> rows;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        const std::vector<std::string> f = tsv_fields(line);
+        if (f.size() != 6 || line == kExceptionMonitorHeader) continue;
+        ExceptionMonitorRow r;
+        r.conn = static_cast<unsigned>(strtoul(f[0].c_str(), nullptr, 10));
+        r.interval = strtoull(f[1].c_str(), nullptr, 10);
+        r.id = strtoll(f[2].c_str(), nullptr, 10);
+        r.name = f[3];
+        r.cum_count = strtoll(f[4].c_str(), nullptr, 10);
+        r.eps = strtod(f[5].c_str(), nullptr);
         rows.push_back(std::move(r));
     }
     return rows;

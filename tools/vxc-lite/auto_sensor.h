@@ -74,6 +74,25 @@ struct BackendMonitorLine {
     std::vector<std::string> fields; /* the 22 fields as they stand */
 };
 
+/* A record 61 of the method monitor: "61,<tierID>|<appID>|<method id>:
+ * <tier>><server>><instance>><name>|" then "%d %lf %lf %lf %lld %d": calls
+ * of the session, calls a second, mean, minimum and maximum duration, calls
+ * of the interval. The id is a method's, 1 or more. */
+struct MethodMonitorLine {
+    long long id = 0;
+    std::string name;
+    std::vector<std::string> fields; /* the 6 fields as they stand */
+};
+
+/* A record 63 of the exception monitor: the same head, then "%d %lf \n":
+ * throws of the session, throws a second, and a blank before the line
+ * feed. Id 0 is the overall line "OverAll". */
+struct ExceptionMonitorLine {
+    long long id = 0;
+    std::string name;
+    std::vector<std::string> fields; /* the 2 fields as they stand */
+};
+
 /* The head of a digest record, printed with "%s%ld|%d:%s%s,%lld,%d" (96,
  * t-digest) or "%s%ld|%d|%d:%s%s|%s|%lld,%d" (121, c-digest) behind the
  * number: "<tierID>|<appID>|", group id, graph id, for 121 the series id (0
@@ -96,7 +115,9 @@ enum class AsKind {
     HotSpot,        /* record 52 */
     GcReport,       /* "<id>,<tierID>|<appID>|0:<tier>><server>><instance>|<report>" */
     Digest,         /* the head of a record 96 or 121 */
-    Other,          /* 61 or 63: framing only so far */
+    MethodMonitor,    /* record 61 */
+    ExceptionMonitor, /* record 63 */
+    Other,
 };
 
 struct AsRecord {
@@ -104,6 +125,8 @@ struct AsRecord {
     AsKind kind = AsKind::Other;
     BtMonitorLine bt;           /* a record 74's parts */
     BackendMonitorLine backend; /* a record 75's */
+    MethodMonitorLine method;   /* a record 61's */
+    ExceptionMonitorLine exception; /* a record 63's */
     DigestHead digest;          /* a record 96's or 121's */
 };
 
@@ -177,6 +200,45 @@ struct BackendMonitorRow {
 
 /* The rows of a backend_monitor.tsv; rows that do not read are skipped. */
 std::vector<BackendMonitorRow> read_backend_monitor(const std::string& path);
+
+/* method_monitor.tsv, one row per record 61 accepted: connection,
+ * interval (as in bt_monitor.tsv), id, name, then the 6 fields as they
+ * stand. */
+constexpr const char* kMethodMonitorHeader =
+    "conn\tinterval\tid\tname\tcum_count\ttps\tavg\tmin\tmax\tcount";
+
+std::string method_monitor_row(unsigned conn, unsigned long long interval,
+                               const MethodMonitorLine& m);
+
+struct MethodMonitorRow {
+    unsigned conn = 0;
+    unsigned long long interval = 0;
+    long long id = 0;
+    std::string name;
+    long long cum_count = 0;
+    double tps = 0, avg = 0, min = 0;
+    long long max = 0, count = 0;
+};
+
+std::vector<MethodMonitorRow> read_method_monitor(const std::string& path);
+
+/* exception_monitor.tsv, one row per record 63 accepted: connection,
+ * interval, id, name, throws of the session, throws a second. */
+constexpr const char* kExceptionMonitorHeader = "conn\tinterval\tid\tname\tcum_count\teps";
+
+std::string exception_monitor_row(unsigned conn, unsigned long long interval,
+                                  const ExceptionMonitorLine& e);
+
+struct ExceptionMonitorRow {
+    unsigned conn = 0;
+    unsigned long long interval = 0;
+    long long id = 0;
+    std::string name;
+    long long cum_count = 0;
+    double eps = 0;
+};
+
+std::vector<ExceptionMonitorRow> read_exception_monitor(const std::string& path);
 
 /*
  * The values the collector can rebuild, from a connection's records 74, of

@@ -52,6 +52,7 @@ constexpr TableFile kTableFiles[] = {
     {"traces.tsv", kTracesHeader},
     {"headers.tsv", kHeadersHeader},
     {"exceptions.tsv", kExceptionsHeader},
+    {"method_monitor.tsv", kMethodMonitorHeader}, {"exception_monitor.tsv", kExceptionMonitorHeader},
 };
 static_assert(std::size(kTableFiles) == RunStore::kTables, "one file for each table");
 

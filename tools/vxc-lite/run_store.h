@@ -6,6 +6,8 @@
  *   bt_monitor.tsv         one row per record 74 of the auto-sensor
  *                          connections (see auto_sensor.h)
  *   backend_monitor.tsv    one row per record 75 (ditto)
+ *   method_monitor.tsv     one row per record 61 (ditto)
+ *   exception_monitor.tsv  one row per record 63 (ditto)
  *   percentiles.tsv        one row per digest record 96 or 121 (ditto)
  *   topology.tsv           one row per record 91 of the data connections
  *                          (see topology.h)
@@ -157,9 +159,11 @@ public:
         Callouts,
         Traces,
         Headers,
-        Exceptions
+        Exceptions,
+        MethodMonitor,
+        ExceptionMonitor
     };
-    static constexpr size_t kTables = static_cast<size_t>(Table::Exceptions) + 1;
+    static constexpr size_t kTables = static_cast<size_t>(Table::ExceptionMonitor) + 1;
     /* Appends one row, without its line feed, to the table's file. */
     void row(Table t, std::string_view row);
     /* Writes links.tsv whole: the header, then each row. */

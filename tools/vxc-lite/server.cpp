@@ -487,6 +487,16 @@ void on_auto_sensor_line(Server* s, Conn* c, std::string_view line)
         case AsKind::Digest:
             await_digest_body(c, std::move(r), true, line);
             return;
+        case AsKind::MethodMonitor:
+            ++counts.as_records_other;
+            s->store.row(RunStore::Table::MethodMonitor,
+                         method_monitor_row(c->id, c->as_interval, r.method));
+            return;
+        case AsKind::ExceptionMonitor:
+            ++counts.as_records_other;
+            s->store.row(RunStore::Table::ExceptionMonitor,
+                         exception_monitor_row(c->id, c->as_interval, r.exception));
+            return;
         case AsKind::BackendMonitor:
             ++counts.as_records_75;
             s->store.row(RunStore::Table::BackendMonitor,

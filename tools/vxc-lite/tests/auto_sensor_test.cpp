@@ -106,7 +106,7 @@ TEST(AutoSensorRecords, GoldenLinesAreAcceptedAndReadBack)
         {"7,1|2|0:front>web1>shop|GC pause, 12 ms", vxc::AsKind::GcReport},
         {"74,1|2|0:front>web1>shop|young gen", vxc::AsKind::GcReport}, /* the host's id 74 */
         {"75,1|2|0:front>web1>shop|young gen", vxc::AsKind::GcReport}, /* the host's id 75 */
-        {"61,1|2|3:front>web1>shop>m|1 2", vxc::AsKind::Other},
+        {"61,1|2|0:front>web1>shop|young gen", vxc::AsKind::GcReport}, /* the host's id 61 */
     };
     for (const auto& [line, kind] : good) {
         std::string error;
@@ -193,6 +193,54 @@ TEST(AutoSensorRecords, BackendMonitorLinesAreCheckedValueByValue)
         with(k75, "75,1|", "75,9|"),
         with(k75, "front>", "back>"),
         with(k75, "HTTP_pay|8080|", "|"),
+    };
+    for (const std::string& line : bad) {
+        EXPECT_EQ(vxc::parse_as_record(line, &o, nullptr, &error), -1) << "accepted: " << line;
+        EXPECT_FALSE(error.empty()) << line;
+    }
+}
+
+/* Method 3, alias "pay|fast", 3 calls of 10, 20 and 30 ms in 10 s, 5 in the
+ * session; exception class 4 thrown twice, and the overall line. */
+const std::string k61 = "61,1|2|3:front>web1>shop>pay|fast|5 0.300000 20.000000 10.000000 30 3";
+const std::string k63 = "63,1|2|4:front>web1>shop>IO|2 0.200000 ";
+const std::string k63All = "63,1|2|0:front>web1>shop>OverAll|2 0.200000 ";
+
+TEST(AutoSensorRecords, MethodAndExceptionMonitorLinesAreCheckedValueByValue)
+{
+    const vxc::AsOpening o = opening();
+    vxc::AsRecord r;
+    std::string error;
+    ASSERT_EQ(vxc::parse_as_record(k61, &o, &r, &error), 0) << error;
+    EXPECT_EQ(r.kind, vxc::AsKind::MethodMonitor);
+    EXPECT_EQ(vxc::method_monitor_row(2, 1, r.method),
+              "2\t1\t3\tpay|fast\t5\t0.300000\t20.000000\t10.000000\t30\t3");
+    for (const std::string& line : {k63, k63All}) {
+        ASSERT_EQ(vxc::parse_as_record(line, &o, &r, &error), 0) << error;
+        EXPECT_EQ(r.kind, vxc::AsKind::ExceptionMonitor);
+    }
+    EXPECT_EQ(vxc::exception_monitor_row(2, 1, r.exception), "2\t1\t0\tOverAll\t2\t0.200000");
+    /* An interval without calls of a method counted before. */
+    ASSERT_EQ(vxc::parse_as_record(
+                  "61,1|2|3:front>web1>shop>pay|5 0.000000 0.000000 2147483647.000000 0 0", &o,
+                  &r, &error),
+              0)
+        << error;
+
+    const std::string bad[] = {
+        k61 + " 0",                                /* 7 values */
+        with(k61, "10.000000 30", "10 30"),        /* minimum is %lf */
+        with(k61, "30 3", "30.000000 3"),          /* maximum is %lld */
+        with(k61, "|5 0.3", "|2 0.3"),             /* fewer calls in the session */
+        with(k61, "|3:", "|0:"),                   /* no overall line */
+        with(k61, "shop>pay|fast|", "shop>|"),     /* empty name */
+        with(k63, "0.200000 ", "0.200000"),        /* the blank before the end */
+        with(k63, "2 0.2", "2 1 0.2"),             /* 3 values */
+        with(k63, "2 0.200000", "2.0 0.200000"),   /* %d */
+        with(k63, "|4:", "|0:"),                   /* id 0 is OverAll only */
+        with(k63All, "OverAll", "Overall"),
+        with(k63All, "|0:", "|5:"),
+        with(k63, "63,1|", "63,9|"),
     };
     for (const std::string& line : bad) {
         EXPECT_EQ(vxc::parse_as_record(line, &o, nullptr, &error), -1) << "accepted: " << line;

@@ -271,6 +271,15 @@ public:
     {
         return vxc::read_bt_monitor(opts_.run_dir + "/bt_monitor.tsv");
     }
+    /* The records 61 and 63 received, as their files have them. */
+    std::vector<vxc::MethodMonitorRow> method_monitor() const
+    {
+        return vxc::read_method_monitor(opts_.run_dir + "/method_monitor.tsv");
+    }
+    std::vector<vxc::ExceptionMonitorRow> exception_monitor() const
+    {
+        return vxc::read_exception_monitor(opts_.run_dir + "/exception_monitor.tsv");
+    }
     /* The records 75 received, as backend_monitor.tsv has them. */
     std::vector<vxc::BackendMonitorRow> backend_monitor() const
     {

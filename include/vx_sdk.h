@@ -365,6 +365,25 @@ VX_API void getstacktracearray(VXPerThreadData_t* vxTD, char* stacktracearray, c
                                char* ExceptionCause) VX_NOEXCEPT;
 /* 1 when the host should report exceptions from its logger, else 0. */
 VX_API int enableLOGGERFromPH(void) VX_NOEXCEPT;
+/* The capture settings in force, for the host's own instrumentation:
+ * exceptionCaptureMode 0 off, 1 or 2 on; cause and stack trace modes 0 or
+ * 1; exception type 0, 1 or 3; the deepest stack to hand over; 1 when a
+ * filter list of classes is in force. */
+VX_API int getExceptionCaptureMode(void) VX_NOEXCEPT;
+VX_API int getExceptionCauseCaptureMode(void) VX_NOEXCEPT;
+VX_API int getStackTraceCaptureMode(void) VX_NOEXCEPT;
+VX_API int getExceptionType(void) VX_NOEXCEPT;
+VX_API int getStackTraceMaxDepth(void) VX_NOEXCEPT;
+VX_API int getExceptionCaptureTraceLevel(void) VX_NOEXCEPT;
+VX_API int checkIfFilteringIsEnabled(void) VX_NOEXCEPT;
+/* Method monitor settings in the keyword form (value, keyword, index; only
+ * the value is read): on when at least 1, trace and error levels, the most
+ * methods counted (at least 1), and the do-not-discard value. */
+VX_API void parseMethodMonitorKeyword(char* value, char* keyword, int index) VX_NOEXCEPT;
+VX_API void parseMethodMonitorTraceLevel(char* value, char* keyword, int index) VX_NOEXCEPT;
+VX_API void parseMethodMonitorErrorLevel(char* value, char* keyword, int index) VX_NOEXCEPT;
+VX_API void parseMaxMethodCount(char* value, char* keyword, int index) VX_NOEXCEPT;
+VX_API void parsemmDoNotDiscardVal(char* value, char* keyword, int index) VX_NOEXCEPT;
 /* Hand over a garbage-collection report; `id` is the host's report number. */
 VX_API void sdk_sendGCReport(int id, char* GC_report) VX_NOEXCEPT;
 /*

@@ -216,6 +216,7 @@ inline constexpr int kMonitorRecordMax = 4096;
 inline constexpr int kIPAggArrayInitial = 128;   /* aggIPDataArr at set-up */
 inline constexpr int kBackendIdMax = 1048576;    /* backend ids the backend monitor counts */
 inline constexpr int kIPRetireGraceSeconds = 60; /* a retired aggIPDataArr outlives its readers */
+inline constexpr int kFilterRetireGraceSeconds = 60; /* a replaced exception filter list outlives its readers */
 
 /* Percentile digests. A t-digest's node block follows its compression
  * (K / delta, cap = compression * 6 + 10 nodes of 16 bytes), so the

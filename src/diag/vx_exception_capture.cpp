@@ -10,12 +10,16 @@
 #include <vector>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
+#include "core/vx_limits.h"
 #include "core/vx_record_door.h"
+#include "core/vx_retire_list.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "flowpath/vx_method_events.h"
 #include "flowpath/vx_method_table.h"
+#include "monitor/vx_exception_monitor.h"
 
 namespace vx {
 
@@ -124,9 +128,10 @@ int id_for(int which, const char* text, size_t limit)
 
 bool filtered(const VXException_t& e, const char* className)
 {
-    if (!e.isFilteringEnabled || !className) return false;
-    for (int i = 0; i < e.filterSizeCount; ++i)
-        if (strcmp(e.currElement[i], className) == 0) return true;
+    if (!load_relaxed(e.isFilteringEnabled) || !className) return false;
+    char* const* names = load_acquire(e.currElement);
+    for (; names && *names; ++names)
+        if (strcmp(*names, className) == 0) return true;
     return false;
 }
 
@@ -240,14 +245,31 @@ extern "C" void exceptionMapInit(void)
 }
 
 namespace {
-void free_filter_list(VXException_t& e)
+
+/* Writers of the filter list (keyword handlers) and its retired arrays. */
+std::mutex g_filterLock;
+vx::RetireList g_filterRetired;
+
+void free_names(void* p)
 {
-    for (int i = 0; i < e.filterSizeCount; ++i) free(e.currElement[i]);
-    free(e.currElement);
-    e.currElement = nullptr;
-    e.filterSizeCount = 0;
-    e.currSize = 0;
+    for (char** n = static_cast<char**>(p); *n; ++n) free(*n);
+    free(p);
 }
+
+/* Publishes `names` (null or null-ended) as the filter list; the old array
+ * is released after the grace, with its names when `ownsNames`. Called with
+ * g_filterLock held. */
+void publish_filter_list(VXException_t& e, char** names, int count, int size, bool ownsNames)
+{
+    char** old = e.currElement;
+    vx::store_relaxed(e.isFilteringEnabled, static_cast<char>(count > 0));
+    vx::store_release(e.currElement, names);
+    e.filterSizeCount = count;
+    e.currSize = size;
+    if (old) vx::retire(g_filterRetired, old, ownsNames ? free_names : nullptr);
+    vx::retire_collect(g_filterRetired, apr_time_now(), apr_time_from_sec(vx::kFilterRetireGraceSeconds));
+}
+
 }  // namespace
 
 extern "C" void setdefaultValuesForException(void)
@@ -255,7 +277,10 @@ extern "C" void setdefaultValuesForException(void)
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
     VXException_t& e = app->vxException;
-    free_filter_list(e);
+    {
+        std::lock_guard<std::mutex> hold(g_filterLock);
+        publish_filter_list(e, nullptr, 0, 0, true);
+    }
     e.exceptionCaptureMode = 1;
     e.stackTraceCaptureMode = 1;
     e.exceptionCauseCaptureMode = 1;
@@ -264,7 +289,6 @@ extern "C" void setdefaultValuesForException(void)
     e.exceptionCaptureTraceLevel = 0;
     e.enableLogger = 1;
     e.enableTrycatch = 1;
-    e.isFilteringEnabled = 0;
 }
 
 extern "C" void setExceptionCaptureSettings(char* value, char*, int)
@@ -315,34 +339,51 @@ extern "C" void parseExceptionFilteringList(char* value, char*, int)
     if (!app) return;
     VXException_t& e = app->vxException;
     if (!value || !*value) {
-        e.isFilteringEnabled = 0;
+        vx::store_relaxed(e.isFilteringEnabled, static_cast<char>(0));
         return;
     }
-    const size_t len = strlen(value);
-    std::unique_ptr<char[]> copy(new (std::nothrow) char[len + 1]);
-    if (!copy) return;
-    memcpy(copy.get(), value, len + 1);
-    char* save = nullptr;
-    int seen = 0;
-    for (char* name = strtok_r(copy.get(), ",", &save); name && seen < vx::kExceptionFilterMax;
-         name = strtok_r(nullptr, ",", &save), ++seen) {
-        bool known = false;
-        for (int i = 0; i < e.filterSizeCount && !known; ++i) known = strcmp(e.currElement[i], name) == 0;
-        if (known) continue;
-        if (e.filterSizeCount == e.currSize) {
-            void* grown = realloc(e.currElement, sizeof(char*) * static_cast<size_t>(e.currSize + 5));
-            if (!grown) {
-                VX_ERROR("EXCEPTION", "Out of memory growing the exception filter list");
-                break;
+    std::lock_guard<std::mutex> hold(g_filterLock);
+    /* Names are added to the list in force, never removed but by a reset. */
+    std::vector<char*> names;
+    try {
+        for (char* const* n = e.currElement; n && *n; ++n) names.push_back(*n);
+        const size_t kept = names.size();
+        std::string_view rest(value);
+        for (int seen = 0; !rest.empty() && seen < vx::kExceptionFilterMax; ++seen) {
+            const size_t comma = rest.find(',');
+            const std::string_view name = rest.substr(0, comma);
+            rest = comma == std::string_view::npos ? std::string_view() : rest.substr(comma + 1);
+            if (name.empty()) {
+                --seen; /* as a tokenizer, empty fields are skipped */
+                continue;
             }
-            e.currElement = static_cast<char**>(grown);
-            e.currSize += 5;
+            bool known = false;
+            for (const char* n : names) known = known || name == n;
+            if (known) continue;
+            char* copy = strndup(name.data(), name.size());
+            if (!copy) throw std::bad_alloc();
+            names.push_back(copy);
         }
-        char* kept = strdup(name);
-        if (!kept) break;
-        e.currElement[e.filterSizeCount++] = kept;
+        if (names.size() == kept) {
+            vx::store_relaxed(e.isFilteringEnabled, static_cast<char>(kept > 0));
+            return;
+        }
+        names.push_back(nullptr);
+    } catch (...) {
+        VX_ERROR("EXCEPTION", "Out of memory growing the exception filter list");
+        for (size_t i = e.filterSizeCount; i < names.size(); ++i) free(names[i]);
+        return;
     }
-    e.isFilteringEnabled = e.filterSizeCount > 0 ? 1 : 0;
+    auto* arr = static_cast<char**>(malloc(sizeof(char*) * names.size()));
+    if (!arr) {
+        VX_ERROR("EXCEPTION", "Out of memory growing the exception filter list");
+        for (size_t i = e.filterSizeCount; i + 1 < names.size(); ++i) free(names[i]);
+        return;
+    }
+    memcpy(arr, names.data(), sizeof(char*) * names.size());
+    const int count = static_cast<int>(names.size()) - 1;
+    /* The old array's names live on in the new one. */
+    publish_filter_list(e, arr, count, count + 1, false);
 }
 
 extern "C" void setBackendErrorDetectionMode(char* value, char*, int)
@@ -382,9 +423,8 @@ extern "C" void handleExceptionParameters(VXPerThreadData_t* vxTD, methodPropPro
     }
     if (vx::filtered(e, exceptionClassName)) return;
     const int classId = checkAndgenerateIDForDiscoveredExceptions(exceptionClassName);
-    /* STAND-IN(exception-monitor): with VXSys.enableExceptionMonitor 1,
-     * updateCounterAndDurationForException(exceptionClassName, classId)
-     * counts it here. */
+    if (!noClass && vx::load_relaxed(app->VXSys.enableExceptionMonitor) == 1)
+        updateCounterAndDurationForException(vxTD, exceptionClassName);
     const int throwingClassId =
         getIDAndDumpThrowingClassName(throwingClassName && *throwingClassName ? throwingClassName
                                                                               : const_cast<char*>("-"));
@@ -472,5 +512,5 @@ VX_EXCEPTION_GETTER(getStackTraceCaptureMode, app->vxException.stackTraceCapture
 VX_EXCEPTION_GETTER(getExceptionType, app->vxException.exceptionType)
 VX_EXCEPTION_GETTER(getStackTraceMaxDepth, app->vxException.stackTraceMaxDepth)
 VX_EXCEPTION_GETTER(getExceptionCaptureTraceLevel, app->vxException.exceptionCaptureTraceLevel)
-VX_EXCEPTION_GETTER(checkIfFilteringIsEnabled, app->vxException.isFilteringEnabled)
+VX_EXCEPTION_GETTER(checkIfFilteringIsEnabled, vx::load_relaxed(app->vxException.isFilteringEnabled))
 #undef VX_EXCEPTION_GETTER

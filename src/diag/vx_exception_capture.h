@@ -29,9 +29,12 @@ struct VXException_t {
     char enableLogger;
     char enableTrycatch;
     int traceLevel;
-    char** currElement; /* filter list of exception class names */
+    /* Filter list of exception class names, ended by a null. Host threads
+     * read it without a lock: a change publishes a new array and retires
+     * the old one, so a reader's array and names outlive its look-up. */
+    char** currElement;
     int filterSizeCount;
-    int currSize; /* pointers allocated in currElement */
+    int currSize; /* pointers allocated in currElement, the null included */
     char isFilteringEnabled;
 };
 
@@ -96,14 +99,7 @@ void setExceptionCaptureSettings(char* value, char* keyword, int index);
 void parseExceptionFilteringList(char* value, char* keyword, int index);
 void setBackendErrorDetectionMode(char* value, char* keyword, int index);
 
-/* Getters for the host. exceptionCaptureMode: 0 off, 1 or 2 on. */
-int getExceptionCaptureMode(void) VX_NOEXCEPT;
-int getExceptionCauseCaptureMode(void) VX_NOEXCEPT;
-int getStackTraceCaptureMode(void) VX_NOEXCEPT;
-int getExceptionType(void) VX_NOEXCEPT;
-int getStackTraceMaxDepth(void) VX_NOEXCEPT;
-int getExceptionCaptureTraceLevel(void) VX_NOEXCEPT;
-int checkIfFilteringIsEnabled(void) VX_NOEXCEPT;
+/* The host's getters are declared with the C API. */
 }
 
 #endif

@@ -176,7 +176,7 @@ void take_line(VXProxyInstance_t* app, _VXExceptionMonitor_t& m, char* line)
     }
     checkAndIncrementAggrExceptionDataArray(e);
     m.exceptionMonFlag = 1;
-    app->VXSys.enableExceptionMonitor = 1;
+    vx::store_relaxed(app->VXSys.enableExceptionMonitor, 1);
 }
 
 }  // namespace

@@ -250,28 +250,28 @@ extern "C" int generateAndDumpMethodMonitoringRecord(char* buff, int* len, int b
 
 /* ---- Host setters ------------------------------------------------------- */
 
-extern "C" void parseMethodMonitorKeyword(char* value, char*, int)
+extern "C" void parseMethodMonitorKeyword(char* value, char*, int) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !value) return;
     vx::store_relaxed(app->VXMethodMonitor.isMethodMonitorOn, atoi(value) >= 1 ? '1' : '0');
 }
 
-extern "C" void parseMethodMonitorTraceLevel(char* value, char*, int)
+extern "C" void parseMethodMonitorTraceLevel(char* value, char*, int) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !value) return;
     app->VXMethodMonitor.methodMonitorTraceLevel = atoi(value);
 }
 
-extern "C" void parseMethodMonitorErrorLevel(char* value, char*, int)
+extern "C" void parseMethodMonitorErrorLevel(char* value, char*, int) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !value) return;
     if (const int level = atoi(value); level >= 0) app->VXMethodMonitor.methodMonitorErrorLevel = level;
 }
 
-extern "C" void parseMaxMethodCount(char* value, char*, int)
+extern "C" void parseMaxMethodCount(char* value, char*, int) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !value) return;
@@ -279,7 +279,7 @@ extern "C" void parseMaxMethodCount(char* value, char*, int)
 }
 
 /* Only turns the flag on, as for BTs. */
-extern "C" void parsemmDoNotDiscardVal(char* value, char*, int)
+extern "C" void parsemmDoNotDiscardVal(char* value, char*, int) VX_NOEXCEPT
 {
     VXProxyInstance_t* app = vx_app();
     if (!app || !value) return;

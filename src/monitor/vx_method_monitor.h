@@ -23,6 +23,7 @@
 #include <apr_thread_mutex.h>
 
 #include "core/vx_retire_list.h"
+#include "vx_sdk.h"
 
 struct VXPerThreadData_t;
 struct methodPropProperties;
@@ -86,12 +87,7 @@ int updatePropertiesOfMethod(VXPerThreadData_t* tlData, const char* methodName, 
  * dumpASData). The number of models: 0 means no record. Reporting thread. */
 int generateAndDumpMethodMonitoringRecord(char* buff, int* len, int bufLen);
 
-/* Host setters in the keyword form (value, keyword, index). */
-void parseMethodMonitorKeyword(char* value, char* keyword, int index);
-void parseMethodMonitorTraceLevel(char* value, char* keyword, int index);
-void parseMethodMonitorErrorLevel(char* value, char* keyword, int index);
-void parseMaxMethodCount(char* value, char* keyword, int index);
-void parsemmDoNotDiscardVal(char* value, char* keyword, int index);
+/* The host setters (parseMethodMonitorKeyword ...) are declared with the C API. */
 }
 
 namespace vx {

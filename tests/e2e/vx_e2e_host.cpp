@@ -43,6 +43,15 @@
  *                    traceparent among its request headers, then three with
  *                    headers no caller would send; report how many the agent
  *                    took, then wait for the session to stop
+ *   diag SECONDS
+ *                    once the data connection has been open for 200 ms, two
+ *                    threads run twelve transactions "/shop/order" each,
+ *                    entering Shop.order, which runs kQueries[i % 4]
+ *                    through Db.query (the second calls Db.query again from
+ *                    inside, a nested call) and throws now and then
+ *                    (kThrows); report "transactions", "runs<i>" per query
+ *                    and "thrown<j>" per exception, then wait for the
+ *                    session to stop
  *
  * Until the collector starts sessions itself, the session is opened here by
  * raising its flags and starting the data thread.
@@ -435,6 +444,87 @@ int run_back(VXProxyInstance_t* app, int seconds, const char* path)
     return 0;
 }
 
+/* Texts the diag role hands the agent: queries that differ only in case or
+ * a literal, and one with every separator of a record. */
+constexpr const char* kQueries[] = {
+    "SELECT * FROM items WHERE id = ?",
+    "select * from items where id = ?",
+    "SELECT * FROM items WHERE id = 7",
+    "UPDATE stock SET n = n - 1, note = 'a|b', path = 'c:\\d' WHERE id = \"x\"\n AND _ok",
+};
+constexpr const char kNestedQuery[] = "SELECT 1";
+
+/* Exceptions thrown in Shop.order: transaction i throws kThrows[j] when
+ * i % every == 0. The filtered class never reaches the collector; the
+ * hostile one carries a record's separators in its class and message. */
+struct Throw {
+    const char* cls;
+    const char* message;
+    int every;
+};
+constexpr Throw kThrows[] = {
+    {"shop.OutOfStock", "item 7 is gone, sorry", 2},
+    {"shop.Ignored", "filtered out", 3},
+    {"shop.Bad,Class\n38,1,2", "line one\nline two, and more|more", 5},
+};
+
+int run_diag(VXProxyInstance_t* app)
+{
+    if (!wait_data(app)) return 3;
+    constexpr int kEach = 12; /* transactions per thread, two threads */
+    std::atomic<long long> taken{0};
+    std::atomic<int> runs[std::size(kQueries)] = {}, thrown[std::size(kThrows)] = {};
+    auto work = [&](int t) {
+        char url[] = "/shop/order|POST";
+        char order[] = "Shop.order", query[] = "Db.query";
+        char backend[] = "mysql|db.internal|3306";
+        for (int i = t * kEach; i < (t + 1) * kEach; ++i) {
+            auto* fp = static_cast<VXPerThreadData_t*>(
+                startFP(nullptr, url, nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
+            if (!fp) continue;
+            ++taken;
+            void* h = vxMethodEntry(nullptr, fp, order, nullptr, nullptr, 0, nullptr, nullptr, 0,
+                                    nullptr);
+            const size_t q = static_cast<size_t>(i) % std::size(kQueries);
+            std::string text = kQueries[q];
+            void* d = vxMethodEntry(nullptr, fp, query, text.data(), nullptr, 0, nullptr, nullptr,
+                                    0, nullptr);
+            if (q == 1) {
+                std::string nested = kNestedQuery;
+                void* n = vxMethodEntry(nullptr, fp, query, nested.data(), nullptr, 0, nullptr,
+                                        nullptr, 0, nullptr);
+                vxMethodExit(n, fp, query, 0, -1, backend, 0, 0, 1, nullptr, 1, nullptr,
+                             my_gettimeofday(), nullptr);
+            }
+            sleep_ms(2);
+            vxMethodExit(d, fp, query, 0, -1, backend, 0, 0, 1, nullptr, 1, nullptr,
+                         my_gettimeofday(), nullptr);
+            ++runs[q];
+            for (size_t j = 0; j < std::size(kThrows); ++j) {
+                if (i % kThrows[j].every != 0) continue;
+                std::string cls = kThrows[j].cls, message = kThrows[j].message;
+                std::string stack = "at Shop.order(Shop.java:42)\nat Main.run(Main.java:7)";
+                char shop[] = "Shop", method[] = "order";
+                getstacktracearray(fp, stack.data(), nullptr, cls.data(), shop, message.data(),
+                                   method, 42, nullptr);
+                ++thrown[j];
+            }
+            vxMethodExit(h, fp, order, 0, -1, nullptr, 0, 0, 0, nullptr, 0, nullptr, 0, nullptr);
+            endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
+            reset(fp);
+            sleep_ms(40);
+        }
+    };
+    std::thread other(work, 1);
+    work(0);
+    other.join();
+    printf("transactions=%lld\n", taken.load());
+    for (size_t q = 0; q < std::size(kQueries); ++q) printf("runs%zu=%d\n", q, runs[q].load());
+    for (size_t j = 0; j < std::size(kThrows); ++j) printf("thrown%zu=%d\n", j, thrown[j].load());
+    wait_session_end(app);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -443,7 +533,7 @@ int main(int argc, char** argv)
         fprintf(stderr,
                 "usage: %s stream SECONDS | load SECONDS THREADS | idle SECONDS | methods SECONDS "
                 "[eager] | urls SECONDS THREADS HOLD_MS URL... | front SECONDS FILE | back SECONDS "
-                "FILE\n",
+                "FILE | diag SECONDS\n",
                 argv[0]);
         return 64;
     }
@@ -465,6 +555,7 @@ int main(int argc, char** argv)
                       std::vector<std::string>(argv + 5, argv + argc));
     if (mode == "front" && argc > 3) rc = run_front(app, argv[3]);
     if (mode == "back" && argc > 3) rc = run_back(app, seconds, argv[3]);
+    if (mode == "diag") rc = run_diag(app);
     fflush(stdout);
     agent_shutdown();
     return rc;

@@ -3,11 +3,12 @@
  *   vx_bt_begin                       the request arrives (URL, cookies, headers)
  *   sdk_httpReqRespWrapper("req")     its headers
  *   vx_method_entry / vx_method_exit  each instrumented method
- *   vx_ip_db_callout_begin / _end     the cart's query
+ *   vx_ip_db_callout_begin / _end     the cart's query, a checkout's reservation
  *   vx_ip_http_callout_begin          the call to the stock service, which
  *   get_custom_vx_header                carries the agent's correlation text
  *   sdk_get_propagation_header          and the trace context, so the service's
  *   vx_ip_http_callout_end              transaction links to it in one trace
+ *   getstacktracearray                an exception the page raised
  *   sdk_httpReqRespWrapper("resp")    the response headers and status
  *   sdk_getVXSessionCookie            the session cookie to set
  *   vx_bt_end                         the response is sent
@@ -16,6 +17,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <thread>
 
 #include "vx_example_host.h"
@@ -76,6 +78,23 @@ int check_stock(vxBTHandle h, const StockService& stock, const char* path)
     return status;
 }
 
+/* One query of transaction `h` on the shop's database. */
+void query(vxBTHandle h, const char* text, const char* params)
+{
+    vx_ip_db_callout_begin(S("Db.query"), h, S(text), S(params));
+    vx_ip_db_callout_end(S("Db.query"), S("MySQL|db.internal|3306|shop"), h, nullptr);
+}
+
+/* An exception raised in Shop.handle, as a host's exception hook reports
+ * it: class, message and the stack as text. */
+void raise(vxBTHandle h, const char* cls, const char* message)
+{
+    char stack[] = "at Shop.handle(Shop.cpp:88)\nat Server.dispatch(Server.cpp:41)\n"
+                   "at Server.run(Server.cpp:12)";
+    getstacktracearray(static_cast<VXPerThreadData_t*>(h), stack, nullptr, S(cls), S("Shop"),
+                       S(message), S("handle"), 88, nullptr);
+}
+
 /* One page from arrival to response. */
 bool serve(const StockService& stock, const Page& page)
 {
@@ -88,14 +107,25 @@ bool serve(const StockService& stock, const Page& page)
     vx_method_entry(h, S("Shop.handle"));
     if (page.database) {
         vx_method_entry(h, S("Shop.loadCart"));
-        vx_ip_db_callout_begin(S("Db.query"), h, S("select * from cart where user = ?"), S("42"));
-        vx_ip_db_callout_end(S("Db.query"), S("MySQL|db.internal|3306|shop"), h, nullptr);
+        query(h, "select * from cart where user = ?", "42");
         vx_method_exit(h, S("Shop.loadCart"), nullptr);
     }
-    if (page.stock && check_stock(h, stock, page.stock) != 200) {
-        printf("shop: %s: the stock service failed %s; answering 502\n", page.url, page.stock);
-        status = 502;
+    if (page.stock) {
+        const int answer = check_stock(h, stock, page.stock);
+        if (answer != 200) {
+            printf("shop: %s: the stock service failed %s; answering 502\n", page.url, page.stock);
+            char message[160];
+            snprintf(message, sizeof message, "stock service answered %d for %s", answer,
+                     page.stock);
+            raise(h, "shop.StockUnavailable", message);
+            status = 502;
+        } else if (page.url[1] == 'c' && page.url[2] == 'h') { /* a checkout reserves */
+            query(h, "update stock set reserved = reserved + 1 where item = ?", "17");
+        }
     }
+    if (status == 500) raise(h, "shop.CartLoadError", "the cart store timed out after 2000 ms");
+    /* The session filters this class out: it never reaches the collector. */
+    if (strncmp(page.url, "/health", 7) == 0) raise(h, "probe.Ignored", "a probe's own exception");
     if (page.work_ms) std::this_thread::sleep_for(std::chrono::milliseconds(page.work_ms));
     vx_method_exit(h, S("Shop.handle"), nullptr);
 

@@ -3,6 +3,7 @@
  *   vx_bt_begin                       with the caller's correlation text
  *   vx_method_entry / vx_method_exit  Stock.handle, Stock.lookup
  *   vx_ip_db_callout_begin / _end     the query on the stock database
+ *   getstacktracearray                an unknown item's exception
  *   vx_bt_end                         with the answer's status
  */
 #include "vx_stock_lookup.h"
@@ -115,6 +116,14 @@ int stock_lookup(const StockRequest& request, char* body, size_t room, char* tra
         status = 200;
     } else {
         snprintf(body, room, "{\"error\":\"no such item\"}\n");
+        if (h) { /* the service's exception hook reports what it raised */
+            char stack[] = "at Stock.handle(Stock.cpp:31)\nat Server.run(Server.cpp:12)";
+            char message[160];
+            snprintf(message, sizeof message, "no item at %s", request.path);
+            getstacktracearray(static_cast<VXPerThreadData_t*>(h), stack, nullptr,
+                               S("stock.NoSuchItem"), S("Stock"), message, S("handle"), 31,
+                               nullptr);
+        }
     }
     leave(h, "Stock.handle");
 

@@ -1,8 +1,10 @@
 /*
- * One check of the query text encoders against arbitrary bytes, shared by
- * the fuzz target and the unit tests: every output stays inside its buffer,
- * is terminated, and keeps a record's framing (no raw line end, comma or
- * pipe survives; every '&' starts a numeric entity).
+ * One check of the query and exception text encoders against arbitrary
+ * bytes, shared by the fuzz target and the unit tests: every output stays
+ * inside its buffer, is terminated, and keeps a record's framing (no raw
+ * line end, comma or pipe survives a query escape; every '&' starts a
+ * numeric entity; an exception text has no line end and no half character
+ * at a cut).
  */
 #ifndef VX_ENCODE_CHECK_H
 #define VX_ENCODE_CHECK_H
@@ -75,6 +77,27 @@ inline int check_encoders(const unsigned char* data, size_t size)
         std::vector<char> back(out.size());
         decodeHTML(back.data(), out.data());
         if (strcmp(back.data(), text) != 0) failed = 8;
+    }
+    /* Exception texts: the dictionaries' cut, the message's, tiny ones. */
+    for (const size_t limit : {size_t{1000}, size_t{50}, size_t{3}, size_t{0}}) {
+        for (const size_t cap : {size_t{1001}, size_t{51}, size_t{4}}) {
+            out.assign(cap + 1, '\x7f');
+            const size_t got = vx::exception_text_clean(text, limit, out.data(), cap);
+            if (out[cap] != '\x7f' || got > limit || got >= cap || out[got] != '\0') {
+                failed = 11;
+            } else if (memchr(out.data(), '\n', got) || memchr(out.data(), '\r', got)) {
+                failed = 12;
+            } else {
+                for (size_t i = 0; i < got; ++i) {
+                    const char want = text[i] == '\n' ? '|' : text[i] == '\r' ? ' ' : text[i];
+                    if (out[i] != want) failed = 13;
+                }
+                /* A cut falls before a character, never inside one. */
+                if (got > 0 && got < static_cast<size_t>(n) &&
+                    (static_cast<unsigned char>(text[got]) & 0xC0) == 0x80)
+                    failed = 14;
+            }
+        }
     }
     /* Decoders only shrink a text and stay terminated. */
     std::vector<char> dec(static_cast<size_t>(n) + 1);

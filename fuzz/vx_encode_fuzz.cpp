@@ -1,4 +1,5 @@
-/* libFuzzer entry for the query text encoders; any failed check aborts. */
+/* libFuzzer entry for the query and exception text encoders; any failed
+ * check aborts. */
 #include <cstdio>
 #include <cstdlib>
 

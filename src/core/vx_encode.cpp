@@ -350,3 +350,23 @@ extern "C" char* decode_fun(char* str)
     *o = '\0';
     return out;
 }
+
+namespace vx {
+
+size_t exception_text_clean(const char* text, size_t limit, char* out, size_t cap)
+{
+    if (!out || cap == 0) return 0;
+    size_t n = 0;
+    if (text) n = strnlen(text, limit < cap - 1 ? limit : cap - 1);
+    /* A cut inside a UTF-8 sequence would leave half a character. */
+    if (text && text[n] != '\0')
+        while (n > 0 && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80) --n;
+    for (size_t i = 0; i < n; ++i) {
+        const char c = text[i];
+        out[i] = c == '\n' ? '|' : c == '\r' ? ' ' : c;
+    }
+    out[n] = '\0';
+    return n;
+}
+
+}  // namespace vx

@@ -8,6 +8,8 @@
 #ifndef VX_ENCODE_H
 #define VX_ENCODE_H
 
+#include <cstddef>
+
 extern "C" {
 
 /* For text inside a comma-separated record: | LF CR " & ' , . : \ ^. */
@@ -64,5 +66,13 @@ char* hblb_encode_text_to_base64(char* text_input, int text_len, int* enc_len);
 int hblb_encode_base64_ex(unsigned char* input, int input_length, unsigned char* output,
                           int output_size);
 }
+
+namespace vx {
+/* Copy `text` into `out` (cap bytes) so it cannot break a record line:
+ * '\r' becomes ' ', '\n' becomes '|', and at most `limit` bytes are kept,
+ * never splitting a UTF-8 sequence. Returns the length written. For the
+ * exception texts, which are a record's last field (commas stay). */
+size_t exception_text_clean(const char* text, size_t limit, char* out, size_t cap);
+}  // namespace vx
 
 #endif

@@ -11,6 +11,7 @@
 
 #include "agent/vx_instance.h"
 #include "core/vx_atomic.h"
+#include "core/vx_encode.h"
 #include "core/vx_limits.h"
 #include "core/vx_record_door.h"
 #include "core/vx_retire_list.h"
@@ -177,22 +178,6 @@ size_t format_record38(char* buf, size_t cap, VXPerThreadData_t* vxTD, long long
 }
 
 }  // namespace
-
-size_t exception_text_clean(const char* text, size_t limit, char* out, size_t cap)
-{
-    if (!out || cap == 0) return 0;
-    size_t n = 0;
-    if (text) n = strnlen(text, limit < cap - 1 ? limit : cap - 1);
-    /* A cut inside a UTF-8 sequence would leave half a character. */
-    if (text && text[n] != '\0')
-        while (n > 0 && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80) --n;
-    for (size_t i = 0; i < n; ++i) {
-        const char c = text[i];
-        out[i] = c == '\n' ? '|' : c == '\r' ? ' ' : c;
-    }
-    out[n] = '\0';
-    return n;
-}
 
 }  // namespace vx
 

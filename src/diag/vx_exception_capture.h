@@ -61,10 +61,6 @@ inline constexpr size_t kExceptionMessageMax = 50;
 /* Most names in the filter list. */
 inline constexpr int kExceptionFilterMax = 1024;
 
-/* Copy `text` into `out` (cap bytes) so it cannot break a record line:
- * '\r' becomes ' ', '\n' becomes '|', and at most `limit` bytes are kept,
- * never splitting a UTF-8 sequence. Returns the length written. */
-size_t exception_text_clean(const char* text, size_t limit, char* out, size_t cap);
 }  // namespace vx
 
 extern "C" {

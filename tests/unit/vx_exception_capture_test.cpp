@@ -4,6 +4,7 @@
  * capture, hostile texts that must keep every record one line, the
  * dictionary limit, and the settings keyword.
  */
+#include "core/vx_encode.h"
 #include "diag/vx_exception_capture.h"
 
 #include <gtest/gtest.h>

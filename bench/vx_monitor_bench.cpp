@@ -3,7 +3,8 @@
  * each on a record of its own, all on one BT), the interval's fold over R
  * records x B BTs, and the memory of 100 sessions of 256 BTs on 16 threads.
  * The backend monitor: the update a callout's exit makes (one and two
- * threads, each on a record of its own, all on one backend).
+ * threads, each on a record of its own, all on one backend); the method and
+ * exception monitors' updates likewise.
  *
  *   ./build/bench/vx_monitor_bench --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
  *
@@ -28,9 +29,12 @@
 #include "bt/vx_bt_object.h"
 #include "core/vx_retire_list.h"
 #include "core/vx_thread.h"
+#include "flowpath/vx_method_profile.h"
 #include "flowpath/vx_method_table.h"
 #include "monitor/vx_backend_monitor.h"
 #include "monitor/vx_bt_monitor.h"
+#include "monitor/vx_exception_monitor.h"
+#include "monitor/vx_method_monitor.h"
 #include "monitor/vx_monitor_model.h"
 #include "session/vx_session_data.h"
 #include "vx_sdk.h"
@@ -182,6 +186,58 @@ void BM_BackendUpdate(benchmark::State& state)
     free_tls_slot(td);
 }
 BENCHMARK(BM_BackendUpdate)->Threads(1)->Threads(2)->UseRealTime();
+
+/* The method monitor's update at a marked method's exit, and the
+ * exception monitor's at a listed class's capture: each thread on a record
+ * of its own, all on one method or class. */
+void BM_MethodMonitorUpdate(benchmark::State& state)
+{
+    start_agent();
+    static methodPropProperties* m = [] {
+        VXMethodMonitorInit();
+        char file[] = "bench|Handler|Bench.handle|-\n";
+        parseMethodMonitor(file);
+        return vx::find_method(tlvxApplication->methodTable.methodHashMapNode, "Bench.handle");
+    }();
+    if (!m) return state.SkipWithError("the method monitor file marked nothing");
+    VXPerThreadData_t* td = get_free_tls_slot();
+    long long ms = 3;
+    updateCounterAndDurationForMethod(td, m, ms); /* makes the counters */
+    const long long before = t_allocs;
+    for (auto _ : state) {
+        updateCounterAndDurationForMethod(td, m, ms);
+        ms = (ms + 7) & 255;
+    }
+    state.counters["allocs_per_update"] = benchmark::Counter(
+        static_cast<double>(t_allocs - before) / static_cast<double>(state.iterations()),
+        benchmark::Counter::kAvgThreads);
+    resetAllThreadLocals(td, nullptr);
+    free_tls_slot(td);
+}
+BENCHMARK(BM_MethodMonitorUpdate)->Threads(1)->Threads(2)->UseRealTime();
+
+void BM_ExceptionMonitorUpdate(benchmark::State& state)
+{
+    start_agent();
+    static bool listed = [] {
+        VXExceptionMonitorInit();
+        char file[] = "Timeout|bench.Timeout|-\n";
+        parseExceptionMonFile(file);
+        return true;
+    }();
+    (void)listed;
+    VXPerThreadData_t* td = get_free_tls_slot();
+    if (updateCounterAndDurationForException(td, "bench.Timeout") != 0)
+        return state.SkipWithError("the exception monitor did not count");
+    const long long before = t_allocs;
+    for (auto _ : state) benchmark::DoNotOptimize(updateCounterAndDurationForException(td, "bench.Timeout"));
+    state.counters["allocs_per_update"] = benchmark::Counter(
+        static_cast<double>(t_allocs - before) / static_cast<double>(state.iterations()),
+        benchmark::Counter::kAvgThreads);
+    resetAllThreadLocals(td, nullptr);
+    free_tls_slot(td);
+}
+BENCHMARK(BM_ExceptionMonitorUpdate)->Threads(1)->Threads(2)->UseRealTime();
 
 /* The fold of R records x B BTs: records and BTs stay between iterations,
  * only the fold is timed. */

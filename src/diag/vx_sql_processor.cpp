@@ -14,6 +14,7 @@
 #include "core/vx_encode.h"
 #include "core/vx_record_door.h"
 #include "core/vx_text.h"
+#include "core/vx_trace_log.h"
 
 namespace {
 
@@ -46,13 +47,29 @@ VXSQLProcessor_t* processor()
     return app ? &app->VXSQLProcessor : nullptr;
 }
 
-/* Caller holds sqllock. */
+bool g_fullLogged = false; /* under sqllock; once per session */
+
+/* Caller holds sqllock. A host that builds its queries with literals in
+ * them makes a new text per call: past kQueryDictionaryMax texts a new one
+ * is called "Unknown" (id 1), so the dictionary's memory stays bounded. */
 long long enter_and_send(const char* text, size_t len, long long fpi)
 {
     VXSQLProcessor_t* p = processor();
     if (!p) return -1;
+    if (queries().size() >= vx::kQueryDictionaryMax) {
+        if (!g_fullLogged)
+            VX_ERROR("SQL", "The query dictionary holds %zu texts; new queries are counted as "
+                            "Unknown until the next session", queries().size());
+        g_fullLogged = true;
+        return 1;
+    }
+    try {
+        queries().emplace(std::string(text, len), p->sqlQueryID + 1);
+    } catch (...) {
+        VX_ERROR("SQL", "Out of memory adding a query to the dictionary");
+        return 1;
+    }
     const long long id = generateNextSqlQueryID();
-    queries().emplace(std::string(text, len), id);
     dumpDBMetaRecord(fpi, id, const_cast<char*>(text), p->preparedQueryRecordID);
     return id;
 }
@@ -68,6 +85,7 @@ extern "C" void VXSQLProcessorInit(void)
     p->preparedQueryRecordID = 22;
     p->sqlQueryID = kLastFixedId;
     QueryMap().swap(queries()); /* ids start again: no text may keep an old one */
+    g_fullLogged = false;
     if (!p->DBIPName[0]) vx::copy_text(p->DBIPName, sizeof p->DBIPName, "DB_SQLDB");
 }
 
@@ -107,7 +125,11 @@ extern "C" void dumpOneQueryRecord(char* QUERY, long long id, long long fpi)
 {
     VXSQLProcessor_t* p = processor();
     if (!p || !QUERY) return;
-    queries().insert_or_assign(std::string(QUERY), id);
+    try {
+        queries().insert_or_assign(std::string(QUERY), id);
+    } catch (...) {
+        VX_ERROR("SQL", "Out of memory adding a query to the dictionary");
+    }
     dumpDBMetaRecord(fpi, id, QUERY, p->preparedQueryRecordID);
 }
 

@@ -8,6 +8,8 @@
 #ifndef VX_SQL_PROCESSOR_H
 #define VX_SQL_PROCESSOR_H
 
+#include <cstddef>
+
 struct VXPerThreadData_t;
 
 extern "C" {
@@ -37,6 +39,8 @@ void free_preparedQueryIDLookup(void);
 }
 
 namespace vx {
+/* Most texts the dictionary holds in a session (fixed ones included). */
+inline constexpr size_t kQueryDictionaryMax = 100000;
 /* Number of distinct texts in the dictionary (fixed ones included). */
 long long sql_query_count();
 }

@@ -1,11 +1,12 @@
 #include "record_parser.h"
 
-#include "http_headers.h"
-
 #include <charconv>
 #include <climits>
 #include <cstdint>
 #include <cstring>
+
+#include "http_headers.h"
+#include "queries.h"
 
 namespace vxc {
 
@@ -284,6 +285,8 @@ bool check_shape(const Record& r, std::string* error)
                 return fail(error, "record 19: value is not \"2:...:<...>|\"");
             return true;
         }
+        case 22:
+            return parse_query_record(f, nullptr, error) == 0;
         case 26:
             /* "26,%lld,%s": the name may hold commas. */
             if (n < 2 || !printf_int(f[0], LLONG_MIN, LLONG_MAX))

@@ -112,7 +112,8 @@ struct Record {
 /*
  * Parses one record line (without its line feed) and checks it against the
  * catalogue and, for the records the agent writes so far (2, 3, 4, 5, 6, 7,
- * 10, 12, 13, 19, 26, 32 to 36, 38, 91, 99, 100), against their field shape. Returns 0 and fills out, or -1 and
+ * 10, 12, 13, 19, 22, 26, 32 to 36, 38, 91, 99, 100), against their field
+ * shape. Returns 0 and fills out, or -1 and
  * puts the reason in error. An empty line is not a record (it is a
  * heartbeat; the caller tells them apart). Records that belong on the
  * auto-sensor connection are refused on the data connection.

@@ -1,18 +1,18 @@
 #include "run_store.h"
 
-#include "exceptions.h"
-#include "http_headers.h"
-
 #include <sys/stat.h>
 #include <sys/time.h>
 
 #include <cerrno>
-#include <iterator>
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include "auto_sensor.h"
+#include "exceptions.h"
+#include "http_headers.h"
+#include "queries.h"
 #include "topology.h"
 
 namespace vxc {
@@ -46,13 +46,18 @@ struct TableFile {
     const char* header;
 };
 constexpr TableFile kTableFiles[] = {
-    {"bt_monitor.tsv", kBtMonitorHeader},    {"backend_monitor.tsv", kBackendMonitorHeader},
-    {"percentiles.tsv", kPercentilesHeader}, {"topology.tsv", kTopologyHeader},
-    {"resources.tsv", kResourcesHeader},     {"callouts.tsv", kCalloutsHeader},
+    {"bt_monitor.tsv", kBtMonitorHeader},
+    {"backend_monitor.tsv", kBackendMonitorHeader},
+    {"percentiles.tsv", kPercentilesHeader},
+    {"topology.tsv", kTopologyHeader},
+    {"resources.tsv", kResourcesHeader},
+    {"callouts.tsv", kCalloutsHeader},
     {"traces.tsv", kTracesHeader},
     {"headers.tsv", kHeadersHeader},
     {"exceptions.tsv", kExceptionsHeader},
-    {"method_monitor.tsv", kMethodMonitorHeader}, {"exception_monitor.tsv", kExceptionMonitorHeader},
+    {"method_monitor.tsv", kMethodMonitorHeader},
+    {"exception_monitor.tsv", kExceptionMonitorHeader},
+    {"queries.tsv", kQueriesHeader},
 };
 static_assert(std::size(kTableFiles) == RunStore::kTables, "one file for each table");
 
@@ -193,6 +198,8 @@ int RunStore::write_summary()
             "chained_flowpaths=%llu\nchained_unresolved=%llu\n",
             c.records_91, c.records_91_repeated, c.records_26, c.chained_flowpaths,
             c.chained_unresolved);
+    fprintf(f, "query_ids_reused=%llu\nquery_texts_reused=%llu\n", c.query_ids_reused,
+            c.query_texts_reused);
     fprintf(f,
             "as_connections=%llu\nas_bad_opening=%llu\nas_records_74=%llu\n"
             "as_overall_lines=%llu\nas_records_53=%llu\nas_records_52=%llu\nas_gc_reports=%llu\n"

@@ -12,13 +12,16 @@
  *   topology.tsv           one row per record 91 of the data connections
  *                          (see topology.h)
  *   resources.tsv          one row per record 26 (ditto)
- *   callouts.tsv           one row per callout token of records 3 and 4
+ *   callouts.tsv           one row per callout token of records 3 and 4,
+ *                          with the query id of a database call
  *   traces.tsv             one row per record 2: ids, trace id, parent id, flags
  *                          (ditto)
  *   headers.tsv            one row per captured header of records 12 and
  *                          13 (see http_headers.h)
  *   exceptions.tsv         one row per record 38, texts resolved through
  *                          records 32 to 36 (see exceptions.h)
+ *   queries.tsv            one row per record 22: its query text as sent
+ *                          and decoded (see queries.h)
  *   links.tsv              one row per chained record 2 (ditto), written
  *                          when the run ends
  *   malformed.txt          "<conn> <reason> | <line, cut to 200 bytes>"
@@ -103,6 +106,11 @@ struct Counts {
     unsigned long long records_26 = 0;
     unsigned long long chained_flowpaths = 0;
     unsigned long long chained_unresolved = 0;
+    /* Queries: records 22 whose id the connection announced before with
+     * another text, and those whose text it announced with another id
+     * (both also in malformed). */
+    unsigned long long query_ids_reused = 0;
+    unsigned long long query_texts_reused = 0;
     /* Auto-sensor connections: openings refused, records by kind (overall
      * lines are records 74 too), lines refused (also in malformed), and
      * what the stress options did. */
@@ -161,9 +169,10 @@ public:
         Headers,
         Exceptions,
         MethodMonitor,
-        ExceptionMonitor
+        ExceptionMonitor,
+        Queries
     };
-    static constexpr size_t kTables = static_cast<size_t>(Table::ExceptionMonitor) + 1;
+    static constexpr size_t kTables = static_cast<size_t>(Table::Queries) + 1;
     /* Appends one row, without its line feed, to the table's file. */
     void row(Table t, std::string_view row);
     /* Writes links.tsv whole: the header, then each row. */

@@ -19,11 +19,12 @@
 #include "auto_sensor.h"
 #include "bt_registry.h"
 #include "digest_decode.h"
+#include "exceptions.h"
+#include "http_headers.h"
+#include "queries.h"
 #include "record_parser.h"
 #include "session.h"
 #include "topology.h"
-#include "exceptions.h"
-#include "http_headers.h"
 
 namespace vxc {
 
@@ -109,6 +110,7 @@ struct Conn {
     std::map<long long, std::string> method_names;
     std::map<long long, std::string> header_ids; /* records 6 */
     ExceptionTexts exception_texts;              /* records 32 to 36 */
+    QueryTable queries;                          /* records 22 */
     std::set<std::string> callers_91;
     apr_time_t last_read = 0;
     char peer[64] = "";
@@ -672,6 +674,31 @@ void check_business_transaction(Server* s, Conn* c, const Record& r, std::string
                        line);
 }
 
+/* A record 22 is a row of queries.tsv. Its id and text must not clash with
+ * those the connection announced before: the agent sends a text once a
+ * session, under one id, and flowpaths name it by that id alone. A clash is
+ * counted and reported as malformed; the record stays counted as a record. */
+void check_query(Server* s, Conn* c, const Record& r, std::string_view line)
+{
+    QueryRecord q;
+    if (r.number != 22 || parse_query_record(r.fields, &q, nullptr) != 0) return;
+    s->store.row(RunStore::Table::Queries, query_row(c->id, q));
+    const unsigned long long dropped = c->queries.dropped();
+    const QueryTable::Verdict v = c->queries.add(q);
+    if (c->queries.dropped() != dropped && dropped == 0)
+        s->store.log("conn %u: query table full, later queries are not checked", c->id);
+    if (v != QueryTable::Verdict::IdReused && v != QueryTable::Verdict::TextReused) return;
+    Counts& counts = s->store.counts;
+    ++(v == QueryTable::Verdict::IdReused ? counts.query_ids_reused : counts.query_texts_reused);
+    if (c->seen) ++c->seen->malformed;
+    s->store.malformed(
+        c->id,
+        v == QueryTable::Verdict::IdReused
+            ? "record 22: query id " + std::to_string(q.id) + " announced before with another text"
+            : "record 22: query text announced before with another id",
+        line);
+}
+
 /* What a data record tells of tiers, resources, callouts and captured
  * headers (records 6, 12 and 13): records 91,
  * 26 and 5 for the names, records 2 for the links, and the callout tokens
@@ -749,6 +776,7 @@ void follow_topology(Server* s, Conn* c, const Record& r)
                 row.seq = t.seq;
                 row.backend_id = t.backend_id;
                 row.duration = t.duration;
+                row.query_id = t.query_id;
                 const auto it = c->method_names.find(t.backend_id);
                 row.backend_name = it == c->method_names.end() ? "-" : it->second;
                 s->store.row(RunStore::Table::Callouts, callout_row(row));
@@ -808,6 +836,7 @@ void on_line(Server* s, Conn* c, std::string_view line)
             ++counts.per_record[r.number];
             if (c->seen) ++c->seen->records;
             check_business_transaction(s, c, r, line);
+            check_query(s, c, r, line);
             follow_topology(s, c, r);
             if (s->opts.verbose) s->store.log("conn %u: record %d", c->id, r.number);
             return;

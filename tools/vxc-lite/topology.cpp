@@ -27,6 +27,33 @@ long long number(const std::string& s)
     return strtoll(s.c_str(), nullptr, 10);
 }
 
+bool whole(std::string_view s)
+{
+    return printf_int(s, LLONG_MIN, LLONG_MAX);
+}
+
+/* The query id a database call's token carries in the rest of its form,
+ * behind its kind; 0 for any other call. The forms tell the calls apart:
+ * only a database call has the three empty fields, and a call left by an
+ * exception writes kind 10 for a database call alone (a message queue's
+ * "E" token of the same shape carries its own kind). */
+long long token_query_id(char letter, long long kind, std::string_view rest)
+{
+    std::vector<std::string_view> p;
+    for (size_t from = 0;;) {
+        const size_t colon = rest.find(':', from);
+        p.push_back(rest.substr(from, colon - from));
+        if (colon == std::string_view::npos) break;
+        from = colon + 1;
+    }
+    const bool call =
+        p.size() == 7 && whole(p[1]) && p[2].empty() && p[3].empty() && p[4].empty() && whole(p[5]);
+    const bool left_by_exception =
+        letter == 'E' && kind == 10 && p.size() == 3 && whole(p[1]) && whole(p[2]);
+    long long id = 0;
+    return (call || left_by_exception) && printf_int(p[0], LLONG_MIN, LLONG_MAX, &id) ? id : 0;
+}
+
 }  // namespace
 
 std::string topology_row(unsigned conn, const Record& r91)
@@ -179,6 +206,7 @@ std::vector<CalloutToken> callout_tokens(std::string_view blob)
         }
         const size_t end = ok ? blob.find('_', at) : std::string_view::npos;
         if (end == std::string_view::npos) continue;
+        t.query_id = token_query_id(t.kind, kind, blob.substr(at, end - at));
         out.push_back(t);
         i = end;
     }
@@ -211,13 +239,14 @@ std::string callout_row(const CalloutRow& r)
 {
     return std::to_string(r.conn) + "\t" + std::to_string(r.fpi) + "\t" + std::string(1, r.kind) +
            "\t" + std::to_string(r.seq) + "\t" + std::to_string(r.backend_id) + "\t" +
-           tsv_text(r.backend_name) + "\t" + std::to_string(r.duration);
+           tsv_text(r.backend_name) + "\t" + std::to_string(r.duration) + "\t" +
+           std::to_string(r.query_id);
 }
 
 std::vector<CalloutRow> read_callouts(const std::string& path)
 {
     std::vector<CalloutRow> out;
-    for (const auto& f : rows_of(path, kCalloutsHeader, 7)) {
+    for (const auto& f : rows_of(path, kCalloutsHeader, 8)) {
         CalloutRow r;
         r.conn = static_cast<unsigned>(number(f[0]));
         r.fpi = number(f[1]);
@@ -226,6 +255,7 @@ std::vector<CalloutRow> read_callouts(const std::string& path)
         r.backend_id = number(f[4]);
         r.backend_name = f[5];
         r.duration = number(f[6]);
+        r.query_id = number(f[7]);
         out.push_back(std::move(r));
     }
     return out;

@@ -15,7 +15,8 @@
  *                  id and flags it carries
  *   callouts.tsv   one row per callout token (T or E) of a sequence blob in
  *                  records 3 and 4, with the backend's name from the
- *                  records 5 of the same connection
+ *                  records 5 of the same connection and, for a database
+ *                  call, the id of its query
  *
  * Records handed in here have passed parse_record. Nothing touches a socket
  * or a file except the read_* functions, which read the files back for
@@ -123,12 +124,16 @@ std::vector<TraceRow> read_traces(const std::string& path);
 
 /* A callout token of a sequence blob: "T" (the call went well) or "E", then
  * "<seq>:<backend id>:<duration>:<kind>:" and the rest of its form, which
- * ends at the next "_". */
+ * ends at the next "_". A database call's rest begins with the id of its
+ * query (a record 22's): "<query id>:<start>::::<status>:<parameters>", or
+ * "<query id>:<start>:<status>" behind kind 10 in the "E" token of a call
+ * left by an exception. */
 struct CalloutToken {
     char kind = 'T';
     long long seq = 0;
     long long backend_id = 0;
     long long duration = 0;
+    long long query_id = 0; /* 0 for a call that is not a database call */
 };
 
 /* The callout tokens of a blob, in order. A token begins the blob or
@@ -143,9 +148,12 @@ bool record_blob(const Record& r, long long* fpi, std::string* blob);
 /* The method id and name a record 5 declares; false for any other record. */
 bool method_declaration(const Record& r, long long* id, std::string* name);
 
-/* callouts.tsv: "conn fpi kind seq backend_id backend_name duration", the
- * name "-" when no record 5 of the connection named the id. */
-constexpr const char* kCalloutsHeader = "conn\tfpi\tkind\tseq\tbackend_id\tbackend_name\tduration";
+/* callouts.tsv: "conn fpi kind seq backend_id backend_name duration
+ * query_id", the name "-" when no record 5 of the connection named the id.
+ * query_id came last so that readers of the older columns keep their
+ * positions. */
+constexpr const char* kCalloutsHeader =
+    "conn\tfpi\tkind\tseq\tbackend_id\tbackend_name\tduration\tquery_id";
 
 struct CalloutRow {
     unsigned conn = 0;
@@ -155,6 +163,7 @@ struct CalloutRow {
     long long backend_id = 0;
     std::string backend_name;
     long long duration = 0;
+    long long query_id = 0;
 };
 
 std::string callout_row(const CalloutRow& row);

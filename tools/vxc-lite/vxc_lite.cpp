@@ -88,7 +88,8 @@ std::string usage()
            "received), malformed.txt, bt_monitor.tsv (records 74), backend_monitor.tsv\n"
            "(records 75), method_monitor.tsv (records 61), exception_monitor.tsv (records 63),\n"
            "percentiles.tsv (records 96 and 121), topology.tsv (records 91),\n"
-           "resources.tsv (records 26), callouts.tsv (callout tokens of records 3 and 4),\n"
+           "resources.tsv (records 26), callouts.tsv (callout tokens of records 3 and 4,\n"
+           "with a database call's query id), queries.tsv (query texts of records 22),\n"
            "traces.tsv (trace context of records 2), links.tsv (chained records 2, at the end),\n"
            "summary.txt (counts), vxc-lite.log\n"
            "(also every session line sent).\n";

@@ -26,9 +26,10 @@
 #include <vector>
 
 #include "auto_sensor.h"
-#include "server.h"
 #include "exceptions.h"
 #include "http_headers.h"
+#include "queries.h"
+#include "server.h"
 #include "topology.h"
 
 namespace vxc_test {
@@ -314,6 +315,11 @@ public:
     std::vector<vxc::HeaderRow> headers() const
     {
         return vxc::read_headers(opts_.run_dir + "/headers.tsv");
+    }
+    /* The query texts of records 22 (queries.tsv). */
+    std::vector<vxc::QueryRow> queries() const
+    {
+        return vxc::read_queries(opts_.run_dir + "/queries.tsv");
     }
     /* The callout tokens of the flowpaths' blobs (callouts.tsv). */
     std::vector<vxc::CalloutRow> callouts() const

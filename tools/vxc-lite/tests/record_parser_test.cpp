@@ -1,4 +1,3 @@
-#include "exceptions.h"
 #include "record_parser.h"
 
 #include <gtest/gtest.h>
@@ -8,8 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "exceptions.h"
 #include "http_headers.h"
 #include "loopback.h"
+#include "queries.h"
 
 namespace {
 
@@ -34,7 +35,9 @@ int parse(std::string_view line, std::string* error = nullptr, vxc::Record* out 
 }
 
 const char* const kGoodRecords[] = {
-    "32,1,java.io.IOException", "33,2,-", "35,7,a, b, and c",
+    "32,1,java.io.IOException",
+    "33,2,-",
+    "35,7,a, b, and c",
     "38,123456789,7250,42,0,-1,-1,1,1,1,-1,-1,-1,",
     "38,123456789,7250,0,9,-1,-1,-1,2,3,17,4,5,at a.B(B.java:3),x|at c.D",
     "2,123456789,5000,77,77.1,3,/shop/cart,,123456789,000000000000000000077,55,,0,15,,,",
@@ -55,7 +58,10 @@ const char* const kGoodRecords[] = {
     "99,NewConnection,FPGVersion:1.0",
     "100,123456789,entered 17",
     "100:at main (app.c:10)",
-    "22,1,5,select 1",
+    "22,0,1,Unknown",
+    "22,0,5,XA TRANSACTION ROLLBACK",
+    "22,123456789,6,select a&#46;b&#044; c_d from t where x&#58;=&#039;a&#124;b&#039;",
+    "22,0,7,&#034;&#038;&#092;&#094;&#010;&#013;",
     "2,501:111:222,5000,77,9.4.1,3,/a,,501,000000000000000000077,55,,0,15,,,",
     "91,HTTP_api&#95;host,front,back,web1,shop,app1,pay,NA",
     "91,,,,,,,,NA",
@@ -155,12 +161,93 @@ TEST(RecordParser, MalformedRecordsAreReportedWithAReason)
         "12,-5,4:<a>",
         "13,123456789,4:<a>",
         "13,123456789,20x,4:<a>",
+        "22,7,6,select a,b", /* a comma travels as &#044; */
+        "22,7,6,select a.b", /* and a point as &#46; */
+        "22,7,6,a:b",
+        "22,7,6,a|b",
+        "22,7,6,a'b",
+        "22,7,6,a\\b",
+        "22,7,6,a^b",
+        "22,7,6,a\"b",
+        "22,7,6,a\rb",
+        "22,7,6,a & b",   /* an ampersand is an entity's start only */
+        "22,7,6,a&#95;b", /* the underscore stays raw in queries */
+        "22,7,6,a&#044b",
+        "22,7,6,a&#44;b",
+        "22,7,6,x&#0",
+        "22,7,6,select 1...", /* only a cut line ends in "..." */
+        "22,7,6,",
+        "22,7,0,x",
+        "22,-1,6,x",
+        "22,7,06,x",
+        "22,7F,6,x",
+        "22,7,6",
+        "22,3,1,Unknown", /* the fixed queries have flowpath 0 */
+        "22,0,2,XA TRANSACTION BEGIN",
+        "22,0,5,xa transaction rollback",
+        "22,0,4,Unknown",
     };
     for (const char* line : bad) {
         std::string error;
         EXPECT_EQ(parse(line, &error), -1) << "accepted: \"" << line << "\"";
         EXPECT_FALSE(error.empty()) << line;
     }
+}
+
+TEST(RecordParser, OnlyA65535ByteQueryRecordIsCutAndItMayEndInsideAnEntity)
+{
+    /* "22,7,6," and a text to make a line of `len` bytes ending in `tail`. */
+    auto line = [](size_t len, const std::string& tail) {
+        return "22,7,6," + std::string(len - 7 - tail.size(), 'q') + tail;
+    };
+    const struct {
+        size_t len;
+        const char* tail;
+        int rc;
+    } cases[] = {
+        {65535, "...", 0},     {65535, "&#04...", 0}, {65535, "&...", 0},  {65535, "&#044;...", 0},
+        {65535, "&#x...", -1}, {65535, "qqq", -1},    {65531, "&#46;", 0}, {65531, "...", -1},
+        {65532, "q", -1},      {65534, "...", -1},    {65536, "...", -1},
+    };
+    for (const auto& c : cases) {
+        std::string error;
+        EXPECT_EQ(parse(line(c.len, c.tail), &error), c.rc)
+            << c.len << " " << c.tail << ": " << error;
+    }
+    vxc::Record r;
+    vxc::QueryRecord q;
+    ASSERT_EQ(parse(line(65535, "..."), nullptr, &r), 0);
+    ASSERT_EQ(vxc::parse_query_record(r.fields, &q, nullptr), 0);
+    EXPECT_TRUE(q.cut);
+    EXPECT_EQ(q.text.size(), 65535u - 7);
+}
+
+TEST(RecordParser, QueryRowsKeepTheTextAndDecodeItsEntities)
+{
+    vxc::Record r;
+    vxc::QueryRecord q;
+    ASSERT_EQ(parse("22,77,6,a&#46;b&#044;c&#58;&#124;\td_e &#038;#95;", nullptr, &r), 0);
+    ASSERT_EQ(vxc::parse_query_record(r.fields, &q, nullptr), 0);
+    EXPECT_EQ(vxc::query_row(4, q),
+              "4\t77\t6\ta&#46;b&#044;c&#58;&#124; d_e &#038;#95;\ta.b,c:| d_e &#95;");
+    const std::pair<const char*, const char*> decoded[] = {
+        {"&#010;&#013;&#034;&#039;&#092;&#094;", "\n\r\"'\\^"},
+        {"&#9;&#032;&#043;&#95;", "\t +_"},
+        {"&#0;&#256;&#1234;&#;&#12&#4", "&#0;&#256;&#1234;&#;&#12&#4"}, /* left alone */
+    };
+    for (const auto& [in, out] : decoded) EXPECT_EQ(vxc::decode_entities(in), out) << in;
+
+    /* An id stands for one text and a text has one id. */
+    using V = vxc::QueryTable::Verdict;
+    vxc::QueryTable table;
+    const std::pair<vxc::QueryRecord, V> steps[] = {
+        {{0, 1, "Unknown"}, V::New},         {{9, 6, "select 1"}, V::New},
+        {{9, 6, "select 1"}, V::Repeated},   {{9, 6, "select 2"}, V::IdReused},
+        {{9, 7, "select 1"}, V::TextReused}, {{0, 8, "Unknown"}, V::TextReused},
+        {{9, 7, "select 2"}, V::New},
+    };
+    for (const auto& [rec, verdict] : steps)
+        EXPECT_EQ(table.add(rec), verdict) << rec.id << " " << rec.text;
 }
 
 TEST(RecordParser, CapturedHeadersResolveThroughRecord6AndOnlyA2047ByteTextMayEndCut)

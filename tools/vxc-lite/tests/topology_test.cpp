@@ -17,7 +17,8 @@ std::string tokens(std::string_view blob)
     std::string out;
     for (const vxc::CalloutToken& t : vxc::callout_tokens(blob))
         out += std::string(1, t.kind) + std::to_string(t.seq) + "/" + std::to_string(t.backend_id) +
-               "/" + std::to_string(t.duration) + " ";
+               "/" + std::to_string(t.duration) +
+               (t.query_id ? "/q" + std::to_string(t.query_id) : "") + " ";
     return out;
 }
 
@@ -28,8 +29,24 @@ TEST(Callouts, TokensAreFoundAtTokenStartsOnlyAndCutOnesAreLeftOut)
      * database call and a token cut by the end of the blob. */
     EXPECT_EQ(tokens("1:77_0_0__9:77_0_3__T1:9:12:1:-:3_9:77_1_12_0___E2:9:5:1:-:20:500_e3_t4_"
                      "T6:11:4:0:42:30::::0:a&#95;b_1:77_1_40_0___T7:9:1"),
-              "T1/9/12 E2/9/5 T6/11/4 ");
+              "T1/9/12 E2/9/5 T6/11/4/q42 ");
     EXPECT_EQ(tokens("T1:2:x:4:-:5_Tseq_"), "");
+}
+
+TEST(Callouts, OnlyDatabaseCallsCarryTheirQueryId)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"T1:9:12:10:7:30::::200:_", "T1/9/12/q7 "},
+        {"E1:9:12:16:-1:30::::500:a&#58;b&#95;c_", "E1/9/12/q-1 "}, /* no query, parameters */
+        {"E1:9:12:10:8:30:500_", "E1/9/12/q8 "}, /* a database call left by an exception */
+        {"E1:9:12:27:8:30:500_", "E1/9/12 "},    /* a message queue's error */
+        {"T1:9:12:27:8:30_", "T1/9/12 "},
+        {"E1:9:12:1:0:30:500_", "E1/9/12 "}, /* an HTTP call left by an exception */
+        {"T1:9:12:8:-:30_", "T1/9/12 "},
+        {"T1:9:12:10:7:30:::200:_", "T1/9/12 "}, /* not the database form */
+        {"T1:9:12:10:x:30::::200:_", "T1/9/12 "},
+    };
+    for (const auto& [blob, want] : cases) EXPECT_EQ(tokens(blob), want) << blob;
 }
 
 TEST_F(Loopback, TiersResourcesLinksAndCalloutsAreWrittenForTheirReaders)
@@ -89,13 +106,51 @@ TEST_F(Loopback, TiersResourcesLinksAndCalloutsAreWrittenForTheirReaders)
     EXPECT_EQ(resources[0].name, "http://pay.example/api,v2");
 
     EXPECT_EQ(slurp(dir_ + "/callouts.tsv"), std::string(vxc::kCalloutsHeader) +
-                                                 "\n1\t100\tT\t6\t11\t-\t4\n"
-                                                 "1\t100\tT\t1\t9\tHTTP_pay.example:8080\t12\n"
-                                                 "1\t100\tE\t2\t9\tHTTP_pay.example:8080\t5\n");
+                                                 "\n1\t100\tT\t6\t11\t-\t4\t42\n"
+                                                 "1\t100\tT\t1\t9\tHTTP_pay.example:8080\t12\t0\n"
+                                                 "1\t100\tE\t2\t9\tHTTP_pay.example:8080\t5\t0\n");
     EXPECT_EQ(collector_->callouts().at(2).kind, 'E');
+    EXPECT_EQ(collector_->callouts().at(0).query_id, 42);
     expect_summary(
         "records_91=3 records_91_repeated=1 records_26=1 chained_flowpaths=3 "
         "chained_unresolved=1 malformed=0");
+}
+
+TEST_F(Loopback, QueriesAreRowsPerConnectionAndClashesAreCounted)
+{
+    start(vxc::Options{});
+    const std::string fixed =
+        "22,0,1,Unknown\n22,0,2,XA TRANSACTION START\n22,0,3,XA TRANSACTION COMMIT\n"
+        "22,0,4,XA TRANSACTION END\n22,0,5,XA TRANSACTION ROLLBACK\n";
+    Client a(port_);
+    ASSERT_TRUE(a.send(std::string(kOpening) + fixed +
+                       "22,100,6,select a&#46;b from t where c=&#039;x&#044;y&#039;\n"
+                       "3,100,T1:9:3:10:6:30::::200:_\n"
+                       "22,100,6,select 2\n"   /* id 6 again, another text */
+                       "22,101,7,Unknown\n"    /* a fixed text under a new id */
+                       "22,101,8,select 1,2\n" /* malformed: a raw comma */
+                       "22,100,6,select a&#46;b from t where c=&#039;x&#044;y&#039;\n"));
+    ASSERT_TRUE(wait_for_text(dir_, "0001-data.lines", "1,2\n22,100,6,"));
+    /* Another connection, another session: its ids are its own. */
+    Client b(port_);
+    ASSERT_TRUE(b.send(std::string(kOpening) + fixed + "22,200,6,select 2\n"));
+    ASSERT_TRUE(wait_for_text(dir_, "0002-data.lines", "22,200,6,"));
+    stop();
+
+    const std::vector<vxc::QueryRow> q = collector_->queries();
+    ASSERT_EQ(q.size(), 15u) << "every record 22 that parsed is a row";
+    EXPECT_EQ(q[5].conn, 1u);
+    EXPECT_EQ(q[5].fpi, 100);
+    EXPECT_EQ(q[5].id, 6);
+    EXPECT_EQ(q[5].text, "select a&#46;b from t where c=&#039;x&#044;y&#039;");
+    EXPECT_EQ(q[5].decoded, "select a.b from t where c='x,y'");
+    EXPECT_EQ(q[14].conn, 2u);
+    EXPECT_EQ(q[14].text, "select 2");
+    EXPECT_EQ(collector_->callouts().at(0).query_id, 6);
+    const std::string malformed = slurp(dir_ + "/malformed.txt");
+    EXPECT_NE(malformed.find("| 22,100,6,select 2\n"), std::string::npos) << malformed;
+    EXPECT_NE(malformed.find("| 22,101,7,Unknown\n"), std::string::npos) << malformed;
+    expect_summary("query_ids_reused=1 query_texts_reused=1 malformed=3 record.22=15");
 }
 
 }  // namespace

@@ -509,7 +509,8 @@ int run_diag(VXProxyInstance_t* app)
                                    method, 42, nullptr);
                 ++thrown[j];
             }
-            vxMethodExit(h, fp, order, 0, -1, nullptr, 0, 0, 0, nullptr, 0, nullptr, 0, nullptr);
+            vxMethodExit(h, fp, order, 0, -1, nullptr, 0, 0, 0, nullptr, 0, nullptr,
+                         my_gettimeofday(), nullptr);
             endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
             reset(fp);
             sleep_ms(40);

@@ -1001,3 +1001,110 @@ TEST(Tiers, TheBackTierReadsTheFrontsHeaderAndItsFlowpathsJoinTheFrontsChain)
     EXPECT_EQ(calls, 10);
     EXPECT_EQ(last_cum, 10);
 }
+
+namespace {
+
+/* An order handler that queries a database and throws: the handler is
+ * counted by the method monitor, one exception class by the exception
+ * monitor, and one class is filtered out. */
+const std::map<std::string, std::string> kDiagFiles = {
+    {"entry.txt", "e2e|Shop.order|-|1\ne2e|Db.query|SQL_CALLOUT|2\n"},
+    {"bt_rules.txt", "# one business transaction per URL path\n"},
+    {"profile.txt", "e2e|Shop|order|0|1\n"},
+    {"methods.txt", "e2e|OrderHandler|Shop.order|-\n"},
+    {"exceptions.txt", "# alias|class|rest\nOutOfStock|shop.OutOfStock|-\nIgnored|shop.Ignored|-\n"},
+};
+
+/* The host's texts (vx_e2e_host diag), as the collector shows them: the
+ * line feed the last one holds travels as "&#010;" and is shown as a blank. */
+const std::vector<std::string> kDiagQueries = {
+    "SELECT * FROM items WHERE id = ?",
+    "select * from items where id = ?",
+    "SELECT * FROM items WHERE id = 7",
+    "UPDATE stock SET n = n - 1, note = 'a|b', path = 'c:\\d' WHERE id = \"x\"  AND _ok",
+};
+
+}  // namespace
+
+TEST(Diagnostics, QueriesAndExceptionsReachTheCollectorOnceEachAndTheMonitorsCountThem)
+{
+    vxc::Options opts = session_options(session_keywords(91) +
+                                            "ASReportInterval=1000\nvxMonitorInterval=1000\n"
+                                            "vxMethodMonFile=@methods.txt\n"
+                                            "vxExceptionMonFile=@exceptions.txt\n"
+                                            "instrExceptions=1%201%200%2030%201\n"
+                                            "enableExceptionInSeqBlob=1\n"
+                                            "vxExceptionFilterList=shop.Ignored\n",
+                                        kDiagFiles);
+    opts.stop_after_ms = 6000;
+    e2e::Collector vxc(opts);
+    ASSERT_EQ(vxc.start(), 0);
+    e2e::Host host({"diag", "10"}, vxc.port(), kMonitorEnv);
+    ASSERT_EQ(host.wait(60), 0);
+    vxc.stop();
+    vxc.expect_counts("start_answers=1 malformed=0 as_malformed=0 query_ids_reused=0 query_texts_reused=0");
+    ASSERT_EQ(host.number("transactions"), 24);
+
+    /* One record 22 per text: the five fixed ones, then one id for each
+     * text, however many threads ran it; case and literals make new ids. */
+    std::map<std::string, long long> id_of;
+    int line_feeds = 0;
+    for (const vxc::QueryRow& q : vxc.queries()) {
+        EXPECT_TRUE(id_of.emplace(q.decoded, q.id).second) << "announced twice: " << q.decoded;
+        line_feeds += q.text.find("&#010;") != std::string::npos;
+        EXPECT_EQ(q.fpi == 0, q.id <= 5) << q.decoded;
+    }
+    ASSERT_EQ(id_of.size(), 5 + kDiagQueries.size() + 1) << "the nested query has its own id";
+    EXPECT_EQ(id_of["Unknown"], 1);
+    EXPECT_EQ(line_feeds, 1);
+    std::set<long long> ids;
+    for (const auto& [text, id] : id_of) ids.insert(id);
+    EXPECT_EQ(ids.size(), id_of.size()) << "no id names two texts";
+
+    /* Each outermost call names its query; the nested one adds no token. */
+    std::map<long long, int> calls_of;
+    for (const vxc::CalloutRow& c : vxc.callouts())
+        if (c.query_id) ++calls_of[c.query_id];
+    for (size_t q = 0; q < kDiagQueries.size(); ++q) {
+        SCOPED_TRACE(kDiagQueries[q]);
+        ASSERT_TRUE(id_of.count(kDiagQueries[q]));
+        EXPECT_EQ(calls_of[id_of[kDiagQueries[q]]], host.number("runs" + std::to_string(q)));
+    }
+    EXPECT_EQ(calls_of.count(id_of["SELECT 1"]), 0u);
+
+    /* Exceptions by class, with their texts resolved through records 32-36;
+     * the filtered class sends nothing, the hostile one keeps its record. */
+    std::map<std::string, int> thrown;
+    for (const vxc::ExceptionRow& e : vxc.exceptions()) {
+        ++thrown[e.exception_class];
+        EXPECT_EQ(e.throwing_class, "Shop");
+        EXPECT_EQ(e.throwing_method, "order");
+        EXPECT_GT(e.seq, 0) << "the blob carries the exception";
+        EXPECT_LE(e.message.size(), 50u);
+        EXPECT_NE(e.stack.find("Main.run"), std::string::npos);
+    }
+    EXPECT_EQ(thrown["shop.OutOfStock"], host.number("thrown0"));
+    EXPECT_EQ(thrown.count("shop.Ignored"), 0u);
+    EXPECT_EQ(thrown["shop.Bad,Class|38,1,2"], host.number("thrown2"));
+    EXPECT_EQ(thrown.size(), 2u);
+
+    /* The monitors: the handler once per transaction, the listed class once
+     * per throw; the session's totals in the last line. */
+    long long handled = 0, handled_cum = 0;
+    for (const vxc::MethodMonitorRow& m : vxc.method_monitor()) {
+        EXPECT_EQ(m.name, "OrderHandler");
+        handled += m.count;
+        handled_cum = std::max(handled_cum, m.cum_count);
+        if (m.count) {
+            EXPECT_GE(m.max, 2) << "each order waits for its query";
+        }
+    }
+    EXPECT_EQ(handled, 24);
+    EXPECT_EQ(handled_cum, 24);
+    std::map<std::string, long long> cum;
+    for (const vxc::ExceptionMonitorRow& e : vxc.exception_monitor())
+        cum[e.name] = std::max(cum[e.name], e.cum_count);
+    EXPECT_EQ(cum["OutOfStock"], host.number("thrown0"));
+    EXPECT_EQ(cum["OverAll"], host.number("thrown0"));
+    EXPECT_EQ(cum.count("Ignored"), 0u) << "a filtered class is not counted";
+}

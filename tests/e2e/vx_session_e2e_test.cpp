@@ -1046,7 +1046,8 @@ TEST(Diagnostics, QueriesAndExceptionsReachTheCollectorOnceEachAndTheMonitorsCou
     ASSERT_EQ(host.number("transactions"), 24);
 
     /* One record 22 per text: the five fixed ones, then one id for each
-     * text, however many threads ran it; case and literals make new ids. */
+     * text, however many threads ran it; case and literals make new ids.
+     * (vxc-lite counts an id given two texts or a text two ids.) */
     std::map<std::string, long long> id_of;
     int line_feeds = 0;
     for (const vxc::QueryRow& q : vxc.queries()) {
@@ -1057,9 +1058,6 @@ TEST(Diagnostics, QueriesAndExceptionsReachTheCollectorOnceEachAndTheMonitorsCou
     ASSERT_EQ(id_of.size(), 5 + kDiagQueries.size() + 1) << "the nested query has its own id";
     EXPECT_EQ(id_of["Unknown"], 1);
     EXPECT_EQ(line_feeds, 1);
-    std::set<long long> ids;
-    for (const auto& [text, id] : id_of) ids.insert(id);
-    EXPECT_EQ(ids.size(), id_of.size()) << "no id names two texts";
 
     /* Each outermost call names its query; the nested one adds no token. */
     std::map<long long, int> calls_of;

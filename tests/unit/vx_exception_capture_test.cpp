@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <map>
 #include <set>
@@ -208,6 +209,32 @@ TEST_F(Exceptions, AFullDictionaryGivesNoIdAndLogsOnce)
     ASSERT_NE(first, std::string::npos);
     EXPECT_EQ(log.find("cause dictionary is full", first + 1), std::string::npos);
     exceptionMapInit();
+}
+
+TEST_F(Exceptions, TheFilterListChangesWhileAHostThreadRaises)
+{
+    /* Host threads read the list without a lock: a change must never free
+     * what a reader holds (caught under the sanitizers). */
+    SessionScope session(7, kEpoch);
+    RecordSink sink;
+    std::atomic<bool> stop{false};
+    std::thread host([&] {
+        VXPerThreadData_t* td = start();
+        while (!stop.load()) raise(td, "c.Busy", "m", "T", "m", nullptr, 1, "s");
+        end(td);
+    });
+    for (int i = 0; i < 300; ++i) {
+        if (i % 100 == 0) setdefaultValuesForException(); /* a session's reset */
+        parseExceptionFilteringList(S(("n" + std::to_string(i) + ",c.Busy").c_str()), nullptr, 0);
+    }
+    stop = true;
+    host.join();
+    EXPECT_EQ(app_->vxException.filterSizeCount, 101) << "names since the last reset";
+    const size_t before = sink.of_type(38).size();
+    VXPerThreadData_t* td = start();
+    raise(td, "c.Busy", "m", "T", "m", nullptr, 1, "s");
+    EXPECT_EQ(sink.of_type(38).size(), before) << "a listed class is filtered";
+    end(td);
 }
 
 TEST_F(Exceptions, CaptureSettingsKeywordStopsAtTheFirstBadField)

@@ -161,30 +161,15 @@ TEST(RecordParser, MalformedRecordsAreReportedWithAReason)
         "12,-5,4:<a>",
         "13,123456789,4:<a>",
         "13,123456789,20x,4:<a>",
-        "22,7,6,select a,b", /* a comma travels as &#044; */
-        "22,7,6,select a.b", /* and a point as &#46; */
-        "22,7,6,a:b",
-        "22,7,6,a|b",
-        "22,7,6,a'b",
-        "22,7,6,a\\b",
-        "22,7,6,a^b",
-        "22,7,6,a\"b",
-        "22,7,6,a\rb",
-        "22,7,6,a & b",   /* an ampersand is an entity's start only */
-        "22,7,6,a&#95;b", /* the underscore stays raw in queries */
-        "22,7,6,a&#044b",
-        "22,7,6,a&#44;b",
-        "22,7,6,x&#0",
+        /* A comma travels as &#044;, a point as &#46;, and so on. */
+        "22,7,6,select a,b", "22,7,6,select a.b", "22,7,6,a:b", "22,7,6,a|b", "22,7,6,a'b",
+        "22,7,6,a\\b", "22,7,6,a^b", "22,7,6,a\"b", "22,7,6,a\rb",
+        /* An ampersand starts an entity of the table only; "_" stays raw. */
+        "22,7,6,a & b", "22,7,6,a&#95;b", "22,7,6,a&#044b", "22,7,6,a&#44;b", "22,7,6,x&#0",
         "22,7,6,select 1...", /* only a cut line ends in "..." */
-        "22,7,6,",
-        "22,7,0,x",
-        "22,-1,6,x",
-        "22,7,06,x",
-        "22,7F,6,x",
-        "22,7,6",
-        "22,3,1,Unknown", /* the fixed queries have flowpath 0 */
-        "22,0,2,XA TRANSACTION BEGIN",
-        "22,0,5,xa transaction rollback",
+        "22,7,6,", "22,7,0,x", "22,-1,6,x", "22,7,06,x", "22,7F,6,x", "22,7,6",
+        /* The fixed queries have flowpath 0 and their own texts. */
+        "22,3,1,Unknown", "22,0,2,XA TRANSACTION BEGIN", "22,0,5,xa transaction rollback",
         "22,0,4,Unknown",
     };
     for (const char* line : bad) {

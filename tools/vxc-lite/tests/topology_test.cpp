@@ -36,15 +36,15 @@ TEST(Callouts, TokensAreFoundAtTokenStartsOnlyAndCutOnesAreLeftOut)
 TEST(Callouts, OnlyDatabaseCallsCarryTheirQueryId)
 {
     const std::pair<const char*, const char*> cases[] = {
-        {"T1:9:12:10:7:30::::200:_", "T1/9/12/q7 "},
-        {"E1:9:12:16:-1:30::::500:a&#58;b&#95;c_", "E1/9/12/q-1 "}, /* no query, parameters */
-        {"E1:9:12:10:8:30:500_", "E1/9/12/q8 "}, /* a database call left by an exception */
-        {"E1:9:12:27:8:30:500_", "E1/9/12 "},    /* a message queue's error */
-        {"T1:9:12:27:8:30_", "T1/9/12 "},
-        {"E1:9:12:1:0:30:500_", "E1/9/12 "}, /* an HTTP call left by an exception */
-        {"T1:9:12:8:-:30_", "T1/9/12 "},
-        {"T1:9:12:10:7:30:::200:_", "T1/9/12 "}, /* not the database form */
-        {"T1:9:12:10:x:30::::200:_", "T1/9/12 "},
+        /* The database form, with no query and parameters too; a database
+         * call left by an exception. */
+        {"T1:9:12:10:7:30::::200:_", "T1/9/12/q7 "}, {"E1:9:12:10:8:30:500_", "E1/9/12/q8 "},
+        {"E1:9:12:16:-1:30::::500:a&#58;b&#95;c_", "E1/9/12/q-1 "},
+        /* A message queue, an HTTP call left by an exception, a custom call,
+         * shapes that are not the database form. */
+        {"E1:9:12:27:8:30:500_", "E1/9/12 "}, {"T1:9:12:27:8:30_", "T1/9/12 "},
+        {"E1:9:12:1:0:30:500_", "E1/9/12 "}, {"T1:9:12:8:-:30_", "T1/9/12 "},
+        {"T1:9:12:10:7:30:::200:_", "T1/9/12 "}, {"T1:9:12:10:x:30::::200:_", "T1/9/12 "},
     };
     for (const auto& [blob, want] : cases) EXPECT_EQ(tokens(blob), want) << blob;
 }

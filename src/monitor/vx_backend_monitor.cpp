@@ -131,18 +131,7 @@ int length_for(int old, int id)
  * reportLock. */
 bool ensure_report(VXBackendMonitor_t& m, int need)
 {
-    if (need <= m.reportArrSize) return true;
-    auto* grown = static_cast<VXBackendMonitorDataCounters*>(
-        realloc(m.reportArr, static_cast<size_t>(need) * sizeof(VXBackendMonitorDataCounters)));
-    if (!grown) {
-        VX_ERROR("BACKEND_MON", "Could not grow the report array from %d to %d", m.reportArrSize,
-                 need);
-        return false;
-    }
-    for (int i = m.reportArrSize; i < need; ++i) grown[i] = kStart;
-    m.reportArr = grown;
-    m.reportArrSize = need;
-    return true;
+    return vx::monitor_report_reserve(m.reportArr, m.reportArrSize, need, kStart, "BACKEND_MON");
 }
 
 /* The fold's values for the backends' digests, under reportLock. */

@@ -386,17 +386,7 @@ bool grow_to(VXBTMonitor_t& m, int length)
  * thread. */
 bool ensure_report(VXBTMonitorDataCounters*& arr, int& size, int need)
 {
-    if (need <= size) return true;
-    auto* grown = static_cast<VXBTMonitorDataCounters*>(
-        realloc(arr, static_cast<size_t>(need) * sizeof(VXBTMonitorDataCounters)));
-    if (!grown) {
-        VX_ERROR("BT_MON", "Could not grow the report array from %d to %d", size, need);
-        return false;
-    }
-    for (int i = size; i < need; ++i) grown[i] = kStart;
-    arr = grown;
-    size = need;
-    return true;
+    return vx::monitor_report_reserve(arr, size, need, kStart, "BT_MON");
 }
 
 /* The fold's values for the BTs' digests, under reportLock. */

@@ -69,18 +69,8 @@ currMonitoringExcepStruct_t* bound_to(const _VXExceptionMonitor_t& m, int id)
 
 bool ensure_report(_VXExceptionMonitor_t& m, int need)
 {
-    if (need <= m.reportArrSize) return true;
-    auto* grown = static_cast<_VXExceptionMonitorDataCounters_t*>(
-        realloc(m.reportArr, static_cast<size_t>(need) * sizeof(_VXExceptionMonitorDataCounters_t)));
-    if (!grown) {
-        VX_ERROR("EXCEPTION_MON", "Could not grow the report array from %d to %d", m.reportArrSize,
-                 need);
-        return false;
-    }
-    for (int i = m.reportArrSize; i < need; ++i) grown[i] = kStart;
-    m.reportArr = grown;
-    m.reportArrSize = need;
-    return true;
+    return vx::monitor_report_reserve(m.reportArr, m.reportArrSize, need, kStart,
+                                      "EXCEPTION_MON");
 }
 
 /* The thread's count goes to the aggregate and is cleared; its cumCount

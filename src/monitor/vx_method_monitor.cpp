@@ -76,18 +76,7 @@ bool grow_to(VXMethodMonitor_t& m, int length)
 /* reportArr holds at least `need` elements. Under reportLock. */
 bool ensure_report(VXMethodMonitor_t& m, int need)
 {
-    if (need <= m.reportArrSize) return true;
-    auto* grown = static_cast<VXMethodMonitorDataCounters*>(
-        realloc(m.reportArr, static_cast<size_t>(need) * sizeof(VXMethodMonitorDataCounters)));
-    if (!grown) {
-        VX_ERROR("METHOD_MON", "Could not grow the report array from %d to %d", m.reportArrSize,
-                 need);
-        return false;
-    }
-    for (int i = m.reportArrSize; i < need; ++i) grown[i] = kStart;
-    m.reportArr = grown;
-    m.reportArrSize = need;
-    return true;
+    return vx::monitor_report_reserve(m.reportArr, m.reportArrSize, need, kStart, "METHOD_MON");
 }
 
 /* Merges one model's objects into reportArr and brings them back to their

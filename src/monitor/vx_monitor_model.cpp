@@ -377,3 +377,8 @@ void** vx::monitor_slot(void*** arr, int* len, int id)
     }
     return id < *len ? &(*arr)[id] : nullptr;
 }
+
+void vx::monitor_report_grow_failed(const char* module, int size, int need)
+{
+    VX_ERROR(module, "Could not grow the report array from %d to %d", size, need);
+}

@@ -27,6 +27,8 @@
 #include <apr_hash.h>
 #include <apr_thread_mutex.h>
 
+#include <cstdlib>
+
 struct VXPerThreadData_t;
 struct VXProxyInstance_t;
 struct VXBTMonitorDataCounters;
@@ -157,6 +159,27 @@ void** monitor_slot(void*** arr, int* len, int id);
 
 /* The reporting interval in seconds, as rates divide by it (never 0). */
 double monitor_interval_secs(const VXProxyInstance_t* app);
+
+/* Logs that a monitor's report array could not grow (out of memory). */
+void monitor_report_grow_failed(const char* module, int size, int need);
+
+/* Makes a monitor's report array `arr` (of `size` elements) hold at least
+ * `need`, the new elements at `start`. False, logged, when memory runs out.
+ * The reporting thread, under the monitor's reportLock. */
+template <typename T>
+bool monitor_report_reserve(T*& arr, int& size, int need, const T& start, const char* module)
+{
+    if (need <= size) return true;
+    auto* grown = static_cast<T*>(realloc(arr, static_cast<size_t>(need) * sizeof(T)));
+    if (!grown) {
+        monitor_report_grow_failed(module, size, need);
+        return false;
+    }
+    for (int i = size; i < need; ++i) grown[i] = start;
+    arr = grown;
+    size = need;
+    return true;
+}
 
 }  // namespace vx
 

@@ -493,10 +493,10 @@ int run_diag(VXProxyInstance_t* app)
             for (size_t j = 0; j < std::size(kThrows); ++j) {
                 if (i % kThrows[j].every != 0) continue;
                 std::string cls = kThrows[j].cls, message = kThrows[j].message;
-                std::string stack = "at Shop.order(Shop.java:42)\nat Main.run(Main.java:7)";
-                char shop[] = "Shop", method[] = "order";
-                getstacktracearray(fp, stack.data(), nullptr, cls.data(), shop, message.data(),
-                                   method, 42, nullptr);
+                char stack[] = "at Shop.order(Shop.java:42)\nat Main.run(Main.java:7)",
+                     shop[] = "Shop", method[] = "order";
+                getstacktracearray(fp, stack, nullptr, cls.data(), shop, message.data(), method,
+                                   42, nullptr);
                 ++thrown[j];
             }
             leave(h, fp, order, nullptr, my_gettimeofday());

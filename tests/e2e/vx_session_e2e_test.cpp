@@ -1008,9 +1008,8 @@ TEST(Tiers, TheBackTierReadsTheFrontsHeaderAndItsFlowpathsJoinTheFrontsChain)
 
 namespace {
 
-/* An order handler that queries a database and throws: the handler is
- * counted by the method monitor, one exception class by the exception
- * monitor, and one class is filtered out. */
+/* An order handler that queries a database and throws: the method monitor
+ * counts it, the exception monitor one class; one class is filtered out. */
 const std::map<std::string, std::string> kDiagFiles = {
     {"entry.txt", "e2e|Shop.order|-|1\ne2e|Db.query|SQL_CALLOUT|2\n"},
     {"bt_rules.txt", "# one business transaction per URL path\n"},
@@ -1049,17 +1048,15 @@ TEST(Diagnostics, QueriesAndExceptionsReachTheCollectorOnceEachAndTheMonitorsCou
 
     /* One record 22 per text: the five fixed ones, then one id for each
      * text, however many threads ran it; case and literals make new ids.
-     * (vxc-lite counts an id given two texts or a text two ids.) */
+     * (vxc-lite counts an id given two texts or a text two ids, and refuses
+     * a text with a raw separator or line break.) */
     std::map<std::string, long long> id_of;
-    int line_feeds = 0;
     for (const vxc::QueryRow& q : vxc.queries()) {
         EXPECT_TRUE(id_of.emplace(q.decoded, q.id).second) << "announced twice: " << q.decoded;
-        line_feeds += q.text.find("&#010;") != std::string::npos;
         EXPECT_EQ(q.fpi == 0, q.id <= 5) << q.decoded;
     }
     ASSERT_EQ(id_of.size(), 5 + kDiagQueries.size() + 1) << "the nested query has its own id";
     EXPECT_EQ(id_of["Unknown"], 1);
-    EXPECT_EQ(line_feeds, 1);
 
     /* Each outermost call names its query; the nested one adds no token. */
     std::map<long long, int> calls_of;
@@ -1080,13 +1077,11 @@ TEST(Diagnostics, QueriesAndExceptionsReachTheCollectorOnceEachAndTheMonitorsCou
         EXPECT_EQ(e.throwing_class, "Shop");
         EXPECT_EQ(e.throwing_method, "order");
         EXPECT_GT(e.seq, 0) << "the blob carries the exception";
-        EXPECT_LE(e.message.size(), 50u);
         EXPECT_NE(e.stack.find("Main.run"), std::string::npos);
     }
     EXPECT_EQ(thrown["shop.OutOfStock"], host->number("thrown0"));
-    EXPECT_EQ(thrown.count("shop.Ignored"), 0u);
     EXPECT_EQ(thrown["shop.Bad,Class|38,1,2"], host->number("thrown2"));
-    EXPECT_EQ(thrown.size(), 2u);
+    EXPECT_EQ(thrown.size(), 2u) << "nothing of the filtered class shop.Ignored";
 
     /* The monitors: the handler once per transaction, the listed class once
      * per throw; the session's totals in the last line. */

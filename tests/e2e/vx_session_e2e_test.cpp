@@ -1018,8 +1018,7 @@ const std::map<std::string, std::string> kDiagFiles = {
     {"exceptions.txt", "# alias|class|rest\nOutOfStock|shop.OutOfStock|-\nIgnored|shop.Ignored|-\n"},
 };
 
-/* The host's texts (vx_e2e_host diag), as the collector shows them: the
- * line feed the last one holds travels as "&#010;" and is shown as a blank. */
+/* The host's texts as the collector shows them (a line feed as a blank). */
 const std::vector<std::string> kDiagQueries = {
     "SELECT * FROM items WHERE id = ?",
     "select * from items where id = ?",
@@ -1046,10 +1045,8 @@ TEST(Diagnostics, QueriesAndExceptionsReachTheCollectorOnceEachAndTheMonitorsCou
     vxc.expect_counts("start_answers=1 malformed=0 as_malformed=0 query_ids_reused=0 query_texts_reused=0");
     ASSERT_EQ(host->number("transactions"), 24);
 
-    /* One record 22 per text: the five fixed ones, then one id for each
-     * text, however many threads ran it; case and literals make new ids.
-     * (vxc-lite counts an id given two texts or a text two ids, and refuses
-     * a text with a raw separator or line break.) */
+    /* One record 22 per text (vxc-lite counts an id or text given twice and
+     * refuses raw separators): the five fixed ones, then one id per text. */
     std::map<std::string, long long> id_of;
     for (const vxc::QueryRow& q : vxc.queries()) {
         EXPECT_TRUE(id_of.emplace(q.decoded, q.id).second) << "announced twice: " << q.decoded;

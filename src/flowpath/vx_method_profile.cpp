@@ -296,25 +296,40 @@ extern "C" int readInstrProfFile(apr_pool_t* pool, char* buffer)
     return 0;
 }
 
+namespace {
+
+/* The table a file of `kind` (3 the entry file, 2 the method monitor file)
+ * fills: made when there is none; else its marks of that kind cleared, or
+ * at run time a new generation, so flowpaths in progress keep the one they
+ * hold. Null when memory runs out. Caller holds methodEntryLock. */
+node_t* table_for_file(VXProxyInstance_t* app, int kind)
+{
+    VXMethodTable_t& t = app->methodTable;
+    if (!t.methodHashMapNode) {
+        node_t* fresh = vx::new_method_generation();
+        if (!fresh) {
+            VX_ERROR("FLOWPATH", "Failed to malloced methodHashMapNode.");
+            return nullptr;
+        }
+        vx::store_release(t.methodHashMapNode, fresh);
+    } else if (!app->isRunTime) {
+        resetmethodHashMapNode(t.methodHashMapNode->ptr, kind);
+    } else {
+        makeHashmapCopyAndaddToLL(kind);
+    }
+    return t.methodHashMapNode;
+}
+
+}  // namespace
+
 extern "C" void parseEntryFile(char* buffer)
 {
     VXProxyInstance_t* app = vx_app();
     if (!app) return;
     VXMethodTable_t& t = app->methodTable;
     vx::VXLockGuard guard(t.methodEntryLock);
-    if (!t.methodHashMapNode) {
-        node_t* fresh = vx::new_method_generation();
-        if (!fresh) {
-            VX_ERROR("FLOWPATH", "Failed to malloced methodHashMapNode.");
-            return;
-        }
-        vx::store_release(t.methodHashMapNode, fresh);
-    } else if (!app->isRunTime) {
-        resetmethodHashMapNode(t.methodHashMapNode->ptr, 3);
-    } else {
-        makeHashmapCopyAndaddToLL(3);
-    }
-    node_t* node = t.methodHashMapNode;
+    node_t* node = table_for_file(app, 3);
+    if (!node) return;
     if (buffer) {
         for_each_line(buffer, [&](char* line) {
             char* cols[4];
@@ -371,20 +386,8 @@ extern "C" void parseMethodMonitor(char* buffer)
     if (!app) return;
     VXMethodTable_t& t = app->methodTable;
     vx::VXLockGuard guard(t.methodEntryLock);
-    if (!t.methodHashMapNode) {
-        node_t* fresh = vx::new_method_generation();
-        if (!fresh) {
-            VX_ERROR("FLOWPATH", "Failed to malloced methodHashMapNode.");
-            return;
-        }
-        vx::store_release(t.methodHashMapNode, fresh);
-    } else if (!app->isRunTime) {
-        resetmethodHashMapNode(t.methodHashMapNode->ptr, 2);
-    } else {
-        /* Flowpaths in progress keep the generation they hold. */
-        makeHashmapCopyAndaddToLL(2);
-    }
-    node_t* node = t.methodHashMapNode;
+    node_t* node = table_for_file(app, 2);
+    if (!node) return;
     if (!buffer) return;
     for_each_line(buffer, [&](char* line) {
         char* cols[4];

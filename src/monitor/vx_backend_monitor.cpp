@@ -96,25 +96,8 @@ VXBackendMonitorDataCounters* object_at(VXMonitorDataModel* m, int id)
  * the old array is retired, never freed in place. */
 bool grow_to(VXBackendMonitor_t& m, int length)
 {
-    const int old = m.aggDataArraySize;
-    if (length <= old && m.aggIPDataArr) return true;
-    auto* fresh = static_cast<VXBackendMonitorDataCounters*>(
-        malloc(static_cast<size_t>(length) * sizeof(VXBackendMonitorDataCounters)));
-    if (!fresh) {
-        VX_ERROR("BACKEND_MON", "Could not grow the backend array from %d to %d elements", old,
-                 length);
-        return false;
-    }
-    VXBackendMonitorDataCounters* prev = m.aggIPDataArr;
-    for (int i = 0; i < length; ++i) {
-        fresh[i] = kStart;
-        /* Bindings are copied atomically: the reporting thread reads them. */
-        if (prev && i < old) fresh[i].mpp = vx::load_relaxed(prev[i].mpp);
-    }
-    vx::store_release(m.aggIPDataArr, fresh);
-    vx::store_release(m.aggDataArraySize, length);
-    if (prev) vx::retire(m.retired, prev, nullptr);
-    return true;
+    return vx::monitor_bindings_grow(m.aggIPDataArr, m.aggDataArraySize, length, kStart,
+                                     &VXBackendMonitorDataCounters::mpp, m.retired, "BACKEND_MON");
 }
 
 /* Length of aggIPDataArr that holds `id`: 128 at first, then the models'

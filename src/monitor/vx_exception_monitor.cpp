@@ -40,23 +40,9 @@ void free_entry(void* p)
  * exceptionEntryLock. */
 bool grow_to(_VXExceptionMonitor_t& m, int length)
 {
-    const int old = m.aggExceptionArraySize;
-    if (length <= old && m.aggExceptionDataArr) return true;
-    auto* fresh = static_cast<_VXExceptionMonitorDataCounters_t*>(
-        malloc(static_cast<size_t>(length) * sizeof(_VXExceptionMonitorDataCounters_t)));
-    if (!fresh) {
-        VX_ERROR("EXCEPTION_MON", "Could not grow the exception array from %d to %d", old, length);
-        return false;
-    }
-    _VXExceptionMonitorDataCounters_t* prev = m.aggExceptionDataArr;
-    for (int i = 0; i < length; ++i) {
-        fresh[i] = kStart;
-        if (prev && i < old) fresh[i].expData = vx::load_relaxed(prev[i].expData);
-    }
-    vx::store_release(m.aggExceptionDataArr, fresh);
-    vx::store_release(m.aggExceptionArraySize, length);
-    if (prev) vx::retire(m.retired, prev, nullptr);
-    return true;
+    return vx::monitor_bindings_grow(m.aggExceptionDataArr, m.aggExceptionArraySize, length,
+                                     kStart, &_VXExceptionMonitorDataCounters_t::expData,
+                                     m.retired, "EXCEPTION_MON");
 }
 
 currMonitoringExcepStruct_t* bound_to(const _VXExceptionMonitor_t& m, int id)

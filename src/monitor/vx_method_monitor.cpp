@@ -54,23 +54,8 @@ bool monitor_on(const VXMethodMonitor_t& m)
  * methodEntryLock; the old array is retired, never freed in place. */
 bool grow_to(VXMethodMonitor_t& m, int length)
 {
-    const int old = m.aggDataArraySize;
-    if (length <= old && m.aggMethodDataArr) return true;
-    auto* fresh = static_cast<VXMethodMonitorDataCounters*>(
-        malloc(static_cast<size_t>(length) * sizeof(VXMethodMonitorDataCounters)));
-    if (!fresh) {
-        VX_ERROR("METHOD_MON", "Could not grow the method array from %d to %d elements", old, length);
-        return false;
-    }
-    VXMethodMonitorDataCounters* prev = m.aggMethodDataArr;
-    for (int i = 0; i < length; ++i) {
-        fresh[i] = kStart;
-        if (prev && i < old) fresh[i].mpp = vx::load_relaxed(prev[i].mpp);
-    }
-    vx::store_release(m.aggMethodDataArr, fresh);
-    vx::store_release(m.aggDataArraySize, length);
-    if (prev) vx::retire(m.retired, prev, nullptr);
-    return true;
+    return vx::monitor_bindings_grow(m.aggMethodDataArr, m.aggDataArraySize, length, kStart,
+                                     &VXMethodMonitorDataCounters::mpp, m.retired, "METHOD_MON");
 }
 
 /* reportArr holds at least `need` elements. Under reportLock. */

@@ -378,7 +378,7 @@ void** vx::monitor_slot(void*** arr, int* len, int id)
     return id < *len ? &(*arr)[id] : nullptr;
 }
 
-void vx::monitor_report_grow_failed(const char* module, int size, int need)
+void vx::monitor_grow_failed(const char* module, const char* what, int size, int need)
 {
-    VX_ERROR(module, "Could not grow the report array from %d to %d", size, need);
+    VX_ERROR(module, "Could not grow the %s array from %d to %d", what, size, need);
 }

@@ -29,6 +29,9 @@
 
 #include <cstdlib>
 
+#include "core/vx_atomic.h"
+#include "core/vx_retire_list.h"
+
 struct VXPerThreadData_t;
 struct VXProxyInstance_t;
 struct VXBTMonitorDataCounters;
@@ -160,8 +163,37 @@ void** monitor_slot(void*** arr, int* len, int id);
 /* The reporting interval in seconds, as rates divide by it (never 0). */
 double monitor_interval_secs(const VXProxyInstance_t* app);
 
-/* Logs that a monitor's report array could not grow (out of memory). */
-void monitor_report_grow_failed(const char* module, int size, int need);
+/* Logs that one of a monitor's arrays (`what`) could not grow (out of
+ * memory). */
+void monitor_grow_failed(const char* module, const char* what, int size, int need);
+
+/* Makes a monitor's id-to-object bindings `arr` (of `size` elements)
+ * `length` long: a new array, its elements at `start` with each binding
+ * (the member `binding`) copied atomically, published whole (array, then
+ * size) and the old array retired, never freed under a reader. False,
+ * logged, when memory runs out. The caller holds the writers' lock. */
+template <typename T, typename B>
+bool monitor_bindings_grow(T*& arr, int& size, int length, const T& start, B T::*binding,
+                           RetireList& retired, const char* module)
+{
+    const int old = size;
+    if (length <= old && arr) return true;
+    auto* fresh = static_cast<T*>(malloc(static_cast<size_t>(length) * sizeof(T)));
+    if (!fresh) {
+        monitor_grow_failed(module, "bindings", old, length);
+        return false;
+    }
+    T* prev = arr;
+    for (int i = 0; i < length; ++i) {
+        fresh[i] = start;
+        /* The reporting thread reads the bindings. */
+        if (prev && i < old) fresh[i].*binding = load_relaxed(prev[i].*binding);
+    }
+    store_release(arr, fresh);
+    store_release(size, length);
+    if (prev) retire(retired, prev, nullptr);
+    return true;
+}
 
 /* Makes a monitor's report array `arr` (of `size` elements) hold at least
  * `need`, the new elements at `start`. False, logged, when memory runs out.
@@ -172,7 +204,7 @@ bool monitor_report_reserve(T*& arr, int& size, int need, const T& start, const 
     if (need <= size) return true;
     auto* grown = static_cast<T*>(realloc(arr, static_cast<size_t>(need) * sizeof(T)));
     if (!grown) {
-        monitor_report_grow_failed(module, size, need);
+        monitor_grow_failed(module, "report", size, need);
         return false;
     }
     for (int i = size; i < need; ++i) grown[i] = start;

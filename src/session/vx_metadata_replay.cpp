@@ -46,8 +46,9 @@ void send_on_control(VXClientManager_t* mgr, const char* text, int len)
     if (mgr->onDataThread || mgr->controlBroken || len <= 0) return;
     if (controlConnectionSendBuffer(const_cast<char*>(text), len) < 0) {
         mgr->controlBroken = 1;
-        VX_ERROR("META_DATA", "Metadata replay: the control connection refused a record; the "
-                              "rest of this request is not sent there");
+        VX_ERROR("META_DATA",
+                 "Metadata replay: the control connection refused a record; the "
+                 "rest of this request is not sent there");
     }
 }
 
@@ -56,11 +57,13 @@ void emit(VXClientManager_t* mgr, char* record, size_t len)
 {
     if (len == 0) return;
     if (mgr->destination > 0) dumpOnDataConnection(mgr, record, static_cast<int>(len));
-    if (mgr->destination == 0 || mgr->destination == 2) send_on_control(mgr, record, static_cast<int>(len));
+    if (mgr->destination == 0 || mgr->destination == 2)
+        send_on_control(mgr, record, static_cast<int>(len));
 }
 
 /* snprintf of one record into `buf`, cut with its line feed kept. */
-size_t format_record(char* buf, size_t cap, const char* format, ...) __attribute__((format(printf, 3, 4)));
+size_t format_record(char* buf, size_t cap, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
 size_t format_record(char* buf, size_t cap, const char* format, ...)
 {
     va_list ap;
@@ -92,7 +95,8 @@ void collectAndSendOnlyCached5Records(VXClientManager_t* mgr, long long index, c
         bool stop = false;
         if (!wanted(m->methodId, index, isMultiple, &stop)) continue;
         const size_t len = m->methodRetType ? vx::method_signature_record(m, buf, sizeof buf)
-                                            : format_record(buf, sizeof buf, "5,%s,%d\n", m->methodName, m->methodId);
+                                            : format_record(buf, sizeof buf, "5,%s,%d\n",
+                                                            m->methodName, m->methodId);
         emit(mgr, buf, len);
         if (stop) return;
     }
@@ -188,7 +192,9 @@ int bt_count(VXProxyInstance_t* app)
 {
     if (!app->manager.bt_obj_map_lock) return 0;
     vx::VXLockGuard guard(app->manager.bt_obj_map_lock);
-    return app->manager.bt_obj_map.hash ? static_cast<int>(apr_hash_count(app->manager.bt_obj_map.hash)) : 0;
+    return app->manager.bt_obj_map.hash
+               ? static_cast<int>(apr_hash_count(app->manager.bt_obj_map.hash))
+               : 0;
 }
 
 }  // namespace
@@ -210,11 +216,12 @@ extern "C" int dumpOnDataConnection(VXClientManager_t* mgr, char* record, int le
     /* The record ends with its line feed; the refusal quotes it without. */
     const int shown = record[len - 1] == '\n' ? len - 1 : len;
     char line[vx::kMethodKeySize + 256];
-    const int n = snprintf(line, sizeof line,
-                           "vx_meta_data_rep:action=send_meta_data;result=Error :<Unable to write current "
-                           "Cached Record = %.*s , on data connection, because currently there is no test "
-                           "running.>\n",
-                           shown, record);
+    const int n =
+        snprintf(line, sizeof line,
+                 "vx_meta_data_rep:action=send_meta_data;result=Error :<Unable to write current "
+                 "Cached Record = %.*s , on data connection, because currently there is no test "
+                 "running.>\n",
+                 shown, record);
     if (n <= 0) return -1;
     const int sent = n < static_cast<int>(sizeof line) ? n : static_cast<int>(sizeof line) - 1;
     if (mgr->onDataThread) {
@@ -233,7 +240,8 @@ extern "C" void dump11Record(VXClientManager_t* mgr, const char* text)
     VXProxyInstance_t* app = vx_app();
     if (!app || !mgr || mgr->destination <= 0) return;
     char buf[vx::kMetaRecordSize];
-    const size_t len = format_record(buf, sizeof buf, "%d,%lld,%s\n", 11, vx_agent_now(app), text ? text : "");
+    const size_t len =
+        format_record(buf, sizeof buf, "%d,%lld,%s\n", 11, vx_agent_now(app), text ? text : "");
     if (len) dumpOnDataConnection(mgr, buf, static_cast<int>(len));
 }
 
@@ -242,18 +250,31 @@ extern "C" void findRecordTypeAndSendCachedData(VXClientManager_t* mgr, int type
 {
     if (!vx_app() || !mgr) return;
     switch (type) {
-    case 5: collectAndSendOnlyCached5Records(mgr, index, isMultiple); break;
-    case 6: collectAndSendOnlyCached6Records(mgr, index, isMultiple); break;
-    case 7: collectAndSendOnlyCached7Records(mgr, index, isMultiple); break;
-    case kQueryRecordType:
-    case 22: collectAndSendOnlyCached22Records(mgr, index, isMultiple); break;
-    case 26: collectAndSendOnlyCached26Records(mgr, index, isMultiple); break;
-    case 32:
-    case 33:
-    case 34:
-    case 35:
-    case 36: collectAndSendOnlyCachedExceptionRecords(mgr, type, index, isMultiple); break;
-    default: break; /* 41: no cached pages in this system */
+        case 5:
+            collectAndSendOnlyCached5Records(mgr, index, isMultiple);
+            break;
+        case 6:
+            collectAndSendOnlyCached6Records(mgr, index, isMultiple);
+            break;
+        case 7:
+            collectAndSendOnlyCached7Records(mgr, index, isMultiple);
+            break;
+        case kQueryRecordType:
+        case 22:
+            collectAndSendOnlyCached22Records(mgr, index, isMultiple);
+            break;
+        case 26:
+            collectAndSendOnlyCached26Records(mgr, index, isMultiple);
+            break;
+        case 32:
+        case 33:
+        case 34:
+        case 35:
+        case 36:
+            collectAndSendOnlyCachedExceptionRecords(mgr, type, index, isMultiple);
+            break;
+        default:
+            break; /* 41: no cached pages in this system */
     }
 }
 
@@ -261,7 +282,8 @@ extern "C" void handleAllMetaDataSending(VXClientManager_t* mgr)
 {
     if (!mgr) return;
     dump11Record(mgr, "All");
-    for (int type : {5, 6, 7, 22, 26, 32, 33, 34, 35, 36}) findRecordTypeAndSendCachedData(mgr, type, -1, 1);
+    for (int type : {5, 6, 7, 22, 26, 32, 33, 34, 35, 36})
+        findRecordTypeAndSendCachedData(mgr, type, -1, 1);
 }
 
 extern "C" void sendSummaryReport(VXClientManager_t* mgr)
@@ -283,9 +305,9 @@ extern "C" void sendSummaryReport(VXClientManager_t* mgr)
                      "Total Number of Cached Exception Cause (36 Records): %d \n"
                      "-------------------SummaryReport(CachedRecords)---------------------",
                      method_count(app), 0, bt_count(app), static_cast<int>(vx::sql_query_count()),
-                     header_count(app), vx::exception_dictionary_size(32), vx::exception_dictionary_size(33),
-                     vx::exception_dictionary_size(34), vx::exception_dictionary_size(35),
-                     vx::exception_dictionary_size(36));
+                     header_count(app), vx::exception_dictionary_size(32),
+                     vx::exception_dictionary_size(33), vx::exception_dictionary_size(34),
+                     vx::exception_dictionary_size(35), vx::exception_dictionary_size(36));
     if (n <= 0) return;
     if (n >= kSummarySize) n = kSummarySize - 1;
     send_on_control(mgr, report, n);
@@ -296,7 +318,8 @@ extern "C" void checkAndSendCachedRecord(VXClientManager_t* mgr, int type, char*
     VXProxyInstance_t* app = vx_app();
     if (!app || !mgr || !word) return;
     mgr->targetTimeStamp = 0;
-    if (const char* colon = strchr(word, ':')) mgr->targetTimeStamp = strtoll(colon + 1, nullptr, 10);
+    if (const char* colon = strchr(word, ':'))
+        mgr->targetTimeStamp = strtoll(colon + 1, nullptr, 10);
     long long index = -1;
     char isMultiple = 1;
     const char* underscore = strchr(word, '_');
@@ -310,7 +333,8 @@ extern "C" void checkAndSendCachedRecord(VXClientManager_t* mgr, int type, char*
     if (mgr->targetTimeStamp > 0 && mgr->targetTimeStamp < last) {
         /* The system's wording, misspelling included: collectors match it. */
         snprintf(mgr->errorMessage, sizeof mgr->errorMessage,
-                 "Wrong Timestamp : RecordField- %d Paased timeStamp- %lld Should be more than last sent "
+                 "Wrong Timestamp : RecordField- %d Paased timeStamp- %lld Should be more than "
+                 "last sent "
                  "metadata timestamp %lld",
                  type, mgr->targetTimeStamp, last);
         return;
@@ -327,7 +351,8 @@ extern "C" void handleCurrRecord(VXClientManager_t* mgr, char* word)
 {
     if (!mgr || !word) return;
     mgr->typeOfRecord = word;
-    VX_TRACE(mgr->traceLevel, 1, "META_DATA", "Metadata replay of '%s', destination %d", word, mgr->destination);
+    VX_TRACE(mgr->traceLevel, 1, "META_DATA", "Metadata replay of '%s', destination %d", word,
+             mgr->destination);
     if (vx::starts_with(word, "ALL")) {
         sendSummaryReport(mgr);
         handleAllMetaDataSending(mgr);
@@ -335,21 +360,22 @@ extern "C" void handleCurrRecord(VXClientManager_t* mgr, char* word)
         sendSummaryReport(mgr);
     } else if (word[0] == '5' || word[0] == '6' || word[0] == '7') {
         checkAndSendCachedRecord(mgr, word[0] - '0', word);
-    } else if (vx::starts_with(word, "21") || vx::starts_with(word, "32") || vx::starts_with(word, "33") ||
-               vx::starts_with(word, "34") || vx::starts_with(word, "35") || vx::starts_with(word, "41")) {
+    } else if (vx::starts_with(word, "21") || vx::starts_with(word, "32") ||
+               vx::starts_with(word, "33") || vx::starts_with(word, "34") ||
+               vx::starts_with(word, "35") || vx::starts_with(word, "41")) {
         checkAndSendCachedRecord(mgr, (word[0] - '0') * 10 + (word[1] - '0'), word);
     } else {
         /* The system's wording, misspelling included. */
-        snprintf(mgr->errorMessage, sizeof mgr->errorMessage, "Invalid Request recieved from client : '%s'\n",
-                 word);
+        snprintf(mgr->errorMessage, sizeof mgr->errorMessage,
+                 "Invalid Request recieved from client : '%s'\n", word);
     }
 }
 
 extern "C" void parseCurrentRequestMessage(VXClientManager_t* mgr, char* clientMsg)
 {
     if (!mgr || !clientMsg) return;
-    mgr->allFieldsOfClientMessageLength =
-        tokenize(clientMsg, mgr->allFieldsOfClientMessage, const_cast<char*>(";"), kClientMsgFieldsMax);
+    mgr->allFieldsOfClientMessageLength = tokenize(clientMsg, mgr->allFieldsOfClientMessage,
+                                                   const_cast<char*>(";"), kClientMsgFieldsMax);
     if (mgr->allFieldsOfClientMessageLength <= kRequestWordsField) {
         handleAllMetaDataSending(mgr); /* destination 0: all of it on the control connection */
         return;
@@ -358,12 +384,14 @@ extern "C" void parseCurrentRequestMessage(VXClientManager_t* mgr, char* clientM
     const int count = mgr->allFieldsOfClientMessageLength;
     if (count > kRequestDestinationField)
         mgr->destination = atoi(value_of(fields[kRequestDestinationField]));
-    if (count > kRequestTraceLevelField) mgr->traceLevel = atoi(value_of(fields[kRequestTraceLevelField]));
+    if (count > kRequestTraceLevelField)
+        mgr->traceLevel = atoi(value_of(fields[kRequestTraceLevelField]));
     char* list = fields[kRequestWordsField];
-    char quoted[kClientErrorMessageSize / 2]; /* room for the text around it */
+    char quoted[kClientErrorMessageSize / 2];   /* room for the text around it */
     vx::copy_text(quoted, sizeof quoted, list); /* tokenize cuts the list in place */
     char* words = value_of(list);
-    mgr->allRecordsLength = tokenize(words, mgr->allRecords, const_cast<char*>(","), kClientRecordWordsMax);
+    mgr->allRecordsLength =
+        tokenize(words, mgr->allRecords, const_cast<char*>(","), kClientRecordWordsMax);
     int used = 0;
     for (int i = 0; i < mgr->allRecordsLength; ++i)
         if (mgr->allRecords[i][0]) mgr->allRecords[used++] = mgr->allRecords[i];
@@ -382,7 +410,8 @@ extern "C" void processClientMessage(char* clientMsg)
     VXClientManager_t* mgr = &app->metadataReplay.VXClientManager;
     initVXClientManager(mgr);
     parseCurrentRequestMessage(mgr, clientMsg);
-    if (mgr->errorMessage[0]) send_on_control(mgr, mgr->errorMessage, static_cast<int>(strlen(mgr->errorMessage)));
+    if (mgr->errorMessage[0])
+        send_on_control(mgr, mgr->errorMessage, static_cast<int>(strlen(mgr->errorMessage)));
 }
 
 extern "C" void dumpALLMetaDataOnTestStart(void)

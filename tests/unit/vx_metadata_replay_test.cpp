@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "agent/vx_instance.h"
@@ -72,7 +73,8 @@ protected:
         return out;
     }
 
-    /* One of each id a table gives out; the texts' ids are read back. */
+    /* One of each id a table gives out, and the records that replay them,
+     * golden but for the ids the tables chose. */
     void fill_tables()
     {
         exceptionMapInit();
@@ -83,17 +85,39 @@ protected:
         m2_ = searchAndUpdateMethodHashMap(S("app.Cart.total"), node, 0, 0, 0);
         ASSERT_TRUE(m1_ && m2_);
         m2_->methodRetType = S("I"); /* announced with its signature */
-        hdr_ = searchAndUpdatehttpHashMapNode(S("X-Trace"), app_->httpHashMapNode, 1);
-        char bt[vx::kBTNameSize] = "Checkout";
-        bt_ = updateBTObject(bt);
-        ASSERT_TRUE(hdr_ && bt_);
-        query_ = checkAndProcessQuery(S("select 1"), 99);
-        resource_ = getIDForIPResourceURL(S("/pay/now"));
+        httpHeaderInfo* hdr =
+            searchAndUpdatehttpHashMapNode(S("X-Trace"), app_->httpHashMapNode, 1);
+        char name[vx::kBTNameSize] = "Checkout";
+        bt_ = updateBTObject(name);
+        ASSERT_TRUE(hdr && bt_);
+        const long long query = checkAndProcessQuery(S("select 1"), 99);
+        const long long resource = getIDForIPResourceURL(S("/pay/now"));
         checkAndgenerateIDForDiscoveredExceptions(S("java.io.IOException"));
         getIDAndDumpThrowingClassName(S("app.Io"));
         getIDAndDumpThrowingMethodName(S("read"));
         getIDAndDumpExceptionMessage(S("disk gone"));
         getIDAndDumpExceptionCause(S("no space"));
+        auto id = [](long long v) { return std::to_string(v); };
+        records_ = {"5,app.Cart.add," + id(m1_->methodId) + "\n",
+                    "5,app.Cart.total()I," + id(m2_->methodId) + "\n",
+                    "6,X-Trace," + id(hdr->id) + "\n",
+                    "7," + id(bt_->bt_id) + ",Checkout\n",
+                    "22,0," + id(query) + ",select 1\n",
+                    "26," + id(resource) + ",/pay/now\n",
+                    "32,1,java.io.IOException\n",
+                    "33,1,app.Io\n",
+                    "34,1,read\n",
+                    "35,1,disk gone\n",
+                    "36,1,no space\n"};
+    }
+
+    /* Record 11 "All" first, and each table's record once. */
+    void expect_every_table(const std::vector<std::string>& data)
+    {
+        ASSERT_FALSE(data.empty());
+        EXPECT_EQ(data[0], "11,5000,All\n");
+        for (const std::string& r : records_)
+            EXPECT_EQ(std::count(data.begin(), data.end(), r), 1) << r;
     }
 
     /* A request through the dispatcher, as the control thread gets it. */
@@ -103,33 +127,14 @@ protected:
         handleReceivedClientMessageFromVXCollector(line.data());
     }
 
-    /* The record lines every table must replay, golden but for the ids. */
-    std::vector<std::string> every_record()
-    {
-        const std::string m1 = std::to_string(m1_->methodId), m2 = std::to_string(m2_->methodId);
-        return {"5,app.Cart.add," + m1 + "\n",
-                "5,app.Cart.total()I," + m2 + "\n",
-                "6,X-Trace," + std::to_string(hdr_->id) + "\n",
-                "7," + std::to_string(bt_->bt_id) + ",Checkout\n",
-                "22,0," + std::to_string(query_) + ",select 1\n",
-                "26," + std::to_string(resource_) + ",/pay/now\n",
-                "32,1,java.io.IOException\n",
-                "33,1,app.Io\n",
-                "34,1,read\n",
-                "35,1,disk gone\n",
-                "36,1,no space\n"};
-    }
-
     VXProxyInstance_t* app_ = vx_test::agent();
     vx_test::Restore keep_{app_->Server, app_->metadataReplay};
     apr_pool_t* pool_ = nullptr;
     int collector_ = -1;
     methodPropProperties* m1_ = nullptr;
     methodPropProperties* m2_ = nullptr;
-    httpHeaderInfo* hdr_ = nullptr;
     BTObject* bt_ = nullptr;
-    long long query_ = 0;
-    long long resource_ = 0;
+    std::vector<std::string> records_;
 };
 
 TEST_F(MetadataReplay, WordFormsSelectRecordsAndRefusalsAnswerWithTheirText)
@@ -138,7 +143,7 @@ TEST_F(MetadataReplay, WordFormsSelectRecordsAndRefusalsAnswerWithTheirText)
     FrozenClock clock(kEpoch + 5000, 0);
     fill_tables();
     app_->metadataReplay.lastSentMetadataTimeStamp = 9000;
-    const std::string m2 = std::to_string(m2_->methodId);
+    const std::string m1 = std::to_string(m1_->methodId), m2 = std::to_string(m2_->methodId);
     const std::string bt = "7," + std::to_string(bt_->bt_id) + ",Checkout\n";
     const std::string m2line = "5,app.Cart.total()I," + m2 + "\n";
     struct Case {
@@ -147,45 +152,33 @@ TEST_F(MetadataReplay, WordFormsSelectRecordsAndRefusalsAnswerWithTheirText)
         std::vector<std::string> data;
         std::string control;
     };
+    const auto refused = [](const std::string& why) { return why + kComplete; };
     const Case cases[] = {
         /* One id: that record only, no record 11; "key=list" and bare list. */
         {"a;b;c;records=5_" + m2 + ";1;0", 1, {m2line}, kComplete},
         {"a;b;c;5_" + m2 + ";1", 1, {m2line}, kComplete},
         /* "+": that id and above (m2 is the table's newest method). */
-        {"a;b;c;5_+" + std::to_string(m1_->methodId) + ";1",
-         1,
-         {"5,app.Cart.add," + std::to_string(m1_->methodId) + "\n", m2line},
-         kComplete},
+        {"a;b;c;5_+" + m1 + ";1", 1, {"5,app.Cart.add," + m1 + "\n", m2line}, kComplete},
         /* A type alone: record 11 with the type, then all of it. */
         {"a;b;c;7;1", 1, {"11,5000,7\n", bt}, kComplete},
-        /* A time after the last sent metadata is accepted. */
+        /* A time after the last sent metadata is accepted, one before it not. */
         {"a;b;c;5_" + m2 + ":9001;1", 1, {m2line}, kComplete},
         {"a;b;c;6:4000;1",
          1,
          {},
-         "Wrong Timestamp : RecordField- 6 Paased timeStamp- 4000 Should be more than last sent "
-         "metadata "
-         "timestamp 9000" +
-             std::string(kComplete)},
-        {"a;b;c;99;1",
-         1,
-         {},
-         "Invalid Request recieved from client : '99'\n" + std::string(kComplete)},
-        {"a;b;c;26,36;1",
-         1,
-         {},
-         "Invalid Request recieved from client : '36'\n" + std::string(kComplete)},
-        {"a;b;c;records=;1", 1, {}, "Invalid Request : 'records='\n" + std::string(kComplete)},
-        {"a;b;c;,;1", 1, {}, "Invalid Request : ','\n" + std::string(kComplete)},
+         refused("Wrong Timestamp : RecordField- 6 Paased timeStamp- 4000 Should be more than "
+                 "last sent metadata timestamp 9000")},
+        {"a;b;c;99;1", 1, {}, refused("Invalid Request recieved from client : '99'\n")},
+        /* 26 and 36 come only with ALL; the last refusal is the one told. */
+        {"a;b;c;26,36;1", 1, {}, refused("Invalid Request recieved from client : '36'\n")},
+        {"a;b;c;records=;1", 1, {}, refused("Invalid Request : 'records='\n")},
         /* No data thread: each record is refused on the control connection. */
         {"a;b;c;5_" + m2 + ";1",
          0,
          {},
-         "vx_meta_data_rep:action=send_meta_data;result=Error :<Unable to write current Cached "
-         "Record = 5,"
-         "app.Cart.total()I," +
-             m2 + " , on data connection, because currently there is no test running.>\n" +
-             kComplete},
+         refused("vx_meta_data_rep:action=send_meta_data;result=Error :<Unable to write current "
+                 "Cached Record = 5,app.Cart.total()I," +
+                 m2 + " , on data connection, because currently there is no test running.>\n")},
     };
     for (const Case& c : cases) {
         app_->Server.controlCommunicationBusyFlag = c.busy;
@@ -205,11 +198,10 @@ TEST_F(MetadataReplay, AllOnBothConnectionsReplaysEveryTableInItsFormat)
     RecordSink sink;
     request("a;b;c;ALL;2;0");
     const std::vector<std::string> data = sink.lines();
-    ASSERT_FALSE(data.empty());
-    EXPECT_EQ(data[0], "11,5000,All\n");
-    const std::vector<std::string> lines = vx_test::split_lines(control());
-    /* The summary comes first, then the same records as on the data side. */
-    const std::string summary =
+    expect_every_table(data);
+    /* The summary first (it ends without a line feed), then the records the
+     * data side got, and dispatch's answer. */
+    const std::string summary = vx_test::fill(
         "-------------------SummaryReport(CachedRecords)---------------------: \n"
         "Total no. of instrumented Methods(5 Records) : {methods} \n"
         "Total no. of Cached Pages(41 Records) : 0, \n"
@@ -221,23 +213,15 @@ TEST_F(MetadataReplay, AllOnBothConnectionsReplaysEveryTableInItsFormat)
         "Total Number of Cached ThrowingMethods(34 Records) : 1, \n"
         "Total Number of Cached Exception Messages (35 Records): 1 \n"
         "Total Number of Cached Exception Cause (36 Records): 1 \n"
-        "-------------------SummaryReport(CachedRecords)---------------------";
-    const std::string expected = vx_test::fill(
-        summary,
+        "-------------------SummaryReport(CachedRecords)---------------------",
         {{"methods", std::to_string(apr_hash_count(app_->methodTable.methodHashMapNode->ptr))},
          {"bts", std::to_string(apr_hash_count(app_->manager.bt_obj_map.hash))}});
-    ASSERT_GE(lines.size(), 13u);
-    std::string head;
-    for (size_t i = 0; i < 12; ++i) head += lines[i];
-    EXPECT_EQ(head.substr(0, expected.size()), expected);
-    ASSERT_EQ(lines.back(), kComplete);
-    /* The summary's last line runs into the first record: the text has no
-     * line feed of its own. */
-    std::vector<std::string> onControl(lines.begin() + 12, lines.end() - 1);
-    onControl.insert(onControl.begin(), head.substr(expected.size()));
+    const std::string text = control();
+    ASSERT_EQ(text.substr(0, summary.size()), summary);
+    std::vector<std::string> onControl = vx_test::split_lines(text.substr(summary.size()));
+    ASSERT_EQ(onControl.back(), kComplete);
+    onControl.pop_back();
     EXPECT_EQ(sorted(onControl), sorted(std::vector<std::string>(data.begin() + 1, data.end())));
-    for (const std::string& r : every_record())
-        EXPECT_EQ(std::count(data.begin(), data.end(), r), 1) << r;
 }
 
 TEST_F(MetadataReplay, WithoutASessionNothingIsReplayed)
@@ -255,25 +239,18 @@ TEST_F(MetadataReplay, NewTestRunReplaysAllOnTheDataConnectionOnly)
     SessionScope session(7, kEpoch);
     FrozenClock clock(kEpoch + 5000, 0);
     fill_tables();
-    struct Case {
-        char doNotDumpMetaData, busy;
-        size_t records; /* 0: none; else record 11 "All" and every table */
-    };
-    for (const Case c : {Case{1, 1, 1}, Case{0, 1, 0}, Case{1, 0, 0}}) {
-        app_->Server.doNotDumpMetaData = c.doNotDumpMetaData;
-        app_->Server.controlCommunicationBusyFlag = c.busy;
+    /* doNotDumpMetaData, controlCommunicationBusyFlag, whether it replays. */
+    for (const auto& [fresh, busy, replays] :
+         {std::tuple{1, 1, true}, {0, 1, false}, {1, 0, false}}) {
+        app_->Server.doNotDumpMetaData = static_cast<char>(fresh);
+        app_->Server.controlCommunicationBusyFlag = static_cast<char>(busy);
         RecordSink sink;
         vx::data_hooks_run(vx::DataHook::kConnected);
-        const std::vector<std::string> data = sink.lines();
         EXPECT_EQ(control(), ""); /* the data thread never writes on the control connection */
-        if (!c.records) {
-            EXPECT_TRUE(data.empty());
-            continue;
-        }
-        ASSERT_FALSE(data.empty());
-        EXPECT_EQ(data[0], "11,5000,All\n");
-        for (const std::string& r : every_record())
-            EXPECT_EQ(std::count(data.begin(), data.end(), r), 1) << r;
+        if (replays)
+            expect_every_table(sink.lines());
+        else
+            EXPECT_EQ(sink.size(), 0u);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "agent/vx_instance.h"
 #include "bt/vx_bt_object.h"
@@ -39,11 +40,26 @@ char* value_of(char* field)
     return eq ? eq + 1 : field;
 }
 
+/* Control-connection output made while a table's lock is held waits here
+ * and is sent once the lock is released: a collector slow to read must not
+ * hold host threads that want the table. Control thread only (the data
+ * thread's replay writes nothing there). */
+std::string g_controlPending;
+bool g_deferControl = false;
+
 /* A record line to the control connection, unless a send failed before in
  * this replay. */
 void send_on_control(VXClientManager_t* mgr, const char* text, int len)
 {
     if (mgr->onDataThread || mgr->controlBroken || len <= 0) return;
+    if (g_deferControl) {
+        try {
+            g_controlPending.append(text, static_cast<size_t>(len));
+        } catch (...) {
+            VX_ERROR("META_DATA", "Metadata replay: out of memory; a record is not sent");
+        }
+        return;
+    }
     if (controlConnectionSendBuffer(const_cast<char*>(text), len) < 0) {
         mgr->controlBroken = 1;
         VX_ERROR("META_DATA",
@@ -249,6 +265,7 @@ extern "C" void findRecordTypeAndSendCachedData(VXClientManager_t* mgr, int type
                                                 char isMultiple)
 {
     if (!vx_app() || !mgr) return;
+    g_deferControl = !mgr->onDataThread;
     switch (type) {
         case 5:
             collectAndSendOnlyCached5Records(mgr, index, isMultiple);
@@ -275,6 +292,14 @@ extern "C" void findRecordTypeAndSendCachedData(VXClientManager_t* mgr, int type
             break;
         default:
             break; /* 41: no cached pages in this system */
+    }
+    /* The table's lock is released: what the control connection gets goes
+     * now. */
+    if (g_deferControl) {
+        g_deferControl = false;
+        std::string pending;
+        pending.swap(g_controlPending);
+        send_on_control(mgr, pending.data(), static_cast<int>(pending.size()));
     }
 }
 

@@ -19,10 +19,11 @@
  * records go. Each table is walked under its own lock (method lock,
  * httpEntryLock, bt_obj_map_lock, the query dictionary's, the resource lock,
  * each exception dictionary's), one at a time, never two together. Records
- * for the data connection go through dumpData, which never blocks; a
+ * for the data connection go through dumpData, which never blocks; those
+ * for the control connection are gathered while the lock is held and sent
+ * after it is released, so a slow collector never holds a table's lock. A
  * control-connection send that fails ends the control output of that
- * request, so host threads waiting on a table lock wait at most one send
- * time-out.
+ * request.
  */
 #ifndef VX_METADATA_REPLAY_H
 #define VX_METADATA_REPLAY_H

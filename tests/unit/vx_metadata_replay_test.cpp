@@ -100,15 +100,10 @@ protected:
         auto id = [](long long v) { return std::to_string(v); };
         records_ = {"5,app.Cart.add," + id(m1_->methodId) + "\n",
                     "5,app.Cart.total()I," + id(m2_->methodId) + "\n",
-                    "6,X-Trace," + id(hdr->id) + "\n",
-                    "7," + id(bt_->bt_id) + ",Checkout\n",
-                    "22,0," + id(query) + ",select 1\n",
-                    "26," + id(resource) + ",/pay/now\n",
-                    "32,1,java.io.IOException\n",
-                    "33,1,app.Io\n",
-                    "34,1,read\n",
-                    "35,1,disk gone\n",
-                    "36,1,no space\n"};
+                    "6,X-Trace," + id(hdr->id) + "\n", "7," + id(bt_->bt_id) + ",Checkout\n",
+                    "22,0," + id(query) + ",select 1\n", "26," + id(resource) + ",/pay/now\n",
+                    "32,1,java.io.IOException\n", "33,1,app.Io\n", "34,1,read\n",
+                    "35,1,disk gone\n", "36,1,no space\n"};
     }
 
     /* Record 11 "All" first, and each table's record once. */

@@ -296,14 +296,14 @@ extern "C" void setdefaultValuesForException(void)
         std::lock_guard<std::mutex> hold(g_filterLock);
         publish_filter_list(e, nullptr, 0, 0, true);
     }
-    e.exceptionCaptureMode = 1;
-    e.stackTraceCaptureMode = 1;
-    e.exceptionCauseCaptureMode = 1;
-    e.exceptionType = 0;
-    e.stackTraceMaxDepth = 9999;
-    e.exceptionCaptureTraceLevel = 0;
-    e.enableLogger = 1;
-    e.enableTrycatch = 1;
+    vx::store_relaxed(e.exceptionCaptureMode, 1);
+    vx::store_relaxed(e.stackTraceCaptureMode, 1);
+    vx::store_relaxed(e.exceptionCauseCaptureMode, 1);
+    vx::store_relaxed(e.exceptionType, 0);
+    vx::store_relaxed(e.stackTraceMaxDepth, 9999);
+    vx::store_relaxed(e.exceptionCaptureTraceLevel, 0);
+    vx::store_relaxed(e.enableLogger, 1);
+    vx::store_relaxed(e.enableTrycatch, 1);
 }
 
 extern "C" void setExceptionCaptureSettings(char* value, char*, int)
@@ -328,23 +328,23 @@ extern "C" void setExceptionCaptureSettings(char* value, char*, int)
                  "VXExceptionCaptureSettings: Returning without setting exceptionCaptureMode, as value is invalid");
         return;
     }
-    e.exceptionCaptureMode = static_cast<int>(v);
+    vx::store_relaxed(e.exceptionCaptureMode, static_cast<int>(v));
     if (n >= 5) {
         if (!vx::number_in("exceptionCauseCaptureMode", fields[4], 0, 1, &v)) return;
-        e.exceptionCauseCaptureMode = static_cast<int>(v);
+        vx::store_relaxed(e.exceptionCauseCaptureMode, static_cast<int>(v));
     }
     if (n >= 2) {
         if (!vx::number_in("stackTraceCaptureMode", fields[1], 0, 1, &v)) return;
-        e.stackTraceCaptureMode = static_cast<int>(v);
+        vx::store_relaxed(e.stackTraceCaptureMode, static_cast<int>(v));
     }
-    if (e.stackTraceCaptureMode == 0) return;
+    if (vx::load_relaxed(e.stackTraceCaptureMode) == 0) return;
     if (n >= 3) {
         if (!vx::number_in("exceptionType", fields[2], 0, 3, &v) || v == 2) return;
-        e.exceptionType = static_cast<int>(v);
+        vx::store_relaxed(e.exceptionType, static_cast<int>(v));
     }
     if (n >= 4) {
         if (!vx::number_in("stackTraceMaxDepth", fields[3], 1, 0x7fffffff, &v)) return;
-        e.stackTraceMaxDepth = static_cast<int>(v);
+        vx::store_relaxed(e.stackTraceMaxDepth, static_cast<int>(v));
     }
 }
 
@@ -407,8 +407,8 @@ extern "C" void setBackendErrorDetectionMode(char* value, char*, int)
     if (!app || !value) return;
     const int mode = atoi(value);
     app->VXSys.backendErrorDetectionMode = mode;
-    app->vxException.enableLogger = (mode == 1 || mode == 3) ? 1 : 0;
-    app->vxException.enableTrycatch = (mode == 2 || mode == 3) ? 1 : 0;
+    vx::store_relaxed(app->vxException.enableLogger, static_cast<char>((mode == 1 || mode == 3) ? 1 : 0));
+    vx::store_relaxed(app->vxException.enableTrycatch, static_cast<char>((mode == 2 || mode == 3) ? 1 : 0));
 }
 
 extern "C" void handleExceptionParameters(VXPerThreadData_t* vxTD, methodPropProperties* mPP,
@@ -425,14 +425,14 @@ extern "C" void handleExceptionParameters(VXPerThreadData_t* vxTD, methodPropPro
         mPP = vx::find_throwing_method(vxTD, throwingClassName, throwingMethodName);
     }
     const int methodId = mPP ? mPP->methodId : 0;
-    if (e.exceptionCaptureMode == 0) {
-        VX_TRACE(e.exceptionCaptureTraceLevel, 1, "EXCEPTION",
+    if (vx::load_relaxed(e.exceptionCaptureMode) == 0) {
+        VX_TRACE(vx::load_relaxed(e.exceptionCaptureTraceLevel), 1, "EXCEPTION",
                  "Not Going to capture exception and 38 record will not dump");
         return;
     }
     const bool noClass = !exceptionClassName || !*exceptionClassName;
     if (noClass && (!exceptionMessage || !*exceptionMessage)) {
-        VX_TRACE(e.exceptionCaptureTraceLevel, 1, "EXCEPTION",
+        VX_TRACE(vx::load_relaxed(e.exceptionCaptureTraceLevel), 1, "EXCEPTION",
                  "VXExceptionStats: Returning as exception class and exception message is found null");
         return;
     }
@@ -446,7 +446,7 @@ extern "C" void handleExceptionParameters(VXPerThreadData_t* vxTD, methodPropPro
     const int throwingMethodId = getIDAndDumpThrowingMethodName(throwingMethodName);
     int msgId = -1, causeId = -1;
     if (exceptionMessage && *exceptionMessage) msgId = getIDAndDumpExceptionMessage(exceptionMessage);
-    if (getexceptionCause && *getexceptionCause && e.exceptionCauseCaptureMode == 1)
+    if (getexceptionCause && *getexceptionCause && vx::load_relaxed(e.exceptionCauseCaptureMode) == 1)
         causeId = getIDAndDumpExceptionCause(getexceptionCause);
     ++vxTD->exceptionCount;
     ++vxTD->seqNum;
@@ -485,7 +485,7 @@ extern "C" void getstacktracearray(VXPerThreadData_t* vxTD, char* stacktracearra
     if (!app) return;
     const VXException_t& e = app->vxException;
     if (!vxTD || !stacktracearray) {
-        VX_TRACE(e.exceptionCaptureTraceLevel, 1, "EXCEPTION", "Either vxTD or StacktraceArray is NULL");
+        VX_TRACE(vx::load_relaxed(e.exceptionCaptureTraceLevel), 1, "EXCEPTION", "Either vxTD or StacktraceArray is NULL");
         return;
     }
     /* The thread's copy is overwritten when the new text fits in it: a
@@ -507,7 +507,7 @@ extern "C" void getstacktracearray(VXPerThreadData_t* vxTD, char* stacktracearra
         return;
     }
     if (!mPP) {
-        VX_TRACE(e.exceptionCaptureTraceLevel, 1, "EXCEPTION", "[%s] is not an instrumented method",
+        VX_TRACE(vx::load_relaxed(e.exceptionCaptureTraceLevel), 1, "EXCEPTION", "[%s] is not an instrumented method",
                  throwingmethodName ? throwingmethodName : "");
         return;
     }
@@ -521,11 +521,11 @@ extern "C" void getstacktracearray(VXPerThreadData_t* vxTD, char* stacktracearra
         VXProxyInstance_t* app = vx_app();      \
         return app ? (expr) : 0;                \
     }
-VX_EXCEPTION_GETTER(getExceptionCaptureMode, app->vxException.exceptionCaptureMode)
-VX_EXCEPTION_GETTER(getExceptionCauseCaptureMode, app->vxException.exceptionCauseCaptureMode)
-VX_EXCEPTION_GETTER(getStackTraceCaptureMode, app->vxException.stackTraceCaptureMode)
-VX_EXCEPTION_GETTER(getExceptionType, app->vxException.exceptionType)
-VX_EXCEPTION_GETTER(getStackTraceMaxDepth, app->vxException.stackTraceMaxDepth)
-VX_EXCEPTION_GETTER(getExceptionCaptureTraceLevel, app->vxException.exceptionCaptureTraceLevel)
+VX_EXCEPTION_GETTER(getExceptionCaptureMode, vx::load_relaxed(app->vxException.exceptionCaptureMode))
+VX_EXCEPTION_GETTER(getExceptionCauseCaptureMode, vx::load_relaxed(app->vxException.exceptionCauseCaptureMode))
+VX_EXCEPTION_GETTER(getStackTraceCaptureMode, vx::load_relaxed(app->vxException.stackTraceCaptureMode))
+VX_EXCEPTION_GETTER(getExceptionType, vx::load_relaxed(app->vxException.exceptionType))
+VX_EXCEPTION_GETTER(getStackTraceMaxDepth, vx::load_relaxed(app->vxException.stackTraceMaxDepth))
+VX_EXCEPTION_GETTER(getExceptionCaptureTraceLevel, vx::load_relaxed(app->vxException.exceptionCaptureTraceLevel))
 VX_EXCEPTION_GETTER(checkIfFilteringIsEnabled, vx::load_relaxed(app->vxException.isFilteringEnabled))
 #undef VX_EXCEPTION_GETTER

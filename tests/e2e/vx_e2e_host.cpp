@@ -14,12 +14,10 @@
  *                    buffers to drain and stop the session
  *   idle SECONDS     make host calls (flowpath start and end) in a loop,
  *                    whatever the collector does, and report the slowest
- *   methods SECONDS [eager]
- *                    leave the session to the collector and run a
+ *   methods SECONDS  leave the session to the collector and run a
  *                    transaction every 20 ms: "/shop/cart?item=7" entering
- *                    Shop.handle, which calls Shop.loadCart three times;
- *                    only once the data connection has been open for 200 ms,
- *                    or, eager, from the first moment the agent takes one;
+ *                    Shop.handle, which calls Shop.loadCart three times,
+ *                    only once the data connection has been open for 200 ms;
  *                    report how many transactions the agent took
  *   urls SECONDS THREADS HOLD_MS URL...
  *                    once the data connection has been open for 200 ms,
@@ -116,6 +114,51 @@ bool data_open(VXProxyInstance_t* app)
 {
     return vx::load_relaxed(app->VXSys.dataConnState) == 1 &&
            vx::load_relaxed(app->dataChannel.dataSkt.skt);
+}
+
+/* Waits up to 30 s for the data connection, then 200 ms more. */
+bool wait_data(VXProxyInstance_t* app)
+{
+    if (!wait_for([app] { return data_open(app); }, 30000)) return false;
+    sleep_ms(200);
+    return true;
+}
+
+/* The monitors report what ended before the stop: a role stays for it, and
+ * for the data thread to send the session's end. */
+void wait_session_end(VXProxyInstance_t* app)
+{
+    wait_for([app] { return !vx::load_acquire(app->Server.testRunRunning); }, 15000);
+    wait_for([app] { return !vx::load_relaxed(app->VXBCISetting.data_thread_running); }, 15000);
+}
+
+/* A transaction on `url` ("path?query|METHOD") called with the correlation
+ * text `caller` (null: none); null when the agent takes none. */
+VXPerThreadData_t* start_tx(char* url, const char* caller = nullptr, long long queue_ms = -1)
+{
+    return static_cast<VXPerThreadData_t*>(startFP(const_cast<char*>(caller), url, nullptr, nullptr,
+                                                   nullptr, nullptr, nullptr, queue_ms, 0));
+}
+
+/* Ends `fp` with status 200 and gives its record back. */
+void end_tx(VXPerThreadData_t* fp)
+{
+    endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
+    reset(fp);
+}
+
+void* enter(VXPerThreadData_t* fp, char* method, char* query = nullptr)
+{
+    return vxMethodEntry(nullptr, fp, method, query, nullptr, 0, nullptr, nullptr, 0, nullptr);
+}
+
+/* Leaves `method`; with a `backend`, as a callout that went out. */
+void leave(void* h, VXPerThreadData_t* fp, char* method, char* backend = nullptr,
+           long long end_ms = 0)
+{
+    const int callout = backend ? 1 : 0;
+    vxMethodExit(h, fp, method, 0, -1, backend, 0, 0, callout, nullptr, callout, nullptr, end_ms,
+                 nullptr);
 }
 
 bool ring_drained(VXProxyInstance_t* app)
@@ -243,12 +286,7 @@ int run_idle(VXProxyInstance_t* app, int seconds)
     char url[] = "/idle";
     while (now_ms() < end) {
         const long long t0 = apr_time_now();
-        auto* fp = static_cast<VXPerThreadData_t*>(
-            startFP(nullptr, url, nullptr, nullptr, nullptr, nullptr, nullptr, 0, 0));
-        if (fp) {
-            endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
-            reset(fp);
-        }
+        if (auto* fp = start_tx(url, nullptr, 0)) end_tx(fp);
         const long long took = apr_time_now() - t0;
         if (took > slowest) slowest = took;
         ++calls;
@@ -260,7 +298,7 @@ int run_idle(VXProxyInstance_t* app, int seconds)
     return 0;
 }
 
-int run_methods(VXProxyInstance_t* app, int seconds, bool eager)
+int run_methods(VXProxyInstance_t* app, int seconds)
 {
     const long long end = now_ms() + seconds * 1000LL;
     long long taken = 0;
@@ -269,31 +307,18 @@ int run_methods(VXProxyInstance_t* app, int seconds, bool eager)
     char handle[] = "Shop.handle";
     char load[] = "Shop.loadCart";
     while (now_ms() < end) {
-        if (!eager) {
-            if (!data_open(app)) open_since = 0;
-            if (!open_since && data_open(app)) open_since = now_ms();
-            if (!open_since || now_ms() - open_since < 200) {
-                sleep_ms(5);
-                continue;
-            }
+        if (!data_open(app)) open_since = 0;
+        if (!open_since && data_open(app)) open_since = now_ms();
+        if (!open_since || now_ms() - open_since < 200) {
+            sleep_ms(5);
+            continue;
         }
-        auto* fp = static_cast<VXPerThreadData_t*>(
-            startFP(nullptr, url, nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
-        if (!fp && eager) continue; /* no pause while no session runs */
-        if (fp) {
+        if (auto* fp = start_tx(url)) {
             ++taken;
-            auto enter = [fp](char* m) {
-                return vxMethodEntry(nullptr, fp, m, nullptr, nullptr, 0, nullptr, nullptr, 0,
-                                     nullptr);
-            };
-            auto leave = [fp](void* h, char* m) {
-                vxMethodExit(h, fp, m, 0, -1, nullptr, 0, 0, 0, nullptr, 0, nullptr, 0, nullptr);
-            };
-            void* h = enter(handle);
-            for (int i = 0; i < 3; ++i) leave(enter(load), load);
-            leave(h, handle);
-            endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
-            reset(fp);
+            void* h = enter(fp, handle);
+            for (int i = 0; i < 3; ++i) leave(enter(fp, load), fp, load);
+            leave(h, fp, handle);
+            end_tx(fp);
         }
         sleep_ms(20);
     }
@@ -305,8 +330,7 @@ int run_urls(VXProxyInstance_t* app, int seconds, int threads, int hold_ms,
              const std::vector<std::string>& urls)
 {
     if (urls.empty() || threads < 1) return 64;
-    if (!wait_for([app] { return data_open(app); }, 30000)) return 3;
-    sleep_ms(200);
+    if (!wait_data(app)) return 3;
     const long long end = now_ms() + seconds * 1000LL;
     std::atomic<long long> taken{0};
     std::vector<std::thread> workers;
@@ -314,13 +338,10 @@ int run_urls(VXProxyInstance_t* app, int seconds, int threads, int hold_ms,
         workers.emplace_back([&, t] {
             for (size_t i = static_cast<size_t>(t); now_ms() < end; ++i) {
                 std::string url = urls[i % urls.size()];
-                auto* fp = static_cast<VXPerThreadData_t*>(startFP(
-                    nullptr, url.data(), nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
-                if (fp) {
+                if (auto* fp = start_tx(url.data())) {
                     ++taken;
                     if (hold_ms > 0) sleep_ms(hold_ms);
-                    endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
-                    reset(fp);
+                    end_tx(fp);
                 }
                 sleep_ms(5);
             }
@@ -328,25 +349,8 @@ int run_urls(VXProxyInstance_t* app, int seconds, int threads, int hold_ms,
     }
     for (auto& w : workers) w.join();
     printf("transactions=%lld\n", taken.load());
-    /* The monitors report what ended before the stop: stay for it, and for
-     * the data thread to send the session's end. */
-    wait_for([app] { return !vx::load_acquire(app->Server.testRunRunning); }, 15000);
-    wait_for([app] { return !vx::load_relaxed(app->VXBCISetting.data_thread_running); }, 15000);
+    wait_session_end(app);
     return 0;
-}
-
-/* Waits up to 30 s for the data connection, then 200 ms more. */
-bool wait_data(VXProxyInstance_t* app)
-{
-    if (!wait_for([app] { return data_open(app); }, 30000)) return false;
-    sleep_ms(200);
-    return true;
-}
-
-void wait_session_end(VXProxyInstance_t* app)
-{
-    wait_for([app] { return !vx::load_acquire(app->Server.testRunRunning); }, 15000);
-    wait_for([app] { return !vx::load_relaxed(app->VXBCISetting.data_thread_running); }, 15000);
 }
 
 constexpr int kTierCalls = 10;
@@ -373,15 +377,13 @@ int run_front(VXProxyInstance_t* app, const char* path)
     char backend[] = "HTTP|back|8080|/back/stock";
     int sent = 0;
     for (int i = 0; i < kTierCalls; ++i) {
-        auto* fp = static_cast<VXPerThreadData_t*>(
-            startFP(nullptr, url, nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
+        auto* fp = start_tx(url);
         if (!fp) continue;
         std::string request = "User-Agent$e2e";
         if (i % 2 == 0)
             request += std::string("\x7ftraceparent$00-") + kUpstreamTrace + "-00f067aa0ba902b7-01";
         httpReqRespWrapper(fp, request.data(), const_cast<char*>("req"), 0);
-        void* h =
-            vxMethodEntry(nullptr, fp, post, nullptr, nullptr, 0, nullptr, nullptr, 0, nullptr);
+        void* h = enter(fp, post);
         const char* header = getTierCallOut(fp, backend);
         if (header) {
             out << fp->flowpathInstance << ' ' << header << ' ' << outgoing_traceparent(fp)
@@ -389,10 +391,8 @@ int run_front(VXProxyInstance_t* app, const char* path)
             ++sent;
         }
         sleep_ms(5);
-        vxMethodExit(h, fp, post, 0, -1, backend, 0, 0, 1, nullptr, 1, nullptr, my_gettimeofday(),
-                     nullptr);
-        endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
-        reset(fp);
+        leave(h, fp, post, backend, my_gettimeofday());
+        end_tx(fp);
         sleep_ms(20);
     }
     printf("calls=%d\n", sent);
@@ -409,17 +409,14 @@ int run_back(VXProxyInstance_t* app, int seconds, const char* path)
     app->VXSys.flowPathInstanceInitialID += 1LL << 60;
     char url[] = "/back/stock|GET";
     auto serve = [&](const std::string& caller, const std::string& traceparent) {
-        auto* fp =
-            static_cast<VXPerThreadData_t*>(startFP(const_cast<char*>(caller.c_str()), url, nullptr,
-                                                    nullptr, nullptr, nullptr, nullptr, -1, 0));
+        auto* fp = start_tx(url, caller.c_str());
         if (!fp) return 0;
         std::string request = "Accept$text/plain";
         if (traceparent != "-") request += "\x7ftraceparent$" + traceparent;
         httpReqRespWrapper(fp, request.data(), const_cast<char*>("req"), 0);
         char response[] = "Content-Type$text/plain";
         httpReqRespWrapper(fp, response, const_cast<char*>("resp"), 200);
-        endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
-        reset(fp);
+        end_tx(fp);
         return 1;
     };
     int taken = 0;
@@ -479,40 +476,31 @@ int run_diag(VXProxyInstance_t* app)
         char order[] = "Shop.order", query[] = "Db.query";
         char backend[] = "mysql|db.internal|3306";
         for (int i = t * kEach; i < (t + 1) * kEach; ++i) {
-            auto* fp = static_cast<VXPerThreadData_t*>(
-                startFP(nullptr, url, nullptr, nullptr, nullptr, nullptr, nullptr, -1, 0));
+            auto* fp = start_tx(url);
             if (!fp) continue;
             ++taken;
-            void* h = vxMethodEntry(nullptr, fp, order, nullptr, nullptr, 0, nullptr, nullptr, 0,
-                                    nullptr);
+            void* h = enter(fp, order);
             const size_t q = static_cast<size_t>(i) % std::size(kQueries);
             std::string text = kQueries[q];
-            void* d = vxMethodEntry(nullptr, fp, query, text.data(), nullptr, 0, nullptr, nullptr,
-                                    0, nullptr);
+            void* d = enter(fp, query, text.data());
             if (q == 1) {
                 std::string nested = kNestedQuery;
-                void* n = vxMethodEntry(nullptr, fp, query, nested.data(), nullptr, 0, nullptr,
-                                        nullptr, 0, nullptr);
-                vxMethodExit(n, fp, query, 0, -1, backend, 0, 0, 1, nullptr, 1, nullptr,
-                             my_gettimeofday(), nullptr);
+                leave(enter(fp, query, nested.data()), fp, query, backend, my_gettimeofday());
             }
             sleep_ms(2);
-            vxMethodExit(d, fp, query, 0, -1, backend, 0, 0, 1, nullptr, 1, nullptr,
-                         my_gettimeofday(), nullptr);
+            leave(d, fp, query, backend, my_gettimeofday());
             ++runs[q];
             for (size_t j = 0; j < std::size(kThrows); ++j) {
                 if (i % kThrows[j].every != 0) continue;
                 std::string cls = kThrows[j].cls, message = kThrows[j].message;
-                std::string stack = "at Shop.order(Shop.java:42)\nat Main.run(Main.java:7)";
-                char shop[] = "Shop", method[] = "order";
-                getstacktracearray(fp, stack.data(), nullptr, cls.data(), shop, message.data(),
-                                   method, 42, nullptr);
+                char stack[] = "at Shop.order(Shop.java:42)\nat Main.run(Main.java:7)",
+                     shop[] = "Shop", method[] = "order";
+                getstacktracearray(fp, stack, nullptr, cls.data(), shop, message.data(), method,
+                                   42, nullptr);
                 ++thrown[j];
             }
-            vxMethodExit(h, fp, order, 0, -1, nullptr, 0, 0, 0, nullptr, 0, nullptr,
-                         my_gettimeofday(), nullptr);
-            endFP(fp, 200, nullptr, 0, 0, 0, nullptr);
-            reset(fp);
+            leave(h, fp, order, nullptr, my_gettimeofday());
+            end_tx(fp);
             sleep_ms(40);
         }
     };
@@ -533,8 +521,8 @@ int main(int argc, char** argv)
     if (argc < 3) {
         fprintf(stderr,
                 "usage: %s stream SECONDS | load SECONDS THREADS | idle SECONDS | methods SECONDS "
-                "[eager] | urls SECONDS THREADS HOLD_MS URL... | front SECONDS FILE | back SECONDS "
-                "FILE | diag SECONDS\n",
+                "| urls SECONDS THREADS HOLD_MS URL... | front SECONDS FILE | back SECONDS FILE | "
+                "diag SECONDS\n",
                 argv[0]);
         return 64;
     }
@@ -549,8 +537,7 @@ int main(int argc, char** argv)
     if (mode == "stream") rc = run_stream(app, seconds);
     if (mode == "load" && argc > 3) rc = run_load(app, seconds, atoi(argv[3]));
     if (mode == "idle") rc = run_idle(app, seconds);
-    if (mode == "methods")
-        rc = run_methods(app, seconds, argc > 3 && strcmp(argv[3], "eager") == 0);
+    if (mode == "methods") rc = run_methods(app, seconds);
     if (mode == "urls" && argc > 5)
         rc = run_urls(app, seconds, atoi(argv[3]), atoi(argv[4]),
                       std::vector<std::string>(argv + 5, argv + argc));

@@ -101,12 +101,7 @@ int Host::wait(int timeout_s)
         waitpid(pid_, nullptr, 0);
         pid_ = -1;
     }
-    for (const std::string& line : vxc_test::read_lines(out_path_)) {
-        const size_t eq = line.find('=');
-        if (eq == std::string::npos) continue;
-        out_.emplace(line.substr(0, eq), line.substr(eq + 1));
-        order_.push_back(line);
-    }
+    lines_ = vxc_test::read_lines(out_path_);
     return rc;
 }
 
@@ -121,7 +116,7 @@ long long Host::number(const std::string& key) const { return atoll(value(key).c
 std::vector<std::string> Host::values(const std::string& key) const
 {
     std::vector<std::string> out;
-    for (const std::string& line : order_)
+    for (const std::string& line : lines_)
         if (line.rfind(key + "=", 0) == 0) out.push_back(line.substr(key.size() + 1));
     return out;
 }

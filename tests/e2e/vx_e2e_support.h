@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <functional>
-#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,8 +54,7 @@ private:
     int pid_ = -1;
     std::string home_;
     std::string out_path_;
-    std::multimap<std::string, std::string> out_;
-    std::vector<std::string> order_;
+    std::vector<std::string> lines_; /* of its stdout */
 };
 
 /* A listener that hands each accepted connection to `serve` on its own

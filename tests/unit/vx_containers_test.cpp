@@ -194,7 +194,10 @@ TEST_F(VxThread, CreateRunsThreadWithConfiguredStackSize)
         ASSERT_EQ(apr_thread_join(&rv, t), APR_SUCCESS);
         EXPECT_EQ(rv, 77) << "the start function ran to its exit";
         EXPECT_NE(probe.tid, static_cast<long long>(syscall(SYS_gettid)));
-        EXPECT_EQ(probe.stack_size, static_cast<size_t>(kib) * 1024) << kib << " KiB";
+        /* The C library may hand over a cached stack of an ended thread, up
+         * to four times the size asked; the default (8 MiB) is not one. */
+        EXPECT_GE(probe.stack_size, static_cast<size_t>(kib) * 1024) << kib << " KiB";
+        EXPECT_LE(probe.stack_size, static_cast<size_t>(kib) * 4096) << kib << " KiB";
     }
 }
 

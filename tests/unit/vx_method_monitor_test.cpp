@@ -130,6 +130,9 @@ TEST_F(MethodMonitor, FileMarksMethodsAndTwoThreadsFoldIntoRecord61)
 
 TEST_F(MethodMonitor, ExceptionFileAndThrowsFromTwoThreadsFoldIntoRecord63WithOverAll)
 {
+    ASSERT_NE(vx::monitor_model_of(records_[0]), nullptr);
+    EXPECT_EQ(fold(generateAndDumpExceptionMonitoringRecord),
+              Lines{head(63, 0, "OverAll") + "0 0.000000 \n"}) << "also with nothing thrown";
     app_->isRunTime = 1; /* the class map is made anew */
     parseExceptionMonFile(S("IO|java.io.IOException|x\n"
                             "#java.lang.Hidden|y|z\n\n\r\n"
@@ -163,13 +166,6 @@ TEST_F(MethodMonitor, ExceptionFileAndThrowsFromTwoThreadsFoldIntoRecord63WithOv
     /* No file: the monitor is off and counts nothing. */
     parseExceptionMonFile(nullptr);
     EXPECT_EQ(thrown(0, "java.io.IOException"), 1);
-}
-
-TEST_F(MethodMonitor, OverAllComesAlsoWithNothingThrown)
-{
-    ASSERT_NE(vx::monitor_model_of(records_[0]), nullptr);
-    EXPECT_EQ(fold(generateAndDumpExceptionMonitoringRecord),
-              Lines{head(63, 0, "OverAll") + "0 0.000000 \n"});
 }
 
 }  // namespace

@@ -106,37 +106,6 @@ protected:
     RecordSink sink_;
 };
 
-TEST_F(SqlQueries, FixedQueriesFirstThenOneRecordPerText)
-{
-    SessionScope session;
-    struct Case {
-        const char* query;
-        long long id;
-        size_t records;
-    };
-    const Case cases[] = {
-        {"select a, b from t", 6, 6},  /* the five fixed ones come first */
-        {"select a, b from t", 6, 0},
-        {"SELECT a, b FROM t", 7, 1},  /* case differs */
-        {"select a, b from t where x=1", 8, 1},
-        {"select a, b from t where x=2", 9, 1},  /* literal differs */
-        {"select a, b from t", 6, 0},
-    };
-    for (const Case& c : cases) {
-        const size_t before = sink_.of_type(22).size();
-        EXPECT_EQ(call(c.query), c.id) << c.query;
-        leave();
-        EXPECT_EQ(sink_.of_type(22).size() - before, c.records) << c.query;
-    }
-    const auto r22 = sink_.of_type(22);
-    ASSERT_EQ(r22.size(), 9u);
-    const char* fixed[] = {"Unknown", "XA TRANSACTION START", "XA TRANSACTION COMMIT", "XA TRANSACTION END",
-                           "XA TRANSACTION ROLLBACK"};
-    for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(r22[i], "22,0," + std::to_string(i + 1) + "," + fixed[i] + "\n");
-    EXPECT_EQ(r22[5], "22,777,6,select a&#044; b from t\n");
-}
-
 TEST_F(SqlQueries, NestedCallsKeepTheOuterQueryAndStart)
 {
     SessionScope session;

@@ -221,18 +221,6 @@ TEST(RecordParser, QueryRowsKeepTheTextAndDecodeItsEntities)
         {"&#0;&#256;&#1234;&#;&#12&#4", "&#0;&#256;&#1234;&#;&#12&#4"}, /* left alone */
     };
     for (const auto& [in, out] : decoded) EXPECT_EQ(vxc::decode_entities(in), out) << in;
-
-    /* An id stands for one text and a text has one id. */
-    using V = vxc::QueryTable::Verdict;
-    vxc::QueryTable table;
-    const std::pair<vxc::QueryRecord, V> steps[] = {
-        {{0, 1, "Unknown"}, V::New},         {{9, 6, "select 1"}, V::New},
-        {{9, 6, "select 1"}, V::Repeated},   {{9, 6, "select 2"}, V::IdReused},
-        {{9, 7, "select 1"}, V::TextReused}, {{0, 8, "Unknown"}, V::TextReused},
-        {{9, 7, "select 2"}, V::New},
-    };
-    for (const auto& [rec, verdict] : steps)
-        EXPECT_EQ(table.add(rec), verdict) << rec.id << " " << rec.text;
 }
 
 TEST(RecordParser, CapturedHeadersResolveThroughRecord6AndOnlyA2047ByteTextMayEndCut)

@@ -564,8 +564,7 @@ BtTraffic read_bt_traffic(const std::vector<std::string>& lines,
             problems.push_back("business transaction undeclared: " + line);
         return f.size() > id_at + 1;
     };
-    /* A replay is the metadata records behind a record 11 "All", up to the
-     * first record of another kind. */
+    /* A replay: the metadata records behind a record 11 "All". */
     constexpr int kMetadata[] = {5, 6, 22, 26, 32, 33, 34, 35, 36};
     bool replay = false;
     for (const std::string& l : lines) {

@@ -158,22 +158,16 @@ TEST_F(MetadataReplay, WordFormsSelectRecordsAndRefusalsAnswerWithTheirText)
         {"a;b;c;7;1", 1, {"11,5000,7\n", bt}, kComplete},
         /* A time after the last sent metadata is accepted, one before it not. */
         {"a;b;c;5_" + m2 + ":9001;1", 1, {m2line}, kComplete},
-        {"a;b;c;6:4000;1",
-         1,
-         {},
-         refused("Wrong Timestamp : RecordField- 6 Paased timeStamp- 4000 Should be more than "
-                 "last sent metadata timestamp 9000")},
+        {"a;b;c;6:4000;1", 1, {}, refused("Wrong Timestamp : RecordField- 6 Paased timeStamp- "
+                                          "4000 Should be more than last sent metadata timestamp 9000")},
         {"a;b;c;99;1", 1, {}, refused("Invalid Request recieved from client : '99'\n")},
         /* 26 and 36 come only with ALL; the last refusal is the one told. */
         {"a;b;c;26,36;1", 1, {}, refused("Invalid Request recieved from client : '36'\n")},
         {"a;b;c;records=;1", 1, {}, refused("Invalid Request : 'records='\n")},
         /* No data thread: each record is refused on the control connection. */
-        {"a;b;c;5_" + m2 + ";1",
-         0,
-         {},
-         refused("vx_meta_data_rep:action=send_meta_data;result=Error :<Unable to write current "
-                 "Cached Record = 5,app.Cart.total()I," +
-                 m2 + " , on data connection, because currently there is no test running.>\n")},
+        {"a;b;c;5_" + m2 + ";1", 0, {}, refused("vx_meta_data_rep:action=send_meta_data;result=Error :"
+            "<Unable to write current Cached Record = " + m2line.substr(0, m2line.size() - 1) +
+            " , on data connection, because currently there is no test running.>\n")},
     };
     for (const Case& c : cases) {
         app_->Server.controlCommunicationBusyFlag = c.busy;

@@ -98,7 +98,8 @@ std::vector<IdRef> id_uses(const Record& r)
     std::vector<IdRef> out;
     const std::vector<std::string>& f = r.fields;
     long long id = 0;
-    if (const std::string* bt = record_bt_id(r); bt && parse_bt_id(*bt, &id)) out.push_back({7, id});
+    if (const std::string* bt = record_bt_id(r); bt && parse_bt_id(*bt, &id))
+        out.push_back({7, id});
     long long fpi = 0;
     std::string blob;
     if (record_blob(r, &fpi, &blob)) {

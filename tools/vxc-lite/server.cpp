@@ -718,10 +718,11 @@ void check_declared_ids(Server* s, Conn* c, const Record& r, std::string_view li
         if (id_known(s, c, use)) continue;
         const char* what = "";
         ++*undeclared_count(counts, use.table, &what);
-        const std::string reason = "record " + std::to_string(r.number) + ": " + what + " " +
-                                   std::to_string(use.id) + " not declared by a record " +
-                                   std::to_string(use.table) +
-                                   (use.table == 7 ? " or the served rules" : " of this connection");
+        s->summary_dirty = true;
+        const std::string reason =
+            "record " + std::to_string(r.number) + ": " + what + " " + std::to_string(use.id) +
+            " not declared by a record " + std::to_string(use.table) +
+            (use.table == 7 ? " or the served rules" : " of this connection");
         if (use.table == 7) {
             if (c->seen) ++c->seen->malformed;
             s->store.malformed(c->id, reason, line);
@@ -730,11 +731,11 @@ void check_declared_ids(Server* s, Conn* c, const Record& r, std::string_view li
         if (c->undeclared_lines++ < kMaxUndeclaredLines) {
             s->store.undeclared(c->id, reason, line);
             if (c->undeclared_lines == kMaxUndeclaredLines)
-                s->store.log("conn %u: %llu uses of undeclared ids written, later ones only counted",
-                             c->id, kMaxUndeclaredLines);
+                s->store.log(
+                    "conn %u: %llu uses of undeclared ids written, later ones only counted", c->id,
+                    kMaxUndeclaredLines);
         }
     }
-    s->summary_dirty = true;
 }
 
 /* A record 22 is a row of queries.tsv. Its id and text must not clash with

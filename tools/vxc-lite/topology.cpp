@@ -69,7 +69,8 @@ long long token_resource_id(char letter, long long kind, std::string_view rest)
     }
     const size_t at = letter == 'E' ? 3 : 2;
     long long id = 0;
-    const bool http = kind == 1 && p.size() == at + 1 && (p[0] == "-" || p[0] == "0") && whole(p[1]);
+    const bool http =
+        kind == 1 && p.size() == at + 1 && (p[0] == "-" || p[0] == "0") && whole(p[1]);
     return http && printf_int(p[at], LLONG_MIN, LLONG_MAX, &id) ? id : 0;
 }
 

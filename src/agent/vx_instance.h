@@ -54,6 +54,7 @@
 #include "monitor/vx_percentiles.h"
 #include "proxy/vx_proxy_state.h"
 #include "session/vx_file_keywords.h"
+#include "session/vx_metadata_replay.h"
 #include "session/vx_server.h"
 
 struct VXFlowpathGenerator_t {
@@ -146,6 +147,9 @@ struct VXProxyInstance_t {
     VXExceptionIDS_t vxExceptionIDS;
     vx::ExceptionDictionaries* exceptionDicts;
     VXHttpSettings_t httpSettings;
+
+    /* Metadata replay: the request's and the data thread's managers. */
+    VXMetadataReplay_t metadataReplay;
 
     /* Files the collector served, by keyword index. */
     keywordInfo kywdInfo[vx::kFileKeywordSlots];

@@ -215,6 +215,36 @@ extern "C" void dumpExceptionMetaRecord(int record_Id, int exceptionStatId, char
     vx::dump_record(buf, sizeof buf, "%d,%d,%s\n", record_Id, exceptionStatId, exceptionRecord);
 }
 
+namespace {
+
+/* The dictionary of record 32 to 36 of the current instance, or null. */
+vx::Dictionary* dictionary_of_record(int record)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || record < vx::kRecordOf[0] || record > vx::kRecordOf[4]) return nullptr;
+    vx::ExceptionDictionaries* all = vx::load_acquire(app->exceptionDicts);
+    return all ? &all->d[record - vx::kRecordOf[0]] : nullptr;
+}
+
+}  // namespace
+
+void vx::exception_dictionary_for_each(int record, const std::function<bool(int id, const char* text)>& fn)
+{
+    Dictionary* d = dictionary_of_record(record);
+    if (!d) return;
+    std::lock_guard<std::mutex> g(d->lock);
+    for (const auto& [text, id] : d->ids)
+        if (!fn(id, text.c_str())) return;
+}
+
+int vx::exception_dictionary_size(int record)
+{
+    Dictionary* d = dictionary_of_record(record);
+    if (!d) return 0;
+    std::lock_guard<std::mutex> g(d->lock);
+    return static_cast<int>(d->ids.size());
+}
+
 extern "C" void exceptionMapInit(void)
 {
     VXProxyInstance_t* app = vx_app();

@@ -11,6 +11,7 @@
 #define VX_EXCEPTION_CAPTURE_H
 
 #include <cstddef>
+#include <functional>
 
 #include "vx_sdk.h"
 
@@ -60,6 +61,14 @@ inline constexpr int kExceptionDictionaryMax = 16384;
 inline constexpr size_t kExceptionMessageMax = 50;
 /* Most names in the filter list. */
 inline constexpr int kExceptionFilterMax = 1024;
+
+/* The dictionary of `record` (32 to 36): calls `fn` with each text and its
+ * id under that dictionary's lock (host threads numbering a text of it wait
+ * meanwhile; `fn` must not call into this unit); stops when `fn` returns
+ * false. Nothing for another record or before the dictionaries exist. */
+void exception_dictionary_for_each(int record, const std::function<bool(int id, const char* text)>& fn);
+/* Texts in the dictionary of `record`; 0 for another record. */
+int exception_dictionary_size(int record);
 
 }  // namespace vx
 

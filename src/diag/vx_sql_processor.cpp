@@ -212,3 +212,10 @@ long long vx::sql_query_count()
     std::lock_guard<std::mutex> g(sqllock);
     return static_cast<long long>(queries().size());
 }
+
+void vx::sql_query_for_each(const std::function<bool(long long id, const char* text)>& fn)
+{
+    std::lock_guard<std::mutex> g(sqllock);
+    for (const auto& [text, id] : queries())
+        if (!fn(id, text.c_str())) return;
+}

@@ -9,6 +9,7 @@
 #define VX_SQL_PROCESSOR_H
 
 #include <cstddef>
+#include <functional>
 
 struct VXPerThreadData_t;
 
@@ -43,6 +44,11 @@ namespace vx {
 inline constexpr size_t kQueryDictionaryMax = 100000;
 /* Number of distinct texts in the dictionary (fixed ones included). */
 long long sql_query_count();
+/* Calls `fn` with each text of the dictionary and its id, in the map's
+ * order, under the dictionary's lock (host threads making a query id wait
+ * meanwhile; `fn` must not call into this unit). Stops when `fn` returns
+ * false. */
+void sql_query_for_each(const std::function<bool(long long id, const char* text)>& fn);
 }
 
 #endif

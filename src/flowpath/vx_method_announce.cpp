@@ -48,9 +48,9 @@ void vx::announce_new_method(methodPropProperties* m)
     }
 }
 
-extern "C" void dumpMetadataForSig(methodPropProperties* mPP)
+size_t vx::method_signature_record(const methodPropProperties* mPP, char* buf, size_t cap)
 {
-    if (!mPP || !data_thread_running()) return;
+    if (!mPP || !buf || cap < 2) return 0;
     char args[vx::kMethodKeySize] = "";
     size_t used = 0;
     for (unsigned i = 0; i < mPP->methodArgsListCount && used < sizeof args - 1; ++i) {
@@ -60,9 +60,18 @@ extern "C" void dumpMetadataForSig(methodPropProperties* mPP)
         if (n < 0) break;
         used += static_cast<size_t>(n);
     }
+    const int n = snprintf(buf, cap, "5,%s(%s)%s,%d\n", mPP->methodName, args,
+                           mPP->methodRetType ? mPP->methodRetType : "", mPP->methodId);
+    if (n <= 0) return 0;
+    return vx::end_line(buf, static_cast<size_t>(n) < cap ? static_cast<size_t>(n) : cap, cap);
+}
+
+extern "C" void dumpMetadataForSig(methodPropProperties* mPP)
+{
+    if (!mPP || !data_thread_running()) return;
     char buf[vx::kMethodKeySize];
-    vx::dump_record(buf, sizeof buf, "5,%s(%s)%s,%d\n", mPP->methodName, args,
-                    mPP->methodRetType ? mPP->methodRetType : "", mPP->methodId);
+    const size_t len = vx::method_signature_record(mPP, buf, sizeof buf);
+    if (len) dumpData(buf, static_cast<int>(len));
 }
 
 extern "C" void dumpMethodTableMetaData(void)

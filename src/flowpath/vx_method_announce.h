@@ -10,6 +10,8 @@
 #ifndef VX_METHOD_ANNOUNCE_H
 #define VX_METHOD_ANNOUNCE_H
 
+#include <cstddef>
+
 struct methodPropProperties;
 
 extern "C" {
@@ -28,6 +30,9 @@ void announce_method_id(methodPropProperties* m);
 /* Record 5 for a method the collector has not seen: with its signature when
  * it has a return type, else by id (and the entry counts as used). */
 void announce_new_method(methodPropProperties* m);
+/* Record 5 with the signature, "5,<name>(<args;>)<ret>,<id>\n", into `buf`
+ * of `cap` bytes, cut with its line feed kept; the length. */
+size_t method_signature_record(const methodPropProperties* m, char* buf, size_t cap);
 /* Whether new methods are announced as a profile adds them: always at run
  * time, else unless the session asked for no metadata. */
 bool method_metadata_wanted();

@@ -137,3 +137,15 @@ extern "C" void releaseenableResourceLock(void)
     VXProxyInstance_t* app = vx_app();
     if (app && app->resources.vxenableResourceLock) apr_thread_mutex_unlock(app->resources.vxenableResourceLock);
 }
+
+void vx::resource_for_each(const std::function<bool(long long id, const char* name)>& fn)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !app->resources.resourceHashMap) return;
+    VXResources_t& r = app->resources;
+    vx::VXLockGuard guard(r.vxenableResourceLock);
+    for (apr_hash_index_t* hi = apr_hash_first(nullptr, r.resourceHashMap); hi; hi = apr_hash_next(hi)) {
+        const auto* e = static_cast<const ResourceEntry*>(apr_hash_this_val(hi));
+        if (!fn(e->id, e->name)) return;
+    }
+}

@@ -15,6 +15,8 @@
 #include <apr_hash.h>
 #include <apr_thread_mutex.h>
 
+#include <functional>
+
 inline constexpr int kResourceNameSize = 1024;
 inline constexpr int kResourceMax = 10000; /* distinct resources kept */
 inline constexpr int kDefaultMaxURLChar = 50;
@@ -51,5 +53,12 @@ void dumpResourceMetaRecord(long long id, char* resourceName);
 void getenableResourceLock(void);
 void releaseenableResourceLock(void);
 }
+
+namespace vx {
+/* Calls `fn` with each resource's id and name under the resource lock
+ * (callouts naming a new resource wait meanwhile; `fn` must not call into
+ * this unit); stops when `fn` returns false. */
+void resource_for_each(const std::function<bool(long long id, const char* name)>& fn);
+}  // namespace vx
 
 #endif

@@ -218,13 +218,16 @@ extern "C" int check_data_thread(void)
         return 1;
     }
     char err[256] = "";
+    /* Raised before the thread runs: its first connection replays metadata,
+     * which goes to the data connection only while this flag is up. */
+    vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 1);
     if (vx::start_detached(&app->dataChannel.data_thread_id, start_data_thread, app,
                            app->dataChannel.data_pool, app->VXBCISetting.data_thread_running, err,
                            sizeof err) != 0) {
+        vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 0);
         VX_ERROR("DATA_THREAD", "Error while creating data thread. Error = %s", err);
         return 1;
     }
-    vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 1);
     return 0;
 }
 

@@ -28,6 +28,7 @@
 #include "link/vx_socket.h"
 #include "session/vx_file_keywords.h"
 #include "session/vx_keywords.h"
+#include "session/vx_metadata_replay.h"
 #include "session/vx_session_data.h"
 
 namespace {
@@ -141,13 +142,13 @@ void handle_modify(VXProxyInstance_t* app, char* clientMsg)
     app->isRunTime = 0;
 }
 
-void handle_meta_data(VXProxyInstance_t* app)
+void handle_meta_data(VXProxyInstance_t* app, char* clientMsg)
 {
     if (!vx::load_relaxed(app->Server.testRunRunning)) {
         controlConnectionSendText("vx_meta_data_rep:action=send_meta_data;result=Error :<No test running.>\n");
         return;
     }
-    /* STAND-IN(metadata-replay): the caches are replayed here. */
+    processClientMessage(clientMsg);
     controlConnectionSendText("vx_meta_data_rep:status=complete;\n");
 }
 
@@ -165,7 +166,7 @@ extern "C" void handleReceivedClientMessageFromVXCollector(char* clientMsg)
     } else if (vx::starts_with(clientMsg, kCollectorHeartBeat)) {
         handleCollectorHeartBeat(clientMsg);
     } else if (vx::starts_with(clientMsg, kMetaData)) {
-        handle_meta_data(app);
+        handle_meta_data(app, clientMsg);
     } else if (vx::starts_with(clientMsg, kStop)) {
         handle_stop(app, clientMsg);
     } else if (vx::starts_with(clientMsg, kModify)) {

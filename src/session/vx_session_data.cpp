@@ -8,7 +8,6 @@
 #include "core/vx_record_door.h"
 #include "diag/vx_autosensor_thread.h"
 #include "diag/vx_sql_processor.h"
-#include "flowpath/vx_method_announce.h"
 #include "flowpath/vx_method_table.h"
 #include "flowpath/vx_per_thread_data.h"
 #include "link/vx_as_link.h"
@@ -18,6 +17,7 @@
 #include "monitor/vx_bt_monitor.h"
 #include "monitor/vx_monitor_model.h"
 #include "session/vx_control_dispatch.h"
+#include "session/vx_metadata_replay.h"
 
 extern "C" void free_agent_data(void)
 {
@@ -42,15 +42,14 @@ extern "C" void free_agent_data(void)
 
 namespace {
 
-/* A new data connection: the collector learns the method table again when
- * the session asked not to resend metadata with each record. */
+/* A new data connection: a new test run (doNotDumpMetaData, set when its
+ * testIdx differs from the last one) wrote no metadata as its tables
+ * filled, so the collector gets all of it now. The same testIdx again: the
+ * records went out as the ids were made, nothing is replayed. */
 void replay_metadata()
 {
     VXProxyInstance_t* app = vx_app();
-    /* STAND-IN(metadata-replay): BTs, backends, queries and tags follow the
-     * method table here once their caches exist; header ids (record 6) come
-     * from dumpHttpHeaderMetaData. */
-    if (app && app->Server.doNotDumpMetaData == 1) dumpMethodTableMetaData();
+    if (app && app->Server.doNotDumpMetaData == 1) dumpALLMetaDataOnTestStart();
 }
 
 }  // namespace

@@ -546,6 +546,7 @@ namespace {
  * (id, name) sent before. */
 struct BtTraffic {
     std::vector<std::pair<int, std::string>> announced;         /* records 7, in order */
+    std::set<std::pair<int, std::string>> replayed; /* records 7 of a replay ("11,<t>,All") */
     std::map<std::string, std::set<int>> ids_of_path;           /* record 2: path -> ids */
     std::map<std::string, std::set<std::string>> names_of_path; /* the names then */
     std::set<std::string> categories;                           /* records 4 that ended */
@@ -563,14 +564,27 @@ BtTraffic read_bt_traffic(const std::vector<std::string>& lines,
             problems.push_back("business transaction undeclared: " + line);
         return f.size() > id_at + 1;
     };
+    /* A replay: the metadata records behind a record 11 "All". */
+    constexpr int kMetadata[] = {5, 6, 22, 26, 32, 33, 34, 35, 36};
+    bool replay = false;
     for (const std::string& l : lines) {
-        if (is_record(l, 7)) {
+        if (is_record(l, 11)) {
+            replay = l.size() > 4 && l.compare(l.size() - 4, 4, ",All") == 0;
+        } else if (is_record(l, 7)) {
             const auto f = fields(l, 3);
             const std::pair<int, std::string> bt(atoi(f[1].c_str()), f.back());
-            if (!seen.insert(bt).second) problems.push_back("announced twice: " + l);
-            t.announced.push_back(bt);
+            if (replay) {
+                t.replayed.insert(bt);
+            } else {
+                if (!seen.insert(bt).second) problems.push_back("announced twice: " + l);
+                t.announced.push_back(bt);
+            }
             declared[bt.first] = bt.second;
-        } else if (is_record(l, 2)) {
+        } else if (std::none_of(std::begin(kMetadata), std::end(kMetadata),
+                                [&l](int n) { return is_record(l, n); })) {
+            replay = false;
+        }
+        if (is_record(l, 2)) {
             const auto f = fields(l, 17);
             if (check(f, 5, l)) {
                 const std::string path = f[6].substr(0, f[6].find('?'));
@@ -628,10 +642,12 @@ TEST(Session, PatternRulesOfTheStartNameTransactionsByTheIdsOfTheServedFile)
 
     vxc.expect_counts(
         "start_answers=1 stop_answers=1 failed_file_replies=0 malformed=0 undeclared_bt=0 "
-        "bt_declarations=0 bt.1=Others bt.5=ItemPage bt.6=Cart");
-    const BtTraffic t =
-        read_bt_traffic(session_data(vxc, 71), {{1, "Others"}, {5, "ItemPage"}, {6, "Cart"}});
+        "bt.1=Others bt.5=ItemPage bt.6=Cart");
+    const std::map<int, std::string> served = {{1, "Others"}, {5, "ItemPage"}, {6, "Cart"}};
+    const BtTraffic t = read_bt_traffic(session_data(vxc, 71), served);
     EXPECT_TRUE(t.announced.empty()) << "the collector knows the rules' names from the file";
+    EXPECT_EQ(t.replayed, (std::set<std::pair<int, std::string>>(served.begin(), served.end())))
+        << "the data connection's replay declares the file's own ids and names";
     using Ids = std::set<int>;
     const std::map<std::string, Ids> want = {
         {"/shop/item/42", {5}},   {"/shop/item/7", {5}}, {"/shop/cart", {6}},
@@ -701,6 +717,10 @@ TEST(Session, ARuleFileModifiedUnderLoadAnnouncesItsNewIdsBeforeTheirUse)
         for (const auto& bt : t.announced)
             if (bt.second[0] != '/') by_rules.insert(bt);
         EXPECT_EQ(by_rules, c.by_modify) << "what the modify made new or moved, once";
+        for (const auto& [id, name] : t.replayed)
+            if (!c.served.empty()) {
+                EXPECT_EQ(c.served.count(id) ? c.served.at(id) : "", name) << "replayed as served";
+            }
         /* The session kept serving across the modify: both rule sets named
          * transactions. */
         EXPECT_EQ(t.names_of_path, c.names);

@@ -81,12 +81,13 @@ int RunStore::open(const std::string& dir, std::string* error)
     dir_ = dir;
     log_ = fopen((dir_ + "/vxc-lite.log").c_str(), "a");
     malformed_ = fopen((dir_ + "/malformed.txt").c_str(), "w");
+    undeclared_ = fopen((dir_ + "/undeclared.txt").c_str(), "w");
     bool tables_open = true;
     for (size_t i = 0; i < kTables; ++i) {
         tables_[i] = fopen((dir_ + "/" + kTableFiles[i].name).c_str(), "w");
         tables_open = tables_open && tables_[i];
     }
-    if (!log_ || !malformed_ || !tables_open) {
+    if (!log_ || !malformed_ || !undeclared_ || !tables_open) {
         if (error) *error = "cannot open files in " + dir + ": " + strerror(errno);
         close();
         return -1;
@@ -100,12 +101,14 @@ void RunStore::close()
 {
     if (log_) fclose(log_);
     if (malformed_) fclose(malformed_);
+    if (undeclared_) fclose(undeclared_);
     for (FILE*& f : tables_) {
         if (f) fclose(f);
         f = nullptr;
     }
     log_ = nullptr;
     malformed_ = nullptr;
+    undeclared_ = nullptr;
 }
 
 FILE* RunStore::open_connection_file(unsigned id, const char* kind)
@@ -147,6 +150,15 @@ void RunStore::malformed(unsigned conn, std::string_view reason, std::string_vie
     fprintf(malformed_, "%u %.*s | %.*s\n", conn, static_cast<int>(reason.size()), reason.data(),
             static_cast<int>(shown), line.data());
     fflush(malformed_);
+}
+
+void RunStore::undeclared(unsigned conn, std::string_view reason, std::string_view line)
+{
+    if (!undeclared_) return;
+    const size_t shown = line.size() < 200 ? line.size() : 200;
+    fprintf(undeclared_, "%u %.*s | %.*s\n", conn, static_cast<int>(reason.size()), reason.data(),
+            static_cast<int>(shown), line.data());
+    fflush(undeclared_);
 }
 
 void RunStore::row(Table t, std::string_view row)
@@ -200,6 +212,11 @@ int RunStore::write_summary()
             c.chained_unresolved);
     fprintf(f, "query_ids_reused=%llu\nquery_texts_reused=%llu\n", c.query_ids_reused,
             c.query_texts_reused);
+    fprintf(f,
+            "undeclared_methods=%llu\nundeclared_headers=%llu\nundeclared_queries=%llu\n"
+            "undeclared_resources=%llu\nundeclared_exception_texts=%llu\n",
+            c.undeclared_methods, c.undeclared_headers, c.undeclared_queries,
+            c.undeclared_resources, c.undeclared_exception_texts);
     fprintf(f,
             "as_connections=%llu\nas_bad_opening=%llu\nas_records_74=%llu\n"
             "as_overall_lines=%llu\nas_records_53=%llu\nas_records_52=%llu\nas_gc_reports=%llu\n"

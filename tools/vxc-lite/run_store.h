@@ -25,6 +25,9 @@
  *   links.tsv              one row per chained record 2 (ditto), written
  *                          when the run ends
  *   malformed.txt          "<conn> <reason> | <line, cut to 200 bytes>"
+ *   undeclared.txt         the same, one line for each use of an id the
+ *                          connection did not declare before (see
+ *                          id_ledger.h), the first 1,000 of a connection
  *   summary.txt            key=value counts, one line a declared business
  *                          transaction ("bt.<id>=<name>"), then one line a
  *                          connection ("conn.<n>=..."); rewritten at most once a second
@@ -111,6 +114,14 @@ struct Counts {
      * (both also in malformed). */
     unsigned long long query_ids_reused = 0;
     unsigned long long query_texts_reused = 0;
+    /* Uses of ids that no metadata record of the same data connection
+     * declared before them (see id_ledger.h), by table; business
+     * transactions are undeclared_bt above. */
+    unsigned long long undeclared_methods = 0;
+    unsigned long long undeclared_headers = 0;
+    unsigned long long undeclared_queries = 0;
+    unsigned long long undeclared_resources = 0;
+    unsigned long long undeclared_exception_texts = 0;
     /* Auto-sensor connections: openings refused, records by kind (overall
      * lines are records 74 too), lines refused (also in malformed), and
      * what the stress options did. */
@@ -157,6 +168,8 @@ public:
 
     void log(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
     void malformed(unsigned conn, std::string_view reason, std::string_view line);
+    /* One line of undeclared.txt, not logged; the caller bounds how many. */
+    void undeclared(unsigned conn, std::string_view reason, std::string_view line);
     /* The files written row by row as records arrive. */
     enum class Table {
         BtMonitor,
@@ -187,6 +200,7 @@ private:
     std::string dir_;
     FILE* log_ = nullptr;
     FILE* malformed_ = nullptr;
+    FILE* undeclared_ = nullptr;
     FILE* tables_[kTables] = {};
 };
 

@@ -21,6 +21,7 @@
 #include "digest_decode.h"
 #include "exceptions.h"
 #include "http_headers.h"
+#include "id_ledger.h"
 #include "queries.h"
 #include "record_parser.h"
 #include "session.h"
@@ -42,6 +43,9 @@ constexpr apr_interval_time_t kSummaryEvery = 1000 * 1000; /* 1 s */
 /* Method names and record 91 callers kept per data connection; an agent
  * has a few thousand methods at most. */
 constexpr size_t kMaxNamesPerConn = 1u << 16;
+/* Lines of undeclared.txt per data connection: an agent that never declares
+ * a table would write one for nearly every record. */
+constexpr unsigned long long kMaxUndeclaredLines = 1000;
 
 enum class Kind { Unknown, Control, Data, AutoSensor };
 
@@ -112,6 +116,8 @@ struct Conn {
     ExceptionTexts exception_texts;              /* records 32 to 36 */
     QueryTable queries;                          /* records 22 */
     std::set<std::string> callers_91;
+    IdLedger ids; /* what the connection declared, for the ids its records use */
+    unsigned long long undeclared_lines = 0;
     apr_time_t last_read = 0;
     char peer[64] = "";
     ConnectionSeen* seen = nullptr; /* null when the summary's list is full */
@@ -649,29 +655,87 @@ void first_line(Server* s, Conn* c, std::string_view line)
     }
 }
 
-/* A record 7 declares its id; a record 2 or 4 must name a declared one.
- * Either way the record stays counted as a record. */
-void check_business_transaction(Server* s, Conn* c, const Record& r, std::string_view line)
+/* A record 7 names its transaction in the summary; whether records 2 and 4
+ * name a declared one is check_declared_ids's. */
+void note_business_transaction(Server* s, Conn* c, const Record& r)
 {
+    if (r.number != 7) return;
     Counts& counts = s->store.counts;
-    if (r.number == 7) {
-        ++counts.bt_declarations;
-        long long id = 0;
-        std::string name;
-        for (size_t i = 1; i < r.fields.size(); ++i) name += (i > 1 ? "," : "") + r.fields[i];
-        if (!parse_bt_id(r.fields[0], &id) || !counts.bts.declare(id, std::move(name)))
-            s->store.log("conn %u: record 7 for id %s not kept", c->id,
-                         printable(r.fields[0]).c_str());
+    ++counts.bt_declarations;
+    long long id = 0;
+    std::string name;
+    for (size_t i = 1; i < r.fields.size(); ++i) name += (i > 1 ? "," : "") + r.fields[i];
+    if (!parse_bt_id(r.fields[0], &id) || !counts.bts.declare(id, std::move(name)))
+        s->store.log("conn %u: record 7 for id %s not kept", c->id, printable(r.fields[0]).c_str());
+}
+
+/* The counter of uses of undeclared ids of a table, and what the table
+ * holds, for the line that reports one. */
+unsigned long long* undeclared_count(Counts& k, int table, const char** what)
+{
+    switch (table) {
+        case 5:
+            return *what = "method id", &k.undeclared_methods;
+        case 6:
+            return *what = "header id", &k.undeclared_headers;
+        case 7:
+            return *what = "business transaction id", &k.undeclared_bt;
+        case 22:
+            return *what = "query id", &k.undeclared_queries;
+        case 26:
+            return *what = "resource id", &k.undeclared_resources;
+        default:
+            return *what = "exception text id", &k.undeclared_exception_texts;
+    }
+}
+
+/* Whether the id a record uses was declared before it: on the same
+ * connection, except a business transaction's, which the run's registry
+ * knows from a record 7 of any connection or the served rules (an agent
+ * that reconnects does not declare its transactions again). */
+bool id_known(const Server* s, const Conn* c, const IdRef& use)
+{
+    return use.table == 7 ? s->store.counts.bts.declared_id(use.id) : c->ids.declared(use);
+}
+
+/* Enters the id a metadata record declares, then counts each id the record
+ * uses that was not declared before it. The record stays counted as a
+ * record. A business transaction is reported as malformed (as it always
+ * was), the rest in undeclared.txt. */
+void check_declared_ids(Server* s, Conn* c, const Record& r, std::string_view line)
+{
+    if (c->ids.full()) return;
+    IdRef declared;
+    if (id_declaration(r, &declared) && declared.table != 7 && !c->ids.declare(declared)) {
+        /* Ids declared from now on are not kept: their uses would count
+         * falsely, so none is counted any more. */
+        s->store.log("conn %u: %zu ids declared, later uses of ids are not checked", c->id,
+                     IdLedger::kMaxIds);
         return;
     }
-    const std::string* id = record_bt_id(r);
-    if (!id || counts.bts.declared(*id)) return;
-    ++counts.undeclared_bt;
-    if (c->seen) ++c->seen->malformed;
-    s->store.malformed(c->id,
-                       "record " + std::to_string(r.number) + ": business transaction id " +
-                           printable(*id) + " not declared by a record 7 or the served rules",
-                       line);
+    Counts& counts = s->store.counts;
+    for (const IdRef& use : id_uses(r)) {
+        if (id_known(s, c, use)) continue;
+        const char* what = "";
+        ++*undeclared_count(counts, use.table, &what);
+        s->summary_dirty = true;
+        const std::string reason =
+            "record " + std::to_string(r.number) + ": " + what + " " + std::to_string(use.id) +
+            " not declared by a record " + std::to_string(use.table) +
+            (use.table == 7 ? " or the served rules" : " of this connection");
+        if (use.table == 7) {
+            if (c->seen) ++c->seen->malformed;
+            s->store.malformed(c->id, reason, line);
+            continue;
+        }
+        if (c->undeclared_lines++ < kMaxUndeclaredLines) {
+            s->store.undeclared(c->id, reason, line);
+            if (c->undeclared_lines == kMaxUndeclaredLines)
+                s->store.log(
+                    "conn %u: %llu uses of undeclared ids written, later ones only counted", c->id,
+                    kMaxUndeclaredLines);
+        }
+    }
 }
 
 /* A record 22 is a row of queries.tsv. Its id and text must not clash with
@@ -835,7 +899,8 @@ void on_line(Server* s, Conn* c, std::string_view line)
             ++counts.records;
             ++counts.per_record[r.number];
             if (c->seen) ++c->seen->records;
-            check_business_transaction(s, c, r, line);
+            note_business_transaction(s, c, r);
+            check_declared_ids(s, c, r, line);
             check_query(s, c, r, line);
             follow_topology(s, c, r);
             if (s->opts.verbose) s->store.log("conn %u: record %d", c->id, r.number);

@@ -54,6 +54,26 @@ long long token_query_id(char letter, long long kind, std::string_view rest)
     return (call || left_by_exception) && printf_int(p[0], LLONG_MIN, LLONG_MAX, &id) ? id : 0;
 }
 
+/* The resource id an HTTP call's token carries last, behind its start and,
+ * for an "E" token, its status; 0 when it carries none (the agent adds it
+ * only while resources are named). Kind 1 with "-" (or 0 in the token of a
+ * call left by an exception) before the start is the HTTP form. */
+long long token_resource_id(char letter, long long kind, std::string_view rest)
+{
+    std::vector<std::string_view> p;
+    for (size_t from = 0;;) {
+        const size_t colon = rest.find(':', from);
+        p.push_back(rest.substr(from, colon - from));
+        if (colon == std::string_view::npos) break;
+        from = colon + 1;
+    }
+    const size_t at = letter == 'E' ? 3 : 2;
+    long long id = 0;
+    const bool http =
+        kind == 1 && p.size() == at + 1 && (p[0] == "-" || p[0] == "0") && whole(p[1]);
+    return http && printf_int(p[at], LLONG_MIN, LLONG_MAX, &id) ? id : 0;
+}
+
 }  // namespace
 
 std::string topology_row(unsigned conn, const Record& r91)
@@ -207,6 +227,7 @@ std::vector<CalloutToken> callout_tokens(std::string_view blob)
         const size_t end = ok ? blob.find('_', at) : std::string_view::npos;
         if (end == std::string_view::npos) continue;
         t.query_id = token_query_id(t.kind, kind, blob.substr(at, end - at));
+        t.resource_id = token_resource_id(t.kind, kind, blob.substr(at, end - at));
         out.push_back(t);
         i = end;
     }

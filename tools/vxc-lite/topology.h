@@ -134,6 +134,9 @@ struct CalloutToken {
     long long backend_id = 0;
     long long duration = 0;
     long long query_id = 0; /* 0 for a call that is not a database call */
+    /* An HTTP call's resource (a record 26's id) when resources are named:
+     * "<start>[:<status>]:<resource id>" ends its form. 0 for none. */
+    long long resource_id = 0;
 };
 
 /* The callout tokens of a blob, in order. A token begins the blob or

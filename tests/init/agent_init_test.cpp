@@ -18,7 +18,7 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 
 bool exists(const std::string& path)
 {

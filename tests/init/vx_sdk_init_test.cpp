@@ -25,7 +25,7 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 
 int g_sleeps = 0;
 int g_slept = -1;

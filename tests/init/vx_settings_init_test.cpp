@@ -22,7 +22,7 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 
 struct StartCase {
     const char* name;

@@ -21,6 +21,9 @@ struct VXProxyInstance_t;
 
 namespace vx_test {
 
+/* The session's time origin (klvEpochDiff, ms) SessionScope starts with. */
+constexpr long long kEpoch = 1388534400000LL;
+
 /* A fresh, empty directory under /tmp; removed by the caller if wanted. */
 std::string make_temp_dir(const char* prefix);
 
@@ -157,7 +160,7 @@ std::vector<double> tdigest_means(const std::string& body);
  * open) on destruction; restores the VXSys values tests commonly change. */
 class SessionScope {
 public:
-    explicit SessionScope(int testIdx = 7, long long klvEpochDiffTime = 1388534400000LL);
+    explicit SessionScope(int testIdx = 7, long long klvEpochDiffTime = kEpoch);
     ~SessionScope();
 };
 

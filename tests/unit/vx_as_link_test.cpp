@@ -24,7 +24,7 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 
 /* A collector's listening socket on 127.0.0.1, and the agent pointed at it. */
 class ASLink : public testing::Test {

@@ -26,10 +26,9 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 using Lines = std::vector<std::string>;
 
-constexpr long long kEpoch = 1388534400000LL;
 constexpr long long kStart = kEpoch + 7000000;
 
 /* The values of a record 75 line, behind its head. */

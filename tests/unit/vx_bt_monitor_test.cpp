@@ -23,13 +23,9 @@
 
 namespace {
 
-using vx_test::FrozenClock;
-using vx_test::RecordSink;
-using vx_test::S;
-using vx_test::SessionScope;
+using namespace vx_test;
 using Lines = std::vector<std::string>;
 
-constexpr long long kEpoch = 1388534400000LL;
 constexpr long long kStart = kEpoch + 5000000;
 
 /* The overall line of an interval without transactions. */

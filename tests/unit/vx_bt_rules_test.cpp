@@ -22,9 +22,7 @@
 
 namespace {
 
-using vx_test::RecordSink;
-using vx_test::S;
-using vx_test::SessionScope;
+using namespace vx_test;
 
 /* A fresh model with no rule files in the home directory: the default
  * global rule is in force. */

@@ -27,12 +27,8 @@
 
 namespace {
 
-using vx_test::FrozenClock;
-using vx_test::RecordSink;
-using vx_test::S;
-using vx_test::SessionScope;
+using namespace vx_test;
 
-constexpr long long kEpoch = 1388534400000LL;
 constexpr long long kStart = kEpoch + 9000000;
 
 std::string name_of(const char* description, const char* rule)

@@ -19,7 +19,7 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 
 class PoolTest : public testing::Test {
 protected:

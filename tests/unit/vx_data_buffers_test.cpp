@@ -19,7 +19,7 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 
 std::string record(char fill, int len)
 {

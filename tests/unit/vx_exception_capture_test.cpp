@@ -24,12 +24,8 @@
 
 namespace {
 
-using vx_test::FrozenClock;
-using vx_test::RecordSink;
-using vx_test::S;
-using vx_test::SessionScope;
+using namespace vx_test;
 
-constexpr long long kEpoch = 1388534400000LL;
 constexpr long long kNow = kEpoch + 7250400; /* 7250.4 s into the session */
 
 class Exceptions : public testing::Test {

@@ -18,17 +18,11 @@
 
 namespace {
 
-using vx_test::field;
-using vx_test::FrozenClock;
-using vx_test::RecordSink;
-using vx_test::SessionScope;
+using namespace vx_test;
 
 using Lines = std::vector<std::string>;
 
-constexpr long long kEpoch = 1388534400000LL;  /* the session's time origin */
 constexpr long long kStart = kEpoch + 5000123; /* 5000.123 s into the session */
-
-using vx_test::S;
 
 VXPerThreadData_t* start(const char* fpi, const char* url, const char* kp = "77-1-2-55")
 {

@@ -21,9 +21,7 @@
 
 namespace {
 
-using vx_test::RecordSink;
-using vx_test::S;
-using vx_test::SessionScope;
+using namespace vx_test;
 
 const char kSep[] = "\x7f";
 

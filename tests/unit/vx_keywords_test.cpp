@@ -25,7 +25,7 @@
 namespace {
 
 using I = VXProxyInstance_t;
-using vx_test::S;
+using namespace vx_test;
 std::string modify(const std::string& fields)
 {
     return "vx_control_req:action=modify;" + fields;

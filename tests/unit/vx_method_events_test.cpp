@@ -21,14 +21,9 @@
 
 namespace {
 
-using vx_test::FrozenClock;
-using vx_test::RecordSink;
-using vx_test::SessionScope;
+using namespace vx_test;
 
-constexpr long long kEpoch = 1388534400000LL;
 constexpr long long kStart = kEpoch + 7000000;
-
-using vx_test::S;
 
 constexpr const char kProfile[] =
     "# methods of the test application\n"

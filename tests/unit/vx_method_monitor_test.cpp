@@ -20,10 +20,8 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 using Lines = std::vector<std::string>;
-
-constexpr long long kEpoch = 1388534400000LL;
 
 class MethodMonitor : public testing::Test {
 protected:

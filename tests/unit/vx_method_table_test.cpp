@@ -24,9 +24,7 @@
 
 namespace {
 
-using vx_test::RecordSink;
-using vx_test::S;
-using vx_test::SessionScope;
+using namespace vx_test;
 
 /* Each test sees the metadata switch on and leaves ids and isRunTime as a new
  * control connection would find them. */

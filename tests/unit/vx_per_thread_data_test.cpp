@@ -15,11 +15,7 @@
 
 namespace {
 
-using vx_test::FrozenClock;
-using vx_test::RecordSink;
-using vx_test::SessionScope;
-
-constexpr long long kEpoch = 1388534400000LL;
+using namespace vx_test;
 
 VXTLSPool_t& pool() { return vx_test::agent()->tlsPool; }
 

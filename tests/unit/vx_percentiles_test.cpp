@@ -23,12 +23,9 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 
-constexpr long long kEpoch = 1388534400000LL;
 constexpr long long kStart = kEpoch + 7000000;
-
-using vx_test::DigestRecord;
 
 const auto records = vx_test::digest_records;
 const auto means = vx_test::tdigest_means;

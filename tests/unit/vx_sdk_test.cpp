@@ -26,14 +26,7 @@
 
 namespace {
 
-using vx_test::field;
-using vx_test::FrozenClock;
-using vx_test::RecordSink;
-using vx_test::SessionScope;
-
-constexpr long long kEpoch = 1388534400000LL;
-
-using vx_test::S;
+using namespace vx_test;
 
 VXPerThreadData_t* record(vxBTHandle h)
 {

@@ -19,9 +19,7 @@
 
 namespace {
 
-using vx_test::RecordSink;
-using vx_test::S;
-using vx_test::SessionScope;
+using namespace vx_test;
 
 std::string escaped(const std::string& in, int len = 16384)
 {

@@ -30,7 +30,7 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 using Clock = std::chrono::steady_clock;
 
 long long ms_since(Clock::time_point t0)

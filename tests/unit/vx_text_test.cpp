@@ -12,7 +12,7 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 
 std::vector<std::string> fields_of(char** fields, int n)
 {

@@ -17,7 +17,7 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 
 class ThreadReports : public testing::Test {
 protected:

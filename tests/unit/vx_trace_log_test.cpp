@@ -24,7 +24,7 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 
 const std::string kHeaderAndBuild =
     "#TimeStamp|TestRun|Thread Name|Thread ID|Module Name|Src file name|Line number|Function|"

@@ -22,7 +22,7 @@
 
 namespace {
 
-using vx_test::S;
+using namespace vx_test;
 
 constexpr int kBT = 5;
 
@@ -195,10 +195,6 @@ TEST_F(TransactionTags, DeclaredKeysAreFoundInTheirList)
     EXPECT_NE(vx_test::trace_log_text().find("Tag p exists in the patten list for btid 5."),
               std::string::npos);
 }
-
-}  // namespace
-
-namespace {
 
 TEST_F(TransactionTags, StartFPResolvesQueryTagsOfItsBT)
 {

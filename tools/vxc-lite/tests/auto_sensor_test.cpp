@@ -48,6 +48,17 @@ vxc::AsOpening opening()
     return o;
 }
 
+/* Each line is refused under the opening `o`, with a reason. */
+template <size_t N>
+void expect_refused(const std::string (&bad)[N], const vxc::AsOpening& o)
+{
+    for (const std::string& line : bad) {
+        std::string error;
+        EXPECT_EQ(vxc::parse_as_record(line, &o, nullptr, &error), -1) << "accepted: " << line;
+        EXPECT_FALSE(error.empty()) << line;
+    }
+}
+
 TEST(AutoSensorOpening, FieldsInTheirOrderWithTheCommaBeforeTestIdx)
 {
     const vxc::AsOpening o = opening();
@@ -149,11 +160,7 @@ TEST(AutoSensorRecords, LinesThatMissTheirFormatAreRefused)
         with(k52, "at a.b", "at\ra.b"),
         "7,1|2|0:front>web1|gc",
     };
-    for (const std::string& line : bad) {
-        std::string error;
-        EXPECT_EQ(vxc::parse_as_record(line, &o, nullptr, &error), -1) << "accepted: " << line;
-        EXPECT_FALSE(error.empty()) << line;
-    }
+    expect_refused(bad, o);
 }
 
 /* 4 calls of 10, 20, 30 and 40 ms in 10 s, one failed, of backend 3, whose
@@ -194,10 +201,7 @@ TEST(AutoSensorRecords, BackendMonitorLinesAreCheckedValueByValue)
         with(k75, "front>", "back>"),
         with(k75, "HTTP_pay|8080|", "|"),
     };
-    for (const std::string& line : bad) {
-        EXPECT_EQ(vxc::parse_as_record(line, &o, nullptr, &error), -1) << "accepted: " << line;
-        EXPECT_FALSE(error.empty()) << line;
-    }
+    expect_refused(bad, o);
 }
 
 /* Method 3, alias "pay|fast", 3 calls of 10, 20 and 30 ms in 10 s, 5 in the
@@ -242,10 +246,7 @@ TEST(AutoSensorRecords, MethodAndExceptionMonitorLinesAreCheckedValueByValue)
         with(k63All, "|0:", "|5:"),
         with(k63, "63,1|", "63,9|"),
     };
-    for (const std::string& line : bad) {
-        EXPECT_EQ(vxc::parse_as_record(line, &o, nullptr, &error), -1) << "accepted: " << line;
-        EXPECT_FALSE(error.empty()) << line;
-    }
+    expect_refused(bad, o);
 }
 
 const std::string k96 = "96,1|2|793|1:front>web1>shop>/shop/cart,1700000000000,52";
@@ -292,10 +293,7 @@ TEST(AutoSensorRecords, DigestHeadsAreReadFieldByFieldFromBothEnds)
         with(k121, "cart||", "cart|text|"), /* the text is empty */
         with(k121, "|5:", "|0:"),           /* series 0 is AllTransactions */
     };
-    for (const std::string& line : bad) {
-        EXPECT_EQ(vxc::parse_as_record(line, &o, nullptr, &error), -1) << "accepted: " << line;
-        EXPECT_FALSE(error.empty()) << line;
-    }
+    expect_refused(bad, o);
     /* A refused head still says how long its body is, if it can. */
     EXPECT_EQ(vxc::digest_body_length(with(k96, "96,1|", "96,9|")), 52);
     EXPECT_EQ(vxc::digest_body_length("121,x,0"), 0);

@@ -18,7 +18,7 @@
 
 namespace {
 
-using namespace vx_test;
+using vx_test::S;
 
 bool exists(const std::string& path)
 {

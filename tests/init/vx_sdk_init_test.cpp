@@ -25,7 +25,7 @@
 
 namespace {
 
-using namespace vx_test;
+using vx_test::S;
 
 int g_sleeps = 0;
 int g_slept = -1;

@@ -24,7 +24,7 @@
 
 namespace {
 
-using namespace vx_test;
+using vx_test::S;
 
 /* A collector's listening socket on 127.0.0.1, and the agent pointed at it. */
 class ASLink : public testing::Test {

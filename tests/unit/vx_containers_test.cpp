@@ -19,7 +19,7 @@
 
 namespace {
 
-using namespace vx_test;
+using vx_test::S;
 
 class PoolTest : public testing::Test {
 protected:

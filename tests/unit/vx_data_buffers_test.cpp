@@ -19,7 +19,7 @@
 
 namespace {
 
-using namespace vx_test;
+using vx_test::S;
 
 std::string record(char fill, int len)
 {

@@ -25,7 +25,7 @@
 namespace {
 
 using I = VXProxyInstance_t;
-using namespace vx_test;
+using vx_test::S;
 std::string modify(const std::string& fields)
 {
     return "vx_control_req:action=modify;" + fields;

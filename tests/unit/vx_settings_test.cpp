@@ -22,7 +22,7 @@
 
 namespace {
 
-using namespace vx_test;
+using vx_test::S;
 
 std::string str(const char* p)
 {

@@ -30,7 +30,7 @@
 
 namespace {
 
-using namespace vx_test;
+using vx_test::S;
 using Clock = std::chrono::steady_clock;
 
 long long ms_since(Clock::time_point t0)

@@ -12,7 +12,7 @@
 
 namespace {
 
-using namespace vx_test;
+using vx_test::S;
 
 std::vector<std::string> fields_of(char** fields, int n)
 {

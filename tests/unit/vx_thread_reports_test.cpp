@@ -17,7 +17,7 @@
 
 namespace {
 
-using namespace vx_test;
+using vx_test::S;
 
 class ThreadReports : public testing::Test {
 protected:

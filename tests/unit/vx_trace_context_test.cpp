@@ -22,7 +22,7 @@
 
 namespace {
 
-using namespace vx_test;
+using vx_test::Restore;
 
 constexpr long long kFpi = 0x4000000000000123LL;
 const std::string kT = "4bf92f3577b34da6a3ce929d0e0e4736";

@@ -24,7 +24,7 @@
 
 namespace {
 
-using namespace vx_test;
+using vx_test::S;
 
 const std::string kHeaderAndBuild =
     "#TimeStamp|TestRun|Thread Name|Thread ID|Module Name|Src file name|Line number|Function|"

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -109,3 +110,11 @@ int mkdir_ex(const char* path)
 }
 
 }  // namespace vx
+
+int vx::env_ms(const char* name, int fallback, int lo, int hi)
+{
+    const char* text = getenv(name);
+    if (!text || !*text) return fallback;
+    const long long ms = atoll(text);
+    return static_cast<int>(ms < lo ? lo : (ms > hi ? hi : ms));
+}

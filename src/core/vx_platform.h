@@ -54,6 +54,11 @@ void thread_name(char* out, int len);
 /* mkdir -p; 0 on success or when the directory exists. */
 int mkdir_ex(const char* path);
 
+/* A wait in ms from the environment variable `name`, held to lo..hi;
+ * `fallback` when it is unset. Tests and the demo shorten the agent's
+ * pacing this way. */
+int env_ms(const char* name, int fallback, int lo, int hi);
+
 }  // namespace vx
 
 #endif

@@ -7,6 +7,7 @@
 
 #include "agent/vx_instance.h"
 #include "core/vx_atomic.h"
+#include "core/vx_platform.h"
 #include "core/vx_thread.h"
 #include "core/vx_trace_log.h"
 #include "diag/vx_thread_reports.h"
@@ -25,18 +26,10 @@ struct Pacing {
     int retryMs;
 };
 
-int env_ms(const char* name, int fallback, int lo, int hi)
-{
-    const char* text = getenv(name);
-    if (!text || !*text) return fallback;
-    const long long ms = atoll(text);
-    return static_cast<int>(ms < lo ? lo : (ms > hi ? hi : ms));
-}
-
 Pacing read_pacing()
 {
-    return {env_ms("VX_AS_TICK_MS", vx::kASTickMs, vx::kASTickMinMs, vx::kASTickMs),
-            env_ms("VX_AS_RETRY_MS", vx::kASRetryMs, vx::kASTickMinMs, vx::kASRetryMs)};
+    return {vx::env_ms("VX_AS_TICK_MS", vx::kASTickMs, vx::kASTickMinMs, vx::kASTickMs),
+            vx::env_ms("VX_AS_RETRY_MS", vx::kASRetryMs, vx::kASTickMinMs, vx::kASRetryMs)};
 }
 
 /* Reasons to end the thread: a stop asked for, the session over, the

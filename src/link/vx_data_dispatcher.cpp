@@ -25,6 +25,10 @@ struct Tap {
 };
 Tap g_tap;
 
+/* The opening of the connection this thread is writing, if any. */
+thread_local vx::DataOpening* tl_opening = nullptr;
+constexpr size_t kOpeningSliceBytes = 256 * 1024;
+
 constexpr int kFlushPasses = 100;
 /* The buffer the sender drains next. Producers move full buffers to the
  * read list under bufferMoveLock; taking it here also makes their bytes
@@ -86,6 +90,10 @@ extern "C" void dumpData(char* data, int len)
     }
     if (!data || len <= 0) {
         VX_TRACE(app->VXSys.fpTraceLevel, 4, "DATA_THREAD", "data is null or zero length");
+        return;
+    }
+    if (tl_opening && tl_opening->add(data, len)) {
+        if (g_tap.fn) g_tap.fn(data, len, g_tap.ctx);
         return;
     }
     door_write(app, data, len, false);
@@ -232,6 +240,42 @@ extern "C" void dumpVxDataOverRecord(void)
 }
 
 namespace vx {
+
+DataOpening::DataOpening()
+{
+    VXProxyInstance_t* app = vx_app();
+    if (app && app->lws_active != 1 && app->dataChannel.dataSkt.skt) tl_opening = this;
+}
+
+DataOpening::~DataOpening()
+{
+    if (tl_opening != this) return;
+    flush();
+    tl_opening = nullptr;
+}
+
+bool DataOpening::add(const char* data, int len) noexcept
+{
+    try {
+        text_.append(data, static_cast<size_t>(len));
+    } catch (...) {
+        return false;
+    }
+    if (text_.size() >= kOpeningSliceBytes) flush();
+    return true;
+}
+
+void DataOpening::flush() noexcept
+{
+    if (!text_.empty() && !broken_ &&
+        sendBufferDataCon(text_.data(), static_cast<int>(text_.size())) != 0) {
+        /* The connection broke: the data loop finds it and opens a new one,
+         * which gets its own opening. */
+        broken_ = true;
+        VX_ERROR("DATA_THREAD", "The opening of the data connection was cut after a send failed");
+    }
+    text_.clear();
+}
 
 void data_tap_set(DataTapFn fn, void* ctx)
 {

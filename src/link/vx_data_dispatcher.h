@@ -12,6 +12,8 @@
 #ifndef VX_DATA_DISPATCHER_H
 #define VX_DATA_DISPATCHER_H
 
+#include <string>
+
 #include "core/vx_record_door.h"
 
 extern "C" {
@@ -47,6 +49,28 @@ namespace vx {
  * goes into the buffers. For tests and the demo harness; null removes it. */
 using DataTapFn = void (*)(const char* data, int len, void* ctx);
 void data_tap_set(DataTapFn fn, void* ctx);
+
+/* The records that open a data connection. While one lives on the data
+ * thread, what that thread hands to dumpData goes straight onto the new
+ * connection, ahead of the records queued while there was none: the
+ * collector reads every declaration of the connection before any record
+ * that uses its id. Sent in slices, so a long replay needs little memory.
+ * WebSocket connections keep the buffers' order. */
+class DataOpening {
+public:
+    DataOpening();
+    ~DataOpening(); /* sends the rest */
+    DataOpening(const DataOpening&) = delete;
+    DataOpening& operator=(const DataOpening&) = delete;
+
+    /* False when the text could not be kept: the caller queues it. */
+    bool add(const char* data, int len) noexcept;
+
+private:
+    void flush() noexcept;
+    std::string text_;
+    bool broken_ = false; /* a send fell short: the connection is going */
+};
 
 }  // namespace vx
 

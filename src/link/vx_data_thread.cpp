@@ -9,6 +9,7 @@
 #include "agent/vx_request_lines.h"
 #include "agent/vx_settings.h"
 #include "core/vx_atomic.h"
+#include "core/vx_platform.h"
 #include "core/vx_record_door.h"
 #include "core/vx_text.h"
 #include "core/vx_thread.h"
@@ -33,6 +34,9 @@ void sleep_ms(long long ms) { apr_sleep(apr_time_from_msec(ms)); }
 void dump_opening_records(VXProxyInstance_t* app)
 {
     if (vx_agent_behind_proxy(app)) return; /* the proxy writes its own */
+    vx::DataOpening opening;
+    /* Lowered when the last connection closed: metadata may go to this one. */
+    vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 1);
     dumpNewConnectionRecord();
     vx::data_hooks_run(vx::DataHook::kConnected);
     if (app->VXSys.enableTagsSupport) {
@@ -236,6 +240,9 @@ extern "C" void* APR_THREAD_FUNC start_data_thread(apr_thread_t* thread, void* d
     auto* app = static_cast<VXProxyInstance_t*>(data);
     vx_set_thread_instance(app);
     tl_data_thread = thread;
+    /* VX_DATA_RETRY_MS shortens the wait for tests and the demo. */
+    const int retry_ms = vx::env_ms("VX_DATA_RETRY_MS", vx::kDataRetrySeconds * 1000, 50,
+                                    vx::kDataRetrySeconds * 1000);
     for (;;) {
         vx::store_relaxed(app->VXSys.dataConnState, 0);
         if (app->dataChannel.dataSkt.skt || app->dataChannel.dataSkt.lws_handler.wsi) close_data_connection();
@@ -272,7 +279,7 @@ extern "C" void* APR_THREAD_FUNC start_data_thread(apr_thread_t* thread, void* d
         }
         checkAndStopThread();
         VX_ERROR("DATA_THREAD", "Going to retry data connection after 60 sec.");
-        apr_sleep(apr_time_from_sec(vx::kDataRetrySeconds));
+        apr_sleep(apr_time_from_msec(retry_ms));
     }
     return nullptr;
 }

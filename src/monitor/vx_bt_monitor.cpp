@@ -560,6 +560,20 @@ void vx::bt_monitor_unbind_all()
         vx::store_release(m.aggBTDataArr[i].tlBTObj, static_cast<BTObject*>(nullptr));
 }
 
+void vx::tag_sequence_for_each(const std::function<bool(int id, const char* text)>& fn)
+{
+    VXBTTagManager& t = vx_app()->tagManager;
+    if (!t.tag_obj_map_lock) return;
+    vx::VXLockGuard guard(t.tag_obj_map_lock);
+    if (!t.tag_obj_map) return;
+    for (apr_hash_index_t* hi = apr_hash_first(nullptr, t.tag_obj_map); hi; hi = apr_hash_next(hi)) {
+        const void* key = nullptr;
+        void* val = nullptr;
+        apr_hash_this(hi, &key, nullptr, &val);
+        if (!fn(static_cast<VXBTTagObject*>(val)->tagId, static_cast<const char*>(key))) return;
+    }
+}
+
 void vx::bt_tag_seq_source_set(BTTagSeqSource source)
 {
     g_tag_source = source ? source : get_json_bt_per_thread;

@@ -44,6 +44,8 @@
 
 #include <apr_thread_mutex.h>
 
+#include <functional>
+
 struct VXPerThreadData_t;
 struct VXMonitorDataModel;
 struct BTObject;
@@ -227,6 +229,11 @@ int bt_monitor_tag_id(const VXPerThreadData_t* vxTD);
  * over, or null: get_json_bt_per_thread unless a test installs another. */
 using BTTagSeqSource = BTTagSeqArray* (*)(VXPerThreadData_t* vxTD, int btID);
 void bt_tag_seq_source_set(BTTagSeqSource source);
+
+/* Calls `fn` with each tag sequence's id and text under tag_obj_map_lock
+ * (a flowpath numbering a new sequence waits meanwhile; `fn` must not call
+ * into this unit); stops when `fn` returns false. */
+void tag_sequence_for_each(const std::function<bool(int id, const char* text)>& fn);
 
 }  // namespace vx
 

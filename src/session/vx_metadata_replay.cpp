@@ -23,6 +23,7 @@
 #include "flowpath/vx_resource_ids.h"
 #include "http/vx_header_ids.h"
 #include "link/vx_control_link.h"
+#include "monitor/vx_bt_monitor.h"
 
 namespace {
 
@@ -189,6 +190,18 @@ void collectAndSendOnlyCachedExceptionRecords(VXClientManager_t* mgr, int record
     });
 }
 
+/* Records 112. Tag sequences keep their ids for the instance's life, so a
+ * new collector, or a new session, knows the ids record 74 uses only from
+ * here. */
+void sendCachedTagSequences(VXClientManager_t* mgr)
+{
+    char buf[vx::kTagRecordSize];
+    vx::tag_sequence_for_each([&](int id, const char* text) {
+        emit(mgr, buf, format_record(buf, sizeof buf, "112,%d,%s\n", id, text));
+        return true;
+    });
+}
+
 int method_count(VXProxyInstance_t* app)
 {
     vx::VXLockGuard guard(app->methodTable.methodEntryLock);
@@ -309,6 +322,7 @@ extern "C" void handleAllMetaDataSending(VXClientManager_t* mgr)
     dump11Record(mgr, "All");
     for (int type : {5, 6, 7, 22, 26, 32, 33, 34, 35, 36})
         findRecordTypeAndSendCachedData(mgr, type, -1, 1);
+    sendCachedTagSequences(mgr);
 }
 
 extern "C" void sendSummaryReport(VXClientManager_t* mgr)

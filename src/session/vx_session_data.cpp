@@ -42,14 +42,13 @@ extern "C" void free_agent_data(void)
 
 namespace {
 
-/* A new data connection: a new test run (doNotDumpMetaData, set when its
- * testIdx differs from the last one) wrote no metadata as its tables
- * filled, so the collector gets all of it now. The same testIdx again: the
- * records went out as the ids were made, nothing is replayed. */
+/* Every data connection is told every id before a record uses one: a new
+ * test run (doNotDumpMetaData) wrote no metadata as its tables filled, and
+ * a collector reads a reconnected or late connection without the records
+ * the last one carried. */
 void replay_metadata()
 {
-    VXProxyInstance_t* app = vx_app();
-    if (app && app->Server.doNotDumpMetaData == 1) dumpALLMetaDataOnTestStart();
+    if (vx_app()) dumpALLMetaDataOnTestStart();
 }
 
 }  // namespace

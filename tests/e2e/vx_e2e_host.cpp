@@ -50,6 +50,12 @@
  *                    (kThrows); report "transactions", "runs<i>" per query
  *                    and "thrown<j>" per exception, then wait for the
  *                    session to stop
+ *   mixed SESSIONS
+ *                    two threads start transactions "/shop/order" without
+ *                    waiting for anything, each with a method, a query (one
+ *                    of forty, so ids are still made late in a session), a
+ *                    database callout and now and then an exception; ends
+ *                    when SESSIONS sessions have ended, or after 60 s
  *
  * Until the collector starts sessions itself, the session is opened here by
  * raising its flags and starting the data thread.
@@ -516,13 +522,58 @@ int run_diag(VXProxyInstance_t* app)
 
 }  // namespace
 
+/* Traffic that races every session's start, its data connections and its
+ * end: ids are made while no connection is open and while one opens. */
+int run_mixed(VXProxyInstance_t* app, int sessions)
+{
+    const long long end = now_ms() + 60000;
+    std::atomic<int> ended{0};
+    auto work = [&](int t) {
+        char url[] = "/shop/order|POST", order[] = "Shop.order", query[] = "Db.query";
+        char backend[] = "mysql|db.internal|3306";
+        for (long long i = t; ended.load() < sessions && now_ms() < end; i += 2) {
+            auto* fp = start_tx(url);
+            if (!fp) {
+                sleep_ms(1);
+                continue;
+            }
+            void* h = enter(fp, order);
+            std::string text = "SELECT * FROM t" + std::to_string(i % 40) + " WHERE id = ?";
+            leave(enter(fp, query, text.data()), fp, query, backend, my_gettimeofday());
+            if (i % 5 == 0) {
+                std::string cls = "shop.E" + std::to_string(i % 7), message = "no " + text;
+                char stack[] = "at Shop.order(Shop.java:42)", shop[] = "Shop", method[] = "order";
+                getstacktracearray(fp, stack, nullptr, cls.data(), shop, message.data(), method,
+                                   42, nullptr);
+            }
+            leave(h, fp, order, nullptr, my_gettimeofday());
+            end_tx(fp);
+            sleep_ms(3);
+        }
+    };
+    std::thread other(work, 1);
+    std::thread watch([&] {
+        for (bool was = false; ended.load() < sessions && now_ms() < end; sleep_ms(1)) {
+            const bool running = vx::load_acquire(app->Server.testRunRunning);
+            if (was && !running) ++ended;
+            was = running;
+        }
+    });
+    work(0);
+    other.join();
+    watch.join();
+    wait_session_end(app);
+    printf("sessions=%d\n", ended.load());
+    return 0;
+}
+
 int main(int argc, char** argv)
 {
     if (argc < 3) {
         fprintf(stderr,
                 "usage: %s stream SECONDS | load SECONDS THREADS | idle SECONDS | methods SECONDS "
                 "| urls SECONDS THREADS HOLD_MS URL... | front SECONDS FILE | back SECONDS FILE | "
-                "diag SECONDS\n",
+                "diag SECONDS | mixed SESSIONS\n",
                 argv[0]);
         return 64;
     }
@@ -544,6 +595,7 @@ int main(int argc, char** argv)
     if (mode == "front" && argc > 3) rc = run_front(app, argv[3]);
     if (mode == "back" && argc > 3) rc = run_back(app, seconds, argv[3]);
     if (mode == "diag") rc = run_diag(app);
+    if (mode == "mixed") rc = run_mixed(app, seconds);
     fflush(stdout);
     agent_shutdown();
     return rc;

@@ -354,7 +354,7 @@ TEST(Session, ASecondRegistrationRunsTheNextSessionWithItsOwnTestIdxAndIds)
     ASSERT_EQ(host.wait(60), 0);
     second.stop();
 
-    second.expect_counts("start_answers=1 stop_answers=1 malformed=0");
+    second.expect_counts("start_answers=1 stop_answers=1 malformed=0 undeclared_methods=0");
     EXPECT_EQ(second.data_connections().size(), 1u);
     const auto lines = session_data(second, 12);
     /* The new collector learns every id it is sent on its own connection:
@@ -1119,4 +1119,44 @@ TEST(Diagnostics, QueriesAndExceptionsReachTheCollectorOnceEachAndTheMonitorsCou
     EXPECT_EQ(cum["OutOfStock"], host->number("thrown0"));
     EXPECT_EQ(cum["OverAll"], host->number("thrown0"));
     EXPECT_EQ(cum.count("Ignored"), 0u) << "a filtered class is not counted";
+}
+
+/* Every id a record uses on a data connection was declared before on that
+ * connection, whatever the timing: the host starts transactions the instant
+ * a session rises; the first session's data connection is dropped midway;
+ * the second session has the same testIdx, so its ids are written as they
+ * are made, before its connection opens. */
+TEST(Replay, EveryDataConnectionIsToldEveryIdItsRecordsUse)
+{
+    const std::string keywords = session_keywords(61) + "instrExceptions=1%201%200%2030%201\n";
+    const auto ended = [](const e2e::Collector& vxc, size_t connections) {
+        const auto data = vxc.data_connections();
+        return data.size() >= connections && !data.back().empty() && data.back().back() == "10,";
+    };
+    vxc::Options first_opts = session_options(keywords, kDiagFiles);
+    first_opts.data_close_after_ms = 1500;
+    first_opts.stop_after_ms = 4000;
+    e2e::Collector first(first_opts);
+    ASSERT_EQ(first.start(), 0);
+    e2e::Host host({"mixed", "2"}, first.port(), {"VX_DATA_RETRY_MS=300"});
+    ASSERT_TRUE(e2e::eventually([&] { return ended(first, 2); }, 30));
+    first.stop();
+    vxc::Options second_opts = session_options(keywords, kDiagFiles, first.port());
+    second_opts.stop_after_ms = 8000; /* the start waits 5 s for the last session's events */
+    e2e::Collector second(second_opts);
+    ASSERT_EQ(second.start(), 0);
+    ASSERT_TRUE(e2e::eventually([&] { return ended(second, 1); }, 40));
+    second.stop();
+    EXPECT_EQ(host.wait(20), 0);
+
+    const std::string declared =
+        "malformed=0 undeclared_methods=0 undeclared_headers=0 undeclared_queries=0 "
+        "undeclared_resources=0 undeclared_exception_texts=0 undeclared_bt=0 "
+        "query_ids_reused=0 query_texts_reused=0";
+    first.expect_counts(declared + " data_closed_by_collector=1");
+    second.expect_counts(declared);
+    /* Nothing is lost to the drop: each connection carries transactions. */
+    for (const auto* vxc : {&first, &second})
+        for (const auto& lines : vxc->data_connections())
+            EXPECT_GT(count_records(lines, 2), 0);
 }

@@ -223,14 +223,15 @@ TEST_F(MetadataReplay, WithoutASessionNothingIsReplayed)
     EXPECT_EQ(sink.size(), 0u);
 }
 
-TEST_F(MetadataReplay, NewTestRunReplaysAllOnTheDataConnectionOnly)
+TEST_F(MetadataReplay, EveryDataConnectionReplaysAllOnItOnly)
 {
     SessionScope session(7, kEpoch);
     FrozenClock clock(kEpoch + 5000, 0);
     fill_tables();
-    /* doNotDumpMetaData, controlCommunicationBusyFlag, whether it replays. */
+    /* doNotDumpMetaData (a new test run or the same again),
+     * controlCommunicationBusyFlag, whether it replays. */
     for (const auto& [fresh, busy, replays] :
-         {std::tuple{1, 1, true}, {0, 1, false}, {1, 0, false}}) {
+         {std::tuple{1, 1, true}, {0, 1, true}, {1, 0, false}}) {
         app_->Server.doNotDumpMetaData = static_cast<char>(fresh);
         app_->Server.controlCommunicationBusyFlag = static_cast<char>(busy);
         RecordSink sink;

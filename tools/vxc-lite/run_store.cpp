@@ -222,11 +222,13 @@ int RunStore::write_summary()
             "as_overall_lines=%llu\nas_records_53=%llu\nas_records_52=%llu\nas_gc_reports=%llu\n"
             "as_records_75=%llu\nas_records_other=%llu\nas_records_96=%llu\nas_records_121=%llu\n"
             "as_digest_malformed=%llu\nas_malformed=%llu\nas_unread_connections=%llu\n"
-            "as_closed_by_collector=%llu\nas_state_zero_heartbeats=%llu\n",
+            "as_closed_by_collector=%llu\nas_state_zero_heartbeats=%llu\n"
+            "data_closed_by_collector=%llu\n",
             c.as_connections, c.as_bad_opening, c.as_records_74, c.as_overall_lines,
             c.as_records_53, c.as_records_52, c.as_gc_reports, c.as_records_75, c.as_records_other,
             c.as_records_96, c.as_records_121, c.as_digest_malformed, c.as_malformed,
-            c.as_unread_connections, c.as_closed_by_collector, c.as_state_zero_heartbeats);
+            c.as_unread_connections, c.as_closed_by_collector, c.as_state_zero_heartbeats,
+            c.data_closed_by_collector);
     for (const auto& [number, n] : c.per_record) fprintf(f, "record.%d=%llu\n", number, n);
     for (const auto& [id, name] : c.bts.names())
         fprintf(f, "bt.%lld=%.*s\n", id, static_cast<int>(name.size()), name.data());

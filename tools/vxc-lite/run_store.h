@@ -142,6 +142,7 @@ struct Counts {
     unsigned long long as_malformed = 0;
     unsigned long long as_unread_connections = 0;
     unsigned long long as_closed_by_collector = 0;
+    unsigned long long data_closed_by_collector = 0;
     unsigned long long as_state_zero_heartbeats = 0;
     BtRegistry bts;
     std::map<int, unsigned long long> per_record;

@@ -154,7 +154,8 @@ struct Server {
     std::vector<Keyword> modify_keywords;
     bool start_given = false; /* for --start-once */
     bool fetch_dropped = false;
-    bool as_closed = false; /* --as-close-after-ms has closed one */
+    bool as_closed = false;   /* --as-close-after-ms has closed one */
+    bool data_closed = false; /* --data-close-after-ms has closed one */
     LinkTable links;        /* the run's records 2, for links.tsv */
 };
 
@@ -1053,6 +1054,16 @@ void stress_auto_sensor(Server* s, Conn* c, apr_time_t now)
     }
 }
 
+/* What --data-close-after-ms asks of the first data connection. */
+void close_data_early(Server* s, Conn* c, apr_time_t now)
+{
+    const long long after = s->opts.data_close_after_ms;
+    if (after <= 0 || s->data_closed || now - c->opened < apr_time_from_msec(after)) return;
+    s->data_closed = true;
+    ++s->store.counts.data_closed_by_collector;
+    close_conn(s, c, "closed by the collector (--data-close-after-ms)");
+}
+
 void tick(Server* s, apr_time_t now)
 {
     const long long hb = s->opts.heartbeat_ms;
@@ -1066,6 +1077,7 @@ void tick(Server* s, apr_time_t now)
         }
         if (c->throttled) read_throttled(s, c.get(), now);
         if (c->kind == Kind::AutoSensor) stress_auto_sensor(s, c.get(), now);
+        if (c->kind == Kind::Data) close_data_early(s, c.get(), now);
         if (c->closing) continue;
         if (c->kind == Kind::Control) run_session(s, c.get(), now);
         if (c->closing) continue;

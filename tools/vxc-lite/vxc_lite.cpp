@@ -54,6 +54,7 @@ std::string usage()
            "  --after-reply TEXT       send this line on the control connection after the reply\n"
            "  --data-read-rate N       read each data connection at N bytes a second\n"
            "                           (a slow collector); 0 reads at once (default 0)\n"
+           "  --data-close-after-ms N  close the first data connection N ms after it opened\n"
            "  --verbose                log every line received, heartbeats and records too\n"
            "\n"
            "Auto-sensor connections, for tests of an agent under stress (0: off):\n"
@@ -159,6 +160,9 @@ int parse_args(int argc, const char* const* argv, Options* opts, std::string* ou
         } else if (a == "--data-read-rate") {
             ok = to_ll(v, 0, 1LL << 40, &n);
             opts->data_read_rate = n;
+        } else if (a == "--data-close-after-ms") {
+            ok = to_ll(v, 0, 86400000, &n);
+            opts->data_close_after_ms = n;
         } else if (a == "--as-stop-reading-after-ms") {
             ok = to_ll(v, 0, 86400000, &n);
             opts->as_stop_reading_after_ms = n;

@@ -42,6 +42,9 @@ struct Options {
     /* Bytes a second read from each data connection; 0 reads all at once.
      * A slow collector, for tests of an agent whose data backs up. */
     long long data_read_rate = 0;
+    /* The first data connection of the run is closed this long after it
+     * opened, so the agent reconnects in the middle of its session; 0: off. */
+    long long data_close_after_ms = 0;
     bool verbose = false;
 
     /* For tests of an agent under stress; 0 turns each off. An auto-sensor

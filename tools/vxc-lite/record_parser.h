@@ -161,7 +161,14 @@ struct ControlLine {
 int parse_control_line(std::string_view line, ControlLine* out, std::string* error);
 
 /* What the first line of a connection says it is, by its head alone. */
-enum class FirstLine { ControlRequest, HostedRequest, DataOpening, AutoSensorOpening, Unknown };
+enum class FirstLine {
+    ControlRequest,
+    HostedRequest,
+    DataOpening,
+    AutoSensorOpening,
+    DiscoveryOpening,
+    Unknown
+};
 FirstLine classify_first_line(std::string_view line);
 
 /* Checks the agent's control request "vx_ctrl_msg_req:..." for the fields it

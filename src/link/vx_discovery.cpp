@@ -131,7 +131,8 @@ extern "C" VXAutoDiscoveryHandler_t* startParsingRecievedMsg(const char* clientM
 {
     if (!clientMsg) return nullptr;
     const size_t len = strlen(clientMsg);
-    auto* h = static_cast<VXAutoDiscoveryHandler_t*>(calloc(1, sizeof(VXAutoDiscoveryHandler_t) + len + 1));
+    auto* h = static_cast<VXAutoDiscoveryHandler_t*>(
+        calloc(1, sizeof(VXAutoDiscoveryHandler_t) + len + 1));
     if (!h) return nullptr;
     char* text = reinterpret_cast<char*>(h + 1);
     memcpy(text, clientMsg, len + 1);
@@ -141,7 +142,8 @@ extern "C" VXAutoDiscoveryHandler_t* startParsingRecievedMsg(const char* clientM
     for (int i = 0; i < n; ++i) {
         char* f = fields[i];
         if (char* at = strstr(f, "classFilters=")) {
-            h->classListLength = split_filter(at + strlen("classFilters="), h->classFiltersPatternList);
+            h->classListLength =
+                split_filter(at + strlen("classFilters="), h->classFiltersPatternList);
         } else if (char* at2 = strstr(f, "methodFilters=")) {
             h->methodListLength =
                 split_filter(at2 + strlen("methodFilters="), h->methodFiltersPatternList);
@@ -165,16 +167,18 @@ extern "C" void startLoadedClassDiscovery(char* clientMsg)
     for (int i = 0; i < n && !id; ++i)
         if (strncasecmp(fields[i], "ID=", 3) == 0) id = fields[i] + 3;
     if (!id) {
-        VX_TRACE(app->VXSys.controlTraceLevel, 1, "DISCOVERY", "Discovery request without Id ignored");
+        VX_TRACE(app->VXSys.controlTraceLevel, 1, "DISCOVERY",
+                 "Discovery request without Id ignored");
         return;
     }
     char answer[vx::kDiscoverySendSize];
     /* The Id is cut as connId is: the answer always ends its line. */
-    snprintf(answer, sizeof answer, "vxc_rep:action=discover_loaded_classes;Id=%.255s;result=Success;\n",
-             id);
+    snprintf(answer, sizeof answer,
+             "vxc_rep:action=discover_loaded_classes;Id=%.255s;result=Success;\n", id);
     controlConnectionSendText(answer);
     if (!discovery_init(app)) {
-        VX_ERROR("DISCOVERY", "Error in creating discover thread... '%s'", "no memory for its lock");
+        VX_ERROR("DISCOVERY", "Error in creating discover thread... '%s'",
+                 "no memory for its lock");
         return;
     }
     VXDiscovery_t& d = app->discovery;
@@ -232,7 +236,8 @@ extern "C" void handleMessageForDiscovery(char* discover_list) VX_NOEXCEPT
     char err[256] = "";
     if (!strstr(discover_list, kSummaryMark)) {
         const size_t len = strlen(discover_list);
-        const int size = len > static_cast<size_t>(INT32_MAX - 1) ? INT32_MAX - 1 : static_cast<int>(len);
+        const int size =
+            len > static_cast<size_t>(INT32_MAX - 1) ? INT32_MAX - 1 : static_cast<int>(len);
         if (send_discovery_data(discover_list, size, err, sizeof err) >= 0)
             send_discovery_data(const_cast<char*>("\n"), 1, err, sizeof err);
         return;
@@ -270,7 +275,8 @@ extern "C" int create_discovery_conn(char* host, int port, char* error_buf, int 
     }
     /* Host threads send on it: a collector that does not read delays one
      * of them by this much, once. */
-    apr_socket_timeout_set(skt, static_cast<apr_interval_time_t>(vx::kDiscoverySendTimeoutMs) * 1000);
+    apr_socket_timeout_set(skt,
+                           static_cast<apr_interval_time_t>(vx::kDiscoverySendTimeoutMs) * 1000);
     d.tempConnPool = pool;
     d.temp_connection.skt = skt;
     return 0;

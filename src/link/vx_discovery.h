@@ -52,12 +52,12 @@ struct VXDiscovery_t {
     /* The running request's handler, owned by the worker; null between
      * requests. Under discoveryLock. */
     VXAutoDiscoveryHandler_t* VXAutoDiscoveryHandler;
-    socketInfo_t temp_connection; /* the discovery connection; under discoveryLock */
-    apr_pool_t* tempConnPool;     /* the open connection's socket */
-    apr_pool_t* discovery_pool;   /* the lock and the worker threads; control thread only */
+    socketInfo_t temp_connection;      /* the discovery connection; under discoveryLock */
+    apr_pool_t* tempConnPool;          /* the open connection's socket */
+    apr_pool_t* discovery_pool;        /* the lock and the worker threads; control thread only */
     apr_thread_mutex_t* discoveryLock; /* published with release once made */
     apr_thread_t* discover_thread_id;
-    char discover_thread_running; /* atomic; changes under discoveryLock */
+    char discover_thread_running;            /* atomic; changes under discoveryLock */
     char pendingMsg[vx::kDiscoveryLineSize]; /* a request waiting for the worker; "" none */
 };
 

@@ -3,6 +3,8 @@
  * the answer on the control connection (a socket pair stands in for it).
  * No collector is configured, so a worker started here ends at once.
  */
+#include "link/vx_discovery.h"
+
 #include <apr_portable.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -12,7 +14,6 @@
 #include <string>
 
 #include "agent/vx_instance.h"
-#include "link/vx_discovery.h"
 #include "vx_test_support.h"
 
 using vx_test::S;
@@ -73,7 +74,8 @@ TEST(Discovery, AnswerTakesTheIdInAnyCaseAndARequestWithoutOneIsIgnored)
     shutdown(fds[0], SHUT_WR);
     std::string got;
     char buf[256];
-    for (ssize_t n; (n = read(fds[1], buf, sizeof buf)) > 0;) got.append(buf, static_cast<size_t>(n));
+    for (ssize_t n; (n = read(fds[1], buf, sizeof buf)) > 0;)
+        got.append(buf, static_cast<size_t>(n));
     EXPECT_EQ(got, sent);
 
     for (int i = 0; i < 200 && vx::load_acquire(app->discovery.discover_thread_running); ++i)

@@ -55,7 +55,9 @@ int check_discovery_opening(std::string_view line, DiscoveryOpening* out, std::s
     const struct {
         const char* key;
         std::string* value;
-    } fields[] = {{"Id", &out->id}, {"Tier", &out->tier}, {"Server", &out->server},
+    } fields[] = {{"Id", &out->id},
+                  {"Tier", &out->tier},
+                  {"Server", &out->server},
                   {"Instance", &out->instance}};
     for (const auto& f : fields) {
         if (!take_field(&rest, f.key, f.value)) {
@@ -76,8 +78,7 @@ bool discovery_summary(std::string_view line)
            line.find("totalTimeTaken=") != std::string_view::npos;
 }
 
-std::string discovery_row(unsigned conn, const std::string& id, bool summary,
-                          std::string_view line)
+std::string discovery_row(unsigned conn, const std::string& id, bool summary, std::string_view line)
 {
     return std::to_string(conn) + "\t" + tsv_text(id) + "\t" + (summary ? "summary" : "result") +
            "\t" + tsv_text(std::string(line));
@@ -90,7 +91,8 @@ std::vector<DiscoveryRow> read_discovery(const std::string& path)
     for (std::string line; std::getline(in, line);) {
         std::vector<std::string> f = tsv_fields(line);
         if (f.size() != 4 || line == kDiscoveryHeader) continue;
-        out.push_back({static_cast<unsigned>(strtoul(f[0].c_str(), nullptr, 10)), f[1], f[2], f[3]});
+        out.push_back(
+            {static_cast<unsigned>(strtoul(f[0].c_str(), nullptr, 10)), f[1], f[2], f[3]});
     }
     return out;
 }

@@ -16,8 +16,6 @@
 #include "agent/vx_instance.h"
 #include "vx_test_support.h"
 
-using vx_test::S;
-
 namespace {
 
 std::string join(char** list, int n)
@@ -68,8 +66,10 @@ TEST(Discovery, AnswerTakesTheIdInAnyCaseAndARequestWithoutOneIsIgnored)
     apr_os_sock_put(&skt, &fds[0], pool);
     app->controlLink.control.skt = skt;
 
-    startLoadedClassDiscovery(S("vxc_req:action=discover_loaded_classes;classFilters=*;ID=5;"));
-    startLoadedClassDiscovery(S("vxc_req:action=discover_loaded_classes;Idx=6;classFilters=*;"));
+    std::string with_id = "vxc_req:action=discover_loaded_classes;classFilters=*;ID=5;";
+    std::string without_id = "vxc_req:action=discover_loaded_classes;Idx=6;classFilters=*;";
+    startLoadedClassDiscovery(with_id.data()); /* the line is cut in place */
+    startLoadedClassDiscovery(without_id.data());
     const std::string sent = "vxc_rep:action=discover_loaded_classes;Id=5;result=Success;\n";
     shutdown(fds[0], SHUT_WR);
     std::string got;

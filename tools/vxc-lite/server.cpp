@@ -987,6 +987,12 @@ void read_some(Server* s, Conn* c, size_t budget)
         }
         if (APR_STATUS_IS_EAGAIN(rv)) break;
         if (APR_STATUS_IS_EOF(rv) || (rv == APR_SUCCESS && len == 0)) {
+            /* The agent ends a discovery connection with its summary and
+             * no line feed behind it. */
+            if (c->kind == Kind::Discovery) {
+                const std::string last = c->splitter->take_partial();
+                if (!last.empty()) on_line(s, c, last);
+            }
             close_conn(s, c, c->splitter->pending() ? "peer closed inside a line" : "peer closed");
             break;
         }

@@ -29,6 +29,7 @@
 #include "flowpath/vx_per_thread_data.h"
 #include "flowpath/vx_thread_id_map.h"
 #include "link/vx_control_thread.h"
+#include "link/vx_discovery.h"
 #include "monitor/vx_bt_monitor.h"
 #include "session/vx_session_data.h"
 
@@ -223,8 +224,11 @@ extern "C" void checkAllConnectionsReadyToClose(void)
             vx::store_relaxed(app->toStopASThread, 0);
         /* Acquire: once the thread cleared the flag, all it did before
          * ending is seen by the caller of agent_shutdown. */
+        /* A discovery worker is inside the host's callback: its connection
+         * is closed at once, and it ends when the callback returns. */
+        const bool discovering = vx::discovery_closing();
         if (vx::load_acquire(closeCtrlThread) == 0 &&
-            (!app || vx::load_relaxed(app->toStopASThread) == 0))
+            (!app || vx::load_relaxed(app->toStopASThread) == 0) && !discovering)
             break;
         apr_sleep(apr_time_from_msec(kStepMs));
     }

@@ -45,6 +45,7 @@
 #include "link/vx_collector_list.h"
 #include "link/vx_control_link.h"
 #include "link/vx_data_buffers.h"
+#include "link/vx_discovery.h"
 #include "link/vx_socket.h"
 #include "monitor/vx_backend_monitor.h"
 #include "monitor/vx_bt_monitor.h"
@@ -89,6 +90,7 @@ struct VXProxyInstance_t {
     VXDataChannel_t dataChannel;   /* data connection and its buffer lists */
     VXAutoSensorChannel_t asChannel; /* auto-sensor buffer lists */
     VXAutoSensorLink_t asLink;       /* auto-sensor connection and thread */
+    VXDiscovery_t discovery;         /* loaded-class discovery: connection and worker */
     VXBCISetting_t VXBCISetting;   /* identity, collector address, request lines */
     VXSys_t VXSys;                 /* tunables and trace levels */
 

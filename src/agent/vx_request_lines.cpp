@@ -134,3 +134,29 @@ extern "C" char* getControlConnectionReqMessage(void)
     VXProxyInstance_t* app = vx_app();
     return app ? app->VXBCISetting.controlConnectionReqMessage : nullptr;
 }
+
+int vx::discovery_request_line(char* out, size_t size, const char* connId)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !out || size == 0) return 0;
+    const VXBCISetting_t& s = app->VXBCISetting;
+    const char* id = text_or(connId, "");
+    int n;
+    if (vx_agent_behind_proxy(app))
+        n = snprintf(out, size,
+                     "agent_post_data_req:appName=%s;appID=%d;vxAppServerID=%d;vxAppServerHost=%s;"
+                     "tierName=%s;tierID=%d;VXCollectorIP=%s;VXCollectorPort=%d;testIdx=%d;"
+                     "pid=%lld;agentName=%s;action=discover_loaded_classes;Id=%s\n",
+                     text_or(s.appName, "NA"), s.appID, s.serverID, text_or(s.appServerName, "NA"),
+                     text_or(s.tierName, "NA"), s.tierID, text_or(s.vxcHost, "NA"),
+                     active_protocol_port(app), vx::load_relaxed(app->Server.TestRunIDValue),
+                     getPID(), text_or(app->agentName, "NA"), id);
+    else
+        n = snprintf(out, size,
+                     "agent_post_data_req:action=discover_loaded_classes;Id=%s;Tier=%s;Server=%s;"
+                     "Instance=%s;\n",
+                     id, text_or(s.tierName, "NA"), text_or(s.appServerName, "NA"),
+                     text_or(s.appName, "NA"));
+    if (n < 0) return 0;
+    return n < static_cast<int>(size) ? n : static_cast<int>(size) - 1;
+}

@@ -63,6 +63,13 @@ inline constexpr int kProxyControlPollSeconds = 10;
 inline constexpr int kReplyCopySize = 512;          /* parse_policy_from_clientMsg copies this much */
 inline constexpr int kMetaDrainSeconds = 5;         /* free_agent_data: in-flight method events drain */
 
+/* Loaded-class discovery. */
+inline constexpr int kDiscoveryIdSize = 256;        /* connId: the request's Id, 255 characters */
+inline constexpr int kDiscoveryPatterns = 1024;     /* patterns of each list; fields of a request */
+inline constexpr int kDiscoveryLineSize = 1024;     /* the worker's copy of the request, 1,023 bytes */
+inline constexpr int kDiscoverySendSize = 2048;     /* opening and summary lines, 2,047 bytes */
+inline constexpr int kDiscoverySendTimeoutMs = 1000; /* a host thread waits at most this per send */
+
 /* Auto-sensor channel and its thread. */
 inline constexpr int kASTickMs = 10000;             /* one pass of the thread's report loop */
 inline constexpr int kASTickMinMs = 50;             /* VX_AS_TICK_MS is held to 50..10,000 */

@@ -24,6 +24,7 @@
 #include "link/vx_control_thread.h"
 #include "link/vx_data_dispatcher.h"
 #include "link/vx_data_thread.h"
+#include "link/vx_discovery.h"
 #include "link/vx_lws_transport.h"
 #include "link/vx_socket.h"
 #include "session/vx_file_keywords.h"
@@ -171,11 +172,20 @@ extern "C" void handleReceivedClientMessageFromVXCollector(char* clientMsg)
         handle_stop(app, clientMsg);
     } else if (vx::starts_with(clientMsg, kModify)) {
         handle_modify(app, clientMsg);
-    } else if (vx::starts_with(clientMsg, kDiscover) || vx::starts_with(clientMsg, kReroute) ||
-               vx::starts_with(clientMsg, kDownload) || vx::starts_with(clientMsg, kUpload) ||
-               vx::starts_with(clientMsg, kAutoInstr) || vx::starts_with(clientMsg, kDynamicDiag) ||
-               vx::starts_with(clientMsg, kThreadDump) || vx::starts_with(clientMsg, kStructured)) {
-        /* STAND-IN(discovery, failover, file-transfer, auto-instrumentation, dynamic-diagnostics, structured-messages):
+    } else if (vx::starts_with(clientMsg, kDiscover)) {
+        if (vx_in_proxy_process()) {
+            /* STAND-IN(proxy-registry): a proxy server hands the request to
+             * its first agent process once it keeps a registry of them. */
+            VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
+                     "Discovery request not handed on: %.100s", clientMsg);
+            return;
+        }
+        startLoadedClassDiscovery(clientMsg);
+    } else if (vx::starts_with(clientMsg, kReroute) || vx::starts_with(clientMsg, kDownload) ||
+               vx::starts_with(clientMsg, kUpload) || vx::starts_with(clientMsg, kAutoInstr) ||
+               vx::starts_with(clientMsg, kDynamicDiag) || vx::starts_with(clientMsg, kThreadDump) ||
+               vx::starts_with(clientMsg, kStructured)) {
+        /* STAND-IN(failover, file-transfer, auto-instrumentation, dynamic-diagnostics, structured-messages):
          * these commands are recognised and ignored until they are built. */
         VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Command not supported yet: %.100s",
                  clientMsg);

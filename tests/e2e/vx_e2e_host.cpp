@@ -56,6 +56,11 @@
  *                    of forty, so ids are still made late in a session), a
  *                    database callout and now and then an exception; ends
  *                    when SESSIONS sessions have ended, or after 60 s
+ *   discover SECONDS CALLBACK
+ *                    with CALLBACK 1 register a discovery callback that
+ *                    reports kDiscovered and then the summary, and wait for
+ *                    it to run; with 0 register none and wait SECONDS once
+ *                    registered; report what the callback was given
  *
  * Until the collector starts sessions itself, the session is opened here by
  * raising its flags and starting the data thread.
@@ -520,7 +525,36 @@ int run_diag(VXProxyInstance_t* app)
     return 0;
 }
 
-}  // namespace
+/* The results the discovery callback reports, then its summary. */
+constexpr const char* kDiscovered[] = {"com.shop.Cart|add,remove", "com.shop.Order|place"};
+constexpr char kDiscoverySummary[] = "totalTimeTaken=15;classCount=2";
+
+std::atomic<int> g_discover_calls{0};
+std::string g_discover_args; /* written before g_discover_calls rises */
+
+void on_discover(char** methods, char** classes, int method_count, int class_count)
+{
+    std::string args = std::to_string(method_count) + ":";
+    for (int i = 0; i < class_count; ++i) args += (i ? "|" : "") + std::string(classes[i]);
+    (void)methods;
+    g_discover_args = args;
+    for (const char* line : kDiscovered) wraphandleMessageForDiscovery(const_cast<char*>(line));
+    wraphandleMessageForDiscovery(const_cast<char*>(kDiscoverySummary));
+    ++g_discover_calls;
+}
+
+int run_discover(VXProxyInstance_t* app, int seconds, bool callback)
+{
+    if (callback) register_AD_callback(on_discover);
+    if (!wait_for([app] { return registered(app, 0); }, 30000)) return 2;
+    if (callback)
+        wait_for([] { return g_discover_calls.load() > 0; }, seconds * 1000LL);
+    else
+        sleep_ms(seconds * 1000);
+    printf("discover_calls=%d\n", g_discover_calls.load());
+    if (g_discover_calls.load()) printf("discover_args=%s\n", g_discover_args.c_str());
+    return 0;
+}
 
 /* Traffic that races every session's start, its data connections and its
  * end: ids are made while no connection is open and while one opens. */
@@ -567,6 +601,8 @@ int run_mixed(VXProxyInstance_t* app, int sessions)
     return 0;
 }
 
+}  // namespace
+
 int main(int argc, char** argv)
 {
     if (argc < 3) {
@@ -574,6 +610,7 @@ int main(int argc, char** argv)
                 "usage: %s stream SECONDS | load SECONDS THREADS | idle SECONDS | methods SECONDS "
                 "| urls SECONDS THREADS HOLD_MS URL... | front SECONDS FILE | back SECONDS FILE | "
                 "diag SECONDS | mixed SESSIONS\n",
+                "diag SECONDS | discover SECONDS CALLBACK\n",
                 argv[0]);
         return 64;
     }
@@ -596,6 +633,7 @@ int main(int argc, char** argv)
     if (mode == "back" && argc > 3) rc = run_back(app, seconds, argv[3]);
     if (mode == "diag") rc = run_diag(app);
     if (mode == "mixed") rc = run_mixed(app, seconds);
+    if (mode == "discover" && argc > 3) rc = run_discover(app, seconds, atoi(argv[3]) == 1);
     fflush(stdout);
     agent_shutdown();
     return rc;

@@ -480,6 +480,8 @@ FirstLine classify_first_line(std::string_view line)
     if (starts("klv_saas_auth_agent_msg_req:")) return FirstLine::HostedRequest;
     if (starts("vx_data_msg_req:")) return FirstLine::DataOpening;
     if (starts("auto_sensor_thread_hotspot_data_req:")) return FirstLine::AutoSensorOpening;
+    if (starts("agent_post_data_req:action=discover_loaded_classes;"))
+        return FirstLine::DiscoveryOpening;
     return FirstLine::Unknown;
 }
 

@@ -15,6 +15,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace vxc {
@@ -68,6 +69,15 @@ public:
      * awaited. */
     size_t pending() const { return buf_.size() + raw_.size() + (in_raw_ ? 1 : 0); }
     unsigned long long nul_bytes() const { return nul_bytes_; }
+
+    /* The line begun and not ended, for a peer that closes behind its last
+     * line; empty while a body is awaited or an overlong line skipped. The
+     * splitter forgets it. */
+    std::string take_partial()
+    {
+        if (in_raw_ || discarding_) return {};
+        return std::exchange(buf_, std::string());
+    }
 
 private:
     /* Add a run of bytes to the line being built, or drop it while an
@@ -161,7 +171,14 @@ struct ControlLine {
 int parse_control_line(std::string_view line, ControlLine* out, std::string* error);
 
 /* What the first line of a connection says it is, by its head alone. */
-enum class FirstLine { ControlRequest, HostedRequest, DataOpening, AutoSensorOpening, Unknown };
+enum class FirstLine {
+    ControlRequest,
+    HostedRequest,
+    DataOpening,
+    AutoSensorOpening,
+    DiscoveryOpening,
+    Unknown
+};
 FirstLine classify_first_line(std::string_view line);
 
 /* Checks the agent's control request "vx_ctrl_msg_req:..." for the fields it

@@ -11,6 +11,7 @@
 
 #include "auto_sensor.h"
 #include "exceptions.h"
+#include "discovery.h"
 #include "http_headers.h"
 #include "queries.h"
 #include "topology.h"
@@ -58,6 +59,7 @@ constexpr TableFile kTableFiles[] = {
     {"method_monitor.tsv", kMethodMonitorHeader},
     {"exception_monitor.tsv", kExceptionMonitorHeader},
     {"queries.tsv", kQueriesHeader},
+    {"discovery.tsv", kDiscoveryHeader},
 };
 static_assert(std::size(kTableFiles) == RunStore::kTables, "one file for each table");
 
@@ -229,6 +231,11 @@ int RunStore::write_summary()
             c.as_records_96, c.as_records_121, c.as_digest_malformed, c.as_malformed,
             c.as_unread_connections, c.as_closed_by_collector, c.as_state_zero_heartbeats,
             c.data_closed_by_collector);
+    fprintf(f,
+            "discovery_requests=%llu\ndiscovery_answers=%llu\ndiscovery_connections=%llu\n"
+            "discovery_bad_opening=%llu\ndiscovery_results=%llu\ndiscovery_summaries=%llu\n",
+            c.discovery_requests, c.discovery_answers, c.discovery_connections,
+            c.discovery_bad_opening, c.discovery_results, c.discovery_summaries);
     for (const auto& [number, n] : c.per_record) fprintf(f, "record.%d=%llu\n", number, n);
     for (const auto& [id, name] : c.bts.names())
         fprintf(f, "bt.%lld=%.*s\n", id, static_cast<int>(name.size()), name.data());

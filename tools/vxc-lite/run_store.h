@@ -22,6 +22,8 @@
  *                          records 32 to 36 (see exceptions.h)
  *   queries.tsv            one row per record 22: its query text as sent
  *                          and decoded (see queries.h)
+ *   discovery.tsv          one row per result or summary line of the
+ *                          discovery connections (see discovery.h)
  *   links.tsv              one row per chained record 2 (ditto), written
  *                          when the run ends
  *   malformed.txt          "<conn> <reason> | <line, cut to 200 bytes>"
@@ -144,6 +146,14 @@ struct Counts {
     unsigned long long as_closed_by_collector = 0;
     unsigned long long data_closed_by_collector = 0;
     unsigned long long as_state_zero_heartbeats = 0;
+    /* Loaded-class discovery: requests sent, the agent's answers, the
+     * connections, openings refused, result and summary lines. */
+    unsigned long long discovery_requests = 0;
+    unsigned long long discovery_answers = 0;
+    unsigned long long discovery_connections = 0;
+    unsigned long long discovery_bad_opening = 0;
+    unsigned long long discovery_results = 0;
+    unsigned long long discovery_summaries = 0;
     BtRegistry bts;
     std::map<int, unsigned long long> per_record;
     std::map<unsigned, ConnectionSeen> seen;
@@ -184,9 +194,10 @@ public:
         Exceptions,
         MethodMonitor,
         ExceptionMonitor,
-        Queries
+        Queries,
+        Discovery
     };
-    static constexpr size_t kTables = static_cast<size_t>(Table::Queries) + 1;
+    static constexpr size_t kTables = static_cast<size_t>(Table::Discovery) + 1;
     /* Appends one row, without its line feed, to the table's file. */
     void row(Table t, std::string_view row);
     /* Writes links.tsv whole: the header, then each row. */

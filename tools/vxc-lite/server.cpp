@@ -19,6 +19,7 @@
 #include "auto_sensor.h"
 #include "bt_registry.h"
 #include "digest_decode.h"
+#include "discovery.h"
 #include "exceptions.h"
 #include "http_headers.h"
 #include "id_ledger.h"
@@ -47,7 +48,7 @@ constexpr size_t kMaxNamesPerConn = 1u << 16;
  * a table would write one for nearly every record. */
 constexpr unsigned long long kMaxUndeclaredLines = 1000;
 
-enum class Kind { Unknown, Control, Data, AutoSensor };
+enum class Kind { Unknown, Control, Data, AutoSensor, Discovery };
 
 const char* kind_name(Kind k)
 {
@@ -58,6 +59,8 @@ const char* kind_name(Kind k)
             return "data";
         case Kind::AutoSensor:
             return "autosensor";
+        case Kind::Discovery:
+            return "discovery";
         default:
             return "unknown";
     }
@@ -94,6 +97,8 @@ struct Conn {
     ConnSession session;
     apr_time_t opened = 0;
     apr_time_t next_heartbeat = 0;
+    apr_time_t discover_at = 0; /* the discovery request is due; 0: not planned */
+    std::string discovery_id;   /* a discovery connection's Id, from its opening line */
     unsigned long long heartbeats = 0;
     bool closing = false;
     bool throttled = false; /* a data connection read at data_read_rate, out of the pollset */
@@ -419,6 +424,11 @@ void on_agent_line(Server* s, Conn* c, std::string_view line)
         case AgentLine::ErrorAnswer:
             answers = &counts.error_answers;
             break;
+        case AgentLine::DiscoveryAnswer:
+            /* Not an answer a session message waits for. */
+            ++counts.discovery_answers;
+            s->summary_dirty = true;
+            return;
         default:
             return;
     }
@@ -588,6 +598,30 @@ void on_digest_body(Server* s, Conn* c, std::string_view body, bool line_feed_be
     s->store.row(RunStore::Table::Percentiles, percentiles_row(row));
 }
 
+/* The opening line of a discovery connection; nothing is sent back. */
+void first_discovery_line(Server* s, Conn* c, std::string_view line)
+{
+    Counts& counts = s->store.counts;
+    c->kind = Kind::Discovery;
+    if (c->seen) c->seen->kind = kind_name(c->kind);
+    c->file = s->store.open_connection_file(c->id, kind_name(c->kind));
+    write_line(c, line);
+    ++counts.discovery_connections;
+    s->summary_dirty = true;
+    DiscoveryOpening o;
+    std::string why;
+    if (check_discovery_opening(line, &o, &why) != 0) {
+        ++counts.discovery_bad_opening;
+        s->store.log("conn %u: discovery connection from %s, opening line refused: %s: \"%s\"",
+                     c->id, c->peer, why.c_str(), printable(line, 300).c_str());
+        return;
+    }
+    c->discovery_id = o.id;
+    s->store.log("conn %u: discovery connection from %s, Id=%s Tier=%s Server=%s Instance=%s",
+                 c->id, c->peer, printable(o.id).c_str(), printable(o.tier).c_str(),
+                 printable(o.server).c_str(), printable(o.instance).c_str());
+}
+
 void first_line(Server* s, Conn* c, std::string_view line)
 {
     Counts& counts = s->store.counts;
@@ -600,6 +634,10 @@ void first_line(Server* s, Conn* c, std::string_view line)
                          : "no control request, data or auto-sensor opening",
                      printable(line).c_str());
         close_conn(s, c, "unrecognised first line");
+        return;
+    }
+    if (what == FirstLine::DiscoveryOpening) {
+        first_discovery_line(s, c, line);
         return;
     }
     ControlLine req;
@@ -650,6 +688,8 @@ void first_line(Server* s, Conn* c, std::string_view line)
         send_logged(s, c, "after the reply", s->opts.after_reply_line + "\n");
     const apr_time_t now = apr_time_now();
     c->next_heartbeat = now + apr_time_from_msec(s->opts.heartbeat_ms);
+    if (s->opts.discover_after_ms > 0)
+        c->discover_at = now + apr_time_from_msec(s->opts.discover_after_ms);
     if (!s->opts.session_file.empty()) {
         c->session.start_at = now + apr_time_from_msec(s->opts.start_after_ms);
         run_session(s, c, now);
@@ -911,6 +951,16 @@ void on_line(Server* s, Conn* c, std::string_view line)
             write_line(c, line);
             on_auto_sensor_line(s, c, line);
             return;
+        case Kind::Discovery: {
+            write_line(c, line);
+            if (line.empty()) return; /* the summary's leading line feed */
+            const bool summary = discovery_summary(line);
+            ++(summary ? counts.discovery_summaries : counts.discovery_results);
+            s->summary_dirty = true;
+            s->store.row(RunStore::Table::Discovery,
+                         discovery_row(c->id, c->discovery_id, summary, line));
+            return;
+        }
     }
 }
 
@@ -938,6 +988,12 @@ void read_some(Server* s, Conn* c, size_t budget)
         }
         if (APR_STATUS_IS_EAGAIN(rv)) break;
         if (APR_STATUS_IS_EOF(rv) || (rv == APR_SUCCESS && len == 0)) {
+            /* The agent ends a discovery connection with its summary and
+             * no line feed behind it. */
+            if (c->kind == Kind::Discovery) {
+                const std::string last = c->splitter->take_partial();
+                if (!last.empty()) on_line(s, c, last);
+            }
             close_conn(s, c, c->splitter->pending() ? "peer closed inside a line" : "peer closed");
             break;
         }
@@ -1080,6 +1136,14 @@ void tick(Server* s, apr_time_t now)
         if (c->kind == Kind::Data) close_data_early(s, c.get(), now);
         if (c->closing) continue;
         if (c->kind == Kind::Control) run_session(s, c.get(), now);
+        if (c->kind == Kind::Control && c->discover_at && now >= c->discover_at && !c->closing) {
+            c->discover_at = 0;
+            ++s->store.counts.discovery_requests;
+            s->summary_dirty = true;
+            send_logged(s, c.get(), "discovery request",
+                        discovery_request_line(s->opts.discover_id, s->opts.discover_classes,
+                                               s->opts.discover_methods));
+        }
         if (c->closing) continue;
         if (c->kind == Kind::Control && hb > 0 && now >= c->next_heartbeat) {
             ++s->store.counts.heartbeats_sent;

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "discovery.h"
 #include "record_parser.h"
 
 namespace vxc {
@@ -239,6 +240,7 @@ AgentLine classify_agent_line(std::string_view line, std::string* argument)
         return AgentLine::StopAnswer;
     if (starts_with(line, "vx_control_rep:action=modify")) return AgentLine::ModifyAnswer;
     if (starts_with(line, "vx_control_rep:result=Error")) return AgentLine::ErrorAnswer;
+    if (discovery_answer(line, argument)) return AgentLine::DiscoveryAnswer;
     return AgentLine::Other;
 }
 

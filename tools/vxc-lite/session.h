@@ -111,6 +111,7 @@ enum class AgentLine {
     StopAnswer,
     ModifyAnswer,
     ErrorAnswer,
+    DiscoveryAnswer, /* argument: the Id */
     Other,
 };
 

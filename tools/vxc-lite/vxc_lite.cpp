@@ -82,6 +82,13 @@ std::string usage()
            "  --drop-during-fetch KEYWORD\n"
            "                           close the control connection at the first fetch of\n"
            "                           KEYWORD instead of answering\n"
+           "\n"
+           "Loaded-class discovery, asked on every control connection:\n"
+           "  --discover-after-ms N    send the request N ms after the reply; 0 never\n"
+           "                           (default 0)\n"
+           "  --discover-id TEXT       the request's Id (default 1)\n"
+           "  --discover-classes TEXT  classFilters: * , NA or a,b,c (default *)\n"
+           "  --discover-methods TEXT  methodFilters, the same (default NA)\n"
            "  --help                   this text\n"
            "\n"
            "On start it prints \"listening on 127.0.0.1:<port>\". Files in the run directory:\n"
@@ -92,6 +99,7 @@ std::string usage()
            "resources.tsv (records 26), callouts.tsv (callout tokens of records 3 and 4,\n"
            "with a database call's query id), queries.tsv (query texts of records 22),\n"
            "traces.tsv (trace context of records 2), links.tsv (chained records 2, at the end),\n"
+           "conn-<n>-discovery.lines, discovery.tsv (discovery results and summaries),\n"
            "summary.txt (counts), vxc-lite.log\n"
            "(also every session line sent).\n";
 }
@@ -199,6 +207,18 @@ int parse_args(int argc, const char* const* argv, Options* opts, std::string* ou
         } else if (a == "--refuse-file") {
             ok = *v != '\0' && safe_field(v);
             opts->refuse_files.insert(v);
+        } else if (a == "--discover-after-ms") {
+            ok = to_ll(v, 0, 86400000, &n);
+            opts->discover_after_ms = n;
+        } else if (a == "--discover-id") {
+            opts->discover_id = v;
+            ok = safe_field(v);
+        } else if (a == "--discover-classes") {
+            opts->discover_classes = v;
+            ok = safe_field(v);
+        } else if (a == "--discover-methods") {
+            opts->discover_methods = v;
+            ok = safe_field(v);
         } else if (a == "--drop-during-fetch") {
             opts->drop_during_fetch = v;
             ok = *v != '\0' && safe_field(v);

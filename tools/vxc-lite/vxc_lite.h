@@ -68,6 +68,13 @@ struct Options {
     bool start_once = false;            /* only the first control connection gets a start */
     std::set<std::string> refuse_files; /* keywords whose fetch is always refused */
     std::string drop_during_fetch;      /* keyword whose first fetch closes the connection */
+
+    /* Loaded-class discovery (see discovery.h): the request goes on every
+     * control connection this long after the reply; 0: never. */
+    long long discover_after_ms = 0;
+    std::string discover_id = "1";
+    std::string discover_classes = "*";
+    std::string discover_methods = "NA";
 };
 
 /* Parses argv into opts (which keeps its defaults for what is not given).

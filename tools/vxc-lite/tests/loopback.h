@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "auto_sensor.h"
+#include "discovery.h"
 #include "exceptions.h"
 #include "http_headers.h"
 #include "queries.h"
@@ -330,6 +331,21 @@ public:
     std::vector<vxc::PercentileRow> percentiles() const
     {
         return vxc::read_percentiles(opts_.run_dir + "/percentiles.tsv");
+    }
+    /* Lines of each discovery connection, in the order they were accepted. */
+    std::vector<std::vector<std::string>> discovery_connections() const
+    {
+        return connection_lines(opts_.run_dir, "discovery");
+    }
+    /* The discovery results and summaries (discovery.tsv). */
+    std::vector<vxc::DiscoveryRow> discovery() const
+    {
+        return vxc::read_discovery(opts_.run_dir + "/discovery.tsv");
+    }
+    /* Lines of each control connection, in the order they were accepted. */
+    std::vector<std::vector<std::string>> control_connections() const
+    {
+        return connection_lines(opts_.run_dir, "control");
     }
     /* First lines of every control connection. */
     std::vector<std::string> control_requests() const

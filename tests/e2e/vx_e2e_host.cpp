@@ -609,8 +609,7 @@ int main(int argc, char** argv)
         fprintf(stderr,
                 "usage: %s stream SECONDS | load SECONDS THREADS | idle SECONDS | methods SECONDS "
                 "| urls SECONDS THREADS HOLD_MS URL... | front SECONDS FILE | back SECONDS FILE | "
-                "diag SECONDS | mixed SESSIONS\n",
-                "diag SECONDS | discover SECONDS CALLBACK\n",
+                "diag SECONDS | discover SECONDS CALLBACK | mixed SESSIONS\n",
                 argv[0]);
         return 64;
     }

@@ -53,9 +53,7 @@ protected:
         app_->VXBCISetting.num_vxc_config = 2;
         app_->Server.isClusterMode = 0;
         for (char** p : owned()) *p = nullptr;
-        setTierName(vx_test::S("T0"), nullptr, 0);
-        setAppServerName(vx_test::S("S0"), nullptr, 0);
-        setAppName(vx_test::S("I0"), nullptr, 0);
+        set_identity();
         setVXCHost(vx_test::S("10.0.0.1"));
         app_->VXBCISetting.vxcPort = 7892;
         home_ = vx_test::make_temp_dir("vx_failover_home_");
@@ -79,6 +77,13 @@ protected:
         VXBCISetting_t& s = app_->VXBCISetting;
         return {&s.tierName, &s.encodedtierName, &s.appServerName, &s.encodedappServerName,
                 &s.appName,  &s.encodedappName,  &s.vxcHost,       &s.authToken};
+    }
+
+    static void set_identity()
+    {
+        setTierName(vx_test::S("T0"), nullptr, 0);
+        setAppServerName(vx_test::S("S0"), nullptr, 0);
+        setAppName(vx_test::S("I0"), nullptr, 0);
     }
 
     std::string settings_path() const { return home_ + "/config/vxsettings.conf"; }
@@ -167,6 +172,7 @@ TEST_F(Failover, RerouteLineSetsTargetAndIdentityAndRefusesHostileValues)
     };
     for (const Case& c : cases) {
         app_->Server.isClusterMode = 0;
+        set_identity();
         EXPECT_EQ(reroute(kReroute + c.fields), c.result) << c.fields.substr(0, 80);
         const VXBCISetting_t& s = app_->VXBCISetting;
         EXPECT_EQ(std::tuple(text_of(s.vxcHost), s.vxcPort, text_of(s.tierName),
@@ -259,7 +265,6 @@ TEST_F(Failover, RerouteDuringASessionEndsItWithRecord10AndClosesTheConnection)
     EXPECT_EQ(std::string(app_->controlLink.vxc_server_arr[0].vxc_host), "10.1.1.9");
     EXPECT_EQ(app_->controlLink.vxc_server_arr[0].vxc_port, 7900u);
     EXPECT_EQ(settings(), "tier=T2\nvxcHost=10.1.1.9\nvxcPort=7900\n");
-    EXPECT_NE(vx_test::trace_log_text().find("Rerouting operation completed."), std::string::npos);
 }
 
 TEST_F(Failover, HostedReplyNamesTheCollectorAndTheConnectionGoesOnServing)
@@ -280,7 +285,9 @@ TEST_F(Failover, HostedReplyNamesTheCollectorAndTheConnectionGoesOnServing)
         vx_collector_entry(0)->saasServer = 1;
         std::string line = kHostedOk + c.fields;
         EXPECT_EQ(parseSAASClientMsg(line.data()), c.result) << c.fields;
-        if (c.result == 0) EXPECT_EQ(vx_collector_entry(0)->saasServer, 0) << c.fields;
+        if (c.result == 0) {
+            EXPECT_EQ(vx_collector_entry(0)->saasServer, 0) << c.fields;
+        }
     }
     std::string empty = ";;";
     EXPECT_EQ(parseSAASClientMsg(empty.data()), 1);

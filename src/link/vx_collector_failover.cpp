@@ -61,10 +61,11 @@ bool apply_retry_policy(VXProxyInstance_t* app, char* value)
         ++applied;
     }
     if (applied > 0)
-        VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
-                 "[VX DR Feature]; Retry policy from VXC: [Retry Count | Retry Interval | HeartBeat "
-                 "Miss Count] = [ %d | %lld | %d]",
-                 p.num_retry, static_cast<long long>(p.time_interval), p.reply_unsuccessful_count);
+        VX_TRACE(
+            app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD",
+            "[VX DR Feature]; Retry policy from VXC: [Retry Count | Retry Interval | HeartBeat "
+            "Miss Count] = [ %d | %lld | %d]",
+            p.num_retry, static_cast<long long>(p.time_interval), p.reply_unsuccessful_count);
     return applied == kRetryPolicyItems;
 }
 
@@ -187,7 +188,10 @@ extern "C" int parse_policy_from_clientMsg(char* msg)
 
 namespace {
 
-bool value_is_all(const char* v) { return strcasecmp(v, "ALL") == 0; }
+bool value_is_all(const char* v)
+{
+    return strcasecmp(v, "ALL") == 0;
+}
 
 /* A tier, server or instance name of a reroute; over-long ones would not
  * fit a settings line or a request line. */
@@ -334,9 +338,8 @@ extern "C" int parseSAASClientMsg(char* msg)
 {
     VXProxyInstance_t* app = vx_app();
     std::vector<char*> fields(vx::kHostedReplyFields);
-    const int n = msg ? vxlb_get_tokens_with_multi_delimiter(msg, fields.data(),
-                                                             const_cast<char*>(";"),
-                                                             vx::kHostedReplyFields)
+    const int n = msg ? vxlb_get_tokens_with_multi_delimiter(
+                            msg, fields.data(), const_cast<char*>(";"), vx::kHostedReplyFields)
                       : 0;
     if (n <= 0) {
         VX_ERROR("CONTROL_THREAD", "Error is tokenising client message, num_token = %d", n);

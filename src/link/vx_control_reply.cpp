@@ -8,8 +8,8 @@
 #include <string>
 
 #include "agent/vx_bci_setting.h"
-#include "agent/vx_instance.h"
 #include "agent/vx_collector_servers.h"
+#include "agent/vx_instance.h"
 #include "agent/vx_settings.h"
 #include "core/vx_atomic.h"
 #include "core/vx_platform.h"

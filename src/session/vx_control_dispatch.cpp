@@ -9,10 +9,10 @@
 
 #include "agent/vx_bci_setting.h"
 #include "agent/vx_host_callbacks.h"
-#include "core/vx_host_call.h"
 #include "agent/vx_instance.h"
 #include "bt/vx_bt_object.h"
 #include "core/vx_atomic.h"
+#include "core/vx_host_call.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
@@ -203,11 +203,12 @@ extern "C" void handleReceivedClientMessageFromVXCollector(char* clientMsg)
         handle_modify(app, clientMsg);
     } else if (vx::starts_with(clientMsg, kReroute)) {
         handle_reroute(app, clientMsg);
-    } else if (vx::starts_with(clientMsg, kDiscover) || vx::starts_with(clientMsg, kDownload) || vx::starts_with(clientMsg, kUpload) ||
-               vx::starts_with(clientMsg, kAutoInstr) || vx::starts_with(clientMsg, kDynamicDiag) ||
+    } else if (vx::starts_with(clientMsg, kDiscover) || vx::starts_with(clientMsg, kDownload) ||
+               vx::starts_with(clientMsg, kUpload) || vx::starts_with(clientMsg, kAutoInstr) ||
+               vx::starts_with(clientMsg, kDynamicDiag) ||
                vx::starts_with(clientMsg, kThreadDump) || vx::starts_with(clientMsg, kStructured)) {
-        /* STAND-IN(discovery, file-transfer, auto-instrumentation, dynamic-diagnostics, structured-messages):
-         * these commands are recognised and ignored until they are built. */
+        /* STAND-IN(discovery, file-transfer, auto-instrumentation, dynamic-diagnostics,
+         * structured-messages): these commands are recognised and ignored until they are built. */
         VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Command not supported yet: %.100s",
                  clientMsg);
     }

@@ -517,13 +517,13 @@ std::vector<std::string> check_control_request(const ControlLine& req)
 std::vector<std::string> check_hosted_request(const ControlLine& req)
 {
     static const char* const kKeys[] = {
-        "appName",      "agentVersion", "agentStartTime", "vxHome",
-        "pid",          "isAgentLess",  "jvmType",        "javaVersion",
-        "javaHome",     "machineType",  "requestType",    "lastConnectionTimeStamp",
-        "connDuration", "connDestination", "projectKey",  "protoVer",
-        "agentType",    "supportedProtocols", "agentIp",  "tags",
+        "appName",      "agentVersion",       "agentStartTime", "vxHome",
+        "pid",          "isAgentLess",        "jvmType",        "javaVersion",
+        "javaHome",     "machineType",        "requestType",    "lastConnectionTimeStamp",
+        "connDuration", "connDestination",    "projectKey",     "protoVer",
+        "agentType",    "supportedProtocols", "agentIp",        "tags",
         "attributes",   "agentHostName"};
-    static const char* const kNumeric[] = {"agentStartTime", "pid", "requestType",
+    static const char* const kNumeric[] = {"agentStartTime",          "pid",          "requestType",
                                            "lastConnectionTimeStamp", "connDuration", "protoVer"};
     std::vector<std::string> problems;
     if (req.head != "klv_saas_auth_agent_msg_req")

@@ -88,40 +88,6 @@ TEST_F(Loopback, ControlAndDataConnectionsAreAnsweredStoredAndCounted)
         << conn2;
 }
 
-TEST_F(Loopback, HostedSignInIsAnsweredThenServedAndARerouteFollows)
-{
-    vxc::Options o;
-    o.heartbeat_ms = 0;
-    o.hosted_host = "127.0.0.1";
-    o.hosted_port = 7001;
-    o.reroute_fields = "vxcHost=127.0.0.1;vxcPort=7002";
-    o.reroute_after_ms = 50;
-    start(o);
-
-    Client ctrl(port_);
-    ASSERT_TRUE(ctrl.send(
-        "klv_saas_auth_agent_msg_req:appName=shop;agentVersion=4.3.0;agentStartTime=1700000000000;"
-        "vxHome=/opt/vx;pid=4242;isAgentLess=N;jvmType=native;javaVersion=1.0;javaHome=/apps/java;"
-        "machineType=Linux;requestType=1;lastConnectionTimeStamp=0;connDuration=0;"
-        "connDestination=127.0.0.1:443;projectKey=p1;protoVer=1;agentType=native;"
-        "supportedProtocols=TCP;agentIp=127.0.0.1;tags={};attributes={};agentHostName=shop-1; \n"));
-    std::string line;
-    ASSERT_TRUE(ctrl.read_line(&line));
-    EXPECT_EQ(line, "klv_saas_auth_agent_msg_rep:status=OK;host=127.0.0.1;port=7001;authtoken=NA;"
-                    "protoVer=1;");
-    ASSERT_TRUE(ctrl.read_line(&line));
-    EXPECT_EQ(line, "vx_control_req:action=reroute_ctrl_con;vxcHost=127.0.0.1;vxcPort=7002;");
-    ASSERT_TRUE(ctrl.send("vx_control_req:action=reconnect;heartBeat 0;\n"));
-    ASSERT_TRUE(wait_for_text(dir_, "-control.lines", "heartBeat 0;"));
-    stop();
-    expect_summary(
-        "control_connections=1 control_requests_with_problems=0 unknown_connections=0 "
-        "hosted_replies=1 reroutes_sent=1 agent_heartbeats=1");
-    EXPECT_EQ(summary_value("control.1"),
-              "request=klv_saas_auth_agent_msg_req requestType=1 connDestination=127.0.0.1:443 "
-              "heartbeats=1");
-}
-
 TEST_F(Loopback, BusinessTransactionIdsAreDeclaredForTheWholeRunBeforeUse)
 {
     start(vxc::Options{});

@@ -61,6 +61,9 @@ inline constexpr int kDataHeartBeatTicks = 600;     /* vxcBciDataConnectionHeart
 inline constexpr int kControlPollSeconds = 5;       /* serving loop poll; the proxy's is 10 */
 inline constexpr int kProxyControlPollSeconds = 10;
 inline constexpr int kReplyCopySize = 512;          /* parse_policy_from_clientMsg copies this much */
+inline constexpr int kRerouteFields = 10;           /* fields read of a reroute line */
+inline constexpr int kRerouteNameSize = 256;        /* tier, server, instance of a reroute */
+inline constexpr int kHostedReplyFields = 1024;     /* fields read of the hosted entry's reply */
 inline constexpr int kMetaDrainSeconds = 5;         /* free_agent_data: in-flight method events drain */
 
 /* Loaded-class discovery. */

@@ -2,13 +2,14 @@
 
 #include <strings.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "agent/vx_bci_setting.h"
-#include "agent/vx_instance.h"
 #include "agent/vx_collector_servers.h"
+#include "agent/vx_instance.h"
 #include "agent/vx_settings.h"
 #include "core/vx_atomic.h"
 #include "core/vx_platform.h"
@@ -16,6 +17,7 @@
 #include "core/vx_trace_log.h"
 #include "link/vx_collector_failover.h"
 #include "link/vx_control_link.h"
+#include "link/vx_control_stream.h"
 #include "link/vx_control_thread.h"
 
 namespace {
@@ -88,6 +90,34 @@ int reply_ok(VXProxyInstance_t* app, const std::string& line)
     }
     /* STAND-IN(proxy): a proxy sends the reply on to each of
      * its agent processes with its procIndex. */
+    return kReplyServe;
+}
+
+/* The hosted entry point named the collector to use. On TCP this same
+ * connection goes on serving: the entry point hands it over, no second
+ * request is sent. */
+int hosted_ok(VXProxyInstance_t* app, controlSocketBuffer_t* buf, const std::string& line)
+{
+    std::string copy = line; /* the parser cuts its input */
+    if (parseSAASClientMsg(copy.data()) != 0) {
+        VX_ERROR("CONTROL_THREAD", "Closing Control Connection with SAAS");
+        control_connection_cleanup();
+        return kReplyDrop;
+    }
+    if (app->lws_active == 1) {
+        VX_ERROR("CONTROL_THREAD", "Closing Control Connection with SAAS");
+        VX_ERROR("CONTROL_THREAD",
+                 "Closing Control Connection with SAAS and going to make connection with VXC");
+        /* STAND-IN(websocket): over WebSocket the control thread reconnects
+         * at once to entry 0 with the normal request once that transport
+         * exists; today the connect loop reaches it after its wait. */
+        control_connection_cleanup();
+        return kReplyDrop;
+    }
+    controlSockBufReset(buf);
+    snprintf(app->Server.connDestination, sizeof app->Server.connDestination, "%s:%d",
+             getVXHost() ? getVXHost() : "", getVXCPort());
+    vx::store_relaxed(app->Server.lastConnectionTime, my_gettimeofday());
     return kReplyServe;
 }
 
@@ -202,13 +232,7 @@ extern "C" int handle_vxc_con_res_msg(controlSocketBuffer_t* buf)
     const std::string line(text, lf ? static_cast<size_t>(lf - text) : strlen(text));
 
     if (line.find(kCollectorHeartBeat) != std::string::npos) return heartbeat_first(app, line);
-    if (vx::starts_with(line.c_str(), kHostedOk)) {
-        /* STAND-IN(failover): the hosted entry point's
-         * answer is not read yet; the connection is dropped. */
-        VX_ERROR("CONTROL_THREAD", "Closing Control Connection with SAAS");
-        control_connection_cleanup();
-        return kReplyDrop;
-    }
+    if (vx::starts_with(line.c_str(), kHostedOk)) return hosted_ok(app, buf, line);
     if (vx::starts_with(line.c_str(), kHostedError)) {
         VX_ERROR("CONTROL_THREAD", "Error Received: '%s'", line.c_str());
         control_connection_cleanup();

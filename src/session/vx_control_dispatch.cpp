@@ -7,11 +7,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "agent/vx_bci_setting.h"
 #include "agent/vx_host_callbacks.h"
-#include "core/vx_host_call.h"
 #include "agent/vx_instance.h"
 #include "bt/vx_bt_object.h"
 #include "core/vx_atomic.h"
+#include "core/vx_host_call.h"
 #include "core/vx_platform.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
@@ -21,6 +22,7 @@
 #include "flowpath/vx_method_table.h"
 #include "http/vx_header_ids.h"
 #include "link/vx_as_link.h"
+#include "link/vx_collector_failover.h"
 #include "link/vx_control_thread.h"
 #include "link/vx_data_dispatcher.h"
 #include "link/vx_data_thread.h"
@@ -143,6 +145,34 @@ void handle_modify(VXProxyInstance_t* app, char* clientMsg)
     app->isRunTime = 0;
 }
 
+/* The collector moves this agent to another collector. The answer is the
+ * closed connection; the control thread connects to the new target after
+ * retry_policy.time_interval, with requestType 2. */
+void handle_reroute(VXProxyInstance_t* app, char* clientMsg)
+{
+    Server_t& srv = app->Server;
+    srv.requestType = 2;
+    /* Where the agent came from, for the next request to report. */
+    snprintf(srv.connDestination, sizeof srv.connDestination, "%s:%d",
+             getVXHost() ? getVXHost() : "", getVXCPort());
+    resetVXCHostAndPort();
+    const bool target = parseReRouteMessageAndUpdateClientInfo(clientMsg) == 0;
+    if (srv.isClusterMode) {
+        if (target) vx_collector_take_reroute_target();
+    } else {
+        updateVXSettingFile();
+    }
+    srv.connDuration = my_gettimeofday() - vx::load_relaxed(srv.lastConnectionTime);
+    if (srv.InstrumentationBusy) handleStoppingCaseAtStopInstrumentCase();
+    srv.numberOfTestRunsTillNow = 0;
+    /* After the session's flags fell: the data thread reads the active entry
+     * only when it connects during a session. */
+    if (!srv.isClusterMode && target) vx_collector_take_reroute_target();
+    closeCurrentControlConnection();
+    setAllFlagAndCountVars();
+    VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Rerouting operation completed.");
+}
+
 void handle_meta_data(VXProxyInstance_t* app, char* clientMsg)
 {
     if (!vx::load_relaxed(app->Server.testRunRunning)) {
@@ -172,6 +202,8 @@ extern "C" void handleReceivedClientMessageFromVXCollector(char* clientMsg)
         handle_stop(app, clientMsg);
     } else if (vx::starts_with(clientMsg, kModify)) {
         handle_modify(app, clientMsg);
+    } else if (vx::starts_with(clientMsg, kReroute)) {
+        handle_reroute(app, clientMsg);
     } else if (vx::starts_with(clientMsg, kDiscover)) {
         if (vx_in_proxy_process()) {
             /* STAND-IN(proxy-registry): a proxy server hands the request to
@@ -181,11 +213,10 @@ extern "C" void handleReceivedClientMessageFromVXCollector(char* clientMsg)
             return;
         }
         startLoadedClassDiscovery(clientMsg);
-    } else if (vx::starts_with(clientMsg, kReroute) || vx::starts_with(clientMsg, kDownload) ||
-               vx::starts_with(clientMsg, kUpload) || vx::starts_with(clientMsg, kAutoInstr) ||
-               vx::starts_with(clientMsg, kDynamicDiag) || vx::starts_with(clientMsg, kThreadDump) ||
-               vx::starts_with(clientMsg, kStructured)) {
-        /* STAND-IN(failover, file-transfer, auto-instrumentation, dynamic-diagnostics, structured-messages):
+    } else if (vx::starts_with(clientMsg, kDownload) || vx::starts_with(clientMsg, kUpload) ||
+               vx::starts_with(clientMsg, kAutoInstr) || vx::starts_with(clientMsg, kDynamicDiag) ||
+               vx::starts_with(clientMsg, kThreadDump) || vx::starts_with(clientMsg, kStructured)) {
+        /* STAND-IN(file-transfer, auto-instrumentation, dynamic-diagnostics, structured-messages):
          * these commands are recognised and ignored until they are built. */
         VX_TRACE(app->VXSys.controlTraceLevel, 1, "CONTROL_THREAD", "Command not supported yet: %.100s",
                  clientMsg);

@@ -44,7 +44,7 @@ vxc::Options collector_options(int port)
 }
 
 Host::Host(const std::vector<std::string>& args, int port,
-           const std::vector<std::string>& extra_env)
+           const std::vector<std::string>& extra_env, const std::string& settings)
 {
     home_ = vx_test::make_temp_dir("vx_e2e_home_");
     const std::string type_dir = home_ + "/" + "cppAgent";
@@ -52,6 +52,10 @@ Host::Host(const std::vector<std::string>& args, int port,
     mkdir((home_ + "/php").c_str(), 0755);
     std::ofstream(type_dir + "/version") << "e2e build\n";
     std::ofstream(home_ + "/php/version") << "e2e build\n";
+    if (!settings.empty()) {
+        mkdir((type_dir + "/config").c_str(), 0755);
+        std::ofstream(type_dir + "/config/vxsettings.conf") << settings;
+    }
     out_path_ = home_ + "/host.out";
     fflush(nullptr);
     pid_ = fork();
@@ -60,9 +64,11 @@ Host::Host(const std::vector<std::string>& args, int port,
         if (fd >= 0) dup2(fd, 1);
         setenv("VXHOME", home_.c_str(), 1);
         const std::string p = std::to_string(port);
-        setenv("KLV_APP_AGENT_VXCHOST", "127.0.0.1", 1);
-        setenv("KLV_APP_AGENT_VXCPORT", p.c_str(), 1);
-        setenv("KLV_APP_AGENT_VXC_COMM_PROTOCOL", ("TCP:" + p).c_str(), 1);
+        if (settings.empty()) {
+            setenv("KLV_APP_AGENT_VXCHOST", "127.0.0.1", 1);
+            setenv("KLV_APP_AGENT_VXCPORT", p.c_str(), 1);
+            setenv("KLV_APP_AGENT_VXC_COMM_PROTOCOL", ("TCP:" + p).c_str(), 1);
+        }
         setenv("KLV_APP_AGENT_TIER", "E2ETier", 1);
         setenv("KLV_APP_AGENT_SERVER", "e2e-server", 1);
         for (const std::string& kv : extra_env) putenv(strdup(kv.c_str()));
@@ -133,6 +139,11 @@ std::string Host::trace_log() const
         closedir(d);
     }
     return all;
+}
+
+std::string Host::settings() const
+{
+    return vxc_test::slurp(home_ + "/cppAgent/config/vxsettings.conf");
 }
 
 RawCollector::RawCollector(Serve serve) : serve_(std::move(serve))

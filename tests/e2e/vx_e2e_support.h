@@ -33,9 +33,11 @@ vxc::Options collector_options(int port = 0);
 class Host {
 public:
     /* Starts vx_e2e_host with `args`, VXHOME in a fresh directory, and the
-     * collector at 127.0.0.1:`port` over TCP; `extra_env` is added. */
+     * collector at 127.0.0.1:`port` over TCP; `extra_env` is added. With
+     * `settings`, the collectors come from that text as the agent's
+     * vxsettings.conf instead (`port` is then unused). */
     Host(const std::vector<std::string>& args, int port,
-         const std::vector<std::string>& extra_env = {});
+         const std::vector<std::string>& extra_env = {}, const std::string& settings = "");
     ~Host();
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
@@ -49,6 +51,8 @@ public:
     std::vector<std::string> values(const std::string& key) const;
     /* The agent's trace log, all files joined. */
     std::string trace_log() const;
+    /* The agent's vxsettings.conf as it stands now. */
+    std::string settings() const;
 
 private:
     int pid_ = -1;

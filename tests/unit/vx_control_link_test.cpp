@@ -96,8 +96,8 @@ TEST_F(ControlLink, ReplyPolicyFieldsSetRetriesAndKeepFailoverOnOnlyWhenAllComeF
     EXPECT_EQ(app_->controlLink.vx_dr_state, 1);
     EXPECT_EQ(policy(kOk + "state=1;retryPolicy=2%5%4%9;ProtoVersion=1;"), 0);
     EXPECT_EQ(app_->controlLink.retry_policy.heartbeat_reply_timeout_check, 0); /* under 10 s: no ticks */
-    EXPECT_EQ(policy(kOk + "retryPolicy=7%8;"), 0);                 /* too short: kept */
-    EXPECT_EQ(app_->controlLink.retry_policy.num_retry, 2);
+    EXPECT_EQ(policy(kOk + "retryPolicy=7%8;"), 0); /* too short: the two given apply */
+    EXPECT_EQ(app_->controlLink.retry_policy.num_retry, 7);
 
     struct Case {
         std::string reply;

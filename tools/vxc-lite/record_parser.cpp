@@ -516,6 +516,28 @@ std::vector<std::string> check_control_request(const ControlLine& req)
     return problems;
 }
 
+std::vector<std::string> check_hosted_request(const ControlLine& req)
+{
+    static const char* const kKeys[] = {
+        "appName",      "agentVersion",       "agentStartTime", "vxHome",
+        "pid",          "isAgentLess",        "jvmType",        "javaVersion",
+        "javaHome",     "machineType",        "requestType",    "lastConnectionTimeStamp",
+        "connDuration", "connDestination",    "projectKey",     "protoVer",
+        "agentType",    "supportedProtocols", "agentIp",        "tags",
+        "attributes",   "agentHostName"};
+    static const char* const kNumeric[] = {"agentStartTime",          "pid",          "requestType",
+                                           "lastConnectionTimeStamp", "connDuration", "protoVer"};
+    std::vector<std::string> problems;
+    if (req.head != "klv_saas_auth_agent_msg_req")
+        problems.push_back("head is not klv_saas_auth_agent_msg_req");
+    for (std::string& p :
+         missing_fields(req, kKeys, std::size(kKeys), kNumeric, std::size(kNumeric)))
+        problems.push_back(std::move(p));
+    const std::string* pv = req.find("protoVer");
+    if (pv && *pv != "1") problems.push_back("protoVer is not 1");
+    return problems;
+}
+
 std::vector<std::string> check_data_opening(const ControlLine& req)
 {
     static const char* const kKeys[] = {"appName",  "appID",  "vxAppServerID", "vxAppServerHost",

@@ -186,6 +186,9 @@ FirstLine classify_first_line(std::string_view line);
  * one text each; empty when the line is as expected. */
 std::vector<std::string> check_control_request(const ControlLine& req);
 
+/* The same for the hosted sign-in request "klv_saas_auth_agent_msg_req:...". */
+std::vector<std::string> check_hosted_request(const ControlLine& req);
+
 /* The same for the data connection's opening line "vx_data_msg_req:...". */
 std::vector<std::string> check_data_opening(const ControlLine& req);
 

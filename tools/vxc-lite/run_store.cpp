@@ -236,6 +236,8 @@ int RunStore::write_summary()
             "discovery_bad_opening=%llu\ndiscovery_results=%llu\ndiscovery_summaries=%llu\n",
             c.discovery_requests, c.discovery_answers, c.discovery_connections,
             c.discovery_bad_opening, c.discovery_results, c.discovery_summaries);
+    fprintf(f, "agent_heartbeats=%llu\nhosted_replies=%llu\nreroutes_sent=%llu\n",
+            c.agent_heartbeats, c.hosted_replies, c.reroutes_sent);
     for (const auto& [number, n] : c.per_record) fprintf(f, "record.%d=%llu\n", number, n);
     for (const auto& [id, name] : c.bts.names())
         fprintf(f, "bt.%lld=%.*s\n", id, static_cast<int>(name.size()), name.data());
@@ -246,6 +248,11 @@ int RunStore::write_summary()
                 id, k.kind.c_str(), k.peer.c_str(), k.app_name.c_str(), k.agent_name.c_str(),
                 k.pid.c_str(), k.lines, k.records, k.malformed,
                 k.closed.empty() ? "open" : ("closed: " + k.closed).c_str());
+    for (const auto& [id, k] : c.seen)
+        if (!k.request.empty())
+            fprintf(f, "control.%u=request=%s requestType=%s connDestination=%s heartbeats=%llu\n",
+                    id, k.request.c_str(), k.request_type.c_str(), k.conn_destination.c_str(),
+                    k.agent_heartbeats);
     const bool ok = fclose(f) == 0;
     /* Readers see the old summary or the new one, never half of one. */
     return ok && rename(tmp.c_str(), (dir_ + "/summary.txt").c_str()) == 0 ? 0 : -1;

@@ -32,7 +32,8 @@
  *                          id_ledger.h), the first 1,000 of a connection
  *   summary.txt            key=value counts, one line a declared business
  *                          transaction ("bt.<id>=<name>"), then one line a
- *                          connection ("conn.<n>=..."); rewritten at most once a second
+ *                          connection ("conn.<n>=...") and one more a
+ *                          control connection ("control.<n>=..."); rewritten at most once a second
  *                          while something changed, and at the end
  *   vxc-lite.log           the log
  *
@@ -63,6 +64,12 @@ struct ConnectionSeen {
     unsigned long long records = 0;
     unsigned long long malformed = 0;
     std::string closed; /* empty while open, else why it closed */
+    /* A control connection: the head of its request, the requestType and
+     * connDestination it gave, and the agent's heartbeats on it. */
+    std::string request;
+    std::string request_type;
+    std::string conn_destination;
+    unsigned long long agent_heartbeats = 0;
 };
 
 /* Connections listed one by one in the summary; later ones are only counted. */
@@ -78,6 +85,11 @@ struct Counts {
     unsigned long long data_openings_with_problems = 0;
     unsigned long long agent_control_lines = 0; /* after the request */
     unsigned long long heartbeats_sent = 0;
+    /* Moving agents: the agent's heartbeats on control connections, the
+     * hosted sign-in requests answered, the reroute orders sent. */
+    unsigned long long agent_heartbeats = 0;
+    unsigned long long hosted_replies = 0;
+    unsigned long long reroutes_sent = 0;
     /* Bare line feeds on data connections: heartbeats, and the one that
      * opens record 99 and the one behind the opening line. */
     unsigned long long data_heartbeats = 0;

@@ -69,6 +69,7 @@ const char* kind_name(Kind k)
 /* The session of one control connection. A time of 0 means "not planned". */
 struct ConnSession {
     apr_time_t start_at = 0;
+    apr_time_t reroute_at = 0;
     apr_time_t modify_at = 0;
     apr_time_t stop_at = 0;
     /* The message whose answer is still awaited; a modify or stop waits for
@@ -399,6 +400,9 @@ void on_agent_line(Server* s, Conn* c, std::string_view line)
     const bool warnings = kind == AgentLine::Other && ss.after_start_answer;
     ss.after_start_answer = kind == AgentLine::StartAnswer;
     if (kind == AgentLine::Heartbeat) {
+        ++counts.agent_heartbeats;
+        if (c->seen) ++c->seen->agent_heartbeats;
+        s->summary_dirty = true;
         if (s->opts.verbose) s->store.log("conn %u: < %s", c->id, printable(line, 300).c_str());
         return;
     }
@@ -626,7 +630,8 @@ void first_line(Server* s, Conn* c, std::string_view line)
 {
     Counts& counts = s->store.counts;
     const FirstLine what = classify_first_line(line);
-    if (what == FirstLine::HostedRequest || what == FirstLine::Unknown) {
+    const bool hosted = what == FirstLine::HostedRequest && !s->opts.hosted_host.empty();
+    if ((what == FirstLine::HostedRequest && !hosted) || what == FirstLine::Unknown) {
         ++counts.unknown_connections;
         s->store.log("conn %u: first line is %s: \"%s\"", c->id,
                      what == FirstLine::HostedRequest
@@ -643,7 +648,7 @@ void first_line(Server* s, Conn* c, std::string_view line)
     ControlLine req;
     std::string error;
     parse_control_line(line, &req, &error);
-    const bool control = what == FirstLine::ControlRequest;
+    const bool control = what == FirstLine::ControlRequest || hosted;
     c->kind = control                                ? Kind::Control
               : what == FirstLine::AutoSensorOpening ? Kind::AutoSensor
                                                      : Kind::Data;
@@ -652,6 +657,13 @@ void first_line(Server* s, Conn* c, std::string_view line)
         if (const std::string* v = req.find("appName")) c->seen->app_name = printable(*v, 64);
         if (const std::string* v = req.find("agentName")) c->seen->agent_name = printable(*v, 64);
         if (const std::string* v = req.find("pid")) c->seen->pid = printable(*v, 24);
+        if (control) {
+            c->seen->request = printable(req.head, 64);
+            if (const std::string* v = req.find("requestType"))
+                c->seen->request_type = printable(*v, 24);
+            if (const std::string* v = req.find("connDestination"))
+                c->seen->conn_destination = printable(*v, 64);
+        }
     }
     c->file = s->store.open_connection_file(c->id, kind_name(c->kind));
     write_line(c, line);
@@ -659,8 +671,9 @@ void first_line(Server* s, Conn* c, std::string_view line)
         first_auto_sensor_line(s, c, line);
         return;
     }
-    const std::vector<std::string> problems =
-        control ? check_control_request(req) : check_data_opening(req);
+    const std::vector<std::string> problems = hosted    ? check_hosted_request(req)
+                                              : control ? check_control_request(req)
+                                                        : check_data_opening(req);
     const std::string* app = req.find("appName");
     const std::string* pid = req.find("pid");
     s->store.log("conn %u: %s connection from %s, appName=%s pid=%s", c->id, kind_name(c->kind),
@@ -680,7 +693,8 @@ void first_line(Server* s, Conn* c, std::string_view line)
     }
     ++counts.control_connections;
     if (!problems.empty()) ++counts.control_requests_with_problems;
-    const std::string reply = reply_line(s->opts, s->port);
+    if (hosted) ++counts.hosted_replies;
+    const std::string reply = hosted ? hosted_reply_line(s->opts) : reply_line(s->opts, s->port);
     s->store.log("conn %u: reply %s", c->id,
                  printable(std::string_view(reply).substr(0, reply.size() - 1), 300).c_str());
     queue_send(s, c, reply);
@@ -690,6 +704,8 @@ void first_line(Server* s, Conn* c, std::string_view line)
     c->next_heartbeat = now + apr_time_from_msec(s->opts.heartbeat_ms);
     if (s->opts.discover_after_ms > 0)
         c->discover_at = now + apr_time_from_msec(s->opts.discover_after_ms);
+    if (!s->opts.reroute_fields.empty())
+        c->session.reroute_at = now + apr_time_from_msec(s->opts.reroute_after_ms);
     if (!s->opts.session_file.empty()) {
         c->session.start_at = now + apr_time_from_msec(s->opts.start_after_ms);
         run_session(s, c, now);
@@ -1145,6 +1161,12 @@ void tick(Server* s, apr_time_t now)
                                                s->opts.discover_methods));
         }
         if (c->closing) continue;
+        if (c->kind == Kind::Control && c->session.reroute_at && now >= c->session.reroute_at) {
+            c->session.reroute_at = 0;
+            ++s->store.counts.reroutes_sent;
+            s->summary_dirty = true;
+            send_logged(s, c.get(), "reroute", reroute_line(s->opts.reroute_fields));
+        }
         if (c->kind == Kind::Control && hb > 0 && now >= c->next_heartbeat) {
             ++s->store.counts.heartbeats_sent;
             const long long zero_after = s->opts.as_conn_state_zero_after_ms;

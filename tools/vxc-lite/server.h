@@ -8,7 +8,9 @@
  * heartbeats; "vx_data_msg_req:..." makes it a data connection, whose lines
  * are stored and checked as records; "auto_sensor_thread_hotspot_data_req:..."
  * makes it an auto-sensor connection, stored and checked the same way and
- * never answered. Anything else is logged and closed.
+ * never answered. "klv_saas_auth_agent_msg_req:..." is answered as the
+ * hosted entry point when one is configured, and then served as a control
+ * connection. Anything else is logged and closed.
  *
  * The caller must have called apr_initialize() and should ignore SIGPIPE
  * (a peer that goes away while a line is sent would end the process).

@@ -52,6 +52,12 @@ std::string usage()
            "  --protocols TEXT         reply supportedProtocols (default TCP:<listening port>)\n"
            "  --reply TEXT             send this line as the reply instead\n"
            "  --after-reply TEXT       send this line on the control connection after the reply\n"
+           "  --reroute FIELDS         send vx_control_req:action=reroute_ctrl_con;FIELDS; on\n"
+           "                           each control connection (e.g. vxcHost=127.0.0.1;vxcPort=N)\n"
+           "  --reroute-after-ms N     ... N ms after the reply (default 1000)\n"
+           "  --hosted HOST:PORT       answer the hosted sign-in request as the entry point,\n"
+           "                           naming HOST:PORT, then serve the connection\n"
+           "  --hosted-authtoken TEXT  authtoken of that answer (default NA)\n"
            "  --data-read-rate N       read each data connection at N bytes a second\n"
            "                           (a slow collector); 0 reads at once (default 0)\n"
            "  --data-close-after-ms N  close the first data connection N ms after it opened\n"
@@ -186,6 +192,24 @@ int parse_args(int argc, const char* const* argv, Options* opts, std::string* ou
         } else if (a == "--after-reply") {
             opts->after_reply_line = v;
             ok = opts->after_reply_line.find('\n') == std::string::npos;
+        } else if (a == "--reroute") {
+            opts->reroute_fields = v;
+            ok = *v != '\0' && opts->reroute_fields.find('\n') == std::string::npos &&
+                 opts->reroute_fields.find('\r') == std::string::npos;
+        } else if (a == "--reroute-after-ms") {
+            ok = to_ll(v, 0, 86400000, &n);
+            opts->reroute_after_ms = n;
+        } else if (a == "--hosted") {
+            const std::string hp = v;
+            const size_t colon = hp.rfind(':');
+            ok = colon != std::string::npos && colon > 0 &&
+                 to_ll(hp.substr(colon + 1).c_str(), 1, 65535, &n) &&
+                 safe_field(hp.substr(0, colon));
+            opts->hosted_host = ok ? hp.substr(0, colon) : "";
+            opts->hosted_port = static_cast<int>(n);
+        } else if (a == "--hosted-authtoken") {
+            opts->hosted_authtoken = v;
+            ok = *v != '\0' && safe_field(v);
         } else if (a == "--session") {
             opts->session_file = v;
             ok = *v != '\0';
@@ -248,6 +272,19 @@ std::string reply_line(const Options& opts, int listening_port)
     return "vx_ctrl_msg_rep:result=Ok;status=" + opts.status +
            ";state=" + std::to_string(opts.state) + ";retryPolicy=" + opts.retry_policy +
            ";ProtoVersion=" + opts.proto_version + ";supportedProtocols=" + protocols + ";\n";
+}
+
+std::string hosted_reply_line(const Options& opts)
+{
+    return "klv_saas_auth_agent_msg_rep:status=OK;host=" + opts.hosted_host +
+           ";port=" + std::to_string(opts.hosted_port) + ";authtoken=" + opts.hosted_authtoken +
+           ";protoVer=" + opts.proto_version + ";\n";
+}
+
+std::string reroute_line(const std::string& fields)
+{
+    const bool closed = !fields.empty() && fields.back() == ';';
+    return "vx_control_req:action=reroute_ctrl_con;" + fields + (closed ? "" : ";") + "\n";
 }
 
 std::string heartbeat_line(unsigned long long count, int as_conn_state)

@@ -39,6 +39,17 @@ struct Options {
     /* A line sent on the control connection right after the reply, e.g. a
      * session start; empty: none. */
     std::string after_reply_line;
+    /* A reroute order "vx_control_req:action=reroute_ctrl_con;<fields>;"
+     * sent reroute_after_ms after the reply on every control connection;
+     * fields such as "vxcHost=127.0.0.1;vxcPort=7000;tier=T2". Empty: none. */
+    std::string reroute_fields;
+    long long reroute_after_ms = 1000;
+    /* Answer "klv_saas_auth_agent_msg_req" as the hosted entry point, naming
+     * this collector; empty: such a request is refused. The connection then
+     * goes on as a control connection. protoVer is proto_version. */
+    std::string hosted_host;
+    int hosted_port = 0;
+    std::string hosted_authtoken = "NA";
     /* Bytes a second read from each data connection; 0 reads all at once.
      * A slow collector, for tests of an agent whose data backs up. */
     long long data_read_rate = 0;
@@ -92,6 +103,15 @@ std::string usage();
  * after status, because the agent reads only the first five fields of the
  * reply for them. */
 std::string reply_line(const Options& opts, int listening_port);
+
+/* The hosted entry point's answer, with its line feed:
+ * "klv_saas_auth_agent_msg_rep:status=OK;host=...;port=...;authtoken=...;
+ * protoVer=...;". */
+std::string hosted_reply_line(const Options& opts);
+
+/* The reroute order with its line feed: the head
+ * "vx_control_req:action=reroute_ctrl_con;", the fields, a closing ";". */
+std::string reroute_line(const std::string& fields);
 
 /* The collector's heartbeat on the control connection, with its line feed.
  * The data connection state is 1, so that the agent keeps its data

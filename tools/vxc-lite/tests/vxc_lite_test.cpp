@@ -31,6 +31,22 @@ TEST(Reply, DefaultKeepsTheAgentOnTcpAtTheListeningPortAndTheCommandLineSetsEach
     EXPECT_EQ(vxc::reply_line(o, 7892), "vx_ctrl_msg_rep:result=Error;\n");
 }
 
+TEST(Reply, HostedEntryAndRerouteLinesAreTheCollectorsWireForm)
+{
+    vxc::Options o;
+    ASSERT_EQ(parse({"--hosted", "127.0.0.1:7001", "--hosted-authtoken", "tok1", "--reroute",
+                     "vxcHost=127.0.0.1;vxcPort=7002;tier=T2", "--reroute-after-ms", "50"},
+                    &o),
+              0);
+    EXPECT_EQ(vxc::hosted_reply_line(o),
+              "klv_saas_auth_agent_msg_rep:status=OK;host=127.0.0.1;port=7001;authtoken=tok1;"
+              "protoVer=1;\n");
+    EXPECT_EQ(vxc::reroute_line(o.reroute_fields),
+              "vx_control_req:action=reroute_ctrl_con;vxcHost=127.0.0.1;vxcPort=7002;tier=T2;\n");
+    EXPECT_EQ(vxc::reroute_line("tier=ALL;"), "vx_control_req:action=reroute_ctrl_con;tier=ALL;\n");
+    EXPECT_EQ(o.reroute_after_ms, 50);
+}
+
 TEST(Arguments, HelpIsAnsweredAndBadValuesAreRefused)
 {
     vxc::Options defaults;
@@ -64,6 +80,11 @@ TEST(Arguments, HelpIsAnsweredAndBadValuesAreRefused)
         {"--modify", "m.txt"},      /* a modify needs a session */
         {"--stop-after-ms", "100"}, /* so does a stop */
         {"--start-once"},
+        {"--hosted", "127.0.0.1"},
+        {"--hosted", "127.0.0.1:0"},
+        {"--hosted", "a;b:7000"},
+        {"--reroute", "vxcPort=1\nx"},
+        {"--reroute-after-ms", "-5"},
     };
     for (const auto& args : bad) {
         vxc::Options o;

@@ -13,6 +13,7 @@
 #include "agent/vx_collector_servers.h"
 #include "agent/vx_instance.h"
 #include "agent/vx_settings.h"
+#include "core/vx_atomic.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 
@@ -203,12 +204,19 @@ bool reroute_name(const char* key, const char* value)
     return false;
 }
 
+/* The host text an entry last gave up. The data and auto-sensor threads
+ * read the active entry's host when they connect, without a lock, so a
+ * replaced text lives on until the next replacement, a reconnect cycle
+ * later. Control thread only. */
+char* g_retired_host = nullptr;
+
 bool set_entry_host(vxc_servers_t* e, const char* host)
 {
     char* copy = strdup(host);
     if (!copy) return false;
-    free(e->vxc_host);
-    e->vxc_host = copy;
+    free(g_retired_host);
+    g_retired_host = e->vxc_host;
+    vx::store_release(e->vxc_host, copy);
     return true;
 }
 

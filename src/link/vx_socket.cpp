@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "agent/vx_instance.h"
+#include "core/vx_atomic.h"
 #include "core/vx_text.h"
 #include "core/vx_trace_log.h"
 
@@ -201,7 +202,7 @@ void vx::channel_peer(VXProxyInstance_t* app, char** host, int* port)
         *host = app->VXSys.proxyIP;
         *port = app->VXSys.proxyPort;
     } else if (app->controlLink.active_vxc) {
-        *host = app->controlLink.active_vxc->vxc_host;
+        *host = vx::load_acquire(app->controlLink.active_vxc->vxc_host);
         *port = static_cast<int>(app->controlLink.active_vxc->vxc_port);
     }
 }

@@ -32,12 +32,8 @@ bool whole(std::string_view s)
     return printf_int(s, LLONG_MIN, LLONG_MAX);
 }
 
-/* The query id a database call's token carries in the rest of its form,
- * behind its kind; 0 for any other call. The forms tell the calls apart:
- * only a database call has the three empty fields, and a call left by an
- * exception writes kind 10 for a database call alone (a message queue's
- * "E" token of the same shape carries its own kind). */
-long long token_query_id(char letter, long long kind, std::string_view rest)
+/* The ':'-separated fields of a token's rest; n colons give n + 1. */
+std::vector<std::string_view> colon_fields(std::string_view rest)
 {
     std::vector<std::string_view> p;
     for (size_t from = 0;;) {
@@ -46,6 +42,17 @@ long long token_query_id(char letter, long long kind, std::string_view rest)
         if (colon == std::string_view::npos) break;
         from = colon + 1;
     }
+    return p;
+}
+
+/* The query id a database call's token carries in the rest of its form,
+ * behind its kind; 0 for any other call. The forms tell the calls apart:
+ * only a database call has the three empty fields, and a call left by an
+ * exception writes kind 10 for a database call alone (a message queue's
+ * "E" token of the same shape carries its own kind). */
+long long token_query_id(char letter, long long kind, std::string_view rest)
+{
+    const std::vector<std::string_view> p = colon_fields(rest);
     const bool call =
         p.size() == 7 && whole(p[1]) && p[2].empty() && p[3].empty() && p[4].empty() && whole(p[5]);
     const bool left_by_exception =
@@ -60,13 +67,7 @@ long long token_query_id(char letter, long long kind, std::string_view rest)
  * call left by an exception) before the start is the HTTP form. */
 long long token_resource_id(char letter, long long kind, std::string_view rest)
 {
-    std::vector<std::string_view> p;
-    for (size_t from = 0;;) {
-        const size_t colon = rest.find(':', from);
-        p.push_back(rest.substr(from, colon - from));
-        if (colon == std::string_view::npos) break;
-        from = colon + 1;
-    }
+    const std::vector<std::string_view> p = colon_fields(rest);
     const size_t at = letter == 'E' ? 3 : 2;
     long long id = 0;
     const bool http =

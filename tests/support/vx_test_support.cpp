@@ -73,8 +73,12 @@ int in_fresh_home(const std::function<int(const std::string& home)>& body)
 
 std::string trace_log_text()
 {
-    if (!trace_log_key) return "";
-    std::ifstream in(trace_log_key->log_file[trace_log_key->cur_index]);
+    return trace_log_key ? read_file(trace_log_key->log_file[trace_log_key->cur_index]) : "";
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 

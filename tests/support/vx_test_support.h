@@ -85,6 +85,22 @@ int in_fresh_home(const std::function<int(const std::string& home)>& body);
 /* The whole text of the trace log's active file. */
 std::string trace_log_text();
 
+/* Whether the trace log's active file holds `text`. */
+inline bool logged(const std::string& text)
+{
+    return trace_log_text().find(text) != std::string::npos;
+}
+
+/* The whole content of a file; empty when it cannot be read. */
+std::string read_file(const std::string& path);
+
+/* A C string as text, "<null>" for a null pointer, so that a null and an
+ * empty text read apart in a comparison. */
+inline std::string str(const char* s)
+{
+    return s ? s : "<null>";
+}
+
 /* Replace "{name}" placeholders in a golden line by values read from the
  * record under test (identity numbers the test cannot choose). */
 std::string fill(std::string golden, const std::vector<std::pair<std::string, std::string>>& values);

@@ -29,11 +29,11 @@
 namespace {
 
 using vx_test::FrozenClock;
+using vx_test::kEpoch;
 using vx_test::RecordSink;
 using vx_test::S;
 using vx_test::SessionScope;
 
-constexpr long long kEpoch = 1388534400000LL;
 constexpr char kHead[] = "vx_meta_data_req:action=send_meta_data;";
 constexpr char kComplete[] = "vx_meta_data_rep:status=complete;\n";
 

@@ -18,6 +18,7 @@
 #include <vector>
 
 struct VXProxyInstance_t;
+struct apr_pool_t;
 
 namespace vx_test {
 
@@ -178,6 +179,24 @@ class SessionScope {
 public:
     explicit SessionScope(int testIdx = 7, long long klvEpochDiffTime = kEpoch);
     ~SessionScope();
+};
+
+/* The agent's control connection as one end of a socket pair for the
+ * length of a scope: the test reads the other end. At the end the agent's
+ * end is closed and the connection is unset again. A failed set-up fails
+ * the test. */
+class ControlPeer {
+public:
+    ControlPeer();
+    ~ControlPeer();
+    ControlPeer(const ControlPeer&) = delete;
+    ControlPeer& operator=(const ControlPeer&) = delete;
+    /* What the agent wrote since the last call, without waiting. */
+    std::string take();
+
+private:
+    apr_pool_t* pool_ = nullptr;
+    int collector_ = -1;
 };
 
 }  // namespace vx_test

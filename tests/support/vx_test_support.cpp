@@ -1,6 +1,8 @@
 #include "vx_test_support.h"
 
+#include <apr_portable.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -73,9 +75,45 @@ int in_fresh_home(const std::function<int(const std::string& home)>& body)
 
 std::string trace_log_text()
 {
-    if (!trace_log_key) return "";
-    std::ifstream in(trace_log_key->log_file[trace_log_key->cur_index]);
+    return trace_log_key ? read_file(trace_log_key->log_file[trace_log_key->cur_index]) : "";
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+ControlPeer::ControlPeer()
+{
+    VXProxyInstance_t* app = agent();
+    EXPECT_EQ(app->controlLink.control.skt, nullptr) << "a control connection is open";
+    int fds[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0 ||
+        apr_pool_create(&pool_, nullptr) != APR_SUCCESS) {
+        ADD_FAILURE() << "no socket pair for the control connection";
+        return;
+    }
+    collector_ = fds[1];
+    apr_os_sock_t fd = fds[0];
+    if (apr_os_sock_put(&app->controlLink.control.skt, &fd, pool_) != APR_SUCCESS)
+        ADD_FAILURE() << "the control connection cannot take the socket";
+}
+
+ControlPeer::~ControlPeer()
+{
+    agent()->controlLink.control.skt = nullptr;
+    if (pool_) apr_pool_destroy(pool_); /* closes the agent's end */
+    if (collector_ >= 0) close(collector_);
+}
+
+std::string ControlPeer::take()
+{
+    std::string out;
+    char buf[4096];
+    for (ssize_t n; (n = recv(collector_, buf, sizeof buf, MSG_DONTWAIT)) > 0;)
+        out.append(buf, static_cast<size_t>(n));
+    return out;
 }
 
 std::string fill(std::string golden, const std::vector<std::pair<std::string, std::string>>& values)

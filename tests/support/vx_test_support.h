@@ -18,6 +18,7 @@
 #include <vector>
 
 struct VXProxyInstance_t;
+struct apr_pool_t;
 
 namespace vx_test {
 
@@ -84,6 +85,22 @@ int in_fresh_home(const std::function<int(const std::string& home)>& body);
 
 /* The whole text of the trace log's active file. */
 std::string trace_log_text();
+
+/* Whether the trace log's active file holds `text`. */
+inline bool logged(const std::string& text)
+{
+    return trace_log_text().find(text) != std::string::npos;
+}
+
+/* The whole content of a file; empty when it cannot be read. */
+std::string read_file(const std::string& path);
+
+/* A C string as text, "<null>" for a null pointer, so that a null and an
+ * empty text read apart in a comparison. */
+inline std::string str(const char* s)
+{
+    return s ? s : "<null>";
+}
 
 /* Replace "{name}" placeholders in a golden line by values read from the
  * record under test (identity numbers the test cannot choose). */
@@ -162,6 +179,24 @@ class SessionScope {
 public:
     explicit SessionScope(int testIdx = 7, long long klvEpochDiffTime = kEpoch);
     ~SessionScope();
+};
+
+/* The agent's control connection as one end of a socket pair for the
+ * length of a scope: the test reads the other end. At the end the agent's
+ * end is closed and the connection is unset again. A failed set-up fails
+ * the test. */
+class ControlPeer {
+public:
+    ControlPeer();
+    ~ControlPeer();
+    ControlPeer(const ControlPeer&) = delete;
+    ControlPeer& operator=(const ControlPeer&) = delete;
+    /* What the agent wrote since the last call, without waiting. */
+    std::string take();
+
+private:
+    apr_pool_t* pool_ = nullptr;
+    int collector_ = -1;
 };
 
 }  // namespace vx_test

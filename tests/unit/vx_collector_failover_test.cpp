@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <tuple>
 
@@ -25,6 +24,9 @@
 
 namespace {
 
+using vx_test::logged;
+using vx_test::str;
+
 const std::string kReroute = "vx_control_req:action=reroute_ctrl_con;";
 const std::string kHostedOk = "klv_saas_auth_agent_msg_rep:status=OK;";
 
@@ -34,16 +36,6 @@ size_t count_of(const std::string& text, const std::string& needle)
     for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
         ++n;
     return n;
-}
-
-bool logged(const std::string& line)
-{
-    return vx_test::trace_log_text().find(line) != std::string::npos;
-}
-
-std::string text_of(const char* s)
-{
-    return s ? s : "<unset>";
 }
 
 /* Entry 0 the master at 10.0.0.1:7892, entry 1 the backup, identity T0/S0/I0
@@ -98,11 +90,7 @@ protected:
 
     std::string settings_path() const { return home_ + "/config/vxsettings.conf"; }
     void write_settings(const std::string& text) const { std::ofstream(settings_path()) << text; }
-    std::string settings() const
-    {
-        std::ifstream in(settings_path(), std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
+    std::string settings() const { return vx_test::read_file(settings_path()); }
 
     int reroute(std::string line)
     {
@@ -181,9 +169,9 @@ TEST_F(Failover, RerouteLineSetsTargetAndIdentityAndRefusesHostileValues)
         EXPECT_EQ(reroute(kReroute + c.fields), c.result) << c.fields.substr(0, 80);
         const VXBCISetting_t& s = app_->VXBCISetting;
         EXPECT_EQ(
-            std::tuple(text_of(s.vxcHost), s.vxcPort, text_of(s.tierName), text_of(s.appServerName),
-                       text_of(s.appName), app_->Server.isClusterMode),
-            std::tuple(text_of(c.host), c.port, std::string(c.tier), std::string(c.server),
+            std::tuple(str(s.vxcHost), s.vxcPort, str(s.tierName), str(s.appServerName),
+                       str(s.appName), app_->Server.isClusterMode),
+            std::tuple(str(c.host), c.port, std::string(c.tier), std::string(c.server),
                        std::string(c.instance), c.cluster))
             << c.fields.substr(0, 80);
     }

@@ -1,13 +1,11 @@
 /*
  * Loaded-class discovery: what a request line gives the host's callback, and
- * the answer on the control connection (a socket pair stands in for it).
+ * the answer on the control connection (a vx_test::ControlPeer).
  * No collector is configured, so a worker started here ends at once.
  */
 #include "link/vx_discovery.h"
 
-#include <apr_portable.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -58,30 +56,16 @@ TEST(Discovery, AnswerTakesTheIdInAnyCaseAndARequestWithoutOneIsIgnored)
     VXProxyInstance_t* app = vx_test::agent();
     vx_test::Restore keep(app->controlLink, active_vxc_idx);
     app->controlLink.vxc_server_arr = nullptr; /* the worker finds no collector */
-    int fds[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-    apr_pool_t* pool = nullptr;
-    apr_pool_create(&pool, nullptr);
-    apr_socket_t* skt = nullptr;
-    apr_os_sock_put(&skt, &fds[0], pool);
-    app->controlLink.control.skt = skt;
+    vx_test::ControlPeer collector;
 
     std::string with_id = "vxc_req:action=discover_loaded_classes;classFilters=*;ID=5;";
     std::string without_id = "vxc_req:action=discover_loaded_classes;Idx=6;classFilters=*;";
     startLoadedClassDiscovery(with_id.data()); /* the line is cut in place */
     startLoadedClassDiscovery(without_id.data());
-    const std::string sent = "vxc_rep:action=discover_loaded_classes;Id=5;result=Success;\n";
-    shutdown(fds[0], SHUT_WR);
-    std::string got;
-    char buf[256];
-    for (ssize_t n; (n = read(fds[1], buf, sizeof buf)) > 0;)
-        got.append(buf, static_cast<size_t>(n));
-    EXPECT_EQ(got, sent);
+    /* The answer is written before the calls return. */
+    EXPECT_EQ(collector.take(), "vxc_rep:action=discover_loaded_classes;Id=5;result=Success;\n");
 
     for (int i = 0; i < 200 && vx::load_acquire(app->discovery.discover_thread_running); ++i)
         usleep(10000);
     EXPECT_EQ(vx::load_acquire(app->discovery.discover_thread_running), 0);
-    app->controlLink.control.skt = nullptr;
-    apr_pool_destroy(pool); /* closes fds[0] */
-    close(fds[1]);
 }

@@ -1,14 +1,11 @@
 /*
  * Metadata replay: send_meta_data requests through the dispatcher (word
  * forms, destinations, refusals) and the data connection's replay of a new
- * test run. The control connection is one end of a socket pair; the test
- * reads the other.
+ * test run. The control connection is a vx_test::ControlPeer.
  */
 #include "session/vx_metadata_replay.h"
 
-#include <apr_portable.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <string>
@@ -29,11 +26,11 @@
 namespace {
 
 using vx_test::FrozenClock;
+using vx_test::kEpoch;
 using vx_test::RecordSink;
 using vx_test::S;
 using vx_test::SessionScope;
 
-constexpr long long kEpoch = 1388534400000LL;
 constexpr char kHead[] = "vx_meta_data_req:action=send_meta_data;";
 constexpr char kComplete[] = "vx_meta_data_rep:status=complete;\n";
 
@@ -45,33 +42,10 @@ std::vector<std::string> sorted(std::vector<std::string> v)
 
 class MetadataReplay : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(app_ && !app_->controlLink.control.skt && app_->lws_active != 1);
-        int fds[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        collector_ = fds[1];
-        ASSERT_EQ(apr_pool_create(&pool_, nullptr), APR_SUCCESS);
-        apr_os_sock_t fd = fds[0];
-        ASSERT_EQ(apr_os_sock_put(&app_->controlLink.control.skt, &fd, pool_), APR_SUCCESS);
-    }
-    void TearDown() override
-    {
-        app_->controlLink.control.skt = nullptr;
-        apr_pool_destroy(pool_); /* closes the agent's end */
-        close(collector_);
-    }
+    void SetUp() override { ASSERT_NE(app_->lws_active, 1); }
 
     /* What the agent wrote on the control connection since the last call. */
-    std::string control()
-    {
-        std::string out;
-        char buf[4096];
-        ssize_t n;
-        while ((n = recv(collector_, buf, sizeof buf, MSG_DONTWAIT)) > 0)
-            out.append(buf, static_cast<size_t>(n));
-        return out;
-    }
+    std::string control() { return peer_.take(); }
 
     /* One of each id a table gives out, and the records that replay them,
      * golden but for the ids the tables chose. */
@@ -124,8 +98,7 @@ protected:
 
     VXProxyInstance_t* app_ = vx_test::agent();
     vx_test::Restore keep_{app_->Server, app_->metadataReplay};
-    apr_pool_t* pool_ = nullptr;
-    int collector_ = -1;
+    vx_test::ControlPeer peer_;
     methodPropProperties* m1_ = nullptr;
     methodPropProperties* m2_ = nullptr;
     BTObject* bt_ = nullptr;

@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -64,11 +63,7 @@ protected:
 
     void TearDown() override { sdk_log_level = VX_SDK_ERROR; }
 
-    static std::string log_text()
-    {
-        std::ifstream in(vx_sdk_log->file_name[0]);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
+    static std::string log_text() { return read_file(vx_sdk_log->file_name[0]); }
 
     /* "LEVEL|message" of each SDK log line written since the case began (or
      * since the last call); a line is "<when> |<pid> |<LEVEL> |<func> : <n> |<message>". */
@@ -334,15 +329,10 @@ TEST_F(Sdk, ThreadDumpRegistrationPushesCookieSettingsThenCookieNameThenSession)
 /* The calls agent_callback_func received, as "name|value|text|data|f1|f2". */
 Lines g_settings;
 
-std::string or_null(const char* s)
-{
-    return s ? s : "<null>";
-}
-
 int on_setting(char* name, long long value, char* text, char* data, char* f1, char* f2)
 {
-    g_settings.push_back(or_null(name) + "|" + std::to_string(value) + "|" + or_null(text) + "|" +
-                         or_null(data) + "|" + or_null(f1) + "|" + or_null(f2));
+    g_settings.push_back(str(name) + "|" + std::to_string(value) + "|" + str(text) + "|" +
+                         str(data) + "|" + str(f1) + "|" + str(f2));
     return 7;
 }
 

@@ -23,11 +23,7 @@
 namespace {
 
 using vx_test::S;
-
-std::string str(const char* p)
-{
-    return p ? p : "(null)";
-}
+using vx_test::str;
 
 /* Each test starts from an empty identity and collector list and gets the
  * shared agent's settings back afterwards. */
@@ -375,7 +371,7 @@ TEST_F(Settings, InstanceIsNamedByAutoScalingModeWhenNothingNamesIt)
         {3, pool},
         {0, pool + "*"},
         {1, pool + "_" + std::to_string(getpid())},
-        {2, "(null)"},
+        {2, "<null>"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.mode);

@@ -23,6 +23,7 @@
 namespace {
 
 using vx_test::Restore;
+using vx_test::str;
 
 constexpr long long kFpi = 0x4000000000000123LL;
 const std::string kT = "4bf92f3577b34da6a3ce929d0e0e4736";
@@ -41,11 +42,6 @@ Record new_record()
     Record r(static_cast<VXPerThreadData_t*>(calloc(1, sizeof(VXPerThreadData_t))), free_record);
     r->flowpathInstance = kFpi;
     return r;
-}
-
-std::string str(const char* s)
-{
-    return s ? s : "<null>";
 }
 
 /* Runs the headers through store_propagation_header and

@@ -14,7 +14,6 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <iterator>
 #include <regex>
 #include <string>
 #include <thread>
@@ -24,6 +23,7 @@
 
 namespace {
 
+using vx_test::read_file;
 using vx_test::S;
 
 const std::string kHeaderAndBuild =
@@ -35,12 +35,6 @@ long long file_size(const std::string& path)
 {
     struct stat st;
     return stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
-}
-
-std::string read_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 std::string tid_text()

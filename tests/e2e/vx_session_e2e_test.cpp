@@ -1144,6 +1144,9 @@ TEST(Replay, EveryDataConnectionIsToldEveryIdItsRecordsUse)
     vxc::Options second_opts = session_options(keywords, kDiagFiles, first.port());
     second_opts.data_close_after_ms = 1500;
     second_opts.stop_after_ms = 9000; /* the start waits 5 s for the last session's events */
+    /* And the collector asks for methods on both connections, the summary,
+     * and a type that does not exist. */
+    second_opts.replay_request = "a;b;c;records=5,Summary,99;destination=2;traceLevel=0";
     e2e::Collector second(second_opts);
     ASSERT_EQ(second.start(), 0);
     ASSERT_TRUE(e2e::eventually([&] { return ended(second, 2); }, 40));
@@ -1156,6 +1159,23 @@ TEST(Replay, EveryDataConnectionIsToldEveryIdItsRecordsUse)
         "query_ids_reused=0 query_texts_reused=0";
     for (const auto* vxc : {&first, &second})
         vxc->expect_counts(declared + " data_closed_by_collector=1");
+    second.expect_counts("replay_requests_sent=1 replay_answers=1");
+    const auto talk = control_talk(second);
+    const auto heard = [&](const std::string& text) {
+        return std::any_of(talk.begin(), talk.end(), [&](const std::string& l) {
+            return l.rfind("< ", 0) == 0 && l.find(text) != std::string::npos;
+        });
+    };
+    EXPECT_TRUE(heard("5,Shop.order,")) << "methods on the control connection";
+    EXPECT_TRUE(heard("Total no. of instrumented Methods(5 Records) : "));
+    /* The summary ends without a line feed, so the refusal follows on its line. */
+    EXPECT_TRUE(heard("Invalid Request recieved from client : '99'"));
+    int replays_of_5 = 0;
+    for (const auto& lines : second.data_connections())
+        for (size_t i = 0; i + 1 < lines.size(); ++i)
+            replays_of_5 += std::regex_match(lines[i], std::regex(R"(11,\d+,5)")) &&
+                            is_record(lines[i + 1], 5);
+    EXPECT_EQ(replays_of_5, 1) << "record 11 \"5\" and the methods on the data connection";
     /* Nothing is lost to the drop: each connection carries transactions. */
     for (const auto* vxc : {&first, &second})
         for (const auto& lines : vxc->data_connections())

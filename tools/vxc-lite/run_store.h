@@ -101,6 +101,8 @@ struct Counts {
      * fetches and how they were answered. */
     unsigned long long starts_sent = 0;
     unsigned long long modifies_sent = 0;
+    unsigned long long replay_requests_sent = 0;
+    unsigned long long replay_answers = 0; /* "vx_meta_data_rep:status=complete;" */
     unsigned long long stops_sent = 0;
     unsigned long long start_answers = 0;
     unsigned long long modify_answers = 0;

@@ -71,6 +71,7 @@ struct ConnSession {
     apr_time_t start_at = 0;
     apr_time_t reroute_at = 0;
     apr_time_t modify_at = 0;
+    apr_time_t replay_at = 0;
     apr_time_t stop_at = 0;
     /* The message whose answer is still awaited; a modify or stop waits for
      * it, since an agent busy with a start drops the lines it reads while
@@ -278,10 +279,21 @@ void run_session(Server* s, Conn* c, apr_time_t now)
         if (!s->opts.modify_file.empty())
             ss.modify_at = now + apr_time_from_msec(s->opts.modify_after_ms);
         if (s->opts.stop_after_ms > 0) ss.stop_at = now + apr_time_from_msec(s->opts.stop_after_ms);
+        if (!s->opts.replay_request.empty())
+            ss.replay_at = now + apr_time_from_msec(s->opts.replay_after_ms);
         ++counts.starts_sent;
         s->summary_dirty = true;
         send_logged(s, c, "start", m.line);
         return;
+    }
+    if (ss.replay_at && now >= ss.replay_at && !ss.awaiting) {
+        /* Its answer is not awaited: the agent answers it at once, and a
+         * modify or stop behind it is read in order. */
+        ss.replay_at = 0;
+        ++counts.replay_requests_sent;
+        s->summary_dirty = true;
+        send_logged(s, c, "replay request",
+                    "vx_meta_data_req:action=send_meta_data;" + s->opts.replay_request + "\n");
     }
     const bool modify_due = ss.modify_at && now >= ss.modify_at;
     const bool stop_due = ss.stop_at && now >= ss.stop_at;
@@ -428,6 +440,10 @@ void on_agent_line(Server* s, Conn* c, std::string_view line)
         case AgentLine::ErrorAnswer:
             answers = &counts.error_answers;
             break;
+        case AgentLine::ReplayAnswer:
+            ++counts.replay_answers;
+            s->summary_dirty = true;
+            return;
         case AgentLine::DiscoveryAnswer:
             /* Not an answer a session message waits for. */
             ++counts.discovery_answers;

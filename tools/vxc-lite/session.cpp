@@ -241,6 +241,7 @@ AgentLine classify_agent_line(std::string_view line, std::string* argument)
     if (starts_with(line, "vx_control_rep:action=modify")) return AgentLine::ModifyAnswer;
     if (starts_with(line, "vx_control_rep:result=Error")) return AgentLine::ErrorAnswer;
     if (discovery_answer(line, argument)) return AgentLine::DiscoveryAnswer;
+    if (starts_with(line, "vx_meta_data_rep:status=complete;")) return AgentLine::ReplayAnswer;
     return AgentLine::Other;
 }
 

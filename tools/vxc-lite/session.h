@@ -112,6 +112,7 @@ enum class AgentLine {
     ModifyAnswer,
     ErrorAnswer,
     DiscoveryAnswer, /* argument: the Id */
+    ReplayAnswer,    /* "vx_meta_data_rep:status=complete;", a replay done */
     Other,
 };
 

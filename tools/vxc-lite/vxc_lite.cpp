@@ -88,6 +88,9 @@ std::string usage()
            "  --drop-during-fetch KEYWORD\n"
            "                           close the control connection at the first fetch of\n"
            "                           KEYWORD instead of answering\n"
+           "  --replay-request FIELDS  ask for a metadata replay: FIELDS follow\n"
+           "                           \"vx_meta_data_req:action=send_meta_data;\"\n"
+           "  --replay-after-ms N      N ms after the start line (default 1000)\n"
            "\n"
            "Loaded-class discovery, asked on every control connection:\n"
            "  --discover-after-ms N    send the request N ms after the reply; 0 never\n"
@@ -231,6 +234,12 @@ int parse_args(int argc, const char* const* argv, Options* opts, std::string* ou
         } else if (a == "--refuse-file") {
             ok = *v != '\0' && safe_field(v);
             opts->refuse_files.insert(v);
+        } else if (a == "--replay-request") {
+            opts->replay_request = v;
+            ok = opts->replay_request.find_first_of("\r\n") == std::string::npos;
+        } else if (a == "--replay-after-ms") {
+            ok = to_ll(v, 0, 86400000, &n);
+            opts->replay_after_ms = n;
         } else if (a == "--discover-after-ms") {
             ok = to_ll(v, 0, 86400000, &n);
             opts->discover_after_ms = n;

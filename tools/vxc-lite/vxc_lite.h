@@ -79,6 +79,11 @@ struct Options {
     bool start_once = false;            /* only the first control connection gets a start */
     std::set<std::string> refuse_files; /* keywords whose fetch is always refused */
     std::string drop_during_fetch;      /* keyword whose first fetch closes the connection */
+    /* A metadata replay request: the fields behind
+     * "vx_meta_data_req:action=send_meta_data;", sent this long after the
+     * start line (the agent answers one only during a session); empty: none. */
+    std::string replay_request;
+    long long replay_after_ms = 1000;
 
     /* Loaded-class discovery (see discovery.h): the request goes on every
      * control connection this long after the reply; 0: never. */

@@ -72,3 +72,12 @@ extern "C" int addDataInSendBuffer(char* data, int bytesToWrite)
     return vx::ring_add(lists(app->dataChannel), app->VXSys.discardCount, data, bytesToWrite,
                         vx::CutRecord::kCloseLine);
 }
+
+extern "C" void markDataLeftovers(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    if (!app || !app->dataChannel.bufferMoveLock) return;
+    movePartialToReadList();
+    vx::VXLockGuard guard(app->dataChannel.bufferMoveLock);
+    app->dataChannel.leftoverBuffers = app->dataChannel.readListSize;
+}

@@ -62,9 +62,16 @@ struct VXDataChannel_t {
     apr_pool_t* dataConnPool;            /* the open data connection's socket */
     int dumpHeartBeat;      /* heartbeats since the last trace line */
     int heartBeatExpiryCnt; /* ticks since the last heartbeat; kept across sessions */
+    /* Buffers the last connection left unsent: they go first on the next
+     * one, ahead of its record 99. Data thread only. */
+    int leftoverBuffers;
 };
 
 extern "C" {
+
+/* What the closing connection left unsent becomes the next connection's
+ * leftovers: the partial buffer joins the read list, which is counted. */
+void markDataLeftovers(void);
 
 /* Build the buffers once: dataBuffMaxCount of bciDataBufferMaxSize bytes (a
  * 32nd of the count for a PHP agent that is no proxy server). At once when

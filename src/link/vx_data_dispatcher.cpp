@@ -99,11 +99,15 @@ extern "C" void dumpData(char* data, int len)
     door_write(app, data, len, false);
 }
 
-extern "C" int processData(void)
+namespace {
+
+/* processData's body: at most `limit` buffers when limit >= 0. */
+int send_buffers(VXProxyInstance_t* app, int limit)
 {
-    VXProxyInstance_t* app = vx_app();
     if (!app->dataChannel.dataSkt.skt) return -1;
-    while (nioSettings_t* node = next_to_send(app)) {
+    for (; limit != 0; limit -= limit > 0) {
+        nioSettings_t* node = next_to_send(app);
+        if (!node) break;
         while (node->use_len - node->send_len > 0) {
             apr_size_t len = static_cast<apr_size_t>(node->use_len - node->send_len);
             const apr_status_t rv = apr_socket_send(app->dataChannel.dataSkt.skt, node->buff + node->send_len, &len);
@@ -129,6 +133,19 @@ extern "C" int processData(void)
         moveToWriteList();
     }
     return 0;
+}
+
+}  // namespace
+
+extern "C" int processData(void) { return send_buffers(vx_app(), -1); }
+
+extern "C" int sendDataLeftovers(void)
+{
+    VXProxyInstance_t* app = vx_app();
+    const int n = app->dataChannel.leftoverBuffers;
+    app->dataChannel.leftoverBuffers = 0;
+    if (n <= 0 || app->lws_active == 1) return 0;
+    return send_buffers(app, n) < 0 ? -1 : 0;
 }
 
 extern "C" int processDataLws(void)

@@ -22,6 +22,9 @@ extern "C" {
  * the socket took nothing (try again later), -1 when the connection broke:
  * the unsent rest stays in its buffer and goes first on the next one. */
 int processData(void);
+/* The last connection's leftovers (markDataLeftovers), alone, before the
+ * records that open this one. 0, or -1 when the connection broke. */
+int sendDataLeftovers(void);
 /* The WebSocket twin of processData: -1 or 0. */
 int processDataLws(void);
 /* processData or processDataLws by the transport in use. */

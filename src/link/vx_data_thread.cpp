@@ -34,6 +34,9 @@ void sleep_ms(long long ms) { apr_sleep(apr_time_from_msec(ms)); }
 void dump_opening_records(VXProxyInstance_t* app)
 {
     if (vx_agent_behind_proxy(app)) return; /* the proxy writes its own */
+    /* What the last connection left unsent belongs ahead of record 99;
+     * what was written since waits behind the opening's declarations. */
+    if (sendDataLeftovers() != 0) return; /* broken: the loop finds it */
     vx::DataOpening opening;
     /* Lowered when the last connection closed: metadata may go to this one. */
     vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 1);
@@ -153,6 +156,7 @@ extern "C" void close_data_connection(void)
     void* wsi = app->dataChannel.dataSkt.lws_handler.wsi;
     vx::store_relaxed(app->dataChannel.dataSkt.lws_handler.wsi, static_cast<void*>(nullptr));
     vx::store_relaxed(app->Server.controlCommunicationBusyFlag, 0);
+    if (app->dataChannel.dataSkt.skt && vx::on_data_thread()) markDataLeftovers();
     if (apr_socket_t* skt = app->dataChannel.dataSkt.skt) {
         vx::store_relaxed(app->dataChannel.dataSkt.skt, static_cast<apr_socket_t*>(nullptr));
         apr_socket_close(skt);

@@ -206,8 +206,8 @@ int RunStore::write_summary()
             c.starts_sent, c.modifies_sent, c.stops_sent, c.start_answers, c.modify_answers,
             c.stop_answers, c.error_answers, c.file_requests, c.profile_requests, c.files_sent,
             c.failed_file_replies, c.fetches_dropped);
-    fprintf(f, "replay_requests_sent=%llu\nreplay_answers=%llu\n", c.replay_requests_sent,
-            c.replay_answers);
+    fprintf(f, "replay_requests_sent=%llu\nreplay_answers=%llu\nleftover_records=%llu\n",
+            c.replay_requests_sent, c.replay_answers, c.leftover_records);
     fprintf(f, "bt_declarations=%llu\nundeclared_bt=%llu\n", c.bt_declarations, c.undeclared_bt);
     fprintf(f,
             "records_91=%llu\nrecords_91_repeated=%llu\nrecords_26=%llu\n"

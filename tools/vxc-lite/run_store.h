@@ -103,6 +103,7 @@ struct Counts {
     unsigned long long modifies_sent = 0;
     unsigned long long replay_requests_sent = 0;
     unsigned long long replay_answers = 0; /* "vx_meta_data_rep:status=complete;" */
+    unsigned long long leftover_records = 0; /* data records ahead of their connection's 99 */
     unsigned long long stops_sent = 0;
     unsigned long long start_answers = 0;
     unsigned long long modify_answers = 0;

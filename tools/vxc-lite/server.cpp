@@ -124,6 +124,9 @@ struct Conn {
     QueryTable queries;                          /* records 22 */
     std::set<std::string> callers_91;
     IdLedger ids; /* what the connection declared, for the ids its records use */
+    /* Until its record 99, an agent's later data connection carries what
+     * the last one left unsent, whose ids were declared there. */
+    bool leftovers = false;
     unsigned long long undeclared_lines = 0;
     apr_time_t last_read = 0;
     char peer[64] = "";
@@ -163,6 +166,7 @@ struct Server {
     bool fetch_dropped = false;
     bool as_closed = false;   /* --as-close-after-ms has closed one */
     bool data_closed = false; /* --data-close-after-ms has closed one */
+    std::set<std::string> data_agents; /* pids that opened a data connection */
     LinkTable links;        /* the run's records 2, for links.tsv */
 };
 
@@ -692,6 +696,7 @@ void first_line(Server* s, Conn* c, std::string_view line)
                                                         : check_data_opening(req);
     const std::string* app = req.find("appName");
     const std::string* pid = req.find("pid");
+    if (c->kind == Kind::Data && pid) c->leftovers = !s->data_agents.insert(*pid).second;
     s->store.log("conn %u: %s connection from %s, appName=%s pid=%s", c->id, kind_name(c->kind),
                  c->peer, app ? printable(*app).c_str() : "?", pid ? printable(*pid).c_str() : "?");
     if (!problems.empty()) {
@@ -777,6 +782,11 @@ bool id_known(const Server* s, const Conn* c, const IdRef& use)
  * was), the rest in undeclared.txt. */
 void check_declared_ids(Server* s, Conn* c, const Record& r, std::string_view line)
 {
+    if (r.number == 99) c->leftovers = false;
+    if (c->leftovers) {
+        ++s->store.counts.leftover_records;
+        s->summary_dirty = true;
+    }
     if (c->ids.full()) return;
     IdRef declared;
     if (id_declaration(r, &declared) && declared.table != 7 && !c->ids.declare(declared)) {
@@ -788,7 +798,7 @@ void check_declared_ids(Server* s, Conn* c, const Record& r, std::string_view li
     }
     Counts& counts = s->store.counts;
     for (const IdRef& use : id_uses(r)) {
-        if (id_known(s, c, use)) continue;
+        if (id_known(s, c, use) || (c->leftovers && use.table != 7)) continue;
         const char* what = "";
         ++*undeclared_count(counts, use.table, &what);
         s->summary_dirty = true;

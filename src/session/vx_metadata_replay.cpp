@@ -43,10 +43,11 @@ char* value_of(char* field)
 
 /* Control-connection output made while a table's lock is held waits here
  * and is sent once the lock is released: a collector slow to read must not
- * hold host threads that want the table. Control thread only (the data
- * thread's replay writes nothing there). */
-std::string g_controlPending;
-bool g_deferControl = false;
+ * hold host threads that want the table. Per thread: a request on the
+ * control thread and a connection's replay on the data thread run at once
+ * (the data thread's replay writes nothing there). */
+thread_local std::string g_controlPending;
+thread_local bool g_deferControl = false;
 
 /* A record line to the control connection, unless a send failed before in
  * this replay. */
